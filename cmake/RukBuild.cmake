@@ -1,0 +1,32 @@
+# Flags that every target of the project shares.
+
+find_package(Threads REQUIRED)
+
+add_compile_definitions(_GNU_SOURCE)
+add_compile_options(-Wall -Wextra -Wpointer-arith -Wno-unused-parameter)
+if(RUK_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(RUK_32BIT)
+  add_compile_options(-m32 -msse2)
+  add_link_options(-m32)
+  add_compile_definitions(_FILE_OFFSET_BITS=64)
+endif()
+
+if(RUK_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(RUK_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread)
+  add_link_options(-fsanitize=thread)
+elseif(NOT RUK_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "RUK_SANITIZE is empty, address or thread, not '${RUK_SANITIZE}'")
+endif()
+
+# The source revision, for the library's build string.
+execute_process(COMMAND git rev-parse --short=12 HEAD WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
+                OUTPUT_VARIABLE RUK_REVISION OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+if(NOT RUK_REVISION)
+  set(RUK_REVISION unknown)
+endif()

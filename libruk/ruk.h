@@ -1,0 +1,301 @@
+/*
+ * libruk: UDP over IPv4 on the maker's 10-gigabit Ethernet adapters without the kernel's network stack.
+ * C11 and C++.
+ *
+ * Results: every call returns 0 or a positive errno value; the send-handle calls store it in errno too.
+ * Errors of the driver pass through unchanged. Addresses and ports are in network byte order unless said
+ * otherwise; times are nanoseconds of the host's real-time clock.
+ *
+ * Threads: an endpoint opened with RUK_OPEN_THREAD_SAFE may be used from several threads; without that flag
+ * it takes no lock at all and the caller serialises every call on it. ruk_shutdown() may be called from any
+ * thread in either case. ruk_init() and the opening calls are not serialised against each other.
+ */
+#ifndef RUK_H
+#define RUK_H
+
+#include "tov_ifaddrs.h"
+#include "tov_types.h"
+
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/select.h>
+
+TOV_BEGIN_DECLS
+
+/* Interface version to pass to ruk_init(). */
+#define RUK_API_VERSION 0x0004
+
+/* An endpoint: one adapter endpoint with its queues. From an open call to ruk_close(). */
+typedef struct ruk__ep *ruk_device_t;
+
+/* A channel: a bound UDP address and port. From a bind call to ruk_unbind() or its endpoint's close. */
+typedef struct ruk__channel *ruk_channel_t;
+
+/* A send handle: a destination of a channel. Until ruk_send_disconnect() or its channel's end. */
+typedef struct ruk__send *ruk_send_t;
+
+/* ------------------------------------------------------------------ initialisation */
+
+/* A paired reading of the adapter's and the host's clock. */
+typedef struct {
+    uint64_t nic_ticks;        /* adapter clock, ticks */
+    uint64_t host_nsecs;       /* host clock at the same moment, ns */
+    uint64_t host_nsecs_delay; /* duration of the reading, ns: its uncertainty */
+} ruk_ticks_t;
+
+/*
+ * Initialises the library for the process; call it once, before any other thread uses the library. Reads
+ * RUK_DEBUG and RUK_IP_VERBOSE and checks the versions of caller and driver. A later call only confirms the
+ * version.
+ * Errors: EINVAL another version than before, or a major version that is not 0 (a message says so); ENOENT,
+ * ENODEV, EACCES, EBUSY no adapter can be opened; ENXIO the driver's interface version is another one.
+ */
+int ruk_init(uint16_t api_version);
+
+/* The same for launchers and wrappers: the first open then prints the banner. */
+int ruk__init(uint16_t api_version);
+
+/* Reads both clocks. On an error of the driver *t is all zero. Takes no lock. */
+int ruk_getticks(ruk_device_t dev, ruk_ticks_t *t);
+
+/*
+ * The endpoint's device descriptor, unchanged and still owned by the endpoint. It polls readable while
+ * received events wait.
+ */
+tov_handle_t ruk_device_handle(ruk_device_t dev);
+
+/* Reports a failed internal check on standard output and aborts. */
+#if defined(__cplusplus)
+[[noreturn]]
+#else
+_Noreturn
+#endif
+void ruk__assertion_failed(const char *expr, int line, const char *file);
+
+/* ------------------------------------------------------------------ endpoints */
+
+#define RUK_OPEN_THREAD_SAFE 0x1     /* the endpoint has locks */
+#define RUK_OPEN_DISABLED 0x2        /* no queues until ruk_device_enable() */
+#define RUK_OPEN_HW_TIMESTAMPING 0x4 /* datagrams are dated by the adapter's clock */
+
+/*
+ * Open a free endpoint of an adapter: by the IPv4 address of a host interface on it, by that interface's
+ * name, or by the adapter's permanent MAC address (6 bytes). On success *dev_out is the endpoint, which the
+ * caller closes with ruk_close(); on an error *dev_out is untouched, but for an ENOMEM from reading the
+ * routes, when *dev_out is set and to be closed.
+ * Errors: EINVAL a null argument, the library is not initialised, no adapter of that MAC address; ENODEV no
+ * such local adapter address; EBUSY every endpoint is taken; ENOMEM; errno of the endpoint's kernel socket;
+ * errors of the driver. ruk_open_if(): ENXIO no interface of that name, a negative errno value when asking
+ * the host failed.
+ * ruk_open() and ruk_open_if() end the process with status 1 when two of the host's addresses lie on one
+ * subnet of an adapter, unless RUK_IP_ACCELERATION or RUK_BYPASS_CHECK is set.
+ */
+int ruk_open(const struct in_addr *interface_addr, int flags, ruk_device_t *dev_out);
+int ruk_open_if(const char *ifname, int flags, ruk_device_t *dev_out);
+int ruk_open_by_perm_mac(uint8_t *mac, const struct in_addr *interface_addr, int flags, ruk_device_t *dev_out);
+
+/* Which frames an endpoint receives. */
+enum ruk_filter_mode {
+    RUK_RECV_FILTER_NORMAL = 0,   /* datagrams of its channels */
+    RUK_RECV_FILTER_ALLMULTI = 1, /* those and every multicast frame; no channel is told */
+    RUK_RECV_FILTER_RAW = 2,      /* every frame; no channel is told */
+};
+
+struct ruk_device_attrs {
+    uint32_t recvq_filter_mode; /* enum ruk_filter_mode */
+    uint32_t recvq_size;        /* receive queue, bytes */
+    uint32_t hw_timestamping;   /* non-zero: datagrams are dated by the adapter's clock */
+    uint32_t reserved_1;        /* read as 0 */
+};
+
+/* Reads the attributes. Always 0. Takes the endpoint lock. */
+int ruk_device_get_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
+
+/*
+ * Sets hw_timestamping at once; sends mode and queue size to the driver when the mode changes or the endpoint
+ * is still disabled, so that a new queue size takes effect only before ruk_device_enable(). Takes the
+ * endpoint lock. Errors: those of the driver (the timestamping change stays).
+ */
+int ruk_device_set_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
+
+/* Sets up the queues of an endpoint opened disabled. Takes the endpoint lock. EINVAL it is not; ENOMEM; driver. */
+int ruk_device_enable(ruk_device_t dev);
+
+/*
+ * Asks waiting receive calls to return EINTR: spinning ones at once, sleeping ones within a second.
+ * ruk_recvfrom() forgets a request made before it was called. how is not used. EINVAL for a null endpoint.
+ */
+int ruk_shutdown(ruk_device_t dev, int how);
+
+/*
+ * Closes the endpoint and unbinds all its channels. When another thread is inside a receive call the close is
+ * completed by that call when it returns; a sleeping one is not woken by this. Always 0.
+ */
+int ruk_close(ruk_device_t dev);
+
+/* ------------------------------------------------------------------ binding */
+
+#define RUK_BIND_REUSE 0x2       /* the port may be shared: SO_REUSEADDR and SO_REUSEPORT on the kernel socket */
+#define RUK_BIND_KERNEL 0x4      /* matching frames also reach the kernel */
+#define RUK_BIND_NO_UNICAST 0x8  /* no filter for the unicast address */
+#define RUK_BIND_BROADCAST 0x10  /* broadcasts to the port as well */
+
+/*
+ * Bind a UDP port (host byte order; 0 lets the host choose) on the endpoint's address, or on another address
+ * of the same adapter. A kernel socket is bound beside the channel. Take the endpoint lock.
+ * Errors: EINVAL a null argument, or an address that is not on the endpoint's adapter (on a thread-safe
+ * endpoint the endpoint lock then stays held); EADDRINUSE and others of the kernel socket; EAGAIN, ENOMEM no
+ * filter tag; ENOMEM; those of the driver.
+ */
+int ruk_bind(ruk_device_t dev, int flags, int port, void *context, ruk_channel_t *handle_out);
+int ruk_bind_addr(ruk_device_t dev, const struct in_addr *interface_addr, int flags, int port, void *context,
+                  ruk_channel_t *handle_out);
+
+/* The bound address and port. EINVAL for a null channel. Takes no lock. */
+int ruk_getaddress(ruk_channel_t ch, struct sockaddr_in *sin);
+
+/*
+ * Install or remove an adapter filter for a tag of the caller's choice, without a channel. ip_proto is 17, 6
+ * or 253; flags: RUK_BIND_KERNEL. Take no lock. Errors: EINVAL another protocol; those of the driver.
+ */
+int ruk_filter_add(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32,
+                   uint16_t dst_port_be16, uint16_t tag, int flags);
+int ruk_filter_del(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32,
+                   uint16_t dst_port_be16, uint16_t tag);
+
+/* Changes the filter mode. Takes the endpoint lock. Errors: those of the driver. */
+int ruk_set_filter_mode(ruk_device_t dev, enum ruk_filter_mode mode);
+
+/*
+ * Unbinds the channel with its groups, filters, send handles and kernel socket; the handle is invalid
+ * afterwards. Another channel that shares its address and port inherits the traffic. Takes the endpoint lock.
+ * EINVAL for a null channel.
+ */
+int ruk_unbind(ruk_channel_t ch);
+
+/* ------------------------------------------------------------------ multicast */
+
+/*
+ * Join and leave groups on a channel, from any source or from one. Take the endpoint lock.
+ * Errors: EINVAL a null argument, not a group, a zero source to leave; EEXIST joined already; EADDRNOTAVAIL
+ * not joined; EAGAIN, ENOMEM no filter tag; errno of the kernel socket; those of the driver.
+ * ruk_mcast_leave_source() drops the kernel's whole membership of the group.
+ */
+int ruk_mcast_join(ruk_channel_t ch, const struct in_addr *addr, void *unused);
+int ruk_mcast_join_source(ruk_channel_t ch, const struct in_addr *addr, const struct in_addr *src);
+int ruk_mcast_leave(ruk_channel_t ch, const struct in_addr *addr);
+int ruk_mcast_leave_source(ruk_channel_t ch, const struct in_addr *addr, const struct in_addr *src);
+
+/*
+ * Block and unblock a source of a group at the kernel socket; the adapter's filters do not change. Take no
+ * lock. Errors: EINVAL a null or zero argument, not a group; -1 with errno when the kernel refuses; ENOMEM.
+ */
+int ruk_mcast_block_source(ruk_channel_t ch, const struct in_addr *join_addr, const struct in_addr *block_addr);
+int ruk_mcast_unblock_source(ruk_channel_t ch, const struct in_addr *join_addr, const struct in_addr *block_addr);
+
+/* ------------------------------------------------------------------ receive */
+
+enum ruk_recvmode {
+    RUK_RECV_DEFAULT = 0,  /* spin until a datagram arrives or the endpoint is shut down */
+    RUK_RECV_NONBLOCK = 1, /* EAGAIN at once when none waits */
+    RUK_RECV_BLOCK = 2,    /* sleep until a datagram arrives or the endpoint is shut down */
+    RUK_RECV_PEEK = 3,     /* as NONBLOCK; tells about the datagram, neither copies nor consumes it */
+    RUK_RECV_PEEK_MSG = 4, /* as NONBLOCK; copies the datagram, does not consume it */
+};
+
+struct ruk_recv_info {
+    ruk_channel_t chan;          /* channel it arrived on; null in the ALLMULTI and RAW filter modes */
+    void *chan_context;          /* that channel's context; null in those modes */
+    void *in_buffer;             /* not written */
+    struct sockaddr_in sin_from; /* source */
+    struct sockaddr_in sin_to;   /* destination */
+    uint32_t msg_len;            /* the datagram's full length, bytes, before truncation to the buffer */
+    uint64_t timestamp;          /* ns, 0 when no time is known; with interface version 2 or later */
+};
+
+/*
+ * Receives the next datagram of any channel of the endpoint into buf, cut to len bytes. Frames that fail a
+ * check are counted and skipped; no checksum is verified. Takes the receive lock, except while it sleeps.
+ * Errors: EINVAL a null endpoint or info, a disabled endpoint, an unknown mode on an empty queue; EAGAIN
+ * nothing waits; EINTR shut down; ENXIO the endpoint is being closed; errno of poll().
+ */
+int ruk_recvfrom(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_t len, struct ruk_recv_info *info);
+
+/*
+ * Whole frames, with the 4-byte trailer. buf must hold the largest frame; *len receives the length.
+ * ruk_raw_recv() takes the receive lock and never writes *timestamp; the other two take no lock and are for an
+ * endpoint that one thread reads. timestamp and tag of ruk_raw_recv_nb() may be null.
+ * Errors: as ruk_recvfrom(), whose modes ruk_raw_recv() has; EAGAIN nothing waits; EINVAL a disabled endpoint.
+ */
+int ruk_raw_recv(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_t *len, uint64_t *timestamp);
+int ruk_raw_recv_nb(ruk_device_t dev, void *buf, size_t *len, uint64_t *timestamp, int *tag);
+int ruk_raw_recv_peek(ruk_device_t dev);
+
+/* Prints the endpoint's counters on standard output, with non_zero only those that are not 0. Takes no lock. */
+void ruk_dump_stats(ruk_device_t dev, int non_zero);
+
+/* ------------------------------------------------------------------ send */
+
+#define RUK_NONBLOCK 0x4 /* EAGAIN instead of waiting for room */
+
+/*
+ * Makes a send handle for a destination: resolves its next hop and prepares the frame's header. ttl 0 takes
+ * 64, or 1 for a group; at most 64. Takes the endpoint lock, and drops it while the kernel is asked.
+ * Errors, stored in errno too: EINVAL a bad argument or a destination on this very adapter; EHOSTUNREACH no
+ * route; EADDRNOTAVAIL no answer to ARP; ENXIO (EAGAIN with RUK_NONBLOCK); ENOMEM; others of the host.
+ */
+int ruk_send_connect(ruk_channel_t ch, const struct sockaddr_in *sin, int flags, int ttl, ruk_send_t *dhsend_o);
+
+/* Ends a handle. ENOTCONN, in errno too, for a handle without a channel. Takes the endpoint lock. */
+int ruk_send_disconnect(ruk_send_t dhs);
+
+/*
+ * Sends one datagram on a handle; the payload is copied before the call returns. paylen is not checked: the
+ * caller keeps it within what a frame can carry. Takes the endpoint lock.
+ * Errors: EAGAIN no room and RUK_NONBLOCK; EINVAL a disabled endpoint; those of the driver.
+ */
+int ruk_send(ruk_send_t dhs, const void *buf, int paylen, int flags);
+
+/* Sends one datagram to an address through a handle that the channel keeps. Errors of both calls above. */
+int ruk_sendto(ruk_channel_t ch, const struct sockaddr_in *sin, const void *buf, int len, int flags);
+
+/*
+ * Sends a frame with a header of the caller's (1 to 56 bytes); the caller holds the endpoint lock. chksum_hdr
+ * is the partial sum of what the UDP checksum covers besides the payload; the checksum is stored at
+ * chksum_offset of the header when that is above 0. Errors as ruk_send().
+ */
+int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr, int chksum_offset,
+                 const uint8_t *buffer, int paylen, int flags);
+
+/*
+ * Measures the copy into the adapter: iterations copies of len bytes (rounded up to 4, at most 2048).
+ * *t_nsecs receives ns a copy and *bw_MB MiB a second. The request record it takes stays among those in
+ * flight. EINVAL bad arguments or a disabled endpoint; EBUSY no room.
+ */
+int ruk__piocopy_test(ruk_device_t dev, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs,
+                      uint64_t *bw_MB);
+
+/* Tells the driver that a software endpoint has data to send; d is its device handle. Errors of the driver. */
+int ruk__post_soft_data(tov_handle_t d);
+
+/*
+ * The MAC address (6 bytes) of the next hop to dst_ip_be32; src_ip_addr_be32 is not used. The caller holds
+ * the endpoint lock. Errors as ruk_send_connect().
+ */
+int ruk__resolve_mac(ruk_device_t dev, uint32_t src_ip_addr_be32, uint32_t dst_ip_addr_be32, uint8_t *mac);
+
+/* ------------------------------------------------------------------ platform utilities */
+
+/* Finds the processor's cycle rate; up to 0.8 seconds unless TOV_CYCLES_PER_SECOND is set. */
+void tov_cycles_counter_init(void);
+
+/* Cycles a second, found on the first call. */
+tov_cycles_t tov_cycles_per_second(void);
+
+/* select() through the socket-function table. */
+int tov_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);
+
+TOV_END_DECLS
+
+#endif
