@@ -1,0 +1,90 @@
+/*
+ * The rate of the processor's cycle counter, and the host's wall-clock time.
+ */
+#include "tov.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+uint64_t cycles_per_second;
+double seconds_per_cycle;
+
+int cmp_uint64(const void *ap, const void *bp)
+{
+    uint64_t a = *static_cast<const uint64_t *>(ap);
+    uint64_t b = *static_cast<const uint64_t *>(bp);
+    return a == b ? 0 : a < b ? -1 : 1;
+}
+
+/* Rate set by the environment, 0 when it sets none. */
+static uint64_t rate_from_environment(void)
+{
+    const char *text = getenv("TOV_CYCLES_PER_SECOND");
+    if (!text || !*text)
+        text = getenv("KZ_CYCLES_PER_SECOND");
+
+    long long rate = 0;
+    if (!text || sscanf(text, "%lld", &rate) != 1)
+        return 0;
+    return static_cast<uint64_t>(rate);
+}
+
+static uint64_t microseconds(const struct timeval *from, const struct timeval *to)
+{
+    return static_cast<uint64_t>(to->tv_sec - from->tv_sec) * 1000000 +
+           static_cast<uint64_t>(to->tv_usec - from->tv_usec);
+}
+
+/* Times the counter against the system clock over 0.2 seconds. */
+static uint64_t sample_rate(void)
+{
+    struct timeval before, after;
+
+    tov_cycles_t start = tov_get_cycles();
+    gettimeofday(&before, nullptr);
+    usleep(200000);
+    tov_cycles_t end = tov_get_cycles();
+    gettimeofday(&after, nullptr);
+
+    uint64_t elapsed = microseconds(&before, &after);
+    /* A system clock set back just now can make the two readings equal. */
+    return elapsed ? (end - start) * 1000000 / elapsed : 0;
+}
+
+void tov_cycles_counter_init(void)
+{
+    uint64_t rate = rate_from_environment();
+    if (rate == 0) {
+        uint64_t samples[4];
+        for (uint64_t &sample : samples)
+            sample = sample_rate();
+        qsort(samples, 4, sizeof samples[0], cmp_uint64);
+        rate = samples[2];
+    }
+    cycles_per_second = rate;
+    seconds_per_cycle = 1.0 / static_cast<double>(rate);
+}
+
+tov_cycles_t tov_cycles_per_second(void)
+{
+    if (cycles_per_second == 0)
+        tov_cycles_counter_init();
+    return cycles_per_second;
+}
+
+double tov_seconds_per_cycle(void)
+{
+    if (cycles_per_second == 0)
+        tov_cycles_counter_init();
+    return seconds_per_cycle;
+}
+
+uint64_t tov_host_nsecs(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
