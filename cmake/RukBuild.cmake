@@ -9,7 +9,8 @@ if(RUK_WERROR)
 endif()
 
 if(RUK_32BIT)
-  add_compile_options(-m32 -msse2)
+  # SSE arithmetic: the same floating-point results as on 64 bit.
+  add_compile_options(-m32 -msse2 -mfpmath=sse)
   add_link_options(-m32)
   add_compile_definitions(_FILE_OFFSET_BITS=64)
 endif()

@@ -11,13 +11,13 @@
 
 #include "nuv_types.h"
 
-#define NUV_UEVT_SLOT 64u         /* bytes a slot */
-#define NUV_UEVT_PRESENT 30u      /* byte of a slot: non-zero = an event starts here */
-#define NUV_UEVT_COMPLETE 63u     /* byte of a slot: 0 in an event's last slot = completely written */
-#define NUV_UEVT_FREE_BYTE 0xFFu  /* value of the completion byte of a free slot */
-#define NUV_UEVT_MAX_PKTS 5u      /* packets an event */
-#define NUV_UEVT_FRAME_OFFSET 8u  /* frame's first byte within its packet slot */
-#define NUV_UEVT_FCS_LEN 4u       /* trailer counted in a packet's length: check sequence or switch stamp */
+#define NUV_UEVT_SLOT         64u   /* bytes a slot */
+#define NUV_UEVT_PRESENT      30u   /* byte of a slot: non-zero = an event starts here */
+#define NUV_UEVT_COMPLETE     63u   /* byte of a slot: 0 in an event's last slot = completely written */
+#define NUV_UEVT_FREE_BYTE    0xFFu /* value of the completion byte of a free slot */
+#define NUV_UEVT_MAX_PKTS     5u    /* packets an event */
+#define NUV_UEVT_FRAME_OFFSET 8u    /* frame's first byte within its packet slot */
+#define NUV_UEVT_FCS_LEN      4u    /* trailer counted in a packet's length: check sequence or switch stamp */
 
 /* Bytes that a packet of this length takes within its event. */
 static inline uint32_t nuv_uevt_pkt_space(uint32_t length) { return (length + 27u) & ~15u; }

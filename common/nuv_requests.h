@@ -32,10 +32,10 @@ typedef enum {
     NUV_UREQ_LAST_TYPE = 15,
 } nuv_ureq_type_t;
 
-#define NUV_UREQ_STRIDE 256u       /* bytes of the request window a type */
-#define NUV_UREQ_MAX_HEADER 56u    /* bytes of frame header a request carries at most */
-#define NUV_PIO_BYTES 8192u        /* bytes of the adapter memory window that hold PIO payloads */
-#define NUV_DMA_PAGE 4096u         /* DMA payload space is reserved in whole pages */
+#define NUV_UREQ_STRIDE     256u  /* bytes of the request window a type */
+#define NUV_UREQ_MAX_HEADER 56u   /* bytes of frame header a request carries at most */
+#define NUV_PIO_BYTES       8192u /* bytes of the adapter memory window that hold PIO payloads */
+#define NUV_DMA_PAGE        4096u /* DMA payload space is reserved in whole pages */
 
 /* One datagram to send; written by the library, read by the firmware. Big-endian. */
 typedef struct {

@@ -8,7 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#define NUV_ASSERT_AT(type, field, off) \
+#define NUV_ASSERT_AT(type, field, off)                                                                                \
     static_assert(offsetof(type, field) == (off), #type "." #field " is not at " #off)
 #define NUV_ASSERT_SIZE(type, size) static_assert(sizeof(type) == (size), #type " is not of size " #size)
 
@@ -22,29 +22,29 @@
 
 /* Request codes, passed to ioctl() unchanged. (bytes of the argument, direction) */
 enum oxel_command : unsigned {
-    OXEL_GET_VERSION = 0x4D01,         /* oxel_get_version_t, out */
-    OXEL_GET_BOARD_CNT = 0x4D05,       /* uint32_t, out */
-    OXEL_GET_NIC_TYPE = 0x4D0A,        /* uint32_t: board in, type out */
-    OXEL_GET_NIC_ID = 0x4D0D,          /* oxel_get_nic_id_t, in and out */
-    OXEL_GET_NIC_TICKS = 0x4D29,       /* oxel_get_nic_ticks_t, in and out */
-    OXEL_GET_MAX_ENDPTS = 0x4D32,      /* uint32_t, out */
-    OXEL_ARP_RESOLVE = 0x4D36,         /* uint32_t next hop, network byte order, in */
-    OXEL_GET_CURR_NIC_ID = 0x4D37,     /* oxel_get_nic_id_t, in and out */
-    OXEL_RAW_SEND = 0x4D5B,            /* oxel_raw_send_t, in */
-    OXEL_RAW_NEXT_EVENT = 0x4D5C,      /* oxel_raw_next_event_t, in and out */
+    OXEL_GET_VERSION = 0x4D01,          /* oxel_get_version_t, out */
+    OXEL_GET_BOARD_CNT = 0x4D05,        /* uint32_t, out */
+    OXEL_GET_NIC_TYPE = 0x4D0A,         /* uint32_t: board in, type out */
+    OXEL_GET_NIC_ID = 0x4D0D,           /* oxel_get_nic_id_t, in and out */
+    OXEL_GET_NIC_TICKS = 0x4D29,        /* oxel_get_nic_ticks_t, in and out */
+    OXEL_GET_MAX_ENDPTS = 0x4D32,       /* uint32_t, out */
+    OXEL_ARP_RESOLVE = 0x4D36,          /* uint32_t next hop, network byte order, in */
+    OXEL_GET_CURR_NIC_ID = 0x4D37,      /* oxel_get_nic_id_t, in and out */
+    OXEL_RAW_SEND = 0x4D5B,             /* oxel_raw_send_t, in */
+    OXEL_RAW_NEXT_EVENT = 0x4D5C,       /* oxel_raw_next_event_t, in and out */
     OXEL_WAIT_SEND_COMPLETION = 0x4D9B, /* int32_t timeo, -1 = without limit, in */
-    OXEL_GET_RUK_PARAMS = 0x4D9C,      /* oxel_ruk_params, out */
-    OXEL_SET_RUK_PARAMS = 0x4D9D,      /* oxel_ruk_params, in */
-    OXEL_SET_FILTER_MODE = 0x4D9F,     /* uint32_t enum ruk_filter_mode, in */
-    OXEL_ATTACH_SOFT = 0x4DA0,         /* uint32_t descriptor of the new handle, in */
-    OXEL_POST_SOFT_DATA = 0x4DA1,      /* none */
-    OXEL_GET_COPYBLOCK = 0x5091,       /* kz_get_copyblock_t, out */
-    OXEL_GET_SREQS_CNT = 0x5097,       /* uint32_t, out */
-    OXEL_GET_LINK_STATE = 0x50B4,      /* uint32_t: board in, state (bit 0) out */
-    OXEL_RAW_OPEN = 0x50C3,            /* none */
-    OXEL_SET_ENDPT = 0x50E9,           /* oxel_set_endpt_t, in */
-    OXEL_ENABLE_ENDPT = 0x50EA,        /* none */
-    OXEL_RX_FILTER = 0x50EB,           /* oxel_rx_filter_t, in */
+    OXEL_GET_RUK_PARAMS = 0x4D9C,       /* oxel_ruk_params, out */
+    OXEL_SET_RUK_PARAMS = 0x4D9D,       /* oxel_ruk_params, in */
+    OXEL_SET_FILTER_MODE = 0x4D9F,      /* uint32_t enum ruk_filter_mode, in */
+    OXEL_ATTACH_SOFT = 0x4DA0,          /* uint32_t descriptor of the new handle, in */
+    OXEL_POST_SOFT_DATA = 0x4DA1,       /* none */
+    OXEL_GET_COPYBLOCK = 0x5091,        /* kz_get_copyblock_t, out */
+    OXEL_GET_SREQS_CNT = 0x5097,        /* uint32_t, out */
+    OXEL_GET_LINK_STATE = 0x50B4,       /* uint32_t: board in, state (bit 0) out */
+    OXEL_RAW_OPEN = 0x50C3,             /* none */
+    OXEL_SET_ENDPT = 0x50E9,            /* oxel_set_endpt_t, in */
+    OXEL_ENABLE_ENDPT = 0x50EA,         /* none */
+    OXEL_RX_FILTER = 0x50EB,            /* oxel_rx_filter_t, in */
 };
 
 typedef struct {
@@ -129,9 +129,9 @@ NUV_ASSERT_AT(oxel_ruk_params_t, reserved_0, 12);
 
 /* Offset for mmap() on the endpoint's device file and length in bytes of each region; written by the driver. */
 typedef struct {
-    uint32_t sendq_offset, sendq_len;     /* send data queue: DMA payloads */
-    uint32_t recvq_offset, recvq_len;     /* receive data queue: the event ring */
-    uint32_t eventq_offset, eventq_len;   /* unused: events lie in the receive data queue */
+    uint32_t sendq_offset, sendq_len;                         /* send data queue: DMA payloads */
+    uint32_t recvq_offset, recvq_len;                         /* receive data queue: the event ring */
+    uint32_t eventq_offset, eventq_len;                       /* unused: events lie in the receive data queue */
     uint32_t user_mmapped_sram_offset, user_mmapped_sram_len; /* PIO payloads and the doorbell word */
     uint32_t user_mmapped_zreq_offset, user_mmapped_zreq_len; /* request window */
     uint32_t kernel_window_offset, kernel_window_len;         /* kz_kernel_window_t, read-only */

@@ -50,8 +50,8 @@ int tov_bind(tov_socket_t s, const struct sockaddr *addr, tov_socklen_t addrlen)
 int tov_setsockopt(tov_socket_t s, int level, int optname, const void *optval, tov_socklen_t optlen);
 int tov_getsockopt(tov_socket_t s, int level, int optname, void *optval, tov_socklen_t *optlen_p);
 int tov_getsockname(tov_socket_t s, struct sockaddr *addr, tov_socklen_t *addrlen_p);
-tov_ret_len_t tov_sendto(tov_socket_t s, const void *buf, tov_len_t len, int flags,
-                         const struct sockaddr *to, tov_socklen_t tolen);
+tov_ret_len_t tov_sendto(tov_socket_t s, const void *buf, tov_len_t len, int flags, const struct sockaddr *to,
+                         tov_socklen_t tolen);
 int tov_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);
 int tov_closesocket(tov_socket_t s);
 

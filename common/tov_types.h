@@ -24,7 +24,7 @@ typedef uint64_t tov_cycles_t;
 
 #ifdef __cplusplus
 #define TOV_BEGIN_DECLS extern "C" {
-#define TOV_END_DECLS }
+#define TOV_END_DECLS   }
 #else
 #define TOV_BEGIN_DECLS
 #define TOV_END_DECLS

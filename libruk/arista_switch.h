@@ -32,16 +32,16 @@ enum arista_mode : uint32_t {
 
 /* The last keyframe, in host byte order. */
 struct arista_keyframe {
-    uint64_t ak_asic_time;          /* switch clock at the keyframe, ticks */
-    uint64_t ak_utc_time;           /* UTC at that moment, ns */
-    uint64_t ak_last_sync_time;     /* the switch's last PTP synchronisation, 0 = none */
-    uint64_t ak_skew_numerator;     /* with skew fields only */
-    uint64_t ak_skew_denominator;   /* with skew fields only */
+    uint64_t ak_asic_time;        /* switch clock at the keyframe, ticks */
+    uint64_t ak_utc_time;         /* UTC at that moment, ns */
+    uint64_t ak_last_sync_time;   /* the switch's last PTP synchronisation, 0 = none */
+    uint64_t ak_skew_numerator;   /* with skew fields only */
+    uint64_t ak_skew_denominator; /* with skew fields only */
     uint64_t ak_kf_timestamp;
-    uint64_t ak_dropped_frames;     /* the switch's own count */
+    uint64_t ak_dropped_frames; /* the switch's own count */
     uint16_t ak_device_id;
     uint16_t ak_egress_swport;
-    uint8_t ak_fcs_type;            /* enum arista_mode */
+    uint8_t ak_fcs_type; /* enum arista_mode */
     uint8_t ak_reserved;
 };
 
@@ -61,30 +61,30 @@ struct arista_stats {
 struct arista_control {
     enum arista_mode arct_mode;
     enum arista_tsp_status arct_status;
-    uint8_t arct_kf_check_rate;        /* declare keyframe shortages */
-    uint8_t arct_kf_check_ptp;         /* watch the switch's PTP synchronisation */
+    uint8_t arct_kf_check_rate; /* declare keyframe shortages */
+    uint8_t arct_kf_check_ptp;  /* watch the switch's PTP synchronisation */
     uint8_t arct_kf_recv;
-    uint8_t arct_kf_dupkern;           /* keyframes also go to the kernel */
-    uint32_t arct_kf_last_ts;          /* the last frame timestamp read, ticks */
+    uint8_t arct_kf_dupkern;  /* keyframes also go to the kernel */
+    uint32_t arct_kf_last_ts; /* the last frame timestamp read, ticks */
     struct arista_keyframe arct_lastkf;
-    uint8_t arct_kf_hasskew;           /* keyframes carry the two skew fields */
-    uint64_t arct_kf_flipped;          /* clock wraps since the last keyframe */
-    uint64_t arct_kf_ptp_wait;         /* deadline for PTP to come back, ns; 0 or all ones = not waiting */
+    uint8_t arct_kf_hasskew;   /* keyframes carry the two skew fields */
+    uint64_t arct_kf_flipped;  /* clock wraps since the last keyframe */
+    uint64_t arct_kf_ptp_wait; /* deadline for PTP to come back, ns; 0 or all ones = not waiting */
     struct arista_stats arct_stats;
-    char arct_prodname[4];             /* "RUK" */
-    uint32_t arct_kf_dst_ip;           /* destination of keyframes, network byte order */
-    uint64_t arct_last_ts;             /* the last frame time handed out, ns */
+    char arct_prodname[4];   /* "RUK" */
+    uint32_t arct_kf_dst_ip; /* destination of keyframes, network byte order */
+    uint64_t arct_last_ts;   /* the last frame time handed out, ns */
 };
 typedef struct arista_control ast_ctl_t;
 
 /* The time of a keyframe candidate. */
 #define ARISTA_KEYFRAME_MARK UINT64_MAX
 
-#define ARISTA_STAMP_LEN 4u             /* bytes of the switch's word at the end of a frame */
-#define ARISTA_KF_LENGTH 84u            /* keyframe without skew fields, frame bytes with trailer */
-#define ARISTA_KF_LENGTH_SKEW 100u      /* with them */
-#define ARISTA_TICKS_MASK 0x7FFFFFFFu   /* the switch clock has 31 bits */
-#define ARISTA_NSECS_PER_TICK 2.857142857142857 /* 350 MHz */
+#define ARISTA_STAMP_LEN       4u                /* bytes of the switch's word at the end of a frame */
+#define ARISTA_KF_LENGTH       84u               /* keyframe without skew fields, frame bytes with trailer */
+#define ARISTA_KF_LENGTH_SKEW  100u              /* with them */
+#define ARISTA_TICKS_MASK      0x7FFFFFFFu       /* the switch clock has 31 bits */
+#define ARISTA_NSECS_PER_TICK  2.857142857142857 /* 350 MHz */
 #define ARISTA_PTP_GRACE_NSECS UINT64_C(7000000000)
 
 extern "C" {

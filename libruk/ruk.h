@@ -75,8 +75,8 @@ void ruk__assertion_failed(const char *expr, int line, const char *file);
 
 /* ------------------------------------------------------------------ endpoints */
 
-#define RUK_OPEN_THREAD_SAFE 0x1     /* the endpoint has locks */
-#define RUK_OPEN_DISABLED 0x2        /* no queues until ruk_device_enable() */
+#define RUK_OPEN_THREAD_SAFE     0x1 /* the endpoint has locks */
+#define RUK_OPEN_DISABLED        0x2 /* no queues until ruk_device_enable() */
 #define RUK_OPEN_HW_TIMESTAMPING 0x4 /* datagrams are dated by the adapter's clock */
 
 /*
@@ -136,10 +136,10 @@ int ruk_close(ruk_device_t dev);
 
 /* ------------------------------------------------------------------ binding */
 
-#define RUK_BIND_REUSE 0x2       /* the port may be shared: SO_REUSEADDR and SO_REUSEPORT on the kernel socket */
-#define RUK_BIND_KERNEL 0x4      /* matching frames also reach the kernel */
+#define RUK_BIND_REUSE      0x2  /* the port may be shared: SO_REUSEADDR and SO_REUSEPORT on the kernel socket */
+#define RUK_BIND_KERNEL     0x4  /* matching frames also reach the kernel */
 #define RUK_BIND_NO_UNICAST 0x8  /* no filter for the unicast address */
-#define RUK_BIND_BROADCAST 0x10  /* broadcasts to the port as well */
+#define RUK_BIND_BROADCAST  0x10 /* broadcasts to the port as well */
 
 /*
  * Bind a UDP port (host byte order; 0 lets the host choose) on the endpoint's address, or on another address
@@ -159,10 +159,10 @@ int ruk_getaddress(ruk_channel_t ch, struct sockaddr_in *sin);
  * Install or remove an adapter filter for a tag of the caller's choice, without a channel. ip_proto is 17, 6
  * or 253; flags: RUK_BIND_KERNEL. Take no lock. Errors: EINVAL another protocol; those of the driver.
  */
-int ruk_filter_add(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32,
-                   uint16_t dst_port_be16, uint16_t tag, int flags);
-int ruk_filter_del(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32,
-                   uint16_t dst_port_be16, uint16_t tag);
+int ruk_filter_add(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32, uint16_t dst_port_be16,
+                   uint16_t tag, int flags);
+int ruk_filter_del(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32, uint16_t dst_port_be16,
+                   uint16_t tag);
 
 /* Changes the filter mode. Takes the endpoint lock. Errors: those of the driver. */
 int ruk_set_filter_mode(ruk_device_t dev, enum ruk_filter_mode mode);
@@ -273,8 +273,7 @@ int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr
  * *t_nsecs receives ns a copy and *bw_MB MiB a second. The request record it takes stays among those in
  * flight. EINVAL bad arguments or a disabled endpoint; EBUSY no room.
  */
-int ruk__piocopy_test(ruk_device_t dev, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs,
-                      uint64_t *bw_MB);
+int ruk__piocopy_test(ruk_device_t dev, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs, uint64_t *bw_MB);
 
 /* Tells the driver that a software endpoint has data to send; d is its device handle. Errors of the driver. */
 int ruk__post_soft_data(tov_handle_t d);

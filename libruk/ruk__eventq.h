@@ -17,21 +17,21 @@ struct ruk__ep;
 
 /* One received frame of the current event. */
 struct ruk__evpacket {
-    uint8_t *pkt;                    /* first byte of the frame; may lie beyond the ring's end: wrap it */
-    uint16_t tag;                    /* filter tag */
-    uint16_t length;                 /* frame bytes with trailer; less 4 once a switch stamp is stripped */
-    uint16_t offset;                 /* running byte position within the event */
-    uint16_t nfrags;                 /* 0 */
-    uint64_t timestamp;              /* ns; 0 unknown; all ones = keyframe candidate */
-    struct ruk__evpacket *evp_next;  /* next frame of the event, null at the last */
+    uint8_t *pkt;                   /* first byte of the frame; may lie beyond the ring's end: wrap it */
+    uint16_t tag;                   /* filter tag */
+    uint16_t length;                /* frame bytes with trailer; less 4 once a switch stamp is stripped */
+    uint16_t offset;                /* running byte position within the event */
+    uint16_t nfrags;                /* 0 */
+    uint64_t timestamp;             /* ns; 0 unknown; all ones = keyframe candidate */
+    struct ruk__evpacket *evp_next; /* next frame of the event, null at the last */
 };
 
 struct ruk__event_state {
-    uint64_t evs_timestamp;                /* the event's time, ns; 0 when adapter timestamping is off */
-    uint64_t evs_timestamp_last;           /* the last packet time handed out */
-    uint16_t evs_length;                   /* bytes of the event */
-    uint16_t evs_length_pkts;              /* sum of length + 4 over its packets */
-    uint16_t evs_pkt_cnt;                  /* packets of the event */
+    uint64_t evs_timestamp;      /* the event's time, ns; 0 when adapter timestamping is off */
+    uint64_t evs_timestamp_last; /* the last packet time handed out */
+    uint16_t evs_length;         /* bytes of the event */
+    uint16_t evs_length_pkts;    /* sum of length + 4 over its packets */
+    uint16_t evs_pkt_cnt;        /* packets of the event */
     uint16_t pad0;
     volatile nuv_uevt_ruk_t *evs_uevt_cur; /* the current event; null while the queues are not set up */
     struct ruk__evpacket *evs_pkt_cur;     /* next packet to hand out; null = not parsed yet, or consumed */
@@ -39,14 +39,14 @@ struct ruk__event_state {
 };
 
 struct ruk__eventq {
-    uintptr_t evq_recvq_offset;            /* of the current event from the base, bytes */
+    uintptr_t evq_recvq_offset; /* of the current event from the base, bytes */
     uintptr_t evq_recvq_base;
-    uintptr_t evq_recvq_size;              /* bytes */
-    uintptr_t evq_recvq_end;               /* base + size */
-    uint64_t evq_recvq_flow;               /* bytes consumed since the queues were set up */
+    uintptr_t evq_recvq_size; /* bytes */
+    uintptr_t evq_recvq_end;  /* base + size */
+    uint64_t evq_recvq_flow;  /* bytes consumed since the queues were set up */
     struct ruk__event_state evq_recvq_state;
-    oxel_flow_window_t *evq_flow;          /* receive flow window, shared with the driver */
-    uint64_t *evq_flow_be64;               /* doorbell word of the adapter */
+    oxel_flow_window_t *evq_flow; /* receive flow window, shared with the driver */
+    uint64_t *evq_flow_be64;      /* doorbell word of the adapter */
 };
 
 extern "C" {
@@ -110,6 +110,16 @@ RUK_EVENTQ_INLINE struct ruk__evpacket *ruk__eventq_first(struct ruk__ep *ep, st
     return ruk__eventq_process_uevt(ep, evq);
 }
 
+/* The current position is also read by a thread that counts pending packets without the receive lock. */
+RUK_EVENTQ_INLINE void _eventq_set_current(struct ruk__event_state *evs, uintptr_t event)
+{
+    __atomic_store_n(&evs->evs_uevt_cur, (volatile nuv_uevt_ruk_t *)event, __ATOMIC_RELAXED);
+}
+RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
+{
+    return (uintptr_t)__atomic_load_n(&evs->evs_uevt_cur, __ATOMIC_RELAXED);
+}
+
 /* Consumes the packet handed out last; with the event's last packet the whole event is freed and reported. */
 RUK_EVENTQ_INLINE void ruk__eventq_advance(struct ruk__eventq *evq)
 {
@@ -135,7 +145,7 @@ RUK_EVENTQ_INLINE void ruk__eventq_advance(struct ruk__eventq *evq)
         for (uint32_t k = 0; k < len; k += NUV_UEVT_SLOT)
             _eventq_clear((volatile uint8_t *)_eventq_wrap(evq, event + k));
     }
-    evs->evs_uevt_cur = (volatile nuv_uevt_ruk_t *)(evq->evq_recvq_base + evq->evq_recvq_offset);
+    _eventq_set_current(evs, evq->evq_recvq_base + evq->evq_recvq_offset);
 
     /* 3. Report the position: the cleared slots must be visible before the writer sees them as free. */
     oxel_flow_window_t *flow = evq->evq_flow;
@@ -152,22 +162,27 @@ RUK_EVENTQ_INLINE void ruk__eventq_advance(struct ruk__eventq *evq)
     }
 }
 
-/* Packets that the events now in the ring will deliver; those of the current event count whole. */
+/*
+ * Packets that the events now in the ring will deliver; those of the current event count whole. A receiver may
+ * consume events meanwhile: an event that vanishes under the walk is not waited for.
+ */
 RUK_EVENTQ_INLINE int ruk__eventq_count(const struct ruk__eventq *evq)
 {
     int count = 0;
     intptr_t remaining = (intptr_t)evq->evq_recvq_size;
-    uintptr_t cursor = (uintptr_t)evq->evq_recvq_state.evs_uevt_cur;
+    uintptr_t cursor = _eventq_current(&evq->evq_recvq_state);
     if (cursor == 0)
         return 0; /* the queues are not set up */
     while (remaining > 0) {
         const volatile nuv_uevt_ruk_t *uevt = (const volatile nuv_uevt_ruk_t *)cursor;
         uint8_t pkts = tov_ld8_acq(&uevt->pkt_cnt);
-        if (pkts == 0)
+        uint16_t len = _uevt_length(uevt);
+        if (pkts == 0 || len == 0)
             break;
         count += pkts;
-        uint16_t len = _uevt_length(uevt);
-        _eventq_wait_completion(_eventq_crcbyte(evq, uevt, len));
+        const volatile uint8_t *last = _eventq_crcbyte(evq, uevt, len);
+        while (tov_ld8_acq(last) != 0 && tov_ld8_acq(&uevt->pkt_cnt) != 0)
+            ;
         cursor = _eventq_wrap(evq, cursor + len);
         remaining -= len;
     }

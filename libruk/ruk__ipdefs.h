@@ -10,8 +10,8 @@
 #define RUK_ETHERTYPE_VLAN 0x8100
 #define RUK_ETHERTYPE_IPV6 0x86DD
 
-#define RUK_IPPROTO_TCP 6
-#define RUK_IPPROTO_UDP 17
+#define RUK_IPPROTO_TCP      6
+#define RUK_IPPROTO_UDP      17
 #define RUK_IPPROTO_KEYFRAME 253
 
 struct __attribute__((packed)) u_eth_hdr {
@@ -115,8 +115,8 @@ union ruk__eth_generic_hdr {
 };
 NUV_ASSERT_SIZE(ruk__eth_generic_hdr, 60);
 
-#define RUK_VIEW_PAD 2u       /* bytes of the view before the frame */
-#define RUK_VIEW_HDRLEN 44u   /* view start to payload, untagged */
+#define RUK_VIEW_PAD         2u  /* bytes of the view before the frame */
+#define RUK_VIEW_HDRLEN      44u /* view start to payload, untagged */
 #define RUK_VIEW_VLAN_HDRLEN 48u /* view start to payload, tagged */
 
 #endif

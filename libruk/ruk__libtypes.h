@@ -19,12 +19,12 @@
 
 /* ------------------------------------------------------------------ channels and filter tags */
 
-#define RUK_TAG_BLOCK 128       /* entries a block */
+#define RUK_TAG_BLOCK       128 /* entries a block */
 #define RUK_TAG_BLOCK_SHIFT 7
-#define RUK_TAG_TABLE 32        /* slots of the tag table */
-#define RUK_TAG_MAX_BLOCKS 31   /* blocks used at most: tags 0 to 3967 */
-#define RUK_TAG_DELAYED 0x8000u /* bit of tage_nuv_tag: waiting on the delay queue */
-#define RUK_BROADCAST_ADDR 0xFFFFFFFFu /* tage_ip_addr of a broadcast entry */
+#define RUK_TAG_TABLE       32          /* slots of the tag table */
+#define RUK_TAG_MAX_BLOCKS  31          /* blocks used at most: tags 0 to 3967 */
+#define RUK_TAG_DELAYED     0x8000u     /* bit of tage_nuv_tag: waiting on the delay queue */
+#define RUK_BROADCAST_ADDR  0xFFFFFFFFu /* tage_ip_addr of a broadcast entry */
 
 /* One adapter filter and its tag. Always on exactly one queue, but while a caller holds it. Never moves. */
 struct ruk__tag_entry {
@@ -36,9 +36,9 @@ struct ruk__tag_entry {
     uint16_t tage_udp_port;            /* destination port, host order */
     uint32_t tage_src_ip_addr;         /* source of a source-specific membership, host order */
     uint16_t tage_src_ip_port;
-    uint16_t tage_nuv_tag;             /* tag in bits 0 to 14, RUK_TAG_DELAYED */
-    uint16_t tage_bindflags;           /* RUK_BIND_* of the channel */
-    uint8_t tage_tcp;                  /* enum oxel_filter_proto */
+    uint16_t tage_nuv_tag;   /* tag in bits 0 to 14, RUK_TAG_DELAYED */
+    uint16_t tage_bindflags; /* RUK_BIND_* of the channel */
+    uint8_t tage_tcp;        /* enum oxel_filter_proto */
 };
 TAILQ_HEAD(ruk__tag_queue, ruk__tag_entry);
 
@@ -55,17 +55,17 @@ TAILQ_HEAD(ruk__send_queue, ruk__send);
 #define RUK_SEND_BUCKETS 256
 
 struct ruk__channel {
-    uint64_t ch_type;                              /* 0 */
+    uint64_t ch_type; /* 0 */
     struct ruk__ep *ch_rep;
-    void *ch_ucontext;                             /* the application's */
-    struct ruk__tag_entry *ch_uni_entry;           /* own unicast entry, or null */
-    struct ruk__tag_entry *ch_bc_entry;            /* broadcast entry, or null */
-    struct ruk__tag_entry *ch_deferred_uni_entry;  /* another channel's entry, inherited when that unbinds */
-    struct tov_ifaddrs *ch_mif;                    /* interface of the bound address */
+    void *ch_ucontext;                            /* the application's */
+    struct ruk__tag_entry *ch_uni_entry;          /* own unicast entry, or null */
+    struct ruk__tag_entry *ch_bc_entry;           /* broadcast entry, or null */
+    struct ruk__tag_entry *ch_deferred_uni_entry; /* another channel's entry, inherited when that unbinds */
+    struct tov_ifaddrs *ch_mif;                   /* interface of the bound address */
     uint32_t ch_bindflags;
-    int ch_fd;                                     /* kernel socket, -1 when none */
+    int ch_fd; /* kernel socket, -1 when none */
     uint32_t ch_ipaddr_be32;
-    uint16_t ch_vlan_be16;                         /* tag control word, 0 when untagged */
+    uint16_t ch_vlan_be16; /* tag control word, 0 when untagged */
     uint16_t ch_port_be16;
     struct ruk__send_queue ch_sendhandleq[RUK_SEND_BUCKETS];
     struct ruk__tag_queue ch_tag_multiq;
@@ -159,11 +159,11 @@ struct ruk__send {
 
 /* Counters of an endpoint; only those with a "frame ..." remark are incremented. */
 struct ruk__epstats {
-    uint64_t dropped_badproto;           /* frame neither IPv4 nor VLAN-tagged */
-    uint64_t dropped_badfilter;          /* frame's port, address or source does not match its tag */
-    uint64_t dropped_nosock;             /* frame's tag is not in use */
-    uint64_t dropped_runts;              /* frame shorter than its headers */
-    uint64_t dropped_noborrow;           /* never printed */
+    uint64_t dropped_badproto;  /* frame neither IPv4 nor VLAN-tagged */
+    uint64_t dropped_badfilter; /* frame's port, address or source does not match its tag */
+    uint64_t dropped_nosock;    /* frame's tag is not in use */
+    uint64_t dropped_runts;     /* frame shorter than its headers */
+    uint64_t dropped_noborrow;  /* never printed */
     uint64_t dropped_badlength;
     uint64_t dropped_csum;
     uint64_t dropped_oo_bouncebufs;
@@ -191,7 +191,7 @@ enum rep_state : uint32_t {
     REP_STATE_CLOSING = 3,   /* close left to the receiver inside */
 };
 
-#define RUK_MAC_CACHE 16
+#define RUK_MAC_CACHE   16
 #define RUK_ROUTES_STEP 16
 
 struct ruk__ep {
@@ -220,8 +220,8 @@ struct ruk__ep {
     uint32_t rep_inlinesend_threshold; /* 0, never consulted */
     uint32_t rep_dmasend_threshold;    /* largest payload sent by PIO, bytes */
     struct tov_mpool *rep_sreq_pool;
-    struct ruk__request *rep_sreq_alloc; /* storage of that pool */
-    uint16_t rep_sreq_inflight;          /* send counter: only grows */
+    struct ruk__request *rep_sreq_alloc;          /* storage of that pool */
+    uint16_t rep_sreq_inflight;                   /* send counter: only grows */
     struct ruk__request_queue rep_sreq_inflightq; /* oldest first */
     struct ruk__pioreq rep_pioreq;
     struct ruk__sendbuf rep_dmabuf; /* payload ring in the send data queue */

@@ -31,15 +31,17 @@ extern "C" {
 /* Writes "RUK (func): message" to standard error; messages are cut at 127 characters. Call when __ruk_debug. */
 void ruk__debug_line(const char *func, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
+/* The start-up line, once per process for each of the two ways to open. */
 void show_banner(void);
+void show_banner_by_mac(void);
 
 /* ------------------------------------------------------------------ endpoints (ruk_open.cpp) */
 
 int krel_verify_ipsubnet(void);
 int iface_to_interface_addr(const char *ifname, struct in_addr *addr);
 int open_tov_endpoint(int board, uint32_t *epid, tov_handle_t *handle_o);
-int map_region(const char *name, tov_handle_t handle, uintptr_t *addr, uintptr_t *len, uint32_t offset,
-               uint32_t length, int read_only);
+int map_region(const char *name, tov_handle_t handle, uintptr_t *addr, uintptr_t *len, uint32_t offset, uint32_t length,
+               int read_only);
 void unmap_region(uintptr_t ptr, uintptr_t size);
 void prefault_mapped_kmem(uintptr_t base, uintptr_t len);
 void initialize_queues(struct ruk__ep *rep);
@@ -56,8 +58,8 @@ void ruk__delay_put_tag_entry(struct ruk__ep *rep, struct ruk__tag_entry *entry)
 /* ------------------------------------------------------------------ binding (ruk_bind.cpp) */
 
 int ruk__sockbind(uint32_t ipaddr_be32, uint16_t *port_be16, int flags, int *fd_o, int is_tcp);
-int ruk__bind(ruk_device_t rep, uint32_t ipaddr_be32, int flags, int port, void *context,
-              ruk_channel_t *handle_out, int is_tcp);
+int ruk__bind(ruk_device_t rep, uint32_t ipaddr_be32, int flags, int port, void *context, ruk_channel_t *handle_out,
+              int is_tcp);
 int ruk__filter_op(struct ruk__ep *rep, int op, struct ruk__tag_entry *entry);
 void ruk__do_unbind(ruk_channel_t ch);
 void ruk__unbind_all(ruk_device_t rep);

@@ -1,0 +1,267 @@
+/*
+ * Sending: payload space, the request ring, completions.
+ */
+#include "ruk__iputils.h"
+#include "ruk_core.h"
+#include "tov_piocopy.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#define SPIN_BUDGET 1000 /* attempts before the first wait in the driver */
+
+/* ------------------------------------------------------------------ payload space and requests */
+
+static inline struct ruk__sendbuf *sendbuf_of(struct ruk__ep *rep, enum ruk_req_type type)
+{
+    return type == RUK_REQ_SEND_DMA ? &rep->rep_dmabuf : &rep->rep_pioreq.pio_sb;
+}
+
+/*
+ * Reserves need contiguous bytes and a request record, which goes to the end of the in-flight queue; null when
+ * either is short. A reservation that would cross the ring's end starts at its base and takes the end as well.
+ */
+static inline struct ruk__request *reserve(struct ruk__ep *rep, enum ruk_req_type type, uint32_t need)
+{
+    /* 1. Room. */
+    struct ruk__sendbuf *sb = sendbuf_of(rep, type);
+    if (need > sb->sb_avail)
+        return nullptr;
+    uint32_t off = sb->sb_tail & (sb->sb_length - 1);
+    if (__builtin_expect(off + need > sb->sb_length, 0)) {
+        uint32_t skipped = sb->sb_length - off;
+        if (need > sb->sb_avail - skipped)
+            return nullptr;
+        off = 0;
+        need += skipped;
+    }
+    uintptr_t address = sb->sb_base + off;
+    if (address == 0)
+        return nullptr;
+
+    /* 2. A record. */
+    struct ruk__request *req = (struct ruk__request *)tov_mpool_alloc(rep->rep_sreq_pool);
+    if (!req)
+        return nullptr;
+    rep->rep_sreq_inflight++;
+    req->req_buf = address;
+    req->req_size = need;
+    req->req_num = rep->rep_sreq_inflight;
+    req->req_qoff = off;
+    req->req_type = type;
+
+    /* 3. Both are taken. */
+    STAILQ_INSERT_TAIL(&rep->rep_sreq_inflightq, req, req_link);
+    sb->sb_tail += need;
+    sb->sb_avail -= need;
+    return req;
+}
+
+/* Gives a request's space and record back. */
+static inline void release(struct ruk__ep *rep, struct ruk__request *req)
+{
+    if (req->req_type == RUK_REQ_SEND_PIO || req->req_type == RUK_REQ_SEND_DMA) {
+        struct ruk__sendbuf *sb = sendbuf_of(rep, req->req_type);
+        sb->sb_head += req->req_size;
+        sb->sb_avail = ((sb->sb_head + sb->sb_length - 1 - sb->sb_tail) & (sb->sb_length - 1)) + 1;
+    }
+    req->req_type = RUK_REQ_SEND_NONE;
+    req->req_size = 0;
+    req->req_num = -1;
+    tov_mpool_free(rep->rep_sreq_pool, req);
+}
+
+/* ------------------------------------------------------------------ completions */
+
+/* Requests that the adapter has completed, modulo 65536. */
+static inline uint16_t completed(const struct ruk__ep *rep)
+{
+    return tov_be16(tov_ld16_acq(rep->rep_pioreq.compl_done));
+}
+
+/* Of those, the ones reaped. */
+static inline uint16_t reaped(const struct ruk__ep *rep)
+{
+    return (uint16_t)tov_ld32(&rep->rep_pioreq.tx_flow->flow_desc);
+}
+
+extern "C" int ruk__try_send_completion(struct ruk__ep *rep)
+{
+    const uint16_t done = completed(rep);
+    const uint16_t before = reaped(rep);
+    if (done == before)
+        return 0;
+    for (uint16_t last = before; last != done; last++) {
+        struct ruk__request *req = STAILQ_FIRST(&rep->rep_sreq_inflightq); /* completions come in order */
+        if (!req)
+            break;
+        STAILQ_REMOVE_HEAD(&rep->rep_sreq_inflightq, req_link);
+        release(rep, req);
+    }
+    tov_st32(&rep->rep_pioreq.tx_flow->flow_desc, done); /* tells the driver how far */
+    return (uint16_t)(done - before);
+}
+
+/* ------------------------------------------------------------------ waiting for room */
+
+/* Debug output of the wait: once begun, its end is told as well. */
+struct wait_debug {
+    bool printed;
+    void begin(int timeo)
+    {
+        if (__ruk_debug && !printed) {
+            printf("processing for ruk__get_requests, timeo %d\n", timeo);
+            printed = true;
+        }
+    }
+    int fail(int rc)
+    {
+        if (__ruk_debug && printed)
+            printf("processing for ruk__get_requests ended with error %d\n", rc);
+        return rc;
+    }
+    void succeed()
+    {
+        if (printed)
+            puts("processing for ruk__get_requests completed fine");
+    }
+};
+
+/* Blocks in the driver until the adapter has completed a request; without the endpoint lock. */
+static int wait_send_completion(struct ruk__ep *rep, int32_t timeo)
+{
+    ruk__ep_unlock(rep);
+    int rc = tov_ioctl(rep->rep_handle, OXEL_WAIT_SEND_COMPLETION, &timeo, sizeof timeo);
+    ruk__ep_lock(rep);
+    return rc;
+}
+
+/* Reserves after a first attempt has failed: reaps and spins, then waits in the driver, as flags allow. */
+[[gnu::noinline]] static int reserve_slowly(struct ruk__ep *rep, enum ruk_req_type type, uint32_t need, int flags,
+                                            struct ruk__request **req_o)
+{
+    const int32_t timeo = (flags & RUK_NONBLOCK) ? 0 : -1;
+    int spins = SPIN_BUDGET;
+    wait_debug debug = {};
+    for (;;) {
+        debug.begin(timeo);
+        if (ruk__try_send_completion(rep) == 0) {
+            if (timeo == 0)
+                return debug.fail(EAGAIN);
+            if (--spins == 0) {
+                int rc = wait_send_completion(rep, timeo);
+                if (rc != 0)
+                    return debug.fail(rc);
+                spins = 1; /* one attempt between waits */
+            }
+        }
+        *req_o = reserve(rep, type, need);
+        if (*req_o) {
+            debug.succeed();
+            return 0;
+        }
+    }
+}
+
+/* ------------------------------------------------------------------ posting */
+
+/* Writes a request into its slot. The word that carries the type comes last: it hands the request over. */
+static inline void post(nuv_ureq_t *slot, const nuv_ureq_t *req)
+{
+    for (int i = 0; i < 16; i++)
+        tov_st32(&slot->words[i], req->words[i]);
+    tov_wmb();
+}
+
+extern "C" int ruk_raw_send(ruk_device_t rep, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr, int chksum_offset,
+                            const uint8_t *buffer, int paylen, int flags)
+{
+    if (__builtin_expect(rep->rep_state == REP_STATE_ALLOC, 0))
+        return EINVAL;
+
+    /* 1. PIO or DMA, by length alone. Whole words are copied; DMA takes whole pages. */
+    const enum ruk_req_type type = (uint32_t)paylen > rep->rep_dmasend_threshold ? RUK_REQ_SEND_DMA : RUK_REQ_SEND_PIO;
+    uint32_t need = ((uint32_t)paylen + ((uintptr_t)buffer & 3) + 3) & ~3u;
+    if (type == RUK_REQ_SEND_DMA)
+        need = (need + NUV_DMA_PAGE - 1) & ~(NUV_DMA_PAGE - 1);
+
+    /* 2. Reap what has completed, and reserve. */
+    if (completed(rep) != reaped(rep))
+        ruk__try_send_completion(rep);
+    struct ruk__request *req = reserve(rep, type, need);
+    if (__builtin_expect(!req, 0)) {
+        int rc = reserve_slowly(rep, type, need, flags, &req);
+        if (rc != 0)
+            return rc;
+    }
+
+    /* 3. The payload, summed on the way; it is visible to the adapter before the request. */
+    uint32_t misalign;
+    uint32_t sum = tov_piocopy_csum((uintptr_t *)req->req_buf, buffer, (uint32_t)paylen, &misalign);
+
+    /* 4. The request. */
+    alignas(64) nuv_ureq_t ureq = {};
+    memcpy(ureq.ruk.ruk_header, hdr, (size_t)hdrlen);
+    if (chksum_offset > 0) {
+        uint16_t check = ruk__csum_fold(ruk__csum_add(sum, chksum_hdr));
+        if (check == 0)
+            check = 0xFFFF;
+        memcpy(ureq.ruk.ruk_header + chksum_offset, &check, sizeof check);
+    }
+    ureq.ruk.ruk_data_offset = tov_be32(req->req_qoff + misalign);
+    ureq.ruk.ruk_data_length = tov_be16((uint16_t)paylen);
+    ureq.ruk.header_length = (uint8_t)hdrlen;
+    ureq.ruk.type = (uint8_t)type;
+
+    /* 5. Into the adapter. Nothing waits for it. */
+    post((nuv_ureq_t *)((uint8_t *)rep->rep_pioreq.pio_req_db + type * NUV_UREQ_STRIDE), &ureq);
+    return 0;
+}
+
+/* ------------------------------------------------------------------ measuring the copy */
+
+#define PIOCOPY_TEST_MAX 2048
+
+/* A copy without a sum: the last word goes behind a fence of its own. */
+static void plain_copy(uint32_t *to, const uint32_t *from, uint32_t len)
+{
+    uint32_t words = len / 4;
+    for (uint32_t i = 0; i + 1 < words; i++)
+        tov_st32(to + i, from[i]);
+    tov_wmb();
+    if (words > 0)
+        tov_st32(to + words - 1, from[words - 1]);
+    tov_wmb();
+}
+
+extern "C" int ruk__piocopy_test(ruk_device_t rep, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs,
+                                 uint64_t *bw_MB)
+{
+    alignas(64) static const uint32_t test_data[PIOCOPY_TEST_MAX / 4] = {};
+    if (rep->rep_state == REP_STATE_ALLOC)
+        return EINVAL;
+    len = (len + 3) & ~3u;
+    if (len > PIOCOPY_TEST_MAX || iterations == 0)
+        return EINVAL;
+    struct ruk__request *req = reserve(rep, RUK_REQ_SEND_PIO, len);
+    if (!req)
+        return EBUSY;
+
+    const uint32_t start = (uint32_t)tov_get_cycles();
+    for (int i = 0; i < iterations; i++) {
+        uint32_t misalign;
+        if (do_csum)
+            tov_piocopy_csum((uintptr_t *)req->req_buf, (const uint8_t *)test_data, len, &misalign);
+        else
+            plain_copy((uint32_t *)req->req_buf, test_data, len);
+    }
+    const uint32_t cycles = (uint32_t)tov_get_cycles() - start;
+    release(rep, req); /* the record stays in the in-flight queue */
+
+    const uint64_t nsecs_per_sec = UINT64_C(1000000000);
+    uint64_t elapsed_ns = cycles * nsecs_per_sec / tov_cycles_per_second();
+    *t_nsecs = elapsed_ns / (uint64_t)iterations;
+    *bw_MB = (nsecs_per_sec * (uint64_t)iterations * len / (elapsed_ns ? elapsed_ns : 1)) >> 20;
+    return 0;
+}

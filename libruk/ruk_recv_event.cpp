@@ -1,0 +1,504 @@
+/*
+ * Receiving: events from the ring, datagrams and whole frames out of them, counters.
+ */
+#define RUK_EVENTQ_INLINE [[gnu::used]] inline
+#include "oxel_clksync.h"
+#include "ruk__iputils.h"
+#include "ruk_core.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <poll.h>
+
+/* ------------------------------------------------------------------ ring memory */
+
+/* Copies n bytes of the ring from a wrapped address on, going round as often as it takes. */
+static inline void ring_copy(const struct ruk__eventq *evq, void *to, uintptr_t from, size_t n)
+{
+    uint8_t *dst = (uint8_t *)to;
+    size_t first = evq->evq_recvq_end - from;
+    while (__builtin_expect(n > first, 0)) {
+        memcpy(dst, (const void *)from, first);
+        dst += first;
+        n -= first;
+        from = evq->evq_recvq_base;
+        first = evq->evq_recvq_size;
+    }
+    if (n != 0)
+        memcpy(dst, (const void *)from, n);
+}
+
+/* One byte of a frame, i bytes after its start. */
+static inline uint8_t frame_byte(const struct ruk__eventq *evq, const uint8_t *pkt, uint32_t i)
+{
+    return *(const uint8_t *)_eventq_wrap(evq, (uintptr_t)pkt + i);
+}
+
+static inline uint16_t frame_be16(const struct ruk__eventq *evq, const uint8_t *pkt, uint32_t i)
+{
+    return (uint16_t)(frame_byte(evq, pkt, i) << 8 | frame_byte(evq, pkt, i + 1));
+}
+
+/* ------------------------------------------------------------------ parsing an event */
+
+extern "C" int arista_check_kf_pkt(const struct ruk__eventq *evq, const uint8_t *pkt)
+{
+    uint32_t net = 14;
+    uint16_t proto = frame_be16(evq, pkt, 12);
+    if (proto == RUK_ETHERTYPE_VLAN) {
+        proto = frame_be16(evq, pkt, 16);
+        net = 18;
+    }
+    if (proto == RUK_ETHERTYPE_IPV4)
+        return frame_byte(evq, pkt, net + 9) == RUK_IPPROTO_KEYFRAME;
+    if (proto == RUK_ETHERTYPE_IPV6)
+        return frame_byte(evq, pkt, net + 6) == RUK_IPPROTO_KEYFRAME;
+    return 0;
+}
+
+extern "C" uint64_t ruk__clk_ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
+{
+    if (ep->rep_nticks.ticks_mask != 0)
+        return oxel_clksync_convert_nsecs(ep->rep_kwindow, oxel_clksync_nticks_update(&ep->rep_nticks, ticks));
+    return oxel_timesync_ticks2nsecs(ep->rep_kwindow, ticks);
+}
+
+/* Dates the event's packets back from its own time, a nanosecond a byte; never below the last time given. */
+extern "C" void ruk__clk_calc_pkt_timestamps(struct ruk__event_state *evs)
+{
+    uint32_t last = evs->evs_pkt_cnt - 1u;
+    uint64_t base = evs->evs_timestamp;
+    if (last > 0)
+        base -= (uint64_t)((int64_t)evs->evs_length_pkts - evs->evs_pkts[last].length);
+    uint64_t time = 0;
+    for (uint32_t i = 0; i <= last; i++) {
+        time = last > 0 ? base + evs->evs_pkts[i].offset : base;
+        if (time < evs->evs_timestamp_last)
+            time = evs->evs_timestamp_last;
+        evs->evs_pkts[i].timestamp = time;
+    }
+    evs->evs_timestamp_last = time;
+}
+
+extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq)
+{
+    struct ruk__event_state *evs = &evq->evq_recvq_state;
+    const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
+    const uint32_t arista = ep->arista_control.arct_status;
+
+    /* 1. The header; it is read before the event is known to be complete. */
+    const uint32_t pkt_cnt = tov_ld8_acq(&uevt->pkt_cnt);
+    if (pkt_cnt == 0)
+        return nullptr;
+    evs->evs_length = _uevt_length(uevt);
+    evs->evs_pkt_cur = evs->evs_pkts;
+    evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
+
+    /* 2. The event's own time, where the adapter's clock counts. */
+    if (arista < ARISTA_STATUS_ACTIVE) {
+        evs->evs_timestamp = 0;
+        if (ep->rep_timestamping_enabled) {
+            uint64_t ticks = (uint64_t)tov_be32(tov_ld32(&uevt->timestamp_hi)) << 32;
+            ticks |= tov_be32(tov_ld32(&uevt->timestamp_lo));
+            evs->evs_timestamp = ruk__clk_ticks_to_timestamp(ep, ticks);
+        }
+    }
+
+    /* 3. The packets. */
+    uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
+    uint32_t length_pkts = 0;
+    struct ruk__evpacket *evp = evs->evs_pkts;
+    for (uint32_t i = 0; i < pkt_cnt; i++, evp++) {
+        uint16_t length = tov_be16(tov_ld16(&uevt->pkts[i].length));
+        evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
+        evp->tag = tov_be16(tov_ld16(&uevt->pkts[i].tag));
+        evp->length = length;
+        evp->offset = (uint16_t)length_pkts;
+        evp->nfrags = 0;
+        evp->timestamp = 0;
+        if (__builtin_expect(arista != ARISTA_STATUS_DISABLED, 0) && arista_check_kf_pkt(evq, evp->pkt))
+            evp->timestamp = ARISTA_KEYFRAME_MARK;
+        evp->evp_next = evp + 1;
+        length_pkts += length + 4u;
+        cursor += nuv_uevt_pkt_space(length);
+    }
+    evp[-1].evp_next = nullptr;
+    evs->evs_length_pkts = (uint16_t)length_pkts;
+
+    /* 4. Their times. */
+    if (arista >= ARISTA_STATUS_ACTIVE)
+        ruk__arista_calc_pkt_timestamps(ep, evs->evs_pkts);
+    else if (evs->evs_timestamp != 0)
+        ruk__clk_calc_pkt_timestamps(evs);
+
+    /* 5. Nothing is handed out before the firmware has written all of it. */
+    _eventq_wait_completion(_eventq_crcbyte(evq, uevt, evs->evs_length));
+    return evs->evs_pkt_cur;
+}
+
+/* ------------------------------------------------------------------ one datagram */
+
+enum packet_fate {
+    PACKET_DONE, /* delivered: consume it and return */
+    PACKET_DROP, /* counted: consume it and go on */
+    PACKET_PEEK, /* delivered, stays first in the queue */
+};
+
+/* Where a frame's headers are. */
+struct frame_view {
+    uintptr_t start; /* in the ring: 2 bytes before the frame */
+    const u_ipv4_hdr *ip;
+    const u_udp_hdr *udp;
+    uint32_t data; /* offset of the payload from the start of the view */
+};
+
+/* The channel that takes this datagram by its tag, or null with the reason counted. */
+static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t tag, const frame_view *view)
+{
+    const uint32_t index = tag >> RUK_TAG_BLOCK_SHIFT;
+    const uint32_t dst = tov_be32(view->ip->ip_daddr_be32);
+
+    if (index >= (uint32_t)__atomic_load_n(&rep->rep_tag_cnt, __ATOMIC_ACQUIRE)) {
+        rep->rep_stats.dropped_nosock++;
+        return nullptr;
+    }
+    struct ruk__tag_entry *block = rep->rep_tag_table[index];
+    struct ruk__tag_entry *entry = &block[tag & (RUK_TAG_BLOCK - 1)];
+    struct ruk__channel *chan = __atomic_load_n(&entry->tage_channel, __ATOMIC_ACQUIRE);
+    if (tov_ld16(&entry->tage_nuv_tag) != tag || !chan) {
+        rep->rep_stats.dropped_nosock++;
+        return nullptr;
+    }
+    if (tov_be16(view->udp->udp_dport_be16) != entry->tage_udp_port) {
+        rep->rep_stats.dropped_badfilter++;
+        return nullptr;
+    }
+    if (entry->tage_ip_addr == RUK_BROADCAST_ADDR) {
+        if (dst == RUK_BROADCAST_ADDR || view->ip->ip_daddr_be32 == chan->ch_mif->tov_ifa_bcastaddr)
+            return chan;
+        rep->rep_stats.dropped_broadcast_filtered++;
+        return nullptr;
+    }
+    if (entry->tage_src_ip_addr != 0) {
+        /* Source-specific memberships: any entry of the block up to this one may be the source's. */
+        const uint32_t src = tov_be32(view->ip->ip_saddr_be32);
+        for (struct ruk__tag_entry *e = entry; e >= block; e--) {
+            chan = __atomic_load_n(&e->tage_channel, __ATOMIC_ACQUIRE);
+            if (e->tage_src_ip_addr == src && e->tage_ip_addr == dst && chan)
+                return chan;
+        }
+    } else if (entry->tage_ip_addr == dst) {
+        return chan;
+    }
+    rep->rep_stats.dropped_badfilter++;
+    return nullptr;
+}
+
+/* Copies the payload, fills what depends on the mode, and tells what becomes of the packet. */
+static inline packet_fate deliver(struct ruk__ep *rep, const struct ruk__evpacket *evp, enum ruk_recvmode mode,
+                                  const frame_view *view, void *buf, size_t len, struct ruk_recv_info *info)
+{
+    tov_st64(&rep->rep_num_packets, rep->rep_num_packets + 1);
+    if (mode == RUK_RECV_PEEK)
+        return PACKET_PEEK;
+    size_t count = info->msg_len < len ? info->msg_len : len;
+    ring_copy(&rep->rep_eventq, buf, _eventq_wrap(&rep->rep_eventq, view->start + view->data), count);
+    return mode == RUK_RECV_PEEK_MSG ? PACKET_PEEK : PACKET_DONE;
+}
+
+/* ALLMULTI and RAW filter modes: addresses from the headers, no channel. */
+static void fill_unfiltered(const struct ruk__evpacket *evp, bool raw, frame_view *view, struct ruk_recv_info *info)
+{
+    const bool is_udp = view->ip->ip_protocol == RUK_IPPROTO_UDP;
+    info->chan = nullptr;
+    info->chan_context = nullptr;
+    info->sin_from.sin_family = AF_INET;
+    info->sin_from.sin_addr.s_addr = view->ip->ip_saddr_be32;
+    info->sin_to.sin_addr.s_addr = view->ip->ip_daddr_be32;
+    info->sin_from.sin_port = is_udp ? view->udp->udp_sport_be16 : 0;
+    info->sin_to.sin_port = is_udp ? view->udp->udp_dport_be16 : 0;
+    if (raw) {
+        info->msg_len = evp->length - RUK_VIEW_PAD;
+        view->data = RUK_VIEW_PAD;
+    } else {
+        info->msg_len = tov_be16(view->udp->udp_len_be16) - 8u;
+    }
+}
+
+static void fill_from_channel(struct ruk__channel *chan, const frame_view *view, struct ruk_recv_info *info)
+{
+    info->chan = chan;
+    info->chan_context = chan->ch_ucontext;
+    info->sin_from.sin_family = AF_INET;
+    info->sin_from.sin_port = view->udp->udp_sport_be16;
+    info->sin_from.sin_addr.s_addr = view->ip->ip_saddr_be32;
+    info->sin_to.sin_family = AF_INET;
+    info->sin_to.sin_port = view->udp->udp_dport_be16;
+    info->sin_to.sin_addr.s_addr = view->ip->ip_daddr_be32;
+    info->msg_len = tov_be16(view->udp->udp_len_be16) - 8u;
+}
+
+/* One packet of the ring: checks it, finds its channel, delivers it. */
+extern "C" int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, enum ruk_recvmode mode, void *buf,
+                               size_t len, struct ruk_recv_info *info)
+{
+    const struct ruk__eventq *evq = &rep->rep_eventq;
+    const uint32_t filter_mode = tov_ld32((const uint32_t *)&rep->rep_recvq_filter_mode);
+    const bool raw = filter_mode == RUK_RECV_FILTER_RAW;
+
+    /* 1. The headers: in place, or a copy of them where they straddle the ring's end. */
+    ruk__eth_generic_hdr copy;
+    frame_view view = {};
+    view.start = _eventq_wrap(evq, (uintptr_t)evp->pkt - RUK_VIEW_PAD);
+    const ruk__eth_generic_hdr *hdr = (const ruk__eth_generic_hdr *)view.start;
+    if (__builtin_expect(view.start + sizeof copy > evq->evq_recvq_end, 0)) {
+        ring_copy(evq, &copy, view.start, sizeof copy);
+        hdr = &copy;
+    }
+
+    /* 2. Untagged or tagged IPv4; anything behind a tag is taken for IPv4. */
+    const uint16_t proto = tov_be16(hdr->eth.eth.eth_proto_be16);
+    if (__builtin_expect(proto == RUK_ETHERTYPE_IPV4, 1)) {
+        view.ip = &hdr->eth.ip;
+        view.udp = &hdr->eth.ul4.udp;
+        view.data = RUK_VIEW_HDRLEN;
+    } else if (proto == RUK_ETHERTYPE_VLAN) {
+        view.ip = &hdr->vlan.ip;
+        view.udp = &hdr->vlan.ul4.udp;
+        view.data = RUK_VIEW_VLAN_HDRLEN;
+    } else if (raw) {
+        info->chan = nullptr;
+        info->chan_context = nullptr;
+        info->msg_len = evp->length - RUK_VIEW_PAD;
+        view.data = RUK_VIEW_PAD;
+        return deliver(rep, evp, mode, &view, buf, len, info);
+    } else {
+        rep->rep_stats.dropped_badproto++;
+        return PACKET_DROP;
+    }
+    if (evp->length < view.data && !raw) {
+        rep->rep_stats.dropped_runts++;
+        return PACKET_DROP;
+    }
+
+    /* 3. The channel. */
+    if (__builtin_expect(filter_mode != RUK_RECV_FILTER_NORMAL, 0)) {
+        fill_unfiltered(evp, raw, &view, info);
+    } else {
+        struct ruk__channel *chan = find_channel(rep, evp->tag, &view);
+        if (!chan)
+            return PACKET_DROP;
+        fill_from_channel(chan, &view, info);
+    }
+
+    /* 4. The payload. */
+    return deliver(rep, evp, mode, &view, buf, len, info);
+}
+
+/* ------------------------------------------------------------------ waiting and leaving */
+
+/*
+ * rep_inuse is changed under the receive lock, but for the sleeper that a shutdown sends home without it; hence
+ * atomic where there are locks. Both return the new count.
+ */
+static inline void enter(struct ruk__ep *rep)
+{
+    if (rep->rep_rx_lockp)
+        __atomic_add_fetch(&rep->rep_inuse, 1, __ATOMIC_SEQ_CST);
+    else
+        rep->rep_inuse++;
+}
+
+static inline uint32_t leave(struct ruk__ep *rep)
+{
+    if (rep->rep_rx_lockp)
+        return __atomic_sub_fetch(&rep->rep_inuse, 1, __ATOMIC_SEQ_CST);
+    return --rep->rep_inuse;
+}
+
+static inline uint32_t state_of(const struct ruk__ep *rep) { return tov_ld32_acq((const uint32_t *)&rep->rep_state); }
+
+/* Leaves the endpoint. The last one out of a closing endpoint completes its close. */
+static inline int finish(struct ruk__ep *rep, int rc, bool locked)
+{
+    bool close_it = false;
+    if (leave(rep) == 0 && __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0)) {
+        uint32_t closing = REP_STATE_CLOSING;
+        close_it = __atomic_compare_exchange_n((uint32_t *)&rep->rep_state, &closing, (uint32_t)REP_STATE_NEEDCLOSE,
+                                               false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    }
+    if (locked)
+        ruk__ep_rx_unlock(rep);
+    if (close_it)
+        ruk_close(rep);
+    return rc;
+}
+
+/* What an empty queue means: go on (true), or return *rc (false; the endpoint has been left). */
+static bool wait_for_event(struct ruk__ep *rep, enum ruk_recvmode mode, int *rc)
+{
+    if (state_of(rep) == REP_STATE_NEEDCLOSE) {
+        leave(rep);
+        ruk__ep_rx_unlock(rep);
+        *rc = ENXIO;
+        return false;
+    }
+    switch (mode) {
+    case RUK_RECV_DEFAULT:
+        if (tov_ld32(&rep->rep_shutdown) != 1)
+            return true;
+        *rc = finish(rep, EINTR, true);
+        return false;
+    case RUK_RECV_NONBLOCK:
+    case RUK_RECV_PEEK:
+    case RUK_RECV_PEEK_MSG:
+        *rc = finish(rep, EAGAIN, true);
+        return false;
+    case RUK_RECV_BLOCK:
+        break;
+    default:
+        *rc = finish(rep, EINVAL, true);
+        return false;
+    }
+
+    struct pollfd pfd = {rep->rep_handle, POLLIN, 0};
+    ruk__ep_rx_unlock(rep);
+    int ready;
+    while ((ready = poll(&pfd, 1, 1000)) == 0) {
+        if (tov_ld32(&rep->rep_shutdown)) {
+            *rc = finish(rep, EINTR, false);
+            return false;
+        }
+    }
+    int cause = errno;
+    ruk__ep_rx_lock(rep);
+    if (state_of(rep) != REP_STATE_OPEN) {
+        *rc = finish(rep, ENXIO, true);
+        return false;
+    }
+    if (ready < 0) {
+        leave(rep);
+        ruk__ep_rx_unlock(rep);
+        *rc = cause;
+        return false;
+    }
+    return true;
+}
+
+/* The receive loop: packets go through handle() until one is delivered or the wait ends. */
+template <typename Handle> static inline int receive(struct ruk__ep *rep, enum ruk_recvmode mode, Handle handle)
+{
+    struct ruk__eventq *evq = &rep->rep_eventq;
+    ruk__ep_rx_lock(rep);
+    enter(rep);
+    for (;;) {
+        struct ruk__evpacket *evp = ruk__eventq_first(rep, evq);
+        if (!evp) {
+            int rc;
+            if (wait_for_event(rep, mode, &rc))
+                continue;
+            return rc;
+        }
+        if (__builtin_expect(evp->timestamp == ARISTA_KEYFRAME_MARK, 0)) {
+            arista_get_kf_pkt(rep, evp);
+            ruk__eventq_advance(evq);
+            continue;
+        }
+        int fate = handle(evp);
+        if (fate == PACKET_PEEK)
+            return finish(rep, 0, true);
+        ruk__eventq_advance(evq);
+        if (fate == PACKET_DONE)
+            return finish(rep, 0, true);
+    }
+}
+
+/* ------------------------------------------------------------------ public calls */
+
+extern "C" int ruk__recvpacket(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                               struct ruk_recv_info *info)
+{
+    return receive(rep, mode, [=](struct ruk__evpacket *evp) {
+        int fate = handle_ruk_uevt(rep, evp, mode, buf, len, info);
+        if (fate != PACKET_PEEK && ruk__api_version > 1)
+            info->timestamp = evp->timestamp;
+        return fate;
+    });
+}
+
+extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void *buf, size_t len,
+                            struct ruk_recv_info *info)
+{
+    if (!rep || !info || state_of(rep) == REP_STATE_ALLOC)
+        return EINVAL;
+    tov_st32(&rep->rep_shutdown, 0); /* a shutdown asked for earlier is forgotten */
+    return ruk__recvpacket(rep, recv_mode, buf, len, info);
+}
+
+static inline void copy_frame(const struct ruk__eventq *evq, const struct ruk__evpacket *evp, void *buf)
+{
+    ring_copy(evq, buf, _eventq_wrap(evq, (uintptr_t)evp->pkt), evp->length);
+}
+
+extern "C" int ruk_raw_recv(ruk_device_t rep, enum ruk_recvmode recv_mode, void *buf, size_t *len, uint64_t *timestamp)
+{
+    if (state_of(rep) == REP_STATE_ALLOC)
+        return EINVAL;
+    return receive(rep, recv_mode, [=](struct ruk__evpacket *evp) {
+        *len = evp->length;
+        if (recv_mode == RUK_RECV_PEEK)
+            return PACKET_PEEK;
+        copy_frame(&rep->rep_eventq, evp, buf);
+        return recv_mode == RUK_RECV_PEEK_MSG ? PACKET_PEEK : PACKET_DONE;
+    });
+}
+
+extern "C" int ruk_raw_recv_nb(ruk_device_t rep, void *buf, size_t *len, uint64_t *timestamp, int *tag)
+{
+    struct ruk__eventq *evq = &rep->rep_eventq;
+    if (state_of(rep) == REP_STATE_ALLOC)
+        return EINVAL;
+    struct ruk__evpacket *evp = ruk__eventq_first(rep, evq);
+    if (!evp)
+        return EAGAIN;
+    *len = evp->length;
+    copy_frame(evq, evp, buf);
+    if (timestamp)
+        *timestamp = evp->timestamp;
+    if (tag)
+        *tag = evp->tag;
+    ruk__eventq_advance(evq);
+    return 0;
+}
+
+extern "C" int ruk_raw_recv_peek(ruk_device_t rep)
+{
+    if (state_of(rep) == REP_STATE_ALLOC)
+        return EINVAL;
+    return _eventq_present(&rep->rep_eventq) ? 0 : EAGAIN;
+}
+
+extern "C" void ruk_dump_stats(ruk_device_t rep, int non_zero)
+{
+    const struct ruk__epstats *stats = &rep->rep_stats;
+    const struct {
+        const char *name;
+        uint64_t value;
+    } lines[] = {
+        {"dropped_badproto", stats->dropped_badproto},
+        {"dropped_badfilter", stats->dropped_badfilter},
+        {"dropped_nosock", stats->dropped_nosock},
+        {"dropped_runts", stats->dropped_runts},
+        {"dropped_badlength", stats->dropped_badlength},
+        {"dropped_csum", stats->dropped_csum},
+        {"dropped_oo_bouncebufs", stats->dropped_oo_bouncebufs},
+        {"dropped_oo_events", stats->dropped_oo_events},
+        {"dropped_broadcast_filtered", stats->dropped_broadcast_filtered},
+        {"used_borrowbufs", stats->used_borrowbufs},
+        {"used_bouncebufs", stats->used_bouncebufs},
+    };
+    for (const auto &line : lines)
+        if (line.value != 0 || !non_zero)
+            printf("\t%s = %12llu\n", line.name, (unsigned long long)line.value);
+}
