@@ -1,0 +1,31 @@
+# What "cmake --install" adds for those who build against the library: pkg-config file, CMake package, man pages.
+# Libraries, headers and programs are installed where they are built.
+
+include(CMakePackageConfigHelpers)
+
+# Relative to the prefix where that is possible, so that a moved tree needs one change.
+foreach(dir LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+    set(RUK_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+  else()
+    set(RUK_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
+configure_file(${CMAKE_SOURCE_DIR}/cmake/ruk.pc.in ${CMAKE_BINARY_DIR}/ruk.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/ruk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(RUK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ruk)
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/ruk-config.cmake.in ${CMAKE_BINARY_DIR}/ruk-config.cmake
+                              INSTALL_DESTINATION ${RUK_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/ruk-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/ruk-config.cmake ${CMAKE_BINARY_DIR}/ruk-config-version.cmake
+        DESTINATION ${RUK_CMAKE_DIR})
+install(EXPORT ruk-targets NAMESPACE ruk:: DESTINATION ${RUK_CMAKE_DIR})
+
+# man/ruk_open.3 goes to man3, man/ruk-recv.1 to man1; links among them stay links.
+foreach(section 1 3 7 8)
+  file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/man/*.${section} ${CMAKE_SOURCE_DIR}/man/man${section}/*.${section})
+  if(pages)
+    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+  endif()
+endforeach()

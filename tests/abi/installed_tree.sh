@@ -1,0 +1,80 @@
+#!/bin/bash
+# The installed tree serves a stranger: a program is compiled against its headers and its pkg-config file, as C11 and
+# as C++20, linked with the shared and with the static library, and run; the same through the CMake package.
+#
+#   installed_tree.sh BUILD_DIR CC CXX FLAGS      FLAGS: further compiler flags, for example -m32
+set -euo pipefail
+build=$1 cc=$2 cxx=$3
+read -ra flags <<<"${4:-}"
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+tree=$(mktemp -d)
+trap 'rm -rf "$tree"' EXIT
+
+prefix=$tree/prefix
+cmake --install "$build" --prefix "$prefix" >"$tree/install.log" || {
+    cat "$tree/install.log"
+    exit 1
+}
+pc=$(find "$prefix" -name ruk.pc)
+libdir=$(dirname "$(dirname "$pc")")
+export PKG_CONFIG_PATH=${pc%/*}
+pc_config() {
+    pkg-config --define-variable=prefix="$prefix" "$@" ruk
+}
+
+fail() {
+    echo "installed tree: $*"
+    exit 1
+}
+
+for file in libruk.so libruk.so.0 libruk.a; do
+    [[ -e $libdir/$file ]] || fail "no $file"
+done
+[[ -e $prefix/include/ruk.h ]] || fail "no ruk.h"
+[[ -n $(pc_config --modversion) ]] || fail "ruk.pc has no version"
+
+strict=(-Wall -Wextra -Wpedantic -Werror)
+read -ra cflags <<<"$(pc_config --cflags)"
+read -ra libs <<<"$(pc_config --libs)"
+read -ra private <<<"$(pc_config --libs --static)"
+"$cc" "${flags[@]}" -std=c11 -D_DEFAULT_SOURCE "${strict[@]}" "${cflags[@]}" -o "$tree/c_shared" "$here/consumer.c" "${libs[@]}"
+"$cxx" "${flags[@]}" -std=c++20 "${strict[@]}" "${cflags[@]}" -o "$tree/cxx_shared" -x c++ "$here/consumer.c" -x none "${libs[@]}"
+"$cc" "${flags[@]}" -std=c11 -D_DEFAULT_SOURCE "${strict[@]}" "${cflags[@]}" -o "$tree/c_static" "$here/consumer.c" \
+    -Wl,-Bstatic "${private[@]}" -Wl,-Bdynamic
+"$cxx" "${flags[@]}" -std=c++20 "${strict[@]}" "${cflags[@]}" -o "$tree/cxx_static" -x c++ "$here/consumer.c" -x none \
+    -Wl,-Bstatic "${private[@]}" -Wl,-Bdynamic
+
+for program in c_shared cxx_shared; do
+    readelf -d "$tree/$program" | grep -q 'NEEDED.*\[libruk.so.0\]' || fail "$program is not linked with libruk.so.0"
+    LD_LIBRARY_PATH=$libdir "$tree/$program" || fail "$program failed"
+done
+for program in c_static cxx_static; do
+    if readelf -d "$tree/$program" | grep -q 'NEEDED.*libruk'; then
+        fail "$program needs the shared library"
+    fi
+    "$tree/$program" || fail "$program failed"
+done
+
+# Through the CMake package, whose imported targets bring headers, thread library and language along.
+mkdir "$tree/user"
+cat >"$tree/user/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(user LANGUAGES C CXX)
+find_package(ruk REQUIRED)
+add_executable(with_shared "$here/consumer.c")
+target_link_libraries(with_shared PRIVATE ruk::ruk)
+add_executable(with_static "$here/consumer.c")
+target_link_libraries(with_static PRIVATE ruk::ruk_static)
+CMAKE
+if ! {
+    CC=$cc CXX=$cxx CFLAGS="${flags[*]} -D_DEFAULT_SOURCE" CXXFLAGS="${flags[*]}" \
+        cmake -S "$tree/user" -B "$tree/user/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" &&
+        cmake --build "$tree/user/build"
+} >"$tree/user.log" 2>&1; then
+    cat "$tree/user.log"
+    fail "the CMake package does not serve"
+fi
+for program in with_shared with_static; do
+    "$tree/user/build/$program" || fail "$program failed"
+done
+echo "installed tree: ok"
