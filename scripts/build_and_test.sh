@@ -1,0 +1,59 @@
+#!/bin/bash
+# Configures, builds and tests one kind of build.
+#
+#   scripts/build_and_test.sh KIND BUILD_DIR RESULTS.xml [CTEST_ARGUMENT...]
+#
+# KIND: 64 (all of the project), 32, address, thread (libraries and unit tests). Results are JUnit XML. Further
+# cmake arguments may be given in RUK_CMAKE_ARGS.
+set -euo pipefail
+
+kind=$1 build=$2 results=$3
+shift 3
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# Programs with a sanitizer need their shadow memory's place, which address randomisation may take.
+in_fixed_layout=()
+options=()
+case $kind in
+64) ;;
+32) options+=(-DRUK_32BIT=ON -DRUK_BUILD_TOOLS=OFF -DRUK_BUILD_BENCH=OFF) ;;
+address | thread)
+    options+=("-DRUK_SANITIZE=$kind" -DRUK_BUILD_TOOLS=OFF -DRUK_BUILD_BENCH=OFF)
+    if setarch -R true 2>/dev/null; then
+        in_fixed_layout=(setarch -R)
+    fi
+    ;;
+*)
+    echo "build_and_test: unknown kind '$kind'" >&2
+    exit 2
+    ;;
+esac
+if command -v ccache >/dev/null; then
+    options+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+read -ra further <<<"${RUK_CMAKE_ARGS:-}"
+
+mkdir -p "$build" "$(dirname "$results")"
+rm -f "$results"
+log=$build/build.log
+if ! {
+    cmake -S "$root" -B "$build" -G Ninja "${options[@]}" "${further[@]}" &&
+        cmake --build "$build" -j 2
+} >"$log" 2>&1; then
+    grep -E -A 12 'error|FAILED|Error' "$log" | head -n 80 || tail -n 40 "$log"
+    echo "build_and_test: the $kind build failed; all of it is in $log"
+    exit 1
+fi
+# A warning is worth seeing even where it is no error.
+grep -E 'warning:' "$log" | sort -u | head -n 20 || true
+
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export ASAN_OPTIONS=detect_stack_use_after_return=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+"${in_fixed_layout[@]}" ctest --test-dir "$build" -j 2 --output-on-failure --no-tests=error --timeout 300 \
+    --output-junit "$results" "$@" >"$build/ctest.log" 2>&1 || {
+    status=$?
+    # Only what failed: the passed ones fill screens.
+    grep -v -E '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed|^ +Start +[0-9]+:' "$build/ctest.log" | tail -n 150
+    exit "$status"
+}

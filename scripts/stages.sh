@@ -1,0 +1,37 @@
+# Stages of a check script: each is announced, timed, bounded, and its outcome added up. To be sourced.
+#
+#   say TEXT               a line with the minutes since the script began
+#   stage NAME MINUTES COMMAND...   runs the command, whose output shows; its status is the stage's
+
+script_began=$SECONDS
+stage_times=()
+
+minutes() { # SECONDS
+    printf '%d.%d' $(($1 / 60)) $(($1 % 60 / 6))
+}
+
+say() {
+    printf '[%5s min] %s\n' "$(minutes $((SECONDS - script_began)))" "$*"
+}
+
+stage() {
+    local name=$1 limit=$2 began=$SECONDS status
+    shift 2
+    say "$name ..."
+    timeout --kill-after=20 "$((limit * 60))" "$@" </dev/null
+    status=$?
+    local took
+    took=$(minutes $((SECONDS - began)))
+    if ((status == 124 || status == 137)); then
+        say "$name: stopped after its limit of $limit minutes"
+    elif ((status != 0)); then
+        say "$name: FAILED (status $status)"
+    fi
+    stage_times+=("$(printf '%6s of %2d min  %s%s' "$took" "$limit" "$name" "$( ((status)) && echo ': FAILED')")")
+    return "$status"
+}
+
+print_stage_times() {
+    printf '\nMinutes:\n'
+    printf '%s\n' "${stage_times[@]}"
+}
