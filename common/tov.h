@@ -74,7 +74,7 @@ uint64_t tov_host_nsecs(void);
 int cmp_uint64(const void *ap, const void *bp);
 
 /* The time-stamp counter, read without serialising. */
-static inline tov_cycles_t tov_get_cycles(void) { return __builtin_ia32_rdtsc(); }
+inline tov_cycles_t tov_get_cycles(void) { return __builtin_ia32_rdtsc(); }
 
 /* ------------------------------------------------------------------ adapter identity and list */
 

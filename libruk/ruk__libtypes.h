@@ -245,6 +245,8 @@ struct ruk__ep {
 
 /* ------------------------------------------------------------------ locks */
 
+extern "C" {
+
 /* Endpoint lock and receive lock; nothing on an endpoint without locks. */
 inline void ruk__ep_lock(struct ruk__ep *rep)
 {
@@ -266,5 +268,7 @@ inline void ruk__ep_rx_unlock(struct ruk__ep *rep)
     if (rep->rep_rx_lockp)
         pthread_mutex_unlock(rep->rep_rx_lockp);
 }
+
+} /* extern "C" */
 
 #endif
