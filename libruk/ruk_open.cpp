@@ -538,7 +538,7 @@ extern "C" int ruk_open_if(const char *ifname, int flags, ruk_device_t *dev_out)
 {
     if (!ifname || !dev_out)
         return EINVAL;
-    struct in_addr addr;
+    struct in_addr addr = {};
     int rc = iface_to_interface_addr(ifname, &addr);
     if (rc != 0)
         return rc;
