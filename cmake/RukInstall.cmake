@@ -14,6 +14,10 @@ endforeach()
 configure_file(${CMAKE_SOURCE_DIR}/cmake/ruk.pc.in ${CMAKE_BINARY_DIR}/ruk.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/ruk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# The version file refuses users of another word size; -m32 came after CMake had looked at the compiler.
+if(RUK_32BIT)
+  set(CMAKE_SIZEOF_VOID_P 4)
+endif()
 set(RUK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ruk)
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/ruk-config.cmake.in ${CMAKE_BINARY_DIR}/ruk-config.cmake
                               INSTALL_DESTINATION ${RUK_CMAKE_DIR})

@@ -34,6 +34,7 @@ fi
 read -ra further <<<"${RUK_CMAKE_ARGS:-}"
 
 mkdir -p "$build" "$(dirname "$results")"
+results=$(realpath "$results") # ctest would take it from the build directory
 rm -f "$results"
 log=$build/build.log
 if ! {
