@@ -1,0 +1,61 @@
+/*
+ * Threads: one receives while another sends to it what standard input says; the right order to stop.
+ *
+ *     example-threads IF PORT PEER PEERPORT
+ */
+#include "ruk.h"
+
+#include <arpa/inet.h>
+#include <pthread.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static atomic_int stopping, receiver_left;
+
+static void *receive(void *dev)
+{
+    while (!stopping) {
+        char payload[1500];
+        struct ruk_recv_info info;
+        /* Sleeps; a shutdown ends it with EINTR within a second. */
+        if (ruk_recvfrom(dev, RUK_RECV_BLOCK, payload, sizeof payload, &info) == 0 && info.msg_len <= sizeof payload)
+            printf("%.*s\n", (int)info.msg_len, payload);
+        fflush(stdout);
+    }
+    receiver_left = 1;
+    return NULL;
+}
+
+int main(int argc, char **argv)
+{
+    struct sockaddr_in peer = {.sin_family = AF_INET};
+    if (argc != 5 || inet_pton(AF_INET, argv[3], &peer.sin_addr) != 1) {
+        fprintf(stderr, "usage: %s IF PORT PEER PEERPORT\n", argv[0]);
+        return 2;
+    }
+    peer.sin_port = htons((uint16_t)atoi(argv[4]));
+    ruk_device_t dev;
+    ruk_channel_t channel;
+    pthread_t receiver;
+    /* An endpoint that several threads use needs its locks. */
+    if (ruk_init(RUK_API_VERSION) || ruk_open_if(argv[1], RUK_OPEN_THREAD_SAFE, &dev))
+        return 1;
+    int rc = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel);
+    if (rc == 0 && pthread_create(&receiver, NULL, receive, dev) == 0) {
+        char line[1400];
+        while (rc == 0 && fgets(line, sizeof line, stdin))
+            rc = ruk_sendto(channel, &peer, line, (int)strcspn(line, "\n"), 0);
+
+        /* Closing wakes no sleeping receiver, and a receive call forgets a shutdown made before it: repeat. */
+        for (stopping = 1; !receiver_left; usleep(10000))
+            ruk_shutdown(dev, 0);
+        pthread_join(receiver, NULL);
+    }
+    ruk_close(dev);
+    if (rc != 0)
+        fprintf(stderr, "%s\n", strerror(rc));
+    return rc != 0;
+}

@@ -1,0 +1,488 @@
+#include "common.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace tools {
+
+namespace {
+
+std::string program_name = "ruk";
+
+constexpr int64_t second_ns = 1'000'000'000;
+
+} // namespace
+
+/* ------------------------------------------------------------------ program frame */
+
+std::string errno_text(int error) { return strerror(error); }
+
+std::string errno_name(int error)
+{
+    const char *name = strerrorname_np(error);
+    return name ? name : std::to_string(error);
+}
+
+int run_program(CLI::App &app, int argc, char **argv, const std::function<int()> &body)
+{
+    program_name = app.get_name();
+    app.set_version_flag("--version", program_name + " " RUK_VERSION, "Print the version and exit");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        /* --help and --version arrive here too, with code 0. */
+        return app.exit(e) == 0 ? exit_ok : exit_error;
+    }
+    try {
+        return body();
+    } catch (const std::exception &e) {
+        fflush(stdout);
+        note(e.what());
+        return exit_error;
+    }
+}
+
+void note(std::string_view text)
+{
+    std::string line = fmt::format("{}: {}\n", program_name, text);
+    fwrite(line.data(), 1, line.size(), stderr);
+}
+
+void put_line(std::string_view text)
+{
+    fwrite(text.data(), 1, text.size(), stdout);
+    fputc('\n', stdout);
+    if (fflush(stdout) != 0 || ferror(stdout))
+        fail("cannot write to standard output: {}", errno_text(errno));
+}
+
+/* ------------------------------------------------------------------ time */
+
+int64_t monotonic_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * second_ns + ts.tv_nsec;
+}
+
+int64_t deadline_after(std::optional<double> seconds)
+{
+    /* A year and a century are the same to a waiting program; the limit keeps the sum in range. */
+    if (!seconds || *seconds > 1e9)
+        return no_deadline;
+    return monotonic_ns() + static_cast<int64_t>(*seconds * 1e9);
+}
+
+std::string time_text(uint64_t timestamp_ns)
+{
+    if (timestamp_ns == 0)
+        return "-";
+    return fmt::format("{}.{:09}", timestamp_ns / second_ns, timestamp_ns % second_ns);
+}
+
+/* ------------------------------------------------------------------ addresses */
+
+std::string addr_text(in_addr addr)
+{
+    char text[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &addr, text, sizeof text);
+    return text;
+}
+
+std::string endpoint_text(const sockaddr_in &sin)
+{
+    return fmt::format("{}:{}", addr_text(sin.sin_addr), ntohs(sin.sin_port));
+}
+
+in_addr parse_addr(const std::string &text, std::string_view what)
+{
+    in_addr addr;
+    if (inet_pton(AF_INET, text.c_str(), &addr) != 1)
+        fail("{}: '{}' is not an IPv4 address like 10.0.0.1", what, text);
+    return addr;
+}
+
+sockaddr_in parse_destination(const std::string &text)
+{
+    size_t colon = text.rfind(':');
+    unsigned port = 0;
+    bool port_good = false;
+    if (colon != std::string::npos) {
+        const char *first = text.data() + colon + 1;
+        const char *last = text.data() + text.size();
+        auto [end, error] = std::from_chars(first, last, port);
+        port_good = error == std::errc{} && end == last && port >= 1 && port <= 65535;
+    }
+    if (!port_good)
+        fail("'{}' is not a destination like 10.0.0.1:5000", text);
+    sockaddr_in sin{};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(static_cast<uint16_t>(port));
+    sin.sin_addr = parse_addr(text.substr(0, colon), "destination");
+    return sin;
+}
+
+Group parse_group(const std::string &text)
+{
+    Group group;
+    size_t at = text.find('@');
+    group.group = parse_addr(text.substr(0, at), "group");
+    if (!IN_MULTICAST(ntohl(group.group.s_addr)))
+        fail("group: {} is not a multicast address (224.0.0.0 to 239.255.255.255)", addr_text(group.group));
+    if (at != std::string::npos)
+        group.source = parse_addr(text.substr(at + 1), "source of the group");
+    return group;
+}
+
+std::string group_text(const Group &group)
+{
+    return addr_text(group.group) + (group.source ? "@" + addr_text(*group.source) : "");
+}
+
+/* ------------------------------------------------------------------ interface and endpoint */
+
+void InterfaceChoice::add_options(CLI::App &app)
+{
+    CLI::Option_group *choice = app.add_option_group("interface", "Which adapter to use");
+    choice->add_option("-i,--interface", name, "Name of a host interface on the adapter")->type_name("IF");
+    choice->add_option("-a,--address", addr, "IPv4 address of a host interface on the adapter")->type_name("ADDR");
+    choice->require_option(1);
+}
+
+size_t Interface::max_payload() const
+{
+    constexpr int headers = 20 + 8; /* IPv4 and UDP */
+    if (mtu <= headers)
+        return 0;
+    return std::min<size_t>(static_cast<size_t>(mtu - headers), max_udp_payload);
+}
+
+namespace {
+
+int interface_mtu(const std::string &name)
+{
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0)
+        fail("cannot open a socket: {}", errno_text(errno));
+    ifreq ifr{};
+    name.copy(ifr.ifr_name, sizeof ifr.ifr_name - 1);
+    int rc = ioctl(s, SIOCGIFMTU, &ifr);
+    int error = errno;
+    close(s);
+    if (rc != 0)
+        fail("cannot read the MTU of {}: {}", name, errno_text(error));
+    return ifr.ifr_mtu;
+}
+
+} // namespace
+
+Interface find_interface(const InterfaceChoice &choice)
+{
+    in_addr wanted{};
+    if (!choice.addr.empty())
+        wanted = parse_addr(choice.addr, "-a");
+    else if (if_nametoindex(choice.name.c_str()) == 0)
+        fail("no interface is named '{}'", choice.name);
+
+    ifaddrs *list = nullptr;
+    if (getifaddrs(&list) != 0)
+        fail("cannot list the interfaces: {}", errno_text(errno));
+    Interface found;
+    for (ifaddrs *entry = list; entry && found.name.empty(); entry = entry->ifa_next) {
+        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET)
+            continue;
+        in_addr addr = reinterpret_cast<sockaddr_in *>(entry->ifa_addr)->sin_addr;
+        if (choice.addr.empty() ? choice.name == entry->ifa_name : addr.s_addr == wanted.s_addr) {
+            found.name = entry->ifa_name;
+            found.addr = addr;
+        }
+    }
+    freeifaddrs(list);
+    if (found.name.empty() && choice.addr.empty())
+        fail("interface {} has no IPv4 address", choice.name);
+    if (found.name.empty())
+        fail("no interface has the address {}", choice.addr);
+    /* An alias has a name of its own ("eth0:1"); its device has the MTU. */
+    found.mtu = interface_mtu(found.name.substr(0, found.name.find(':')));
+    return found;
+}
+
+void init_library()
+{
+    int rc = ruk_init(RUK_API_VERSION);
+    switch (rc) {
+    case 0:
+        return;
+    case ENOENT:
+        fail("no adapter device file (/dev/oxelB*): the driver is not loaded. "
+             "To use the software adapter, run this under 'rukrun --soft=IF --'");
+    case ENODEV:
+    case ENXIO:
+        fail("the driver is there but offers no adapter that this library can use: {}", errno_text(rc));
+    case EACCES:
+        fail("no permission to open the adapter's device files (/dev/oxelB*)");
+    default:
+        fail("the library cannot be initialised: {}", errno_text(rc));
+    }
+}
+
+Endpoint::Endpoint(const InterfaceChoice &choice, int flags) : interface_(find_interface(choice))
+{
+    init_library();
+    int rc =
+        choice.addr.empty() ? ruk_open_if(choice.name.c_str(), flags, &dev_) : ruk_open(&interface_.addr, flags, &dev_);
+    if (rc == 0)
+        return;
+    if (dev_) /* open, but without its routes */
+        ruk_close(dev_);
+    if (rc == ENODEV)
+        fail("interface {} ({}) is not on an adapter of this driver; for the software adapter name it in "
+             "'rukrun --soft={} --'",
+             interface_.name, addr_text(interface_.addr), interface_.name);
+    if (rc == EBUSY)
+        fail("every endpoint of the adapter behind {} is in use", interface_.name);
+    fail("cannot open an endpoint on {}: {}", interface_.name, errno_text(abs(rc)));
+}
+
+Endpoint::~Endpoint() { ruk_close(dev_); }
+
+ruk_channel_t Endpoint::bind(int port, int flags)
+{
+    ruk_channel_t channel = nullptr;
+    int rc = ruk_bind(dev_, flags, port, nullptr, &channel);
+    if (rc == EADDRINUSE)
+        fail("port {} of {} is in use by another program", port, addr_text(interface_.addr));
+    if (rc != 0)
+        fail("cannot bind port {}: {}", port, errno_text(rc));
+    return channel;
+}
+
+sockaddr_in channel_address(ruk_channel_t channel)
+{
+    sockaddr_in sin{};
+    ruk_getaddress(channel, &sin);
+    return sin;
+}
+
+std::string send_error_text(int error)
+{
+    switch (error) {
+    case EHOSTUNREACH:
+        return "no route to the destination";
+    case EADDRNOTAVAIL:
+        return "the next hop does not answer ARP";
+    case EINVAL:
+        return "the destination is on this very adapter, or not a valid one";
+    default:
+        return errno_text(error);
+    }
+}
+
+std::vector<std::pair<std::string, uint64_t>> endpoint_counters(ruk_device_t dev)
+{
+    /* The library reports on standard output alone: lend it a file for the time of the call. */
+    int file = memfd_create("counters", MFD_CLOEXEC);
+    fflush(stdout);
+    int saved = dup(STDOUT_FILENO);
+    if (file < 0 || saved < 0)
+        fail("cannot read the counters: {}", errno_text(errno));
+    dup2(file, STDOUT_FILENO);
+    ruk_dump_stats(dev, 0);
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+
+    std::vector<std::pair<std::string, uint64_t>> counters;
+    lseek(file, 0, SEEK_SET);
+    FILE *report = fdopen(file, "r");
+    char name[64];
+    unsigned long long value;
+    while (report && fscanf(report, " %63s = %llu", name, &value) == 2)
+        counters.emplace_back(name, value);
+    if (report)
+        fclose(report);
+    return counters;
+}
+
+/* ------------------------------------------------------------------ signals and waiting */
+
+namespace {
+
+volatile sig_atomic_t stop_requested = 0;
+int stop_fd = -1;
+
+void request_stop(int)
+{
+    int saved = errno;
+    stop_requested = 1;
+    uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(stop_fd, &one, sizeof one);
+    errno = saved;
+}
+
+} // namespace
+
+StopSignal::StopSignal()
+{
+    stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (stop_fd < 0)
+        fail("cannot make an event descriptor: {}", errno_text(errno));
+    struct sigaction action {};
+    action.sa_handler = request_stop;
+    action.sa_flags = static_cast<int>(SA_RESETHAND); /* the second one ends the program */
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool StopSignal::requested() const { return stop_requested != 0; }
+
+int StopSignal::fd() const { return stop_fd; }
+
+void StopSignal::sleep_until(int64_t when_ns) const
+{
+    while (!requested() && monotonic_ns() < when_ns)
+        wait_readable(stop_fd, -1, when_ns);
+}
+
+const char *wait_mode_name(WaitMode mode)
+{
+    switch (mode) {
+    case WaitMode::spin:
+        return "spin";
+    case WaitMode::nonblock:
+        return "nonblock";
+    case WaitMode::block:
+        break;
+    }
+    return "block";
+}
+
+void add_wait_option(CLI::App &app, WaitMode &mode)
+{
+    static const std::vector<std::pair<std::string, WaitMode>> modes = {
+        {"spin", WaitMode::spin}, {"nonblock", WaitMode::nonblock}, {"block", WaitMode::block}};
+    app.add_option_function<std::string>(
+           "--wait",
+           [&mode](const std::string &name) {
+               for (const auto &[known, value] : modes)
+                   if (known == name)
+                       mode = value;
+           },
+           "How to wait: spin (shortest latency, takes a processor), nonblock (look, then poll the device "
+           "descriptor), block (sleep inside the library; an end may take a second longer)")
+        ->check(CLI::IsMember({"spin", "nonblock", "block"}))
+        ->type_name("MODE")
+        ->default_str(wait_mode_name(mode));
+}
+
+void wait_readable(int fd, int other_fd, int64_t deadline_ns)
+{
+    pollfd fds[2] = {{fd, POLLIN, 0}, {other_fd, POLLIN, 0}};
+    if (deadline_ns == no_deadline) {
+        poll(fds, 2, -1);
+        return;
+    }
+    int64_t left = std::max<int64_t>(deadline_ns - monotonic_ns(), 0);
+    timespec ts{};
+    ts.tv_sec = static_cast<time_t>(left / second_ns);
+    ts.tv_nsec = static_cast<long>(left % second_ns);
+    ppoll(fds, 2, &ts, nullptr);
+}
+
+Receiver::Receiver(ruk_device_t dev, WaitMode mode, const StopSignal &stop) : dev_(dev), mode_(mode), stop_(stop)
+{
+    if (mode_ == WaitMode::nonblock)
+        return;
+    quit_fd_ = eventfd(0, EFD_CLOEXEC);
+    if (quit_fd_ < 0)
+        fail("cannot make an event descriptor: {}", errno_text(errno));
+    guard_ = std::thread([this] { guard(); });
+}
+
+Receiver::~Receiver()
+{
+    if (!guard_.joinable())
+        return;
+    quit_ = true;
+    eventfd_write(quit_fd_, 1);
+    guard_.join();
+    close(quit_fd_);
+}
+
+/* Ends receive calls that wait past their deadline or past a stop request. */
+void Receiver::guard()
+{
+    constexpr int64_t longest_sleep = second_ns / 5; /* a deadline may be set while this sleeps */
+    constexpr int64_t retry = second_ns / 500;
+    while (!quit_) {
+        int64_t now = monotonic_ns();
+        bool due = stop_.requested() || now >= deadline_.load();
+        if (due && inside_)
+            ruk_shutdown(dev_, 0);
+        int64_t wake = std::min(due ? now + (inside_ ? retry : longest_sleep) : deadline_.load(), now + longest_sleep);
+        wait_readable(quit_fd_, stop_.requested() ? -1 : stop_.fd(), wake);
+    }
+}
+
+int Receiver::receive(void *buf, size_t len, ruk_recv_info *info, int64_t deadline_ns)
+{
+    memset(info, 0, sizeof *info);
+    /* First of all, so that a flood of datagrams cannot keep the program from ending. */
+    if (stop_.requested())
+        return ECANCELED;
+    if (deadline_ns != no_deadline && monotonic_ns() >= deadline_ns)
+        return EAGAIN;
+    switch (mode_) {
+    case WaitMode::spin:
+        return receive_guarded(RUK_RECV_DEFAULT, buf, len, info, deadline_ns);
+    case WaitMode::block:
+        return receive_guarded(RUK_RECV_BLOCK, buf, len, info, deadline_ns);
+    case WaitMode::nonblock:
+        break;
+    }
+    return receive_polling(buf, len, info, deadline_ns);
+}
+
+int Receiver::receive_polling(void *buf, size_t len, ruk_recv_info *info, int64_t deadline_ns)
+{
+    for (;;) {
+        int rc = ruk_recvfrom(dev_, RUK_RECV_NONBLOCK, buf, len, info);
+        if (rc != EAGAIN)
+            return rc;
+        if (stop_.requested())
+            return ECANCELED;
+        if (monotonic_ns() >= deadline_ns)
+            return EAGAIN;
+        wait_readable(ruk_device_handle(dev_), stop_.fd(), deadline_ns);
+    }
+}
+
+int Receiver::receive_guarded(ruk_recvmode mode, void *buf, size_t len, ruk_recv_info *info, int64_t deadline_ns)
+{
+    for (;;) {
+        deadline_ = deadline_ns;
+        inside_ = true;
+        int rc = ruk_recvfrom(dev_, mode, buf, len, info);
+        inside_ = false;
+        if (rc != EINTR)
+            return rc;
+        if (stop_.requested())
+            return ECANCELED;
+        if (monotonic_ns() >= deadline_ns)
+            return EAGAIN;
+    }
+}
+
+} // namespace tools

@@ -1,0 +1,269 @@
+/*
+ * ruk-recv: prints the datagrams that arrive on UDP ports of an adapter, one line each.
+ */
+#include "common.h"
+
+#include <nlohmann/json.hpp>
+
+#include <set>
+
+using namespace tools;
+using nlohmann::ordered_json;
+
+namespace {
+
+struct Options {
+    InterfaceChoice interface;
+    std::vector<uint16_t> ports;
+    std::vector<std::string> groups;
+    std::vector<std::string> blocks;
+    std::optional<uint64_t> count;
+    std::optional<double> seconds;
+    WaitMode wait = WaitMode::nonblock;
+    ruk_filter_mode filter = RUK_RECV_FILTER_NORMAL;
+    bool hw_timestamps = false;
+    bool broadcast = false;
+    bool reuse = false;
+    bool json = false;
+    bool stats = false;
+};
+
+void describe_options(CLI::App &app, Options &opt)
+{
+    opt.interface.add_options(app);
+    app.add_option("-p,--port", opt.ports, "UDP port to receive on (repeatable; 0 lets the host choose)")
+        ->type_name("PORT")
+        ->allow_extra_args(false);
+    app.add_option("-g,--group", opt.groups, "Multicast group to join, from any source or from one (repeatable)")
+        ->type_name("GROUP[@SOURCE]")
+        ->allow_extra_args(false);
+    app.add_option("--block", opt.blocks,
+                   "Have the kernel socket block a source of a joined group (repeatable); the adapter's filters, "
+                   "and so what is printed here, do not change")
+        ->type_name("GROUP@SOURCE")
+        ->allow_extra_args(false);
+    app.add_option("-n,--count", opt.count, "End after so many datagrams")->type_name("COUNT");
+    app.add_option("-t,--time", opt.seconds, "End after so many seconds")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
+    add_wait_option(app, opt.wait);
+    app.add_flag("--hw-timestamps", opt.hw_timestamps, "Date datagrams by the adapter's clock");
+    app.add_option_function<std::string>(
+           "--filter",
+           [&opt](const std::string &mode) {
+               opt.filter = mode == "raw"        ? RUK_RECV_FILTER_RAW
+                            : mode == "allmulti" ? RUK_RECV_FILTER_ALLMULTI
+                                                 : RUK_RECV_FILTER_NORMAL;
+           },
+           "Which frames to receive: normal (datagrams of the ports), allmulti (every multicast frame too), "
+           "raw (every frame, printed whole with its 4-byte trailer)")
+        ->check(CLI::IsMember({"normal", "allmulti", "raw"}))
+        ->type_name("MODE")
+        ->default_str("normal");
+    app.add_flag("--broadcast", opt.broadcast, "Receive broadcasts to the ports as well");
+    app.add_flag("--reuse", opt.reuse, "Share the ports with other programs that ask for it too");
+    app.add_flag("--json", opt.json, "One JSON object a line");
+    app.add_flag("--stats", opt.stats, "Print the endpoint's counters at the end");
+    app.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"
+               "SIGINT and SIGTERM end it cleanly.");
+}
+
+/* A group joined twice on a channel would be released twice. */
+std::vector<Group> parse_groups(const std::vector<std::string> &texts)
+{
+    std::vector<Group> groups;
+    std::set<uint32_t> any_source;
+    std::set<uint32_t> some_source;
+    std::set<std::string> seen;
+    for (const std::string &text : texts) {
+        Group group = parse_group(text);
+        if (!seen.insert(group_text(group)).second)
+            fail("group {} is given twice", group_text(group));
+        (group.source ? some_source : any_source).insert(group.group.s_addr);
+        if (any_source.count(group.group.s_addr) && some_source.count(group.group.s_addr))
+            fail("group {} is given both with and without a source", addr_text(group.group));
+        groups.push_back(group);
+    }
+    return groups;
+}
+
+std::vector<Group> parse_blocks(const std::vector<std::string> &texts, const std::vector<Group> &joined)
+{
+    std::vector<Group> blocks;
+    for (const std::string &text : texts) {
+        Group block = parse_group(text);
+        if (!block.source)
+            fail("--block: '{}' names no source; write GROUP@SOURCE", text);
+        bool member = false;
+        for (const Group &group : joined)
+            member = member || (group.group.s_addr == block.group.s_addr && !group.source);
+        if (!member)
+            fail("--block {}: join the group with -g {}", text, addr_text(block.group));
+        blocks.push_back(block);
+    }
+    return blocks;
+}
+
+void check_ports(const Options &opt)
+{
+    std::set<uint16_t> seen;
+    for (uint16_t port : opt.ports)
+        if (port != 0 && !seen.insert(port).second)
+            fail("port {} is given twice", port);
+    if (opt.ports.empty() && opt.filter == RUK_RECV_FILTER_NORMAL)
+        fail("which port? (-p PORT)");
+    if (opt.ports.empty() && !opt.groups.empty())
+        fail("a group is joined on a port: give -p PORT");
+}
+
+void join(ruk_channel_t channel, const std::vector<Group> &groups, const std::vector<Group> &blocks)
+{
+    for (const Group &group : groups) {
+        int rc = group.source ? ruk_mcast_join_source(channel, &group.group, &*group.source)
+                              : ruk_mcast_join(channel, &group.group, nullptr);
+        if (rc != 0)
+            fail("cannot join {}: {}", group_text(group), errno_text(rc));
+    }
+    for (const Group &block : blocks) {
+        int rc = ruk_mcast_block_source(channel, &block.group, &*block.source);
+        if (rc != 0)
+            fail("cannot block {}: {}", group_text(block), errno_text(rc < 0 ? errno : rc));
+    }
+}
+
+std::string hex(const uint8_t *data, size_t len)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text(2 * len, '\0');
+    for (size_t i = 0; i < len; i++) {
+        text[2 * i] = digits[data[i] >> 4];
+        text[2 * i + 1] = digits[data[i] & 15];
+    }
+    return text;
+}
+
+/* The first bytes as text, what is not printable as \xNN. */
+std::string preview(const uint8_t *data, size_t len)
+{
+    constexpr size_t shown = 32;
+    std::string text = "\"";
+    for (size_t i = 0; i < len && i < shown; i++) {
+        if (data[i] == '"' || data[i] == '\\')
+            text += {'\\', static_cast<char>(data[i])};
+        else if (data[i] >= 0x20 && data[i] < 0x7f)
+            text += static_cast<char>(data[i]);
+        else
+            text += fmt::format("\\x{:02x}", data[i]);
+    }
+    return text + (len > shown ? "\"..." : "\"");
+}
+
+/* The length comes from the sender's header: more than a datagram can have means that there is no payload. */
+bool malformed(const ruk_recv_info &info) { return info.msg_len > max_udp_payload; }
+
+/* A frame that is not IPv4, in the raw filter mode, has no addresses. */
+bool has_addresses(const ruk_recv_info &info) { return info.sin_from.sin_family == AF_INET; }
+
+std::string json_line(const ruk_recv_info &info, const uint8_t *data, size_t len)
+{
+    ordered_json line;
+    line["from"] = has_addresses(info) ? ordered_json(endpoint_text(info.sin_from)) : ordered_json(nullptr);
+    line["to"] = has_addresses(info) ? ordered_json(endpoint_text(info.sin_to)) : ordered_json(nullptr);
+    line["len"] = info.msg_len;
+    line["timestamp_ns"] = info.timestamp;
+    if (malformed(info))
+        line["malformed"] = true;
+    else
+        line["payload"] = hex(data, len);
+    return line.dump();
+}
+
+std::string text_line(const ruk_recv_info &info, const uint8_t *data, size_t len)
+{
+    std::string line = time_text(info.timestamp);
+    if (has_addresses(info))
+        line += fmt::format(" {} > {}", endpoint_text(info.sin_from), endpoint_text(info.sin_to));
+    else
+        line += " frame";
+    line += fmt::format(" len {} ", info.msg_len);
+    return line + (malformed(info) ? "malformed" : preview(data, len));
+}
+
+struct Tally {
+    uint64_t delivered = 0;
+    uint64_t malformed = 0;
+};
+
+void print_stats(const Options &opt, const Endpoint &endpoint, const Tally &tally)
+{
+    auto counters = endpoint_counters(endpoint.dev());
+    counters.insert(counters.begin(), {{"delivered", tally.delivered}, {"malformed", tally.malformed}});
+    if (opt.json) {
+        ordered_json stats;
+        for (const auto &[name, value] : counters)
+            stats[name] = value;
+        put_line(ordered_json{{"stats", stats}}.dump());
+        return;
+    }
+    put_line("counters:");
+    for (const auto &[name, value] : counters)
+        put_line(fmt::format("\t{:<26} = {:12}", name, value));
+}
+
+int receive_all(const Options &opt, const Endpoint &endpoint, const StopSignal &stop, Tally &tally)
+{
+    int64_t deadline = deadline_after(opt.seconds);
+    Receiver receiver(endpoint.dev(), opt.wait, stop);
+    std::vector<uint8_t> buffer(receive_buffer_size);
+    while (!opt.count || tally.delivered < *opt.count) {
+        ruk_recv_info info;
+        int rc = receiver.receive(buffer.data(), buffer.size(), &info, deadline);
+        if (rc == EAGAIN || rc == ECANCELED)
+            break;
+        if (rc != 0)
+            fail("cannot receive: {}", errno_text(rc));
+        (malformed(info) ? tally.malformed : tally.delivered)++;
+        size_t len = malformed(info) ? 0 : info.msg_len;
+        put_line(opt.json ? json_line(info, buffer.data(), len) : text_line(info, buffer.data(), len));
+    }
+    return opt.count && tally.delivered < *opt.count ? exit_incomplete : exit_ok;
+}
+
+int receive(const Options &opt)
+{
+    check_ports(opt);
+    std::vector<Group> groups = parse_groups(opt.groups);
+    std::vector<Group> blocks = parse_blocks(opt.blocks, groups);
+
+    StopSignal stop;
+    Endpoint endpoint(opt.interface, opt.hw_timestamps ? RUK_OPEN_HW_TIMESTAMPING : 0);
+    int flags = (opt.broadcast ? RUK_BIND_BROADCAST : 0) | (opt.reuse ? RUK_BIND_REUSE : 0);
+    std::string where;
+    for (uint16_t port : opt.ports) {
+        ruk_channel_t channel = endpoint.bind(port, flags);
+        join(channel, groups, blocks);
+        where += (where.empty() ? "" : ", ") + endpoint_text(channel_address(channel));
+    }
+    if (opt.filter != RUK_RECV_FILTER_NORMAL) {
+        int rc = ruk_set_filter_mode(endpoint.dev(), opt.filter);
+        if (rc != 0)
+            fail("cannot set the filter mode: {}", errno_text(rc));
+    }
+    note(fmt::format("listening on {}", where.empty() ? endpoint.interface().name : where));
+
+    Tally tally;
+    int status = receive_all(opt, endpoint, stop, tally);
+    if (opt.stats)
+        print_stats(opt, endpoint, tally);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app("Prints the datagrams that arrive on UDP ports of an adapter, one line each.", "ruk-recv");
+    Options opt;
+    describe_options(app, opt);
+    return run_program(app, argc, argv, [&] { return receive(opt); });
+}
