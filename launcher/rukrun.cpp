@@ -1,0 +1,257 @@
+// Runs a program with the software adapter in place of a card: the adapter is preloaded into it.
+#include "nuv_types.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netpacket/packet.h>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// As env(1) and its kind have them.
+constexpr int kFailed = 125, kCannotExecute = 126, kNotFound = 127;
+
+constexpr char kUsage[] = "Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--] PROGRAM [ARGUMENT...]\n"
+                          "\n"
+                          "Runs PROGRAM with the software adapter: in it, each of the interfaces IF is an adapter,\n"
+                          "/dev/oxelB0 and so on, whose driver and firmware are emulated over the interface.\n"
+                          "\n"
+                          "  --soft[=IF,...]  interfaces, in the order of the adapters' numbers; without names every\n"
+                          "                   interface that is up and whose MAC address begins with %02x:%02x:%02x\n"
+                          "  --mode=MODE      how posted send requests are noticed:\n"
+                          "                     fast      hardware watchpoint, small requests (default)\n"
+                          "                     exact     hardware watchpoints, sizes and depths as on the card\n"
+                          "                     fallback  page protection, where the host refuses watchpoints\n"
+                          "  --help           print this text\n"
+                          "  --version        print the version\n"
+                          "\n"
+                          "Needs the right to open packet sockets: run as root, or inside 'unshare -Urn'.\n"
+                          "Exit status: the program's; 125 when rukrun fails, 126 when PROGRAM cannot be executed,\n"
+                          "127 when it is not found.\n";
+
+template <typename... Args> [[noreturn]] void fail(int status, const char *format, Args... args)
+{
+    fprintf(stderr, "rukrun: ");
+    if constexpr (sizeof...(args) == 0)
+        fputs(format, stderr);
+    else
+        fprintf(stderr, format, args...);
+    fputc('\n', stderr);
+    exit(status);
+}
+
+struct Options {
+    bool soft = false;
+    std::vector<std::string> interfaces;
+    std::string mode;
+    char **program = nullptr;
+};
+
+std::vector<std::string> split(std::string_view list)
+{
+    std::vector<std::string> names;
+    for (size_t at = 0; at <= list.size();) {
+        const size_t end = std::min(list.find(',', at), list.size());
+        names.emplace_back(list.substr(at, end - at));
+        at = end + 1;
+    }
+    return names;
+}
+
+// Options end at the program's name, so that its arguments are its own.
+Options parse(int argc, char **argv)
+{
+    Options options;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; i++) {
+        const std::string_view arg = argv[i];
+        if (arg == "--") {
+            i++;
+            break;
+        }
+        if (arg == "--help" || arg == "-h") {
+            printf(kUsage, OXEL_MAC_PREFIX_0, OXEL_MAC_PREFIX_1, OXEL_MAC_PREFIX_2);
+            exit(0);
+        }
+        if (arg == "--version") {
+            puts("rukrun " RUK_LIB_VERSION);
+            exit(0);
+        }
+        if (arg == "--soft") {
+            options.soft = true;
+        } else if (arg.starts_with("--soft=")) {
+            options.soft = true;
+            options.interfaces = split(arg.substr(strlen("--soft=")));
+        } else if (arg.starts_with("--mode=")) {
+            options.mode = arg.substr(strlen("--mode="));
+            if (options.mode != "fast" && options.mode != "exact" && options.mode != "fallback")
+                fail(kFailed, "unknown mode '%s': it is fast, exact or fallback", options.mode.c_str());
+        } else {
+            fail(kFailed, "unknown option '%s' (see rukrun --help)", argv[i]);
+        }
+    }
+    if (!options.soft)
+        fail(kFailed, "say --soft or --soft=INTERFACE (see rukrun --help)");
+    if (i >= argc)
+        fail(kFailed, "no program given (see rukrun --help)");
+    options.program = argv + i;
+    return options;
+}
+
+void check_interfaces(const std::vector<std::string> &names)
+{
+    for (size_t i = 0; i < names.size(); i++) {
+        const std::string &name = names[i];
+        if (name.empty())
+            fail(kFailed, "empty interface name");
+        if (if_nametoindex(name.c_str()) == 0)
+            fail(kFailed, "no interface named '%s'", name.c_str());
+        if (std::find(names.begin(), names.begin() + static_cast<ptrdiff_t>(i), name) !=
+            names.begin() + static_cast<ptrdiff_t>(i))
+            fail(kFailed, "interface '%s' is named twice", name.c_str());
+    }
+}
+
+// Interfaces that are up and have an address of the family, in the order of their indices.
+std::vector<std::string> family_interfaces()
+{
+    ifaddrs *list;
+    if (getifaddrs(&list) < 0)
+        fail(kFailed, "cannot list the interfaces: %s", strerror(errno));
+    std::vector<std::pair<int, std::string>> found;
+    for (const ifaddrs *i = list; i != nullptr; i = i->ifa_next) {
+        if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_PACKET || (i->ifa_flags & IFF_UP) == 0)
+            continue;
+        sockaddr_ll address;
+        memcpy(&address, i->ifa_addr, sizeof(address));
+        if (address.sll_halen == 6 && address.sll_addr[0] == OXEL_MAC_PREFIX_0 &&
+            address.sll_addr[1] == OXEL_MAC_PREFIX_1 && address.sll_addr[2] == OXEL_MAC_PREFIX_2)
+            found.emplace_back(address.sll_ifindex, i->ifa_name);
+    }
+    freeifaddrs(list);
+    std::sort(found.begin(), found.end());
+    std::vector<std::string> names;
+    for (const auto &[index, name] : found) {
+        // A VLAN interface shares the address of the one it lies on, which is the adapter.
+        if (name.find('.') == std::string::npos)
+            names.push_back(name);
+    }
+    if (names.empty())
+        fail(kFailed, "no interface is up and has a MAC address that begins with %02x:%02x:%02x: name one",
+             OXEL_MAC_PREFIX_0, OXEL_MAC_PREFIX_1, OXEL_MAC_PREFIX_2);
+    return names;
+}
+
+void check_privilege()
+{
+    const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        fail(kFailed, "cannot open a packet socket: %s (run as root, or inside 'unshare -Urn')", strerror(errno));
+    close(fd);
+}
+
+// Beside this program as in the build tree, or where it was installed.
+std::string adapter_library()
+{
+    std::array<char, PATH_MAX> self;
+    const ssize_t n = readlink("/proc/self/exe", self.data(), self.size());
+    std::vector<std::string> places;
+    if (n > 0 && static_cast<size_t>(n) < self.size()) {
+        std::string dir(self.data(), static_cast<size_t>(n));
+        dir.erase(dir.rfind('/'));
+        dir.erase(std::min(dir.rfind('/'), dir.size()));
+        places.push_back(dir + "/lib/liboxelsoft.so");
+        places.push_back(dir + "/" RUK_LIBDIR "/liboxelsoft.so");
+    }
+    places.push_back(RUK_FULL_LIBDIR "/liboxelsoft.so");
+    for (const std::string &place : places) {
+        if (access(place.c_str(), R_OK) != 0)
+            continue;
+        if (place.find_first_of(" :") != std::string::npos)
+            fail(kFailed, "'%s' cannot be preloaded: there is a blank or a colon in its path", place.c_str());
+        return place;
+    }
+    fail(kFailed, "liboxelsoft.so is neither at %s nor at %s", places.front().c_str(), places.back().c_str());
+}
+
+// The file that a shell would run. Without value when there is none.
+std::optional<std::string> find_program(const std::string &name)
+{
+    if (name.find('/') != std::string::npos)
+        return access(name.c_str(), F_OK) == 0 ? std::optional(name) : std::nullopt;
+    const char *path = getenv("PATH");
+    std::optional<std::string> unusable;
+    for (std::string dirs = path != nullptr ? path : "/bin:/usr/bin"; !name.empty();) {
+        const size_t colon = dirs.find(':');
+        std::string file = dirs.substr(0, colon);
+        file = (file.empty() ? std::string(".") : file) + "/" + name;
+        struct stat st;
+        if (stat(file.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
+            if (access(file.c_str(), X_OK) == 0)
+                return file;
+            if (!unusable)
+                unusable = file;
+        }
+        if (colon == std::string::npos)
+            break;
+        dirs.erase(0, colon + 1);
+    }
+    return unusable;
+}
+
+// The loader preloads nothing into a program that gains rights when it starts: it would run without an adapter.
+void check_preloadable(const std::string &file)
+{
+    struct stat st;
+    if (stat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return;
+    const bool gains_user = (st.st_mode & S_ISUID) != 0 && st.st_uid != geteuid();
+    const bool gains_group = (st.st_mode & S_ISGID) != 0 && st.st_gid != getegid();
+    const bool gains_rights = geteuid() != 0 && getxattr(file.c_str(), "security.capability", nullptr, 0) > 0;
+    if (gains_user || gains_group || gains_rights)
+        fail(kCannotExecute, "%s gains rights when it starts, so nothing can be preloaded into it", file.c_str());
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const Options options = parse(argc, argv);
+    const std::optional<std::string> file = find_program(options.program[0]);
+    if (!file)
+        fail(kNotFound, "program '%s' not found", options.program[0]);
+    if (access(file->c_str(), X_OK) != 0)
+        fail(kCannotExecute, "cannot execute '%s': %s", options.program[0], strerror(errno));
+    check_preloadable(*file);
+    check_interfaces(options.interfaces);
+    check_privilege();
+    const std::vector<std::string> interfaces = options.interfaces.empty() ? family_interfaces() : options.interfaces;
+    const std::string library = adapter_library();
+
+    std::string names;
+    for (const std::string &name : interfaces)
+        names += (names.empty() ? "" : ",") + name;
+    const char *preload = getenv("LD_PRELOAD");
+    setenv("LD_PRELOAD", (library + (preload != nullptr && *preload != 0 ? ":" + std::string(preload) : "")).c_str(),
+           1);
+    setenv("RUK_SOFTNIC", names.c_str(), 1);
+    if (!options.mode.empty())
+        setenv("RUK_SOFTNIC_MODE", options.mode.c_str(), 1);
+
+    execvp(file->c_str(), options.program);
+    fail(errno == ENOENT ? kNotFound : kCannotExecute, "cannot execute '%s': %s", options.program[0], strerror(errno));
+}
