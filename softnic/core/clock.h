@@ -1,0 +1,44 @@
+// The adapter's clock and the window through which its relation to host time is published.
+#pragma once
+
+#include "nuv_types.h"
+
+#include <cstdint>
+
+namespace softnic {
+
+// The moment at which something happens, handed into the core by whoever drives it.
+struct Now {
+    uint64_t mono_ns = 0; // a clock that never steps: what the adapter's oscillator runs beside
+    uint64_t real_ns = 0; // the host's real-time clock
+};
+
+struct ClockConfig {
+    uint32_t ns_numerator = 16; // nominal ns a tick = numerator / denominator: 312.5 MHz
+    uint32_t ns_denominator = 5;
+    int64_t drift_ppb = 0;    // how much faster than nominal the oscillator runs
+    uint64_t ticks_mask = 0;  // width of the counter as published; 0 = 64 bits and no mask
+    uint64_t first_ticks = 0; // the counter's value at power-up
+};
+
+class Clock {
+public:
+    Clock(const ClockConfig &config, Now power_up);
+
+    // The counter at this moment.
+    uint64_t ticks(uint64_t mono_ns) const;
+
+    // Rewrites the clock record of the window under its sequence counter. Without a mask the reference point
+    // moves to now. With one it stays where it was at power-up, since endpoints keep the copy they took when
+    // they were enabled, and the drift record carries the correction.
+    void publish(kz_kernel_window_t *window, Now now) const;
+
+private:
+    ClockConfig config_;
+    Now power_up_;
+};
+
+// a * b / c with a 128-bit product, truncated; the result must fit.
+uint64_t mul_div(uint64_t a, uint64_t b, uint64_t c);
+
+} // namespace softnic
