@@ -1,0 +1,52 @@
+#include "tap_source.h"
+
+#include "../softnic_private.h"
+
+namespace softnic {
+namespace {
+
+class TapSource : public RequestSource {
+public:
+    explicit TapSource(std::unique_ptr<RequestTap> tap) : tap_(std::move(tap)) {}
+    bool pop(nuv_ureq_t *request) override { return tap_->pop(request); }
+    void detach() override { tap_->detach(); }
+    Idle arm_idle() override
+    {
+        switch (tap_->arm_idle()) {
+        case TapIdle::work:
+            return Idle::Work;
+        case TapIdle::armed:
+            return Idle::Armed;
+        default:
+            return Idle::Timed;
+        }
+    }
+    void disarm_idle() override { tap_->disarm_idle(); }
+    int wake_fd() const override { return tap_->wake_fd(); }
+
+private:
+    std::unique_ptr<RequestTap> tap_;
+};
+
+} // namespace
+
+MakeRequestSource tap_source(TapMode preferred)
+{
+    return [preferred](void *app, void *alias, size_t len, const char *name) -> std::unique_ptr<RequestSource> {
+        std::unique_ptr<RequestTap> tap = RequestTap::create(preferred, app, alias, len, name);
+        if (!tap)
+            return nullptr;
+        return std::make_unique<TapSource>(std::move(tap));
+    };
+}
+
+} // namespace softnic
+
+extern "C" void softnic_capture_requests(softnic_t *nic)
+{
+    for (unsigned board = 0; board < nic->driver->boards(); board++) {
+        softnic::Card &card = nic->driver->card(board);
+        std::lock_guard guard(card.lock());
+        card.set_source(softnic::tap_source(softnic::TapMode::exact));
+    }
+}
