@@ -1,6 +1,7 @@
 // Frames for tests of the adapter, put together byte by byte.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
