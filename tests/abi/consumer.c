@@ -9,7 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#define EXPECT(condition)                                                                                             \
+#define EXPECT(condition)                                                                                              \
     do {                                                                                                               \
         if (!(condition)) {                                                                                            \
             printf("failed: %s\n", #condition);                                                                        \
