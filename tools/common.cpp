@@ -1,5 +1,7 @@
 #include "common.h"
 
+#include <CLI/CLI.hpp>
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>

@@ -4,8 +4,7 @@
  */
 #pragma once
 
-#include <CLI/CLI.hpp>
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <atomic>
 #include <cstdint>
@@ -21,6 +20,11 @@
 #include <vector>
 
 #include "ruk.h"
+
+/* Slow to compile: only where options are described. */
+namespace CLI {
+class App;
+}
 
 namespace tools {
 

@@ -3,6 +3,8 @@
  */
 #include "common.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cerrno>
 #include <cstdio>
 #include <ctime>

@@ -10,6 +10,7 @@
 #include "ruk_core.h"
 #include "tov.h"
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <cstring>

@@ -6,6 +6,7 @@
 #include "ping_report.h"
 #include "ping_transport.h"
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <cerrno>

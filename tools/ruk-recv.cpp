@@ -3,6 +3,7 @@
  */
 #include "common.h"
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <set>
