@@ -9,6 +9,10 @@
 //   fallback  The page stays write-protected for the application; each store faults and is performed by the
 //             fault handler through the adapter's own mapping. Any threshold, any ring, needs no debug register.
 //
+// While the firmware sleeps, fast mode write-protects the page, too: the first store wakes the firmware and the
+// thread goes on at once. (userfaultfd would hold that thread until the firmware has been scheduled, and a firmware
+// that falls asleep again too early could hold it for good.)
+//
 // A mode that the host refuses or whose debug registers are used up becomes fallback, for that endpoint alone;
 // fallback serves the thresholds and rings of either other mode.
 //

@@ -1,0 +1,48 @@
+// Hardware watchpoints that raise SIGTRAP in the thread that stored, before its next instruction.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace softnic {
+
+// A hit, as the signal tells it.
+struct TapHit {
+    uint32_t cookie;
+    bool late; // the thread blocked SIGTRAP: it has stored on since, and hits may have merged
+};
+
+// False when info tells of something else than a hit of a TapWatch.
+bool tap_read_hit(const siginfo_t *info, TapHit *out);
+
+// Watchpoints on up to two words, in every thread that is there and every one that will come.
+class TapWatch {
+public:
+    static constexpr unsigned max_words = 2;
+    struct Word {
+        volatile uint32_t *address;
+        uint32_t cookie; // 16 bits, returned with each hit
+    };
+
+    TapWatch() = default;
+    TapWatch(const TapWatch &) = delete;
+    TapWatch &operator=(const TapWatch &) = delete;
+    ~TapWatch() { close(); }
+
+    // 0 or an errno value; then nothing is watched.
+    int open(const Word *words, unsigned count);
+    void close();
+
+    // Whether the calling thread could have that many watchpoints now: 0 or an errno value.
+    static int probe(unsigned count);
+
+private:
+    int open_thread(pid_t tid, const Word *words, unsigned count);
+    std::vector<int> events_;
+};
+
+} // namespace softnic
