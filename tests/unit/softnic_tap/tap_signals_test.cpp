@@ -1,0 +1,376 @@
+// The tap lives in programs that have plans of their own for SIGTRAP and SIGSEGV, and none is lost.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "tap_test_support.h"
+
+namespace {
+
+using namespace softnic;
+using namespace softnic::test;
+
+// Dispositions are the process's: each case has a process of its own.
+void expect_child(const std::function<int()> &body, int status = 0)
+{
+    ChildResult child = in_child(body);
+    EXPECT_EQ(child.status, status) << child.err;
+}
+
+bool traffic_is_complete(TapMode mode, TrafficPlan plan = {.requests = 3000, .threads = 2, .dma_of_ten = 5})
+{
+    plan.one_dma_outstanding = mode == TapMode::fast;
+    Window window;
+    TrafficResult result = run_traffic(window, mode, plan);
+    if (result.mode == mode && complete(result, plan))
+        return true;
+    fprintf(stderr, "%s\n", describe(result).c_str());
+    return false;
+}
+
+constexpr TapMode all_modes[] = {TapMode::fast, TapMode::exact, TapMode::fallback};
+
+volatile sig_atomic_t trap_count, trap_code, fault_count;
+void *volatile fault_address;
+sigjmp_buf fault_return;
+
+void count_trap(int, siginfo_t *info, void *)
+{
+    trap_count = trap_count + 1;
+    trap_code = info->si_code;
+}
+void count_trap_plainly(int) { trap_count = trap_count + 1; }
+
+void leave_fault(int, siginfo_t *info, void *)
+{
+    fault_count = fault_count + 1;
+    fault_address = info->si_addr;
+    siglongjmp(fault_return, 1);
+}
+
+void install(int signo, void (*handler)(int, siginfo_t *, void *), int flags = 0)
+{
+    struct sigaction action = {};
+    action.sa_sigaction = handler;
+    action.sa_flags = SA_SIGINFO | flags;
+    if (sigaction(signo, &action, nullptr) != 0)
+        abort();
+}
+
+// 0 when both a breakpoint instruction and a sent SIGTRAP reach the program's handler, once each.
+int check_traps_arrive()
+{
+    trap_count = 0;
+    __asm__ __volatile__("int3");
+    if (trap_count != 1)
+        return 10;
+    raise(SIGTRAP);
+    return trap_count == 2 ? 0 : 11;
+}
+
+// A store there reaches the program's handler, which recovers by a jump.
+bool store_is_recovered(char *where)
+{
+    fault_address = nullptr;
+    if (sigsetjmp(fault_return, 1) == 0)
+        *static_cast<volatile char *>(where) = 1;
+    void *seen = fault_address;
+    return seen == where;
+}
+
+// 0 when bad stores elsewhere are the program's own, again and again.
+int check_faults_arrive()
+{
+    char *page = static_cast<char *>(mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    fault_count = 0;
+    for (int i = 0; i < 3; i++)
+        if (!store_is_recovered(page + 100 + i))
+            return 20;
+    munmap(page, 4096);
+    return fault_count == 3 ? 0 : 21;
+}
+
+TEST(TapSignals, ProgramHandlersOlderThanTheTap_BothServed)
+{
+    for (TapMode mode : all_modes)
+        expect_child([mode] {
+            install(SIGTRAP, count_trap);
+            install(SIGSEGV, leave_fault);
+            if (!traffic_is_complete(mode) || trap_count != 0 || fault_count != 0)
+                return 1;
+            if (int error = check_traps_arrive())
+                return error;
+            if (int error = check_faults_arrive())
+                return error;
+            return traffic_is_complete(mode) ? 0 : 2;
+        });
+}
+
+TEST(TapSignals, ProgramHandlersInstalledWhileTapped_BothServed)
+{
+    for (TapMode mode : all_modes)
+        expect_child([mode] {
+            Window first;
+            auto tap = first.tap(TapMode::fallback);
+            install(SIGTRAP, count_trap);
+            install(SIGSEGV, leave_fault);
+            if (!traffic_is_complete(mode) || trap_count != 0 || fault_count != 0)
+                return 1;
+            if (int error = check_traps_arrive())
+                return error;
+            if (int error = check_faults_arrive())
+                return error;
+            return traffic_is_complete(mode) ? 0 : 2;
+        });
+}
+
+TEST(TapSignals, ProgramAsksForItsHandler_GetsWhatItHadSet)
+{
+    expect_child([] {
+        struct sigaction old;
+        if (signal(SIGTRAP, count_trap_plainly) != SIG_DFL)
+            return 1;
+        Window window;
+        auto tap = window.tap(TapMode::fallback);
+        if (sigaction(SIGTRAP, nullptr, &old) != 0 || old.sa_handler != count_trap_plainly)
+            return 2;
+        if (sigaction(SIGSEGV, nullptr, &old) != 0 || old.sa_handler != SIG_DFL)
+            return 3;
+        install(SIGSEGV, leave_fault);
+        if (sigaction(SIGSEGV, nullptr, &old) != 0 || old.sa_sigaction != leave_fault || !(old.sa_flags & SA_SIGINFO))
+            return 4;
+        if (signal(SIGTRAP, SIG_IGN) != count_trap_plainly)
+            return 5;
+        raise(SIGTRAP); // ignored
+        return trap_count == 0 && signal(SIGTRAP, SIG_DFL) == SIG_IGN ? 0 : 6;
+    });
+}
+
+TEST(TapSignals, HandlerForOneTime_SecondTrap_TakesTheDefault)
+{
+    expect_child(
+        [] {
+            Window window;
+            auto tap = window.tap(TapMode::fast);
+            install(SIGTRAP, count_trap, SA_RESETHAND);
+            raise(SIGTRAP);
+            if (trap_count != 1)
+                return 1;
+            raise(SIGTRAP);
+            return 2;
+        },
+        128 + SIGTRAP);
+}
+
+TEST(TapSignals, NoProgramHandler_RealTrapOrFault_EndsTheProcessAsEver)
+{
+    auto tapped = [](const std::function<void()> &crash) {
+        return [crash] {
+            Window window;
+            auto tap = window.tap(TapMode::fallback);
+            crash();
+            return 1;
+        };
+    };
+    expect_child(tapped([] { __asm__ __volatile__("int3"); }), 128 + SIGTRAP);
+    expect_child(tapped([] { raise(SIGTRAP); }), 128 + SIGTRAP);
+    expect_child(tapped([] { raise(SIGSEGV); }), 128 + SIGSEGV);
+    expect_child(tapped([] {
+                     void *page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                     *static_cast<volatile char *>(page) = 1;
+                 }),
+                 128 + SIGSEGV);
+}
+
+// Recovery from stack overflow runs on an alternate stack, for there is no other.
+TEST(TapSignals, ProgramHandlerOnAlternateStack_RunsThere)
+{
+    expect_child([] {
+        static char stack[65536];
+        static bool on_it;
+        stack_t alternate = {};
+        alternate.ss_sp = stack;
+        alternate.ss_size = sizeof stack;
+        sigaltstack(&alternate, nullptr);
+        Window window;
+        auto tap = window.tap(TapMode::fallback);
+        install(
+            SIGSEGV,
+            [](int, siginfo_t *, void *) {
+                char here;
+                on_it = &here >= stack && &here < stack + sizeof stack;
+                siglongjmp(fault_return, 1);
+            },
+            SA_ONSTACK);
+        if (sigsetjmp(fault_return, 1) == 0)
+            raise(SIGSEGV);
+        return on_it && traffic_is_complete(TapMode::fallback) ? 0 : 1;
+    });
+}
+
+// The mask of a program's handler is kept, the tap's two signals excepted.
+TEST(TapSignals, ProgramHandlerRuns_OtherSignalsAreMaskedAsItAsked)
+{
+    expect_child([] {
+        static sigset_t seen;
+        Window window;
+        auto tap = window.tap(TapMode::fast);
+        struct sigaction action = {};
+        action.sa_handler = [](int) { pthread_sigmask(SIG_SETMASK, nullptr, &seen); };
+        sigaddset(&action.sa_mask, SIGUSR1);
+        sigaction(SIGTRAP, &action, nullptr);
+        raise(SIGTRAP);
+        return sigismember(&seen, SIGUSR1) && !sigismember(&seen, SIGUSR2) && !sigismember(&seen, SIGTRAP) ? 0 : 1;
+    });
+}
+
+TEST(TapSignals, PostingThreadsBlockAllSignals_NothingLost)
+{
+    auto block_all = [] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        sigprocmask(SIG_SETMASK, &all, nullptr);
+    };
+    for (TapMode mode : all_modes)
+        expect_child([&] {
+            TrafficPlan plan{.requests = 3000, .threads = 3, .dma_of_ten = 5, .thread_setup = block_all};
+            return traffic_is_complete(mode, plan) ? 0 : 1;
+        });
+    for (TapMode mode : all_modes) // before any tap was there
+        expect_child([&] {
+            block_all();
+            TrafficPlan plan{.requests = 3000, .threads = 3, .dma_of_ten = 5, .threads_before_tap = true};
+            return traffic_is_complete(mode, plan) ? 0 : 1;
+        });
+}
+
+TEST(TapSignals, OtherSignalsBlocked_StayBlocked)
+{
+    expect_child([] {
+        sigset_t all, now;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        pthread_sigmask(SIG_SETMASK, nullptr, &now);
+        return sigismember(&now, SIGUSR1) && sigismember(&now, SIGTERM) && !sigismember(&now, SIGTRAP) ? 0 : 1;
+    });
+}
+
+TEST(TapSignals, ThreadCreatedWithAllSignalsBlocked_Posts_IsCaught)
+{
+    expect_child([] {
+        Window window;
+        auto tap = window.tap(TapMode::exact);
+        sigset_t all;
+        sigfillset(&all);
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setsigmask_np(&attributes, &all);
+        pthread_t thread;
+        pthread_create(
+            &thread, &attributes,
+            [](void *argument) -> void * {
+                uint32_t words[16];
+                for (uint32_t i = 0; i < 50; i++) {
+                    make_request(i, 13, words);
+                    post_words(static_cast<Window *>(argument)->slot(13), words);
+                }
+                return nullptr;
+            },
+            &window);
+        pthread_join(thread, nullptr);
+        pthread_attr_destroy(&attributes);
+        nuv_ureq_t got;
+        for (uint32_t i = 0; i < 50; i++)
+            if (!tap->pop(&got) || got.words[0] != i)
+                return 1;
+        return tap->counters().async_hits == 0 ? 0 : 2;
+    });
+}
+
+void block_all_behind_the_c_library()
+{
+    uint64_t all = ~uint64_t(0);
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all, nullptr, sizeof all);
+}
+
+// A launcher may start a program with signals blocked; they stay so across exec.
+TEST(TapSignals, ProgramStartedWithAllSignalsBlocked_NothingLost)
+{
+    char self[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+    expect_child([&] {
+        block_all_behind_the_c_library();
+        alarm(0);
+        execl(self, self, "--gtest_filter=TapSignals.ProgramHandlersOlderThanTheTap_BothServed", nullptr);
+        return 255;
+    });
+}
+
+// Behind the C library's back a thread can block SIGTRAP after all: that must not pass in silence.
+TEST(TapSignals, SigtrapBlockedBySystemCall_LateHitsAreCountedAndSaid)
+{
+    ChildResult child = in_child([] {
+        Window window;
+        auto tap = window.tap(TapMode::exact, "oxelp3");
+        std::thread poster([&] {
+            block_all_behind_the_c_library();
+            uint32_t words[16];
+            for (uint32_t i = 0; i < 20; i++) {
+                make_request(i, 13, words);
+                post_words(window.slot(13), words);
+            }
+            uint64_t none = 0;
+            syscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, nullptr, sizeof none);
+        });
+        poster.join();
+        return tap->counters().async_hits >= 1 ? 0 : 1;
+    });
+    EXPECT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(count_of(child.err, "oxelp3: error: a thread that blocks SIGTRAP"), 1u) << child.err;
+}
+
+// Requests posted by a process that is being debugged; the debugger passes on what it does not know.
+TEST(TapSignals, UnderADebugger_FallbackIsChosenAndNothingLost)
+{
+    ChildResult child = in_child([] {
+        pid_t debuggee = fork();
+        if (debuggee == 0) {
+            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+            raise(SIGSTOP);
+            Window window;
+            auto tap = window.tap(TapMode::fast);
+            if (!tap || tap->mode() != TapMode::fallback || RequestTap::available(TapMode::exact) != TapMode::fallback)
+                _exit(1);
+            for (uint32_t i = 0; i < 200; i++) {
+                uint32_t words[16];
+                make_request(i, i % 2 ? 13 : 14, words);
+                post_words(window.slot(i % 2 ? 13 : 14), words);
+            }
+            nuv_ureq_t got;
+            for (uint32_t i = 0; i < 200; i++)
+                if (!tap->pop(&got) || got.words[0] != i)
+                    _exit(2);
+            _exit(0);
+        }
+        int status = 0;
+        while (waitpid(debuggee, &status, 0) == debuggee && WIFSTOPPED(status)) {
+            int signo = WSTOPSIG(status);
+            ptrace(PTRACE_CONT, debuggee, nullptr, long(signo == SIGSTOP ? 0 : signo));
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 3;
+    });
+    EXPECT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(count_of(child.err, "a debugger has this process"), 1u) << child.err;
+}
+
+} // namespace
