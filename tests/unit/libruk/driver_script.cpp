@@ -12,7 +12,7 @@ namespace test_support {
 
 namespace {
 
-constexpr size_t file_size = 0x90000;
+constexpr size_t file_size = 0x200000;
 
 /* Bytes that the driver reads and writes for each command. */
 struct Shape {
@@ -20,9 +20,9 @@ struct Shape {
     size_t out;
 };
 const std::map<unsigned long, Shape> shapes = {
-    {0x4D01, {0, 192}}, {0x4D05, {0, 4}},  {0x4D0A, {4, 4}},  {0x4D0D, {16, 16}}, {0x4D29, {32, 32}}, {0x4D32, {0, 4}},
-    {0x4D37, {16, 16}}, {0x4D9C, {0, 16}}, {0x4D9D, {16, 0}}, {0x4D9F, {4, 0}},   {0x4DA0, {4, 0}},   {0x5091, {0, 64}},
-    {0x5097, {0, 4}},   {0x50B4, {4, 4}},  {0x50E9, {8, 0}},  {0x50EA, {0, 0}},   {0x50EB, {16, 0}},
+    {0x4D01, {0, 192}}, {0x4D05, {0, 4}},  {0x4D0A, {4, 4}},  {0x4D0D, {4, 16}}, {0x4D29, {8, 32}}, {0x4D32, {0, 4}},
+    {0x4D37, {4, 16}},  {0x4D9C, {0, 16}}, {0x4D9D, {16, 0}}, {0x4D9F, {4, 0}},  {0x4DA0, {4, 0}},  {0x5091, {0, 64}},
+    {0x5097, {0, 4}},   {0x50B4, {4, 4}},  {0x50E9, {8, 0}},  {0x50EA, {0, 0}},  {0x50EB, {13, 0}},
 };
 
 std::string format(const char *form, unsigned long a, unsigned long b = 0)

@@ -98,6 +98,13 @@ private:
     SocketTable &table_;
 };
 
+/* Traces are put together from pieces. */
+inline Lines operator+(Lines a, const Lines &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 inline uint32_t be32(const char *address) { return inet_addr(address); }
 inline struct in_addr in_addr_of(const char *address) { return {inet_addr(address)}; }
 
