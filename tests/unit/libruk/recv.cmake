@@ -1,0 +1,15 @@
+# Programs over the receive path alone: an endpoint of plain memory, no adapter.
+function(ruk_receive_test name)
+  add_executable(${name} ${ARGN} recv_rig.cpp)
+  target_link_libraries(${name} PRIVATE test_support ruk_static GTest::gtest)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+endfunction()
+
+ruk_receive_test(libruk_recv_tests
+    recv_event_test.cpp
+    recv_clock_test.cpp
+    recv_datagram_test.cpp
+    recv_raw_test.cpp
+    recv_wait_test.cpp
+    stats_report_test.cpp)
