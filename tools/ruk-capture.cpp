@@ -7,10 +7,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <fstream>
-#include <memory>
+#include <ifaddrs.h>
+#include <linux/if_link.h>
 #include <pcap/pcap.h>
 #include <unistd.h>
 
@@ -115,17 +116,22 @@ private:
     bool dirty_ = false;
 };
 
-/* Frames that the host's interface lost, by its own counters. */
-uint64_t interface_drops(const std::string &name)
+/* Frames that the host's interface lost, by its own counters (modulo 2^32). */
+uint32_t interface_drops(const std::string &name)
 {
-    uint64_t total = 0;
-    for (const char *counter : {"rx_dropped", "rx_missed_errors", "rx_fifo_errors"}) {
-        uint64_t value = 0;
-        std::ifstream in(fmt::format("/sys/class/net/{}/statistics/{}", name, counter));
-        if (in >> value)
-            total += value;
+    ifaddrs *list = nullptr;
+    if (getifaddrs(&list) != 0)
+        fail("cannot list the interfaces: {}", errno_text(errno));
+    uint32_t drops = 0;
+    for (const ifaddrs *entry = list; entry; entry = entry->ifa_next) {
+        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_PACKET || !entry->ifa_data || name != entry->ifa_name)
+            continue;
+        rtnl_link_stats stats;
+        memcpy(&stats, entry->ifa_data, sizeof stats);
+        drops = stats.rx_dropped + stats.rx_missed_errors + stats.rx_fifo_errors;
     }
-    return total;
+    freeifaddrs(list);
+    return drops;
 }
 
 uint64_t realtime_ns()
@@ -212,7 +218,7 @@ int capture(const Options &opt)
     int rc = ruk_set_filter_mode(endpoint.dev(), RUK_RECV_FILTER_RAW);
     if (rc != 0)
         fail("cannot receive every frame of {}: {}", endpoint.interface().name, errno_text(rc));
-    uint64_t drops = interface_drops(endpoint.interface().name);
+    uint32_t drops = interface_drops(endpoint.interface().name);
     note(fmt::format("capturing on {}", endpoint.interface().name));
 
     uint64_t frames = Capture(opt, endpoint, file, stop).run();
