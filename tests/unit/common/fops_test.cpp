@@ -243,6 +243,8 @@ struct SearchCase {
     size_t boards_tried;
 };
 
+static void PrintTo(const SearchCase &c, std::ostream *os) { *os << c.name; }
+
 class BoardSearch : public testing::TestWithParam<SearchCase> {};
 
 TEST_P(BoardSearch, DeviceFiles_OpenAny_ResultAndNumberOfAttempts)

@@ -165,6 +165,8 @@ const Contents contents[] = {
      }},
 };
 
+void PrintTo(const Contents &c, std::ostream *os) { *os << c.name; }
+
 class PioCopy : public testing::TestWithParam<Contents> {};
 
 INSTANTIATE_TEST_SUITE_P(Contents, PioCopy, testing::ValuesIn(contents),

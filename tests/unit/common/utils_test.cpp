@@ -431,6 +431,8 @@ struct VlanCase {
     int vlan; /* -1: none */
 };
 
+static void PrintTo(const VlanCase &c, std::ostream *os) { *os << "VLAN " << c.vlan; }
+
 class VlanTag : public testing::TestWithParam<VlanCase> {};
 
 TEST_P(VlanTag, Name_Asked_TagInNetworkOrderWithPrioritySeven)
