@@ -36,7 +36,7 @@ struct FakeInterface {
     Mac mac = {0x02, 0x6f, 0x78, 0x00, 0x00, 0x01};
     std::string address = "127.0.0.1"; /* empty: the entry has none */
     std::string netmask = "255.0.0.0"; /* empty: none */
-    std::string broadcast = {};             /* empty: none */
+    std::string broadcast = {};        /* empty: none */
     unsigned flags = IFF_UP | IFF_RUNNING | IFF_BROADCAST | IFF_MULTICAST;
     int family = AF_INET; /* of the addresses; other families have the IPv4 bytes at the same place */
     int hwaddr_error = 0; /* errno of SIOCGIFHWADDR, 0 when it works */

@@ -3,6 +3,7 @@
 #include "fake_host.h"
 #include "tov.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -431,7 +432,16 @@ struct VlanCase {
     int vlan; /* -1: none */
 };
 
-static void PrintTo(const VlanCase &c, std::ostream *os) { *os << "VLAN " << c.vlan; }
+static void PrintTo(const VlanCase &c, std::ostream *os) { *os << c.ifname; }
+
+/* "n3_eth0_x": a number, since some names differ in their punctuation only. */
+static std::string case_name(const testing::TestParamInfo<VlanCase> &info)
+{
+    std::string name = "n" + std::to_string(info.index) + "_";
+    for (const char *c = info.param.ifname; *c; c++)
+        name += isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+    return name;
+}
 
 class VlanTag : public testing::TestWithParam<VlanCase> {};
 
@@ -460,4 +470,5 @@ INSTANTIATE_TEST_SUITE_P(
                     VlanCase{".33", 33}, VlanCase{"eth0.010", 10},
                     /* counted modulo 65536 before the range is looked at */
                     VlanCase{"eth2.65636", 100}, VlanCase{"eth2.65536", 0}, VlanCase{"eth2.69632", -1},
-                    VlanCase{"eth2.65535", -1}));
+                    VlanCase{"eth2.65535", -1}),
+    case_name);
