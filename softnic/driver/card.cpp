@@ -87,7 +87,8 @@ void Card::restart_in_child()
         Claim &claim = claims_[ep];
         for (Region *region : {&claim.recvq, &claim.sendq, &claim.sram, &claim.zreq, &claim.flow})
             region->forget();
-        claim.source.release(); // its thread and descriptors are the parent's
+        claim.source.release();
+        claim.watch.release(); // descriptors and protected pages are the parent's
         claim = Claim{};
         claim.recvq_size = config_.recvq_size;
         board_.filters().remove_all(static_cast<uint8_t>(ep));
@@ -168,7 +169,7 @@ void Card::release(Handle &handle)
             if (!config_.manual_sends) // what was posted before the close still leaves
                 while (gather_requests(ep), send_one(ep)) {
                 }
-            drop_source(claim);
+            drop_watches(claim);
         }
         // The host gets its frames back before the adapter stops delivering them.
         const std::vector<SteerKey> keys = board_.filters().keys_of(static_cast<uint8_t>(ep));
@@ -194,7 +195,7 @@ int Card::enable(Handle &handle)
         return region.size() == size ? 0 : region.create(name, size);
     };
     if (claim.enabled) {
-        drop_source(claim); // of an earlier enable whose mapping was given up
+        drop_watches(claim); // of an earlier enable whose mapping was given up
         board_.disable(ep);
         claim.enabled = false;
     }
@@ -340,13 +341,17 @@ int Card::rx_filter(Handle &handle, const oxel_rx_filter_t &filter)
 
 std::vector<Card::MapEntry> Card::map_entries(const Claim &claim) const
 {
-    const auto whole = [](uint32_t offset, const Region &region, bool read_only, bool requests) {
-        return MapEntry{offset, static_cast<uint32_t>(region.size()), &region, 0, read_only, requests};
+    const auto whole = [](uint32_t offset, const Region &region) {
+        return MapEntry{offset, static_cast<uint32_t>(region.size()), &region, false, false, false};
     };
-    return {whole(kRecvqOffset, claim.recvq, false, false), whole(kSendqOffset, claim.sendq, false, false),
-            whole(kSramOffset, claim.sram, false, false),   whole(kZreqOffset, claim.zreq, false, true),
-            whole(kWindowOffset, window_, true, false),     whole(kFlowOffset, claim.flow, false, false),
-            whole(kCompcntOffset, compcnt_, true, false)};
+    std::vector<MapEntry> entries = {whole(kRecvqOffset, claim.recvq), whole(kSendqOffset, claim.sendq),
+                                     whole(kSramOffset, claim.sram),   whole(kZreqOffset, claim.zreq),
+                                     whole(kWindowOffset, window_),    whole(kFlowOffset, claim.flow),
+                                     whole(kCompcntOffset, compcnt_)};
+    entries[3].requests = true;
+    entries[4].read_only = entries[6].read_only = true;
+    entries[5].flow = true;
+    return entries;
 }
 
 int Card::copyblock(const Handle &handle, kz_get_copyblock_t *block) const
@@ -402,10 +407,17 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
         const size_t whole_pages = (len + kPage - 1) / kPage * kPage;
         void *at = entry.region->view(addr, fixed, static_cast<size_t>(within), whole_pages, prot, entry.read_only);
         if (at != MAP_FAILED && entry.requests && config_.make_source) {
-            drop_source(claim); // a further mapping of the window: the latest is the one that posts
+            if (claim.source)
+                claim.source->detach(); // a further mapping of the window: the latest is the one that posts
+            claim.source.reset();
             const std::string name = config_.name + ", endpoint " + std::to_string(handle.endpoint);
             claim.source = config_.make_source(at, claim.zreq.data(), whole_pages, name.c_str());
             runner_->kick(*this);
+        }
+        if (at != MAP_FAILED && entry.flow && config_.watch_consumers) {
+            claim.watch = std::make_unique<ConsumerWatch>();
+            if (!claim.watch->watch(at, whole_pages))
+                claim.watch.reset();
         }
         return at;
     }
@@ -414,8 +426,9 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
 
 // ---------------------------------------------------------------- sending
 
-void Card::drop_source(Claim &claim)
+void Card::drop_watches(Claim &claim)
 {
+    claim.watch.reset();
     if (claim.source)
         claim.source->detach();
     claim.source.reset();
@@ -631,8 +644,10 @@ bool Card::update_readable()
         if (!claim.enabled)
             continue;
         EventRing &ring = board_.ring(claim.owner->endpoint);
-        if (ring.unconsumed() != 0 && ring.poll_consumed() != 0)
+        if (const uint32_t released = ring.unconsumed() != 0 ? ring.poll_consumed() : 0) {
+            consumed_ += released;
             claim.unconsumed_since = now;
+        }
         if (ring.unconsumed() == 0) {
             claim.unconsumed_since = 0;
             claim.owner->device.set_readable(false);
@@ -666,6 +681,54 @@ Card::Round Card::service(unsigned max_frames)
     }
     round.unconsumed = update_readable();
     return round;
+}
+
+Card::Arm Card::arm(std::vector<int> *fds)
+{
+    Arm result = Arm::Armed;
+    fds->clear();
+    fds->push_back(port_->poll_fd());
+    for (unsigned ep = 0; ep < claims_.size(); ep++) {
+        Claim &claim = claims_[ep];
+        if (!claim.enabled)
+            continue;
+        const RequestSource::Idle idle = claim.source ? claim.source->arm_idle() : RequestSource::Idle::Timed;
+        if (idle == RequestSource::Idle::Work) {
+            disarm();
+            return Arm::Work;
+        }
+        claim.armed = claim.source != nullptr;
+        if (idle == RequestSource::Idle::Timed)
+            result = Arm::Timed;
+        if (claim.source)
+            fds->push_back(claim.source->wake_fd());
+        if (board_.ring(ep).unconsumed() == 0)
+            continue;
+        if (claim.watch && claim.watch->arm())
+            fds->push_back(claim.watch->wake_fd());
+        else if (result != Arm::Timed)
+            result = Arm::TimedConsumers;
+    }
+    // What was consumed before the pages were protected has woken nobody.
+    watch_rings_ = true;
+    const uint64_t before = consumed_;
+    update_readable();
+    if (consumed_ != before) {
+        disarm();
+        return Arm::Work;
+    }
+    return result;
+}
+
+void Card::disarm()
+{
+    for (Claim &claim : claims_) {
+        if (claim.source && claim.armed)
+            claim.source->disarm_idle();
+        claim.armed = false;
+        if (claim.watch)
+            claim.watch->disarm();
+    }
 }
 
 bool Card::step()

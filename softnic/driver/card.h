@@ -4,6 +4,7 @@
 
 #include "../core/board.h"
 #include "../ports/port.h"
+#include "consumer_watch.h"
 #include "device_fd.h"
 #include "region.h"
 #include "request_source.h"
@@ -48,6 +49,7 @@ struct CardConfig {
     MakeRequestSource make_source;
     bool drain_before_removal = false; // frames that wait in the port were taken from the host: deliver them first
     bool manual_sends = false;         // requests wait until somebody takes and completes them
+    bool watch_consumers = false;      // so that the firmware may sleep while events are unconsumed
     uint64_t readable_grace_ns = 0;    // how long events may be unconsumed before the descriptor polls readable
     std::string name = "oxelB0";       // for messages
 };
@@ -160,6 +162,17 @@ public:
     // One unit of work: a completion, a request, a frame, or the publication of events. False when idle.
     bool step();
 
+    // Before the firmware sleeps: asks to be woken by what comes, under the lock. Then it waits on the descriptors
+    // in *fds, and takes the requests back with disarm().
+    enum class Arm {
+        Work,           // something is waiting: nothing was armed
+        Armed,          // whatever happens makes one of the descriptors readable
+        Timed,          // requests may come unnoticed: sleep a millisecond at most
+        TimedConsumers, // an application's progress may go unnoticed: sleep for a time that grows
+    };
+    Arm arm(std::vector<int> *fds);
+    void disarm();
+
     void publish_clock();
     // Looks at what applications have released, and makes their descriptors readable or not. True while events
     // are unconsumed.
@@ -177,7 +190,6 @@ public:
     kz_kernel_window_t *kernel_window() const;
     uint64_t soft_notifications() const { return soft_notifications_; }
     void soft_notified() { soft_notifications_++; }
-    RequestSource *source(unsigned ep) { return claims_[ep].source.get(); }
 
     // Told of each request as it is taken.
     std::function<void(unsigned ep, const nuv_ureq_t &request)> on_request;
@@ -194,6 +206,8 @@ private:
         bool enabled = false;
         Region recvq, sendq, sram, zreq, flow;
         std::unique_ptr<RequestSource> source;
+        std::unique_ptr<ConsumerWatch> watch;
+        bool armed = false; // the source is, for the firmware's sleep
         unsigned taken = 0; // requests taken and not completed
         uint64_t unconsumed_since = 0;
     };
@@ -201,14 +215,14 @@ private:
         uint32_t offset;
         uint32_t len;
         const Region *region;
-        size_t region_offset;
         bool read_only;
         bool requests;
+        bool flow;
     };
 
     int require_ruk(const Handle &handle) const;
     std::vector<MapEntry> map_entries(const Claim &claim) const;
-    static void drop_source(Claim &claim);
+    static void drop_watches(Claim &claim);
     void gather_requests(unsigned ep);
     bool send_one(unsigned ep);
     unsigned serve_requests(unsigned max);
@@ -229,6 +243,7 @@ private:
     std::vector<SteerKey> steered_; // sorted: taken from the host
     std::vector<uint8_t> frame_;    // of the request being served
     bool watch_rings_ = false;      // events may be unconsumed, or a descriptor readable
+    uint64_t consumed_ = 0;         // events that applications have released
     uint64_t clock_published_ = 0;
     uint64_t soft_notifications_ = 0;
 };

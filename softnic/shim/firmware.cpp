@@ -1,0 +1,215 @@
+#include "firmware.h"
+
+#include "../driver/sys.h"
+
+#include <algorithm>
+#include <csignal>
+#include <map>
+#include <new>
+#include <poll.h>
+#include <sched.h>
+#include <time.h>
+
+namespace softnic {
+namespace {
+
+constexpr unsigned kRoundFrames = 64;
+// A woken receiver needs a moment to get to its events: worth more patience than an empty wire.
+constexpr uint64_t kConsumerPatience = 4;
+// On a single processor looking on keeps everybody else from making work.
+constexpr uint64_t kSingleCpuSpinNs = 10000;
+constexpr int64_t kTimedSleepNs = 1000000;
+constexpr uint64_t kShortestWatch = 50000, kLongestWatch = 20000000;
+
+uint64_t clock_ns(clockid_t clock)
+{
+    timespec t;
+    ::clock_gettime(clock, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
+
+std::mutex g_firmware_mutex;
+std::map<Card *, Firmware *> g_firmware;
+
+unsigned allowed_cpus()
+{
+    cpu_set_t set;
+    return ::sched_getaffinity(0, sizeof(set), &set) == 0 ? static_cast<unsigned>(CPU_COUNT(&set)) : 1;
+}
+
+void cpu_relax() { __builtin_ia32_pause(); }
+
+} // namespace
+
+Now LiveRunner::now() { return Now{clock_ns(CLOCK_MONOTONIC), clock_ns(CLOCK_REALTIME)}; }
+
+uint64_t LiveRunner::reading_delay()
+{
+    const uint64_t before = clock_ns(CLOCK_MONOTONIC);
+    now();
+    return clock_ns(CLOCK_MONOTONIC) - before;
+}
+
+int LiveRunner::wait(Card &card, std::unique_lock<CardLock> &lock, const std::function<bool()> &done, int timeout_ms)
+{
+    if (timeout_ms < 0) {
+        card.progress().wait(lock, done);
+        return 0;
+    }
+    return card.progress().wait_for(lock, std::chrono::milliseconds(timeout_ms), done) ? 0 : ETIMEDOUT;
+}
+
+void LiveRunner::kick(Card &card)
+{
+    if (Firmware *firmware = Firmware::of(card))
+        firmware->kick();
+}
+
+Firmware *Firmware::of(Card &card)
+{
+    std::lock_guard guard(g_firmware_mutex);
+    auto it = g_firmware.find(&card);
+    return it == g_firmware.end() ? nullptr : it->second;
+}
+
+void forget_firmware()
+{
+    new (&g_firmware_mutex) std::mutex; // may have been held at the fork
+    new (&g_firmware) std::map<Card *, Firmware *>;
+}
+
+Firmware::Firmware(Card &card, const FirmwareOptions &options) : card_(card), options_(options) {}
+
+Firmware::~Firmware() { stop(); }
+
+int Firmware::start()
+{
+    if (int rc = control_.create(true))
+        return rc;
+    single_cpu_ = allowed_cpus() < 2;
+    {
+        std::lock_guard guard(g_firmware_mutex);
+        g_firmware[&card_] = this;
+    }
+    // The program's signals are for the program's threads.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const int rc = ::pthread_create(&thread_, nullptr, entry, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    started_ = rc == 0;
+    if (started_)
+        ::pthread_setname_np(thread_, "softnic");
+    return rc;
+}
+
+void Firmware::stop()
+{
+    {
+        std::lock_guard guard(g_firmware_mutex);
+        g_firmware.erase(&card_);
+    }
+    if (started_) {
+        stop_.store(true);
+        kick();
+        ::pthread_join(thread_, nullptr);
+        started_ = false;
+        std::lock_guard guard(card_.lock());
+        while (card_.service(0).progress) {
+        }
+    }
+    control_.close();
+}
+
+void Firmware::kick()
+{
+    kicked_.store(true);
+    if (asleep_.load() && control_.alive()) {
+        const char byte = 0;
+        sys::write(control_.fd(), &byte, 1);
+    }
+}
+
+void *Firmware::entry(void *self)
+{
+    static_cast<Firmware *>(self)->loop();
+    return nullptr;
+}
+
+void Firmware::loop()
+{
+    if (options_.cpu >= 0) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(static_cast<unsigned>(options_.cpu), &set);
+        ::pthread_setaffinity_np(::pthread_self(), sizeof(set), &set);
+    }
+    const uint64_t spin_ns = single_cpu_ ? std::min(options_.spin_ns, kSingleCpuSpinNs) : options_.spin_ns;
+    uint64_t last_work = clock_ns(CLOCK_MONOTONIC);
+    while (!stop_.load(std::memory_order_relaxed)) {
+        while (card_.lock().wanted() && !stop_.load(std::memory_order_relaxed))
+            ::sched_yield(); // a command waits: it comes first
+        card_.lock().lock();
+        const Card::Round round = card_.service(kRoundFrames);
+        card_.lock().unlock();
+        if (round.progress) {
+            last_work = clock_ns(CLOCK_MONOTONIC);
+            continue;
+        }
+        const uint64_t idle = clock_ns(CLOCK_MONOTONIC) - last_work;
+        if (idle < spin_ns * (round.unconsumed ? kConsumerPatience : 1)) {
+            if (single_cpu_)
+                ::sched_yield();
+            else
+                cpu_relax();
+            continue;
+        }
+        sleep(idle);
+        if (kicked_.exchange(false))
+            last_work = clock_ns(CLOCK_MONOTONIC);
+    }
+}
+
+// Sleeps until there may be work. Whoever makes some finds the firmware either asleep, and wakes it, or awake.
+void Firmware::sleep(uint64_t idle_ns)
+{
+    asleep_.store(true);
+    card_.lock().lock();
+    const Card::Arm armed = card_.arm(&fds_);
+    card_.lock().unlock();
+    if (armed == Card::Arm::Work || kicked_.load() || stop_.load()) {
+        asleep_.store(false);
+        card_.lock().lock();
+        card_.disarm();
+        card_.lock().unlock();
+        return;
+    }
+
+    std::vector<pollfd> waits;
+    waits.push_back({control_.fd(), POLLIN, 0});
+    for (int fd : fds_)
+        if (fd >= 0)
+            waits.push_back({fd, POLLIN, 0});
+    bool broken = !control_.alive();
+    timespec limit = {0, kTimedSleepNs};
+    if (armed == Card::Arm::TimedConsumers)
+        limit.tv_nsec = static_cast<long>(std::clamp(idle_ns / 4, kShortestWatch, kLongestWatch));
+    const bool timed = armed != Card::Arm::Armed || broken;
+    ::ppoll(waits.data(), waits.size(), timed ? &limit : nullptr, nullptr);
+    // A descriptor that was closed behind our back would end every sleep at once.
+    for (const pollfd &w : waits)
+        broken |= (w.revents & (POLLNVAL | POLLERR)) != 0;
+    if (broken)
+        ::clock_nanosleep(CLOCK_MONOTONIC, 0, &limit, nullptr);
+
+    asleep_.store(false);
+    char byte;
+    if (control_.alive())
+        while (sys::read(control_.fd(), &byte, 1) == 1) {
+        }
+    card_.lock().lock();
+    card_.disarm();
+    card_.lock().unlock();
+}
+
+} // namespace softnic
