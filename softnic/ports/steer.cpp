@@ -231,8 +231,8 @@ void add_chain(NetlinkBatch *batch, const std::string &table, const std::string 
     });
 }
 
-// Frames of a set's shape whose key is in it are dropped. Fragments other than the first never are: they have no
-// port to load, and where no port is looked at their offset is.
+// Frames of a set's shape whose key is in it are dropped. Fragments other than the first never are, and that is asked
+// for: not every kernel refuses to load a port from them.
 void add_rule(NetlinkBatch *batch, const std::string &table, const SetShape &set)
 {
     batch->message(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, table);
@@ -249,10 +249,10 @@ void add_rule(NetlinkBatch *batch, const std::string &table, const SetShape &set
         if (!set.port) {
             rule.load_protocol(kScratchReg);
             rule.require(kScratchReg, {kProtoKeyframe});
-            rule.load(NFT_PAYLOAD_NETWORK_HEADER, 6, 2, kScratchReg);
-            rule.mask16(kScratchReg, 0x1FFF);
-            rule.require(kScratchReg, {0, 0});
         }
+        rule.load(NFT_PAYLOAD_NETWORK_HEADER, 6, 2, kScratchReg);
+        rule.mask16(kScratchReg, 0x1FFF);
+        rule.require(kScratchReg, {0, 0});
         if (set.vlan) {
             rule.load(NFT_PAYLOAD_LL_HEADER, 14, 2, reg);
             rule.mask16(reg++, 0x0FFF);
