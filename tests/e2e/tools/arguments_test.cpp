@@ -1,0 +1,204 @@
+// What the programs say to wrong arguments and on a host without an adapter. Needs no network.
+#include <array>
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+struct Run {
+    int status = -1;
+    std::string out; // both streams
+};
+
+Run run(const std::string &command, const std::string &redirect = "2>&1")
+{
+    Run result;
+    const std::string line = RUK_BINARY_DIR "/bin/" + command + " " + redirect + " </dev/null";
+    FILE *pipe = popen(line.c_str(), "r");
+    if (!pipe)
+        return result;
+    std::array<char, 4096> buf;
+    for (size_t n; (n = fread(buf.data(), 1, buf.size(), pipe)) > 0;)
+        result.out.append(buf.data(), n);
+    const int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+bool has(const Run &run, const std::string &text) { return run.out.find(text) != std::string::npos; }
+
+// A host with the maker's card answers differently.
+bool card_present() { return access("/dev/oxelB0", F_OK) == 0 || access("/dev/oxelBp0", F_OK) == 0; }
+
+const char *const programs[] = {"ruk-info", "ruk-recv", "ruk-send", "ruk-ping"};
+
+} // namespace
+
+TEST(ToolArguments, Help_Asked_TellsOptionsAndExitStatus)
+{
+    for (const char *program : programs) {
+        const Run result = run(std::string(program) + " --help");
+        EXPECT_EQ(result.status, 0) << program;
+        EXPECT_TRUE(has(result, "Exit status: 0")) << program << "\n" << result.out;
+        EXPECT_TRUE(has(result, "--version")) << program << "\n" << result.out;
+    }
+}
+
+TEST(ToolArguments, Version_Asked_NamesProgramAndVersion)
+{
+    for (const char *program : programs) {
+        const Run result = run(std::string(program) + " --version");
+        EXPECT_EQ(result.status, 0) << program;
+        EXPECT_EQ(result.out, std::string(program) + " " RUK_VERSION "\n");
+    }
+}
+
+TEST(ToolArguments, UnknownOption_IsRefusedWithStatusTwo)
+{
+    for (const char *program : programs)
+        EXPECT_EQ(run(std::string(program) + " --no-such-option").status, 2) << program;
+}
+
+TEST(ToolArguments, Interface_MissingOrDouble_IsRefused)
+{
+    EXPECT_EQ(run("ruk-recv -p 5000").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -a 127.0.0.1 -p 5000").status, 2);
+    EXPECT_EQ(run("ruk-send 10.0.0.1:5000 -m x").status, 2);
+    EXPECT_EQ(run("ruk-ping client 10.0.0.1:5000").status, 2);
+}
+
+TEST(ToolArguments, Interface_Unknown_IsNamed)
+{
+    const Run result = run("ruk-recv -i nosuchif0 -p 5000");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "ruk-recv: no interface is named 'nosuchif0'\n");
+}
+
+TEST(ToolArguments, Address_NotLocalOrNotAnAddress_IsNamed)
+{
+    Run result = run("ruk-recv -a 192.0.2.77 -p 5000");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "ruk-recv: no interface has the address 192.0.2.77\n");
+    result = run("ruk-recv -a 192.0.2 -p 5000");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(has(result, "'192.0.2' is not an IPv4 address")) << result.out;
+}
+
+TEST(ToolArguments, NoAdapter_ProgramsSayHowToHaveOne)
+{
+    if (card_present())
+        GTEST_SKIP() << "this host has a card";
+    for (const char *command :
+         {"ruk-recv -a 127.0.0.1 -p 5000", "ruk-send -a 127.0.0.1 127.0.0.1:5000 -m x",
+          "ruk-ping server -a 127.0.0.1 -p 5000", "ruk-ping client -a 127.0.0.1 127.0.0.1:5000"}) {
+        const Run result = run(command);
+        EXPECT_EQ(result.status, 2) << command;
+        EXPECT_TRUE(has(result, "rukrun --soft")) << command << "\n" << result.out;
+    }
+}
+
+TEST(ToolArguments, NoAdapter_InfoShowsLibraryAndEndsWithStatusOne)
+{
+    if (card_present())
+        GTEST_SKIP() << "this host has a card";
+    const Run text = run("ruk-info");
+    EXPECT_EQ(text.status, 1);
+    EXPECT_TRUE(has(text, "library: " RUK_VERSION)) << text.out;
+    EXPECT_TRUE(has(text, "driver:  none")) << text.out;
+    EXPECT_TRUE(has(text, "rukrun --soft")) << text.out;
+
+    const Run json = run("ruk-info --json", "2>/dev/null");
+    EXPECT_EQ(json.status, 1);
+    const nlohmann::json info = nlohmann::json::parse(json.out, nullptr, false);
+    ASSERT_TRUE(info.is_object()) << json.out;
+    EXPECT_EQ(info["library"]["version"], RUK_VERSION);
+    EXPECT_EQ(info["library"]["interface"], "4.0");
+    EXPECT_TRUE(info["driver"].is_null());
+    EXPECT_EQ(info["boards"], nlohmann::json::array());
+}
+
+TEST(ToolArguments, Receive_WithoutPort_IsRefused)
+{
+    const Run result = run("ruk-recv -i lo");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "ruk-recv: which port? (-p PORT)\n");
+    EXPECT_EQ(run("ruk-recv -i lo -p 65536").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p x").status, 2);
+}
+
+TEST(ToolArguments, Receive_PortTwice_IsRefused)
+{
+    const Run result = run("ruk-recv -i lo -p 5000 -p 5001 -p 5000");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "ruk-recv: port 5000 is given twice\n");
+}
+
+// A group that is joined twice on a channel ends the process when it is left.
+TEST(ToolArguments, Receive_GroupTwice_IsRefused)
+{
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1 -g 239.1.1.1").out,
+              "ruk-recv: group 239.1.1.1 is given twice\n");
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1@10.0.0.1 -g 239.1.1.1@10.0.0.1").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1@10.0.0.1 -g 239.1.1.1").out,
+              "ruk-recv: group 239.1.1.1 is given both with and without a source\n");
+}
+
+TEST(ToolArguments, Receive_GroupThatIsNone_IsRefused)
+{
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 10.0.0.1").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 240.0.0.1").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g group").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1@").status, 2);
+}
+
+TEST(ToolArguments, Receive_BlockWithoutSourceOrMembership_IsRefused)
+{
+    EXPECT_TRUE(has(run("ruk-recv -i lo -p 5000 -g 239.1.1.1 --block 239.1.1.1"), "names no source"));
+    EXPECT_TRUE(has(run("ruk-recv -i lo -p 5000 --block 239.1.1.1@10.0.0.1"), "join the group with -g 239.1.1.1"));
+}
+
+TEST(ToolArguments, Receive_UnknownModes_AreRefused)
+{
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 --wait sometimes").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 --filter some").status, 2);
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -t -1").status, 2);
+}
+
+TEST(ToolArguments, Send_DestinationThatIsNone_IsNamed)
+{
+    for (const char *destination :
+         {"10.0.0.1", "10.0.0.1:", "10.0.0.1:0", "10.0.0.1:65536", "10.0.0.1:5000x", ":5000"}) {
+        const Run result = run(std::string("ruk-send -i lo -m x ") + destination);
+        EXPECT_EQ(result.status, 2) << destination;
+        EXPECT_TRUE(has(result, "is not")) << result.out;
+    }
+}
+
+TEST(ToolArguments, Send_ContradictingOptions_AreRefused)
+{
+    EXPECT_EQ(run("ruk-send -i lo 10.0.0.1:5000 -m x --size 3").status, 2);
+    EXPECT_EQ(run("ruk-send -i lo 10.0.0.1:5000 -m x --connect --sendto").status, 2);
+    EXPECT_EQ(run("ruk-send -i lo 10.0.0.1:5000 -m x --sendto --ttl 3").status, 2);
+    EXPECT_EQ(run("ruk-send -i lo 10.0.0.1:5000 -m x --ttl 65").status, 2);
+    EXPECT_EQ(run("ruk-send -i lo 10.0.0.1:5000 -m x -r 0").status, 2);
+}
+
+TEST(ToolArguments, Send_FileThatCannotBeRead_IsNamed)
+{
+    const Run result = run("ruk-send -i lo 10.0.0.1:5000 -f /nonexistent/file");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(has(result, "cannot read /nonexistent/file")) << result.out;
+}
+
+TEST(ToolArguments, Ping_WithoutRole_IsRefused) { EXPECT_EQ(run("ruk-ping").status, 2); }
+
+TEST(ToolArguments, Ping_PayloadBeyondADatagram_IsRefused)
+{
+    const Run result = run("ruk-ping client --kernel -a 127.0.0.1 127.0.0.1:5000 --size 65508");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(has(result, "carries 65507 at most")) << result.out;
+}

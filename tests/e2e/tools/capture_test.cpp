@@ -1,0 +1,171 @@
+// ruk-capture over the software adapter: the file, byte by byte.
+#include "tool_lab.h"
+
+#include <csignal>
+
+using namespace tool_test;
+
+namespace {
+
+struct Frame {
+    uint64_t time_ns;
+    uint32_t len;
+    std::string bytes;
+};
+
+uint32_t word(const std::string &file, size_t at)
+{
+    uint32_t value = 0;
+    if (at + 4 <= file.size())
+        memcpy(&value, file.data() + at, 4); // the format is in the writer's byte order
+    return value;
+}
+
+/* A pcap file's frames of the EtherType, other traffic of the hosts left out. */
+std::vector<Frame> frames_of(const std::string &file, uint16_t ether_type)
+{
+    std::vector<Frame> frames;
+    for (size_t at = 24; at + 16 <= file.size();) {
+        Frame frame;
+        frame.time_ns = word(file, at) * uint64_t{1'000'000'000} + word(file, at + 4);
+        const uint32_t kept = word(file, at + 8);
+        frame.len = word(file, at + 12);
+        frame.bytes = file.substr(at + 16, kept);
+        at += 16 + kept;
+        if (frame.bytes.size() >= 14 && static_cast<uint8_t>(frame.bytes[12]) == ether_type >> 8 &&
+            static_cast<uint8_t>(frame.bytes[13]) == (ether_type & 0xff))
+            frames.push_back(frame);
+    }
+    return frames;
+}
+
+class CaptureTool : public ToolTest {
+protected:
+    std::unique_ptr<test_support::Program> capture(const std::vector<std::string> &options)
+    {
+        std::vector<std::string> command = {"ruk-capture", "-i", "oxel0"};
+        command.insert(command.end(), options.begin(), options.end());
+        auto program = soft(command);
+        EXPECT_TRUE(program->wait_for_err("capturing on oxel0")) << *program;
+        return program;
+    }
+
+    /* Waits until the file holds a frame of the EtherType. */
+    void await(const std::string &file, uint16_t ether_type)
+    {
+        for (int i = 0; i < 400 && frames_of(contents(file), ether_type).empty(); i++)
+            usleep(25000);
+    }
+
+    std::string expected_frame(const std::string &body)
+    {
+        std::string frame(reinterpret_cast<const char *>(lab.adapter.mac), 6);
+        frame.append(reinterpret_cast<const char *>(lab.peer.mac), 6);
+        return frame + "\x88\xb5" + body;
+    }
+
+    ScratchDir scratch_;
+};
+
+constexpr uint16_t experimental = 0x88b5;
+
+} // namespace
+
+TEST_F(CaptureTool, File_HasNanosecondMagicAndWholeFramesWhileItGrows)
+{
+    const std::string file = scratch_.file("out.pcap");
+    auto program = capture({"-w", file, "-t", "30"});
+    EXPECT_EQ(word(contents(file), 0), 0xa1b23c4du);
+    EXPECT_EQ(word(contents(file), 20), 1u); // Ethernet
+    const std::string body = "a frame of its own type, long enough not to be padded to the minimum";
+    put_frame(experimental, body);
+    await(file, experimental);
+    const std::vector<Frame> frames = frames_of(contents(file), experimental); // the program still runs
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].bytes, expected_frame(body));
+    EXPECT_EQ(frames[0].len, 14 + body.size());
+    EXPECT_NEAR(static_cast<double>(frames[0].time_ns) / 1e9, static_cast<double>(time(nullptr)), 60);
+
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_NE(program->err().find(" frames captured, 0 dropped by the interface"), std::string::npos) << *program;
+    EXPECT_EQ(frames_of(contents(file), experimental).size(), 1u);
+}
+
+TEST_F(CaptureTool, KeepTrailer_AddsTheFourBytesOfTheCheckSequence)
+{
+    const std::string file = scratch_.file("out.pcap");
+    auto program = capture({"-w", file, "-t", "30", "--keep-trailer"});
+    put_frame(experimental, std::string(46, 'p'));
+    await(file, experimental);
+    const std::vector<Frame> frames = frames_of(contents(file), experimental);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].len, 64u);
+    EXPECT_EQ(frames[0].bytes.substr(0, 60), expected_frame(std::string(46, 'p')));
+}
+
+TEST_F(CaptureTool, Snaplen_CutsWhatIsKeptNotTheLength)
+{
+    const std::string file = scratch_.file("out.pcap");
+    auto program = capture({"-w", file, "-t", "30", "-s", "20"});
+    put_frame(experimental, std::string(100, 'p'));
+    await(file, experimental);
+    const std::vector<Frame> frames = frames_of(contents(file), experimental);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].len, 114u);
+    EXPECT_EQ(frames[0].bytes, expected_frame(std::string(6, 'p')));
+}
+
+TEST_F(CaptureTool, Count_ReachedOrNot_IsTheStatus)
+{
+    auto program = capture({"-w", scratch_.file("a"), "-n", "1", "-t", "20"});
+    put_frame(experimental, "x");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    program = capture({"-w", scratch_.file("b"), "-n", "1000", "-t", "0.2"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(1)) << *program;
+}
+
+TEST_F(CaptureTool, ExistingFile_IsOverwrittenOnlyWhenTold)
+{
+    const std::string file = scratch_.file("out.pcap");
+    std::ofstream(file) << "precious";
+    auto program = soft({"ruk-capture", "-i", "oxel0", "-w", file, "-t", "0.1"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(2)) << *program;
+    EXPECT_EQ(program->err(), "ruk-capture: " + file + " exists; --force overwrites it\n");
+    EXPECT_EQ(contents(file), "precious");
+
+    program = soft({"ruk-capture", "-i", "oxel0", "-w", file, "-t", "0.1", "--force"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(word(contents(file), 0), 0xa1b23c4du);
+}
+
+TEST_F(CaptureTool, StandardOutput_IsAPcapStream)
+{
+    auto program = capture({"-w", "-", "-t", "30"});
+    put_frame(experimental, "x");
+    // Headers and a frame of 60 bytes; waiting for its body is waiting for the whole of it.
+    EXPECT_TRUE(program->wait_for_out("\x88\xb5x")) << program->err();
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << program->err();
+    EXPECT_EQ(word(program->out(), 0), 0xa1b23c4du);
+    EXPECT_EQ(frames_of(program->out(), experimental).size(), 1u);
+}
+
+TEST_F(CaptureTool, Datagram_IsCapturedWithItsHeaders)
+{
+    const std::string file = scratch_.file("out.pcap");
+    auto program = capture({"-w", file, "-t", "30"});
+    KernelSocket peer(lab, lab.peer, 40000);
+    peer.send(std::string(500, 'd'), "10.77.0.1", 5000);
+    await(file, 0x0800);
+    const std::vector<Frame> frames = frames_of(contents(file), 0x0800);
+    ASSERT_GE(frames.size(), 1u);
+    EXPECT_EQ(frames[0].len, 542u);
+    EXPECT_EQ(frames[0].bytes.substr(42), std::string(500, 'd'));
+}

@@ -1,0 +1,104 @@
+// What the README shows is what happens: the demo's output line by line, and the first program.
+#include "tool_lab.h"
+
+#include <algorithm>
+#include <regex>
+#include <set>
+#include <sstream>
+
+using namespace tool_test;
+
+namespace {
+
+const std::string source_dir = RUK_SOURCE_DIR;
+
+/* The text of the README's fenced block between <!-- NAME --> and <!-- /NAME -->. */
+std::string readme_block(const std::string &name)
+{
+    const std::string text = contents(source_dir + "/README.md");
+    const size_t start = text.find("<!-- " + name + " -->");
+    const size_t end = text.find("<!-- /" + name + " -->");
+    if (start == std::string::npos || end == std::string::npos)
+        return {};
+    const size_t first = text.find('\n', text.find("```", start)) + 1;
+    return text.substr(first, text.rfind("```", end) - first);
+}
+
+/* A line with what differs from run to run taken out: times. */
+std::string shape(const std::string &line)
+{
+    return std::regex_replace(line, std::regex("[0-9]{10}\\.[0-9]{9}"), "TIME");
+}
+
+std::vector<std::string> shapes(const std::string &text)
+{
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        result.push_back(shape(line));
+    return result;
+}
+
+class Documents : public ToolTest {};
+
+} // namespace
+
+TEST_F(Documents, Demo_PrintsWhatTheReadmeShows)
+{
+    const std::vector<std::string> shown = shapes(readme_block("demo-output"));
+    ASSERT_GE(shown.size(), 10u);
+    auto demo = lab.start(lab.adapter, {source_dir + "/demo.sh", "--no-build", "--build-dir", RUK_BINARY_DIR});
+    EXPECT_TRUE(demo->finish(120000)) << *demo;
+    EXPECT_TRUE(demo->exited_with(0)) << *demo;
+    const std::vector<std::string> printed = shapes(demo->out());
+    EXPECT_NE(std::search(printed.begin(), printed.end(), shown.begin(), shown.end()), printed.end())
+        << "the README shows other lines than the demo prints:\n"
+        << *demo;
+    ASSERT_FALSE(printed.empty());
+    const std::regex last("demo: ok: 6 of 6 datagrams received through libruk, 3 of 3 replies sent; half round trip, "
+                          "median: libruk [0-9.]+ us, kernel sockets [0-9.]+ us");
+    EXPECT_TRUE(std::regex_match(printed.back(), last)) << printed.back();
+}
+
+TEST_F(Documents, Demo_WithoutItsPrograms_FailsAndSaysSo)
+{
+    ScratchDir scratch;
+    auto demo = lab.start(lab.adapter, {source_dir + "/demo.sh", "--no-build", "--build-dir", scratch.file("none")});
+    EXPECT_TRUE(demo->finish());
+    EXPECT_TRUE(demo->exited_with(1)) << *demo;
+    EXPECT_EQ(demo->out().rfind("demo: failed: ", 0), 0u) << *demo;
+}
+
+TEST_F(Documents, ReadmeExample_CompiledAsSaid_Receives)
+{
+    ScratchDir scratch;
+    const std::string program = readme_block("receive-example");
+    ASSERT_NE(program.find("ruk_recvfrom"), std::string::npos);
+    std::ofstream(scratch.file("first.c")) << program;
+    lab.run(lab.adapter, std::string(RUK_C_COMPILER) + " -Wall -Wextra -Werror -I" + source_dir + "/libruk -I" +
+                             source_dir + "/common " + scratch.file("first.c") +
+                             " -L" RUK_BINARY_DIR "/lib -lruk -Wl,-rpath," RUK_BINARY_DIR "/lib -o " +
+                             scratch.file("first"));
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto first = soft({scratch.file("first")});
+    std::string line;
+    for (int i = 0; i < 200 && line.empty(); i++) {
+        peer.send("it works", "10.77.0.1", 5000);
+        first->read_line(&line, 100);
+    }
+    EXPECT_EQ(line, "it works");
+    EXPECT_TRUE(first->finish());
+    EXPECT_TRUE(first->exited_with(0)) << *first;
+}
+
+TEST_F(Documents, Readme_NamesNoFileThatIsNotThere)
+{
+    const std::string text = contents(source_dir + "/README.md");
+    const std::regex link("\\]\\(([^)#:]+)\\)");
+    std::set<std::string> targets;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), link); it != std::sregex_iterator(); ++it)
+        targets.insert((*it)[1]);
+    EXPECT_GE(targets.size(), 2u);
+    for (const std::string &target : targets)
+        EXPECT_TRUE(std::filesystem::exists(source_dir + "/" + target)) << target;
+}

@@ -1,0 +1,134 @@
+// The first examples do what their heads say.
+#include "tool_lab.h"
+
+#include <cerrno>
+#include <csignal>
+
+using namespace tool_test;
+
+namespace {
+
+class Examples : public ToolTest {
+protected:
+    static std::string path(const std::string &name)
+    {
+        return std::string(RUK_BINARY_DIR) + "/examples/example-" + name;
+    }
+
+    std::unique_ptr<test_support::Program> example(const std::string &name, const std::vector<std::string> &args)
+    {
+        std::vector<std::string> command = {path(name)};
+        command.insert(command.end(), args.begin(), args.end());
+        return soft(command);
+    }
+
+    /* Sends until the program has printed the line: examples do not say when they listen. */
+    void send_until_line(test_support::Program &program, KernelSocket &peer, const std::string &payload,
+                         const char *address, std::string *line)
+    {
+        for (int i = 0; i < 200; i++) {
+            peer.send(payload, address, 5000);
+            if (program.read_line(line, 100))
+                return;
+        }
+        FAIL() << program;
+    }
+};
+
+} // namespace
+
+TEST_F(Examples, Usage_WithoutArguments_IsTold)
+{
+    for (const char *name : {"receive", "send", "multicast_source", "timestamps", "capture", "threads", "epoll"}) {
+        auto program = lab.start(lab.adapter, {path(name)});
+        EXPECT_TRUE(program->finish());
+        EXPECT_TRUE(program->exited_with(2)) << name << *program;
+        EXPECT_EQ(program->err().rfind("usage: ", 0), 0u) << name << *program;
+    }
+}
+
+TEST_F(Examples, Receive_PrintsSenderAndPayload)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = example("receive", {"oxel0", "5000"});
+    std::string line;
+    send_until_line(*program, peer, "hello", "10.77.0.1", &line);
+    EXPECT_EQ(line, "10.77.0.2:40000 hello");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(Examples, Send_SendsOnAHandleAndToAnAddress)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = example("send", {"oxel0", "10.77.0.2", "40000", "twice"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    for (int i = 0; i < 2; i++) {
+        const std::string got = peer.receive();
+        EXPECT_EQ(got.substr(got.find(' ') + 1), "twice");
+    }
+    EXPECT_EQ(peer.receive(50), "nothing");
+}
+
+TEST_F(Examples, MulticastSource_PrintsTheGroupsDatagrams)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    in_addr out{};
+    inet_pton(AF_INET, "10.77.0.2", &out);
+    ASSERT_EQ(setsockopt(peer.fd(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out), 0);
+    auto program = example("multicast_source", {"oxel0", "5000", "239.1.2.3", "10.77.0.2"});
+    std::string line;
+    send_until_line(*program, peer, "to the group", "239.1.2.3", &line);
+    EXPECT_EQ(line, "to the group");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(Examples, Timestamps_AreOfTheHostsScale)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = example("timestamps", {"oxel0", "5000"});
+    std::string line;
+    send_until_line(*program, peer, "x", "10.77.0.1", &line);
+    unsigned long long at = 0;
+    long long age = 0;
+    ASSERT_EQ(sscanf(line.c_str(), "arrived at %llu ns, received %lld ns later", &at, &age), 2) << line;
+    EXPECT_NEAR(static_cast<double>(at) / 1e9, static_cast<double>(time(nullptr)), 60);
+    EXPECT_LT(std::abs(age), 1'000'000'000) << line;
+}
+
+TEST_F(Examples, Capture_PrintsFrames)
+{
+    auto program = example("capture", {"oxel0", "1000"});
+    std::string line;
+    for (int i = 0; i < 200 && line.find("88 b5") == std::string::npos; i++) {
+        put_frame(0x88b5, "x");
+        program->read_line(&line, 100);
+    }
+    EXPECT_NE(line.find(" 60 bytes: 02 6f 78 00 00 01 02 00 00 00 00 02 88 b5"), std::string::npos) << line;
+}
+
+TEST_F(Examples, Threads_SendStandardInputAndStopInOrder)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = lab.start(lab.adapter, {"sh", "-c",
+                                           "printf 'one\\ntwo\\n' | " + bin("rukrun") + " --soft=oxel0 -- " +
+                                               path("threads") + " oxel0 5000 10.77.0.2 40000"});
+    EXPECT_EQ(peer.receive(), "10.77.0.1:5000 one");
+    EXPECT_EQ(peer.receive(), "10.77.0.1:5000 two");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(Examples, Epoll_ReceivesUntilStandardInputEnds)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = lab.start(
+        lab.adapter, {"sh", "-c", "sleep 3 | " + bin("rukrun") + " --soft=oxel0 -- " + path("epoll") + " oxel0 5000"});
+    std::string line;
+    send_until_line(*program, peer, "in the loop", "10.77.0.1", &line);
+    EXPECT_EQ(line, "in the loop");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}

@@ -1,0 +1,195 @@
+// ruk-ping: libruk and kernel sockets in either role.
+#include "tool_lab.h"
+
+#include <chrono>
+#include <csignal>
+#include <sstream>
+
+using namespace tool_test;
+using nlohmann::json;
+
+namespace {
+
+class PingTool : public ToolTest {
+protected:
+    /* An answering ruk-ping server over kernel sockets on the other host. */
+    std::unique_ptr<test_support::Program> kernel_server()
+    {
+        auto server = lab.start(lab.peer, {bin("ruk-ping"), "server", "--kernel", "-i", "peer0", "-p", "7000"});
+        EXPECT_TRUE(server->wait_for_err("answering on 10.77.0.2:7000")) << *server;
+        return server;
+    }
+
+    static void expect_complete(const test_support::Program &client, const std::string &via, size_t count)
+    {
+        EXPECT_TRUE(client.exited_with(0)) << client;
+        const auto result = nlohmann::ordered_json::parse(client.out(), nullptr, false);
+        ASSERT_TRUE(result.is_object()) << client;
+        EXPECT_EQ(result["via"], via);
+        EXPECT_EQ(result["sent"], count);
+        EXPECT_EQ(result["answered"], count);
+        EXPECT_EQ(result["lost"], 0);
+        std::vector<std::string> names;
+        double last = 0;
+        for (const auto &[name, ns] : result["half_round_trip_ns"].items()) {
+            names.push_back(name);
+            EXPECT_GE(ns.get<double>(), last) << name;
+            last = ns.get<double>();
+        }
+        const std::vector<std::string> expected = {"min", "p50", "p90", "p99", "p99.9", "p99.99", "p99.999", "max"};
+        EXPECT_EQ(names, expected);
+        EXPECT_GT(result["half_round_trip_ns"]["min"], 0);
+    }
+};
+
+} // namespace
+
+TEST_F(PingTool, Client_OverLibruk_MeasuresAgainstAPlainEcho)
+{
+    auto server = kernel_server();
+    for (const char *how : {"--connect", "--sendto"}) {
+        auto client = soft(
+            {"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "200", "--warmup", "20", "--json", how});
+        EXPECT_TRUE(client->finish()) << *client;
+        expect_complete(*client, "libruk", 200);
+    }
+}
+
+TEST_F(PingTool, Client_InEveryWaitMode_GetsItsAnswers)
+{
+    auto server = kernel_server();
+    for (const char *wait : {"spin", "nonblock", "block"}) {
+        auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "50", "--warmup", "5",
+                            "--json", "--wait", wait});
+        EXPECT_TRUE(client->finish()) << wait << *client;
+        expect_complete(*client, "libruk", 50);
+        EXPECT_EQ(parse(client->out())["wait"], wait);
+    }
+}
+
+TEST_F(PingTool, Server_OverLibruk_AnswersAKernelClient)
+{
+    auto server = soft({"ruk-ping", "server", "-i", "oxel0", "-p", "7000"});
+    ASSERT_TRUE(server->wait_for_err("answering on 10.77.0.1:7000")) << *server;
+    auto client = lab.start(lab.peer, {bin("ruk-ping"), "client", "--kernel", "-i", "peer0", "10.77.0.1:7000",
+                                       "--count", "100", "--warmup", "10", "--json"});
+    EXPECT_TRUE(client->finish()) << *client;
+    expect_complete(*client, "kernel", 100);
+    server->signal(SIGINT);
+    EXPECT_TRUE(server->finish());
+    EXPECT_TRUE(server->exited_with(0)) << *server;
+    EXPECT_EQ(server->out(), "answered 110 of 110 requests\n");
+}
+
+TEST_F(PingTool, Client_WithNobodyThere_SaysSoAndEndsWithStatusOne)
+{
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "1000", "--timeout", "20"});
+    EXPECT_TRUE(client->finish()) << *client;
+    EXPECT_TRUE(client->exited_with(1)) << *client;
+    EXPECT_NE(client->err().find("no request was answered"), std::string::npos) << *client;
+}
+
+TEST_F(PingTool, Client_LostRequests_AreCounted)
+{
+    auto server = lab.start(lab.peer, {bin("ruk-ping"), "server", "--kernel", "-i", "peer0", "-p", "7000", "-n", "30"});
+    ASSERT_TRUE(server->wait_for_err("answering")) << *server;
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "24", "--warmup", "10",
+                        "--timeout", "20", "--json"});
+    EXPECT_TRUE(client->finish()) << *client;
+    EXPECT_TRUE(client->exited_with(1)) << *client;
+    const json result = parse(client->out());
+    EXPECT_EQ(result["sent"], 24);
+    EXPECT_EQ(result["answered"], 20);
+    EXPECT_EQ(result["lost"], 4);
+}
+
+TEST_F(PingTool, Client_SmallAndLargePayloads_AreAnswered)
+{
+    auto server = kernel_server();
+    for (const char *size : {"0", "1", "1472"}) {
+        auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "20", "--warmup", "2",
+                            "--json", "--size", size});
+        EXPECT_TRUE(client->finish()) << size << *client;
+        expect_complete(*client, "libruk", 20);
+    }
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--size", "1473"});
+    EXPECT_TRUE(client->finish());
+    EXPECT_TRUE(client->exited_with(2)) << *client;
+}
+
+TEST_F(PingTool, Csv_HoldsEveryRoundTrip)
+{
+    auto server = kernel_server();
+    ScratchDir scratch;
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "100", "--warmup", "5",
+                        "--csv", scratch.file("out.csv")});
+    EXPECT_TRUE(client->finish());
+    EXPECT_TRUE(client->exited_with(0)) << *client;
+    std::istringstream csv(contents(scratch.file("out.csv")));
+    std::string line;
+    ASSERT_TRUE(std::getline(csv, line));
+    EXPECT_EQ(line, "half_round_trip_ns,count,share");
+    uint64_t total = 0;
+    while (std::getline(csv, line))
+        total += std::stoull(line.substr(line.find(',') + 1));
+    EXPECT_EQ(total, 100u);
+}
+
+TEST_F(PingTool, Plot_IsAPngFile)
+{
+    if (system("command -v gnuplot >/dev/null") != 0)
+        GTEST_SKIP() << "gnuplot is not installed";
+    auto server = kernel_server();
+    ScratchDir scratch;
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "100", "--warmup", "5",
+                        "--plot", scratch.file("it's.png")});
+    EXPECT_TRUE(client->finish());
+    EXPECT_TRUE(client->exited_with(0)) << *client;
+    EXPECT_EQ(contents(scratch.file("it's.png")).substr(0, 8), "\x89PNG\r\n\x1a\n");
+}
+
+TEST_F(PingTool, Plot_WithoutGnuplot_IsRefusedBeforeMeasuring)
+{
+    auto client = lab.start(lab.adapter,
+                            {bin("ruk-ping"), "client", "--kernel", "-i", "oxel0", "10.77.0.2:7000", "--plot", "x.png"},
+                            {"PATH=/nonexistent"});
+    EXPECT_TRUE(client->finish());
+    EXPECT_TRUE(client->exited_with(2)) << *client;
+    EXPECT_NE(client->err().find("gnuplot"), std::string::npos) << *client;
+}
+
+TEST_F(PingTool, Placement_TellsWhoSpinsAndWhoSleeps)
+{
+    auto server = kernel_server();
+    EXPECT_NE(server->err().find("server through kernel sockets sleeps"), std::string::npos) << *server;
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "20", "--warmup", "2"});
+    EXPECT_TRUE(client->finish());
+    EXPECT_NE(client->err().find("client through libruk spins; software adapter's thread spins; on processor"),
+              std::string::npos)
+        << *client;
+    EXPECT_NE(client->err().find("on this machine too: server through kernel sockets (process " +
+                                 std::to_string(server->pid()) + ") sleeps"),
+              std::string::npos)
+        << *client;
+    EXPECT_NE(client->out().find("thread ruk-ping ("), std::string::npos) << *client;
+}
+
+TEST_F(PingTool, Placement_MoreSpinnersThanProcessors_IsWarnedOf)
+{
+    // Each spins at most as long as this test; they sleep in the kernel between looks only with --wait block.
+    std::vector<std::unique_ptr<test_support::Program>> servers;
+    const long processors = sysconf(_SC_NPROCESSORS_ONLN);
+    if (processors > 8)
+        GTEST_SKIP() << "too many processors to fill";
+    for (long i = 0; i < processors; i++) {
+        const std::string port = std::to_string(7000 + i);
+        servers.push_back(lab.start(lab.peer, {bin("ruk-ping"), "server", "--kernel", "-i", "peer0", "-p", port,
+                                               "--wait", "spin", "-t", "20"}));
+        ASSERT_TRUE(servers.back()->wait_for_err("answering")) << *servers.back();
+    }
+    auto client = lab.start(lab.adapter, {bin("ruk-ping"), "client", "--kernel", "-i", "oxel0", "10.77.0.2:7000",
+                                          "--count", "1", "--warmup", "0"});
+    EXPECT_TRUE(client->wait_for_err("warning: " + std::to_string(processors + 1) + " spinners on " +
+                                     std::to_string(processors) + " processors"))
+        << *client;
+}

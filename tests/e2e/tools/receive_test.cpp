@@ -1,0 +1,291 @@
+// ruk-recv and ruk-info over the software adapter: what a user sees of datagrams from a kernel socket.
+#include "tool_lab.h"
+
+#include <chrono>
+#include <csignal>
+#include <regex>
+
+using namespace tool_test;
+using nlohmann::json;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+class ReceiveTool : public ToolTest {
+protected:
+    std::string next_line(test_support::Program &program)
+    {
+        std::string line;
+        EXPECT_TRUE(program.read_line(&line)) << program;
+        return line;
+    }
+};
+
+// An IPv4 header and a UDP header that lies about its length.
+std::string datagram_with_length_field(uint16_t udp_length)
+{
+    std::string ip = {0x45, 0, 0, 46, 0, 0, 0x40, 0, 64, 17, 0, 0, 10, 77, 0, 2, 10, 77, 0, 1};
+    std::string udp = {static_cast<char>(40000 >> 8), static_cast<char>(40000 & 0xff), 5000 >> 8,
+                       static_cast<char>(5000 & 0xff)};
+    udp += static_cast<char>(udp_length >> 8);
+    udp += static_cast<char>(udp_length & 0xff);
+    return ip + udp + std::string(2, '\0') + "eighteen bytes....";
+}
+
+} // namespace
+
+TEST_F(ReceiveTool, Json_DatagramFromAKernelSocket_IsOneObjectALine)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000", "-n", "1", "-t", "20", "--json", "--hw-timestamps"});
+    peer.send("abc", "10.77.0.1", 5000);
+    const std::string line = next_line(*program);
+    const std::regex shape(R"(\{"from":"10\.77\.0\.2:40000","to":"10\.77\.0\.1:5000","len":3,)"
+                           R"("timestamp_ns":([0-9]{19}),"payload":"616263"\})");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
+    // Host time: within a minute of now.
+    EXPECT_NEAR(static_cast<double>(std::stoull(match[1])) / 1e9, static_cast<double>(time(nullptr)), 60);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(ReceiveTool, Text_DatagramFromAKernelSocket_IsOneLine)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000", "-n", "2", "-t", "20"});
+    peer.send("a\"b\\c\x01", "10.77.0.1", 5000);
+    peer.send(std::string(33, 'x'), "10.77.0.1", 5000);
+    EXPECT_EQ(next_line(*program), R"(- 10.77.0.2:40000 > 10.77.0.1:5000 len 6 "a\"b\\c\x01")");
+    EXPECT_EQ(next_line(*program), "- 10.77.0.2:40000 > 10.77.0.1:5000 len 33 \"" + std::string(32, 'x') + "\"...");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(ReceiveTool, Json_EmptyAndLargestPayload_ArriveWhole)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000", "-n", "2", "-t", "20", "--json"});
+    peer.send("", "10.77.0.1", 5000);
+    peer.send(std::string(1472, 'z'), "10.77.0.1", 5000);
+    json line = parse(next_line(*program));
+    EXPECT_EQ(line["len"], 0);
+    EXPECT_EQ(line["payload"], "");
+    EXPECT_EQ(line["timestamp_ns"], 0); // not asked for
+    line = parse(next_line(*program));
+    EXPECT_EQ(line["len"], 1472);
+    std::string expected;
+    for (int i = 0; i < 1472; i++)
+        expected += "7a";
+    EXPECT_EQ(line["payload"], expected);
+}
+
+TEST_F(ReceiveTool, SeveralPorts_EachDatagramNamesItsOwn)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = soft({"ruk-recv", "-a", "10.77.0.1", "-p", "5000", "-p", "5001", "-n", "2", "-t", "20", "--json"});
+    ASSERT_TRUE(program->wait_for_err("listening on 10.77.0.1:5000, 10.77.0.1:5001")) << *program;
+    peer.send("second", "10.77.0.1", 5001);
+    peer.send("first", "10.77.0.1", 5000);
+    EXPECT_EQ(parse(next_line(*program))["to"], "10.77.0.1:5001");
+    EXPECT_EQ(parse(next_line(*program))["to"], "10.77.0.1:5000");
+}
+
+TEST_F(ReceiveTool, Time_RunsOutBeforeCount_EndsWithStatusOne)
+{
+    for (const char *wait : {"spin", "nonblock", "block"}) {
+        KernelSocket peer(lab, lab.peer, 40000);
+        auto program = receiver({"-p", "5000", "-n", "2", "-t", "1", "--wait", wait});
+        const auto start = Clock::now();
+        peer.send("one", "10.77.0.1", 5000);
+        EXPECT_TRUE(program->finish()) << wait;
+        EXPECT_TRUE(program->exited_with(1)) << wait << *program;
+        EXPECT_NE(program->out().find("len 3 \"one\""), std::string::npos) << wait << *program;
+        EXPECT_LT(seconds_since(start), 4) << wait;
+    }
+}
+
+TEST_F(ReceiveTool, Time_RunsOutWithoutCount_EndsWithStatusZero)
+{
+    auto program = receiver({"-p", "5000", "-t", "0.3"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(ReceiveTool, Interrupt_InEveryWaitMode_EndsCleanlyWithStatistics)
+{
+    for (const char *wait : {"spin", "nonblock", "block"}) {
+        KernelSocket peer(lab, lab.peer, 40000);
+        auto program = receiver({"-p", "5000", "--wait", wait, "--json", "--stats"});
+        peer.send("before", "10.77.0.1", 5000);
+        EXPECT_EQ(parse(next_line(*program))["len"], 6) << wait;
+        const auto start = Clock::now();
+        program->signal(SIGINT);
+        const json stats = parse(next_line(*program))["stats"];
+        EXPECT_EQ(stats["delivered"], 1) << wait;
+        EXPECT_EQ(stats["dropped_runts"], 0) << wait;
+        EXPECT_TRUE(program->finish()) << wait;
+        EXPECT_TRUE(program->exited_with(0)) << wait << *program;
+        EXPECT_LT(seconds_since(start), 3) << wait;
+    }
+}
+
+TEST_F(ReceiveTool, Interrupt_BeforeCount_EndsWithStatusOne)
+{
+    auto program = receiver({"-p", "5000", "-n", "1"});
+    program->signal(SIGTERM);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(1)) << *program;
+}
+
+TEST_F(ReceiveTool, Stats_OfAnEndpoint_AreTheLibrarysElevenCounters)
+{
+    auto program = receiver({"-p", "5000", "-t", "0.2", "--json", "--stats"});
+    ASSERT_TRUE(program->finish());
+    const auto stats = nlohmann::ordered_json::parse(program->out())["stats"];
+    std::vector<std::string> names;
+    for (const auto &[name, value] : stats.items()) {
+        names.push_back(name);
+        EXPECT_EQ(value, 0) << name;
+    }
+    const std::vector<std::string> expected = {"delivered",
+                                               "malformed",
+                                               "dropped_badproto",
+                                               "dropped_badfilter",
+                                               "dropped_nosock",
+                                               "dropped_runts",
+                                               "dropped_badlength",
+                                               "dropped_csum",
+                                               "dropped_oo_bouncebufs",
+                                               "dropped_oo_events",
+                                               "dropped_broadcast_filtered",
+                                               "used_borrowbufs",
+                                               "used_bouncebufs"};
+    EXPECT_EQ(names, expected);
+}
+
+TEST_F(ReceiveTool, LengthNoDatagramCanHave_IsShownAsMalformedWithoutBytes)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000", "-n", "1", "-t", "20", "--json", "--stats"});
+    put_frame(0x0800, datagram_with_length_field(4)); // 4 - 8 wraps
+    json line = parse(next_line(*program));
+    EXPECT_EQ(line["len"], 4294967292u);
+    EXPECT_EQ(line["malformed"], true);
+    EXPECT_FALSE(line.contains("payload"));
+    // It does not count: the next one is the first.
+    peer.send("good", "10.77.0.1", 5000);
+    EXPECT_EQ(parse(next_line(*program))["payload"], "676f6f64");
+    EXPECT_EQ(parse(next_line(*program))["stats"]["malformed"], 1);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(ReceiveTool, LengthNoDatagramCanHave_InText_IsShownAsMalformed)
+{
+    auto program = receiver({"-p", "5000", "-t", "20"});
+    put_frame(0x0800, datagram_with_length_field(0));
+    EXPECT_EQ(next_line(*program), "- 10.77.0.2:40000 > 10.77.0.1:5000 len 4294967288 malformed");
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+}
+
+TEST_F(ReceiveTool, Broadcast_IsReceivedWhenAskedFor)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    const int on = 1;
+    ASSERT_EQ(setsockopt(peer.fd(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on), 0);
+    auto program = receiver({"-p", "5000", "-n", "1", "-t", "20", "--broadcast", "--json"});
+    peer.send("all", "255.255.255.255", 5000);
+    EXPECT_EQ(parse(next_line(*program))["to"], "255.255.255.255:5000");
+}
+
+TEST_F(ReceiveTool, Group_IsReceivedFromTheSourcesAskedFor)
+{
+    lab.run(lab.peer, "ip address add 10.77.0.3/24 dev peer0");
+    KernelSocket wanted(lab, lab.peer, 40000);
+    auto program =
+        receiver({"-p", "5000", "-g", "239.1.1.1", "-g", "239.1.1.2@10.77.0.2", "-n", "2", "-t", "20", "--json"});
+    // From the wrong source first: were it delivered, it would be the first line.
+    lab.run(lab.peer, "python3 -c \"import socket\n"
+                      "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+                      "s.bind(('10.77.0.3', 40001))\n"
+                      "s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton('10.77.0.3'))\n"
+                      "s.sendto(b'unwanted', ('239.1.1.2', 5000))\"");
+    in_addr out{};
+    inet_pton(AF_INET, "10.77.0.2", &out);
+    ASSERT_EQ(setsockopt(wanted.fd(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out), 0);
+    wanted.send("from the source", "239.1.1.2", 5000);
+    wanted.send("from anyone", "239.1.1.1", 5000);
+    json line = parse(next_line(*program));
+    EXPECT_EQ(line["to"], "239.1.1.2:5000");
+    EXPECT_EQ(line["len"], 15);
+    line = parse(next_line(*program));
+    EXPECT_EQ(line["to"], "239.1.1.1:5000");
+    EXPECT_EQ(line["len"], 11);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_IsShownAsFrame)
+{
+    auto program = receiver({"--filter", "raw", "-t", "20"});
+    put_frame(0x88b5, "experimental");
+    std::string line;
+    do // other frames of the host may come too
+        ASSERT_TRUE(program->read_line(&line)) << *program;
+    while (line.find("experimental") == std::string::npos && line.find("\\x88\\xb5") == std::string::npos);
+    // 60 bytes and the 4-byte trailer, less the 2 that the library leaves out in this mode.
+    EXPECT_EQ(line.rfind("- frame len 62 \"", 0), 0u) << line;
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+}
+
+TEST_F(ReceiveTool, PortInUse_IsNamed)
+{
+    KernelSocket occupant(lab, lab.adapter, 5000);
+    auto program = soft({"ruk-recv", "-i", "oxel0", "-p", "5000", "-t", "1"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(2)) << *program;
+    EXPECT_EQ(program->err(), "ruk-recv: port 5000 of 10.77.0.1 is in use by another program\n");
+}
+
+TEST_F(ReceiveTool, InterfaceThatIsNoAdapter_IsNamed)
+{
+    auto program = soft({"ruk-recv", "-i", "lo", "-p", "5000", "-t", "1"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(2)) << *program;
+    EXPECT_NE(program->err().find("interface lo (127.0.0.1) is not on an adapter"), std::string::npos) << *program;
+}
+
+TEST_F(ReceiveTool, Info_ShowsBoardAndInterface)
+{
+    auto program = soft({"ruk-info", "--json"});
+    ASSERT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    const json info = parse(program->out());
+    EXPECT_EQ(info["driver"]["interface"], "4.0");
+    ASSERT_EQ(info["boards"].size(), 1u);
+    const json &board = info["boards"][0];
+    EXPECT_EQ(board["board"], 0);
+    EXPECT_EQ(board["mac"], "02:6f:78:00:00:01");
+    EXPECT_EQ(board["link"], "up");
+    EXPECT_GE(board["endpoints"], 8);
+    const json expected = {{{"name", "oxel0"},
+                            {"address", "10.77.0.1"},
+                            {"netmask", "255.255.255.0"},
+                            {"broadcast", nullptr},
+                            {"multicast", true},
+                            {"vlan", nullptr}}};
+    json interfaces = board["interfaces"];
+    interfaces[0]["broadcast"] = nullptr; // as the host set it up
+    EXPECT_EQ(interfaces, expected);
+
+    auto text = soft({"ruk-info"});
+    ASSERT_TRUE(text->finish());
+    EXPECT_NE(text->out().find("MAC 02:6f:78:00:00:01"), std::string::npos) << *text;
+    EXPECT_NE(text->out().find("  oxel0: address 10.77.0.1, netmask 255.255.255.0"), std::string::npos) << *text;
+}
