@@ -441,6 +441,17 @@ extern "C" void entry_release_multi(struct ruk__tag_entry *entry)
     ruk__delay_put_tag_entry(ch->ch_rep, entry);
 }
 
+/*
+ * The same for an entry of the channel's queue. One that was joined twice is met here again after its release, when
+ * it has forgotten its channel: it takes the full way once more, and the adapter refuses the removal.
+ */
+static void release_multi_of(struct ruk__channel *ch, struct ruk__tag_entry *entry)
+{
+    if (!entry->tage_channel)
+        entry->tage_channel = ch;
+    entry_release_multi(entry);
+}
+
 /* Releases the channel's first entry for the group, and for the source when one is given (host order). */
 static int leave(struct ruk__channel *ch, uint32_t group_be32, bool check_source, uint32_t src)
 {
@@ -448,7 +459,7 @@ static int leave(struct ruk__channel *ch, uint32_t group_be32, bool check_source
     ruk__ep_lock(ch->ch_rep);
     struct ruk__tag_entry *entry = find_multi_entry(ch, group_be32, check_source, src);
     if (entry) {
-        entry_release_multi(entry);
+        release_multi_of(ch, entry);
         rc = 0;
     }
     ruk__ep_unlock(ch->ch_rep);
@@ -562,7 +573,7 @@ extern "C" void ruk__do_unbind(ruk_channel_t ch)
     TAILQ_REMOVE(&rep->rep_chanq, ch, ch_link);
     free_send_handles(ch);
     while (struct ruk__tag_entry *entry = TAILQ_FIRST(&ch->ch_tag_multiq))
-        entry_release_multi(entry);
+        release_multi_of(ch, entry);
     if (ch->ch_uni_entry && !hand_over(rep, ch->ch_uni_entry))
         entry_release_uni(ch->ch_uni_entry);
     if (ch->ch_bc_entry)
