@@ -1,0 +1,144 @@
+// The launcher: what it hands to the program, and one clear line for everything that can be wrong.
+#include "lab.h"
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using test_support::Lab;
+using test_support::LabTest;
+
+namespace {
+
+const std::string kRukrun = RUK_BINARY_DIR "/bin/rukrun";
+const std::string kAdapterLibrary = RUK_BINARY_DIR "/lib/liboxelsoft.so";
+
+class RukrunTest : public LabTest {
+protected:
+    // Ends within seconds; the launcher's line is in err().
+    std::unique_ptr<test_support::Program> rukrun(std::vector<std::string> arguments,
+                                                  const std::vector<std::string> &environment = {})
+    {
+        arguments.insert(arguments.begin(), kRukrun);
+        auto program = lab.start(lab.adapter, arguments, environment);
+        EXPECT_TRUE(program->finish()) << *program;
+        return program;
+    }
+};
+
+} // namespace
+
+TEST_F(RukrunTest, InterfacesNamed_ProgramRuns_WithAdapterPreloadedAndNamesPassedOn)
+{
+    auto program = rukrun({"--soft=oxel0,lo", "--mode=exact", "--", "sh", "-c",
+                           "echo $LD_PRELOAD; echo $RUK_SOFTNIC; echo $RUK_SOFTNIC_MODE; exit 7"});
+    EXPECT_TRUE(program->exited_with(7)) << *program;
+    EXPECT_EQ(program->out(), kAdapterLibrary + "\noxel0,lo\nexact\n");
+    EXPECT_EQ(program->err(), "");
+}
+
+TEST_F(RukrunTest, LibrariesPreloadedAlready_ProgramRuns_TheyComeAfterTheAdapter)
+{
+    auto program = rukrun({"--soft=oxel0", "sh", "-c", "echo $LD_PRELOAD; echo ${RUK_SOFTNIC_MODE-unset}"},
+                          {"LD_PRELOAD=libm.so.6"});
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(program->out(), kAdapterLibrary + ":libm.so.6\nunset\n");
+}
+
+TEST_F(RukrunTest, NoInterfaceNamed_ProgramRuns_WithThoseOfTheFamilyThatAreUp)
+{
+    lab.run(lab.adapter, "ip link add oxel7 address 02:6f:78:00:00:07 type veth peer name other7"
+                         " && ip link add oxel8 address 02:6f:78:00:00:08 type veth peer name other8"
+                         " && ip link set oxel8 up && ip link set other8 up && ip link set other7 up");
+    auto program = rukrun({"--soft", "sh", "-c", "echo $RUK_SOFTNIC"});
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(program->out(), "oxel0,oxel8\n");
+
+    lab.run(lab.adapter, "ip link set oxel0 down && ip link set oxel8 down");
+    program = rukrun({"--soft", "true"});
+    EXPECT_TRUE(program->exited_with(125)) << *program;
+    EXPECT_EQ(program->err(), "rukrun: no interface is up and has a MAC address that begins with 02:6f:78: name one\n");
+}
+
+TEST_F(RukrunTest, ArgumentsThatLookLikeOptions_AfterTheProgram_AreTheProgramsOwn)
+{
+    auto program = rukrun({"--soft=oxel0", "printf", "%s|", "--soft=none", "--help", "--", "-x", ""});
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(program->out(), "--soft=none|--help|--|-x||");
+}
+
+TEST_F(RukrunTest, WrongInterfaces_OneLineAndStatus)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"--soft=nosuch0", "rukrun: no interface named 'nosuch0'\n"},
+        {"--soft=oxel0,nosuch0", "rukrun: no interface named 'nosuch0'\n"},
+        {"--soft=oxel0,oxel0", "rukrun: interface 'oxel0' is named twice\n"},
+        {"--soft=", "rukrun: empty interface name\n"},
+        {"--soft=oxel0,", "rukrun: empty interface name\n"},
+    };
+    for (const auto &[option, line] : cases) {
+        auto program = rukrun({option, "true"});
+        EXPECT_TRUE(program->exited_with(125)) << *program;
+        EXPECT_EQ(program->err(), line);
+        EXPECT_EQ(program->out(), "");
+    }
+}
+
+TEST_F(RukrunTest, WrongUsage_OneLineAndStatus)
+{
+    const std::pair<std::vector<std::string>, const char *> cases[] = {
+        {{}, "rukrun: say --soft or --soft=INTERFACE (see rukrun --help)\n"},
+        {{"true"}, "rukrun: say --soft or --soft=INTERFACE (see rukrun --help)\n"},
+        {{"--soft=oxel0"}, "rukrun: no program given (see rukrun --help)\n"},
+        {{"--soft=oxel0", "--"}, "rukrun: no program given (see rukrun --help)\n"},
+        {{"--soft=oxel0", "--mode=slow", "true"}, "rukrun: unknown mode 'slow': it is fast, exact or fallback\n"},
+        {{"--hard", "true"}, "rukrun: unknown option '--hard' (see rukrun --help)\n"},
+    };
+    for (const auto &[arguments, line] : cases) {
+        auto program = rukrun(arguments);
+        EXPECT_TRUE(program->exited_with(125)) << *program;
+        EXPECT_EQ(program->err(), line);
+    }
+}
+
+TEST_F(RukrunTest, ProgramNotFound_Status127)
+{
+    auto program = rukrun({"--soft=oxel0", "no-such-program"});
+    EXPECT_TRUE(program->exited_with(127)) << *program;
+    EXPECT_EQ(program->err(), "rukrun: program 'no-such-program' not found\n");
+    program = rukrun({"--soft=oxel0", "/no/such/program"});
+    EXPECT_TRUE(program->exited_with(127)) << *program;
+    EXPECT_EQ(program->err(), "rukrun: program '/no/such/program' not found\n");
+}
+
+TEST_F(RukrunTest, ProgramThatCannotBeExecuted_Status126)
+{
+    for (const char *file : {"/etc/passwd", "/etc"}) {
+        auto program = rukrun({"--soft=oxel0", file});
+        EXPECT_TRUE(program->exited_with(126)) << *program;
+        EXPECT_EQ(program->err(), std::string("rukrun: cannot execute '") + file + "': Permission denied\n");
+    }
+}
+
+TEST_F(RukrunTest, NoRightToOpenPacketSockets_OneLineAndStatus)
+{
+    auto program = lab.start(
+        lab.adapter, {"setpriv", "--bounding-set=-net_raw", "--inh-caps=-net_raw", kRukrun, "--soft=oxel0", "true"});
+    ASSERT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(125)) << *program;
+    EXPECT_EQ(program->err(), "rukrun: cannot open a packet socket: Operation not permitted (run as root, or inside "
+                              "'unshare -Urn')\n");
+}
+
+TEST_F(RukrunTest, HelpAndVersion_OnStandardOutput)
+{
+    auto program = rukrun({"--help"});
+    EXPECT_TRUE(program->exited_with(0));
+    EXPECT_EQ(program->out().find("Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--] PROGRAM"), 0u);
+    EXPECT_NE(program->out().find("begins with 02:6f:78"), std::string::npos);
+    program = rukrun({"--version"});
+    EXPECT_TRUE(program->exited_with(0));
+    EXPECT_EQ(program->out(), "rukrun " RUK_VERSION "\n");
+}
