@@ -2,12 +2,14 @@
 
 #include "tov_io.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace softnic {
 
 constexpr uint64_t kBillion = 1000000000u;
 constexpr size_t kClksyncOffset = 64;
+constexpr uint64_t kReferenceAge = 3600 * kBillion;
 
 uint64_t mul_div(uint64_t a, uint64_t b, uint64_t c)
 {
@@ -67,8 +69,12 @@ void Clock::publish(kz_kernel_window_t *window, Now now) const
     record.nticks.nt_denominator = config_.ns_denominator;
     record.nticks.ticks_mask = config_.ticks_mask;
     if (config_.ticks_mask == 0) {
-        record.nticks.ticks = t;
-        record.nticks.nsecs = now.real_ns;
+        // Readers multiply the ticks since the reference by the numerator in 64 bits.
+        const uint64_t reach = (uint64_t{1} << 63) / config_.ns_denominator;
+        const uint64_t age = std::min({now.mono_ns - power_up_.mono_ns, kReferenceAge, reach});
+        record.nticks.ticks = ticks(now.mono_ns - age);
+        record.nticks.nsecs =
+            now.real_ns - (t - record.nticks.ticks) * config_.ns_numerator / config_.ns_denominator;
     } else {
         const uint64_t first = config_.first_ticks & config_.ticks_mask;
         const uint64_t since = (t - first) & config_.ticks_mask;

@@ -28,9 +28,10 @@ public:
     // The counter at this moment.
     uint64_t ticks(uint64_t mono_ns) const;
 
-    // Rewrites the clock record of the window under its sequence counter. Without a mask the reference point
-    // moves to now. With one it stays where it was at power-up, since endpoints keep the copy they took when
-    // they were enabled, and the drift record carries the correction.
+    // Rewrites the clock record of the window under its sequence counter. Without a mask the relation is exact as of
+    // now; its reference point lies well in the past, since a tick count before it cannot be converted and events may
+    // wait for their reader. With a mask the reference stays where it was at power-up, since endpoints keep the copy
+    // they took when they were enabled, and the drift record carries the correction.
     void publish(kz_kernel_window_t *window, Now now) const;
 
 private:

@@ -15,7 +15,7 @@ namespace softnic::sys {
 inline int close(int fd) { return static_cast<int>(::syscall(SYS_close, fd)); }
 inline int open(const char *path, int flags)
 {
-    return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, 0));
+    return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, 0666));
 }
 inline void *mmap(void *addr, size_t len, int prot, int flags, int fd)
 {

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <csignal>
 #include <map>
-#include <new>
 #include <poll.h>
 #include <sched.h>
 #include <time.h>
@@ -28,8 +27,12 @@ uint64_t clock_ns(clockid_t clock)
     return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
 }
 
-std::mutex g_firmware_mutex;
-std::map<Card *, Firmware *> g_firmware;
+// Never destroyed: the boards are stopped after the program's own objects are gone.
+struct Registry {
+    std::mutex mutex;
+    std::map<Card *, Firmware *> boards;
+};
+Registry *g_registry = nullptr;
 
 unsigned allowed_cpus()
 {
@@ -67,15 +70,16 @@ void LiveRunner::kick(Card &card)
 
 Firmware *Firmware::of(Card &card)
 {
-    std::lock_guard guard(g_firmware_mutex);
-    auto it = g_firmware.find(&card);
-    return it == g_firmware.end() ? nullptr : it->second;
+    if (g_registry == nullptr)
+        return nullptr;
+    std::lock_guard guard(g_registry->mutex);
+    auto it = g_registry->boards.find(&card);
+    return it == g_registry->boards.end() ? nullptr : it->second;
 }
 
 void forget_firmware()
 {
-    new (&g_firmware_mutex) std::mutex; // may have been held at the fork
-    new (&g_firmware) std::map<Card *, Firmware *>;
+    g_registry = nullptr; // left as it is: its lock may have been held
 }
 
 Firmware::Firmware(Card &card, const FirmwareOptions &options) : card_(card), options_(options) {}
@@ -87,9 +91,11 @@ int Firmware::start()
     if (int rc = control_.create(true))
         return rc;
     single_cpu_ = allowed_cpus() < 2;
+    if (g_registry == nullptr) // under the lock that boards are made under
+        g_registry = new Registry;
     {
-        std::lock_guard guard(g_firmware_mutex);
-        g_firmware[&card_] = this;
+        std::lock_guard guard(g_registry->mutex);
+        g_registry->boards[&card_] = this;
     }
     // The program's signals are for the program's threads.
     sigset_t all, before;
@@ -105,9 +111,9 @@ int Firmware::start()
 
 void Firmware::stop()
 {
-    {
-        std::lock_guard guard(g_firmware_mutex);
-        g_firmware.erase(&card_);
+    if (g_registry != nullptr) {
+        std::lock_guard guard(g_registry->mutex);
+        g_registry->boards.erase(&card_);
     }
     if (started_) {
         stop_.store(true);

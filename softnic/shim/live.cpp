@@ -227,6 +227,60 @@ __attribute__((constructor(102))) void offer_driver()
     after_fork = forget_system;
 }
 
+// The ledger of all boards, as JSON, into the file that is asked for.
+void write_ledger(const char *path)
+{
+    const int fd = sys::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
+    FILE *out = fd >= 0 ? fdopen(fd, "w") : nullptr;
+    if (out == nullptr) {
+        complain(std::string(path) + ": " + strerror(errno));
+        return;
+    }
+    const auto field = [out](const char *name, uint64_t value, const char *after = ",") {
+        fprintf(out, "\"%s\":%llu%s", name, static_cast<unsigned long long>(value), after);
+    };
+    fprintf(out, "{\"boards\":[");
+    for (unsigned board = 0; board < g_system->driver->boards(); board++) {
+        Card &card = g_system->driver->card(board);
+        std::lock_guard guard(card.lock());
+        const PortCounters port = card.port().counters();
+        const BoardCounters &c = card.board().counters();
+        fprintf(out, "%s{\"interface\":\"%s\",\"port\":{", board != 0 ? "," : "", card.config().name.c_str());
+        field("received", port.received);
+        field("rx_dropped", port.rx_dropped);
+        field("rx_malformed", port.rx_malformed);
+        field("sent", port.sent);
+        field("tx_errors", port.tx_errors, "},");
+        field("arrived", c.arrived);
+        field("matched", c.matched);
+        field("unmatched", c.unmatched);
+        field("malformed", c.malformed);
+        fprintf(out, "\"endpoints\":[");
+        for (unsigned ep = 0; ep < card.board().endpoints(); ep++) {
+            const EndpointCounters e = card.board().endpoint_counters(ep);
+            fprintf(out, "%s{", ep != 0 ? "," : "");
+            field("steered", e.steered);
+            field("delivered", e.ring.delivered);
+            field("events", e.ring.events);
+            field("disabled", e.disabled);
+            field("ring_full", e.ring.ring_full);
+            field("oversize", e.ring.oversize);
+            field("bad_flow", e.ring.bad_flow);
+            field("high_water", e.ring.high_water);
+            field("requests", e.requests);
+            field("frames_sent", e.frames_sent);
+            field("send_errors", e.send_errors);
+            field("bad_type", e.bad_type);
+            field("bad_header", e.bad_header);
+            field("bad_payload", e.bad_payload);
+            field("post_overflow", e.post_overflow, "}");
+        }
+        fprintf(out, "]}");
+    }
+    fprintf(out, "]}\n");
+    fclose(out);
+}
+
 // What was posted before a normal exit still leaves.
 __attribute__((destructor(102))) void drain()
 {
@@ -235,6 +289,8 @@ __attribute__((destructor(102))) void drain()
     detach_driver(g_system->driver.get());
     for (auto &firmware : g_system->firmware)
         firmware->stop();
+    if (const char *path = setting("RUK_SOFTNIC_STATS"))
+        write_ledger(path);
 }
 
 } // namespace
