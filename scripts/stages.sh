@@ -7,6 +7,15 @@
 
 script_began=$SECONDS
 stage_times=()
+stage_pid=
+
+# timeout runs its command in a process group of its own, which an interrupt from the keyboard does not reach.
+stop_stage() {
+    [[ -n $stage_pid ]] && kill "$stage_pid" 2>/dev/null && wait "$stage_pid"
+    say "interrupted"
+    exit 130
+}
+trap stop_stage INT TERM HUP
 
 minutes() { # SECONDS
     printf '%d.%d' $(($1 / 60)) $(($1 % 60 / 6))
@@ -20,8 +29,11 @@ stage() {
     local name=$1 limit=$(($2 * ${RUK_SLOWER:-1})) began=$SECONDS status
     shift 2
     say "$name ..."
-    timeout --kill-after=20 "$((limit * 60))" "$@" </dev/null
+    timeout --kill-after=20 "$((limit * 60))" "$@" </dev/null &
+    stage_pid=$!
+    wait "$stage_pid"
     status=$?
+    stage_pid=
     local took
     took=$(minutes $((SECONDS - began)))
     if ((status == 124 || status == 137)); then
