@@ -55,6 +55,10 @@ uint64_t LiveRunner::reading_delay()
 
 int LiveRunner::wait(Card &card, std::unique_lock<CardLock> &lock, const std::function<bool()> &done, int timeout_ms)
 {
+    // What the caller waits for can often be done here and now, without a change of threads.
+    while (!done())
+        if (!card.service(0).progress)
+            break;
     if (timeout_ms < 0) {
         card.progress().wait(lock, done);
         return 0;
