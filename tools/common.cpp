@@ -343,7 +343,8 @@ StopSignal::StopSignal()
         fail("cannot make an event descriptor: {}", errno_text(errno));
     struct sigaction action {};
     action.sa_handler = request_stop;
-    action.sa_flags = static_cast<int>(SA_RESETHAND); /* the second one ends the program */
+    /* A line that waits for its reader is still written whole; the second signal ends the program. */
+    action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
