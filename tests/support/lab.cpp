@@ -116,6 +116,10 @@ bool Program::read_line(std::string *line, int timeout_ms)
         if (newline != std::string::npos) {
             *line = out_.substr(taken_, newline - taken_);
             taken_ = newline + 1;
+            if (taken_ > (1u << 20)) { // a long stream is not kept
+                out_.erase(0, taken_);
+                taken_ = 0;
+            }
             return true;
         }
         if (out_fd_ < 0 || Clock::now() >= end || !pump(ms_until(end)))

@@ -48,7 +48,7 @@ public:
     bool exited_with(int status) const { return ended_ && signal_ == 0 && status_ == status; }
     bool killed_by(int sig) const { return ended_ && signal_ == sig; }
     int status() const { return status_; }
-    const std::string &out() const { return out_; } /* all read so far, lines taken included */
+    const std::string &out() const { return out_; } /* read so far, the last lines taken included */
     const std::string &err() const { return err_; }
 
     /* Voluntary context switches of all its threads: how often something in it went to sleep. */
