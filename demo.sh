@@ -119,10 +119,10 @@ make_hosts() {
     done
     ip link set lo up
     ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02 netns "$holder"
-    ip address add 10.77.0.1/24 dev oxel0
+    ip address add 10.77.0.1/24 brd + dev oxel0
     ip link set oxel0 up
     peer ip link set lo up
-    peer ip address add 10.77.0.2/24 dev peer0
+    peer ip address add 10.77.0.2/24 brd + dev peer0
     peer ip link set peer0 up
     "${soft[@]}" ruk-info | sed 's/^/  /' || die "no adapter is there"
 }

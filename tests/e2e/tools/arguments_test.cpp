@@ -9,14 +9,14 @@
 
 namespace {
 
-struct Run {
+struct Outcome {
     int status = -1;
     std::string out; // both streams
 };
 
-Run run(const std::string &command, const std::string &redirect = "2>&1")
+Outcome run(const std::string &command, const std::string &redirect = "2>&1")
 {
-    Run result;
+    Outcome result;
     const std::string line = RUK_BINARY_DIR "/bin/" + command + " " + redirect + " </dev/null";
     FILE *pipe = popen(line.c_str(), "r");
     if (!pipe)
@@ -29,7 +29,7 @@ Run run(const std::string &command, const std::string &redirect = "2>&1")
     return result;
 }
 
-bool has(const Run &run, const std::string &text) { return run.out.find(text) != std::string::npos; }
+bool has(const Outcome &outcome, const std::string &text) { return outcome.out.find(text) != std::string::npos; }
 
 // A host with the maker's card answers differently.
 bool card_present() { return access("/dev/oxelB0", F_OK) == 0 || access("/dev/oxelBp0", F_OK) == 0; }
@@ -41,7 +41,7 @@ const char *const programs[] = {"ruk-info", "ruk-recv", "ruk-send", "ruk-ping"};
 TEST(ToolArguments, Help_Asked_TellsOptionsAndExitStatus)
 {
     for (const char *program : programs) {
-        const Run result = run(std::string(program) + " --help");
+        const Outcome result = run(std::string(program) + " --help");
         EXPECT_EQ(result.status, 0) << program;
         EXPECT_TRUE(has(result, "Exit status: 0")) << program << "\n" << result.out;
         EXPECT_TRUE(has(result, "--version")) << program << "\n" << result.out;
@@ -51,7 +51,7 @@ TEST(ToolArguments, Help_Asked_TellsOptionsAndExitStatus)
 TEST(ToolArguments, Version_Asked_NamesProgramAndVersion)
 {
     for (const char *program : programs) {
-        const Run result = run(std::string(program) + " --version");
+        const Outcome result = run(std::string(program) + " --version");
         EXPECT_EQ(result.status, 0) << program;
         EXPECT_EQ(result.out, std::string(program) + " " RUK_VERSION "\n");
     }
@@ -73,14 +73,14 @@ TEST(ToolArguments, Interface_MissingOrDouble_IsRefused)
 
 TEST(ToolArguments, Interface_Unknown_IsNamed)
 {
-    const Run result = run("ruk-recv -i nosuchif0 -p 5000");
+    const Outcome result = run("ruk-recv -i nosuchif0 -p 5000");
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "ruk-recv: no interface is named 'nosuchif0'\n");
 }
 
 TEST(ToolArguments, Address_NotLocalOrNotAnAddress_IsNamed)
 {
-    Run result = run("ruk-recv -a 192.0.2.77 -p 5000");
+    Outcome result = run("ruk-recv -a 192.0.2.77 -p 5000");
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "ruk-recv: no interface has the address 192.0.2.77\n");
     result = run("ruk-recv -a 192.0.2 -p 5000");
@@ -95,7 +95,7 @@ TEST(ToolArguments, NoAdapter_ProgramsSayHowToHaveOne)
     for (const char *command :
          {"ruk-recv -a 127.0.0.1 -p 5000", "ruk-send -a 127.0.0.1 127.0.0.1:5000 -m x",
           "ruk-ping server -a 127.0.0.1 -p 5000", "ruk-ping client -a 127.0.0.1 127.0.0.1:5000"}) {
-        const Run result = run(command);
+        const Outcome result = run(command);
         EXPECT_EQ(result.status, 2) << command;
         EXPECT_TRUE(has(result, "rukrun --soft")) << command << "\n" << result.out;
     }
@@ -105,13 +105,13 @@ TEST(ToolArguments, NoAdapter_InfoShowsLibraryAndEndsWithStatusOne)
 {
     if (card_present())
         GTEST_SKIP() << "this host has a card";
-    const Run text = run("ruk-info");
+    const Outcome text = run("ruk-info");
     EXPECT_EQ(text.status, 1);
     EXPECT_TRUE(has(text, "library: " RUK_VERSION)) << text.out;
     EXPECT_TRUE(has(text, "driver:  none")) << text.out;
     EXPECT_TRUE(has(text, "rukrun --soft")) << text.out;
 
-    const Run json = run("ruk-info --json", "2>/dev/null");
+    const Outcome json = run("ruk-info --json", "2>/dev/null");
     EXPECT_EQ(json.status, 1);
     const nlohmann::json info = nlohmann::json::parse(json.out, nullptr, false);
     ASSERT_TRUE(info.is_object()) << json.out;
@@ -123,7 +123,7 @@ TEST(ToolArguments, NoAdapter_InfoShowsLibraryAndEndsWithStatusOne)
 
 TEST(ToolArguments, Receive_WithoutPort_IsRefused)
 {
-    const Run result = run("ruk-recv -i lo");
+    const Outcome result = run("ruk-recv -i lo");
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "ruk-recv: which port? (-p PORT)\n");
     EXPECT_EQ(run("ruk-recv -i lo -p 65536").status, 2);
@@ -132,7 +132,7 @@ TEST(ToolArguments, Receive_WithoutPort_IsRefused)
 
 TEST(ToolArguments, Receive_PortTwice_IsRefused)
 {
-    const Run result = run("ruk-recv -i lo -p 5000 -p 5001 -p 5000");
+    const Outcome result = run("ruk-recv -i lo -p 5000 -p 5001 -p 5000");
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "ruk-recv: port 5000 is given twice\n");
 }
@@ -172,7 +172,7 @@ TEST(ToolArguments, Send_DestinationThatIsNone_IsNamed)
 {
     for (const char *destination :
          {"10.0.0.1", "10.0.0.1:", "10.0.0.1:0", "10.0.0.1:65536", "10.0.0.1:5000x", ":5000"}) {
-        const Run result = run(std::string("ruk-send -i lo -m x ") + destination);
+        const Outcome result = run(std::string("ruk-send -i lo -m x ") + destination);
         EXPECT_EQ(result.status, 2) << destination;
         EXPECT_TRUE(has(result, "is not")) << result.out;
     }
@@ -189,7 +189,7 @@ TEST(ToolArguments, Send_ContradictingOptions_AreRefused)
 
 TEST(ToolArguments, Send_FileThatCannotBeRead_IsNamed)
 {
-    const Run result = run("ruk-send -i lo 10.0.0.1:5000 -f /nonexistent/file");
+    const Outcome result = run("ruk-send -i lo 10.0.0.1:5000 -f /nonexistent/file");
     EXPECT_EQ(result.status, 2);
     EXPECT_TRUE(has(result, "cannot read /nonexistent/file")) << result.out;
 }
@@ -198,7 +198,7 @@ TEST(ToolArguments, Ping_WithoutRole_IsRefused) { EXPECT_EQ(run("ruk-ping").stat
 
 TEST(ToolArguments, Ping_PayloadBeyondADatagram_IsRefused)
 {
-    const Run result = run("ruk-ping client --kernel -a 127.0.0.1 127.0.0.1:5000 --size 65508");
+    const Outcome result = run("ruk-ping client --kernel -a 127.0.0.1 127.0.0.1:5000 --size 65508");
     EXPECT_EQ(result.status, 2);
     EXPECT_TRUE(has(result, "carries 65507 at most")) << result.out;
 }

@@ -161,12 +161,17 @@ TEST_F(SendTool, DestinationThatCannotBeReached_IsExplained)
     auto program = soft({"ruk-send", "-i", "oxel0", "192.0.2.1:5000", "-m", "x"});
     EXPECT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(2)) << *program;
-    EXPECT_EQ(program->err(), "ruk-send: cannot send to 192.0.2.1:5000: no route to the destination\n");
+    // The library has a line of its own before that.
+    EXPECT_NE(program->err().find("\nruk-send: cannot send to 192.0.2.1:5000: no route to the destination\n"),
+              std::string::npos)
+        << *program;
 
     program = soft({"ruk-send", "-i", "oxel0", "10.77.0.9:5000", "-m", "x"});
     EXPECT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(2)) << *program;
-    EXPECT_EQ(program->err(), "ruk-send: cannot send to 10.77.0.9:5000: the next hop does not answer ARP\n");
+    EXPECT_NE(program->err().find("ruk-send: cannot send to 10.77.0.9:5000: the next hop does not answer ARP\n"),
+              std::string::npos)
+        << *program;
 }
 
 TEST_F(SendTool, Nonblock_WhatIsAcceptedArrivesAndTheRestIsCounted)
