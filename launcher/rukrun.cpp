@@ -25,7 +25,8 @@ namespace {
 // As env(1) and its kind have them.
 constexpr int kFailed = 125, kCannotExecute = 126, kNotFound = 127;
 
-constexpr char kUsage[] = "Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--] PROGRAM [ARGUMENT...]\n"
+constexpr char kUsage[] = "Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--switch=KIND]\n"
+                          "              [--] PROGRAM [ARGUMENT...]\n"
                           "\n"
                           "Runs PROGRAM with the software adapter: in it, each of the interfaces IF is an adapter,\n"
                           "/dev/oxelB0 and so on, whose driver and firmware are emulated over the interface.\n"
@@ -36,6 +37,11 @@ constexpr char kUsage[] = "Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|
                           "                     fast      hardware watchpoint, small requests (default)\n"
                           "                     exact     hardware watchpoints, sizes and depths as on the card\n"
                           "                     fallback  page protection, where the host refuses watchpoints\n"
+                          "  --switch=wire    frames arrive with a timestamping switch's 4-byte trailer on\n"
+                          "  --switch=model[,KEY=VALUE...]\n"
+                          "                   a model of such a switch stands in front of each adapter: rate=HZ,\n"
+                          "                   interval=MS (of keyframes), skew=NUM/DEN, ptp-lost=FROM-TO (seconds),\n"
+                          "                   lose=CHANCE, mode=N@SECONDS, dst=ADDRESS, seed=N\n"
                           "  --help           print this text\n"
                           "  --version        print the version\n"
                           "\n"
@@ -58,6 +64,7 @@ struct Options {
     bool soft = false;
     std::vector<std::string> interfaces;
     std::string mode;
+    std::string switch_kind;
     char **program = nullptr;
 };
 
@@ -100,6 +107,11 @@ Options parse(int argc, char **argv)
             options.mode = arg.substr(strlen("--mode="));
             if (options.mode != "fast" && options.mode != "exact" && options.mode != "fallback")
                 fail(kFailed, "unknown mode '%s': it is fast, exact or fallback", options.mode.c_str());
+        } else if (arg.starts_with("--switch=")) {
+            options.switch_kind = arg.substr(strlen("--switch="));
+            if (options.switch_kind != "wire" && options.switch_kind != "model" &&
+                !options.switch_kind.starts_with("model,"))
+                fail(kFailed, "unknown switch '%s': it is wire or model[,KEY=VALUE...]", options.switch_kind.c_str());
         } else {
             fail(kFailed, "unknown option '%s' (see rukrun --help)", argv[i]);
         }
@@ -251,6 +263,8 @@ int main(int argc, char **argv)
     setenv("RUK_SOFTNIC", names.c_str(), 1);
     if (!options.mode.empty())
         setenv("RUK_SOFTNIC_MODE", options.mode.c_str(), 1);
+    if (!options.switch_kind.empty())
+        setenv("RUK_SOFTNIC_SWITCH", options.switch_kind.c_str(), 1);
 
     execvp(file->c_str(), options.program);
     fail(errno == ENOENT ? kNotFound : kCannotExecute, "cannot execute '%s': %s", options.program[0], strerror(errno));
