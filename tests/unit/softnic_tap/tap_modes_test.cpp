@@ -51,12 +51,12 @@ void expect_popped(RequestTap &tap, uint32_t serial, unsigned type)
 
 TEST(TapFast, OneThread_PostsBothTypes_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 150000, .dma_of_ten = 5});
+    expect_complete(TapMode::fast, {.requests = 80000, .dma_of_ten = 5});
 }
 
 TEST(TapFast, OneThread_PostsOnlyEmptyPayloads_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 100000, .dma_of_ten = 0});
+    expect_complete(TapMode::fast, {.requests = 60000, .dma_of_ten = 0});
 }
 
 TEST(TapFast, OneThread_PostsOnlyDma_AllPoppedInOrder)
@@ -66,12 +66,12 @@ TEST(TapFast, OneThread_PostsOnlyDma_AllPoppedInOrder)
 
 TEST(TapFast, FourThreads_PostUnderOneLock_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 200000, .threads = 4, .dma_of_ten = 5});
+    expect_complete(TapMode::fast, {.requests = 100000, .threads = 4, .dma_of_ten = 5});
 }
 
 TEST(TapFast, FourThreadsOlderThanTheTap_Post_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 100000, .threads = 4, .dma_of_ten = 3, .threads_before_tap = true});
+    expect_complete(TapMode::fast, {.requests = 50000, .threads = 4, .dma_of_ten = 3, .threads_before_tap = true});
 }
 
 TEST(TapFast, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
@@ -82,17 +82,17 @@ TEST(TapFast, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
 
 TEST(TapExact, OneThread_ManyOutstandingOfBothTypes_AllPoppedInOrder)
 {
-    expect_complete(TapMode::exact, {.requests = 50000, .dma_of_ten = 5});
+    expect_complete(TapMode::exact, {.requests = 25000, .dma_of_ten = 5});
 }
 
 TEST(TapExact, FourThreads_PostUnderOneLock_AllPoppedInOrder)
 {
-    expect_complete(TapMode::exact, {.requests = 50000, .threads = 4, .dma_of_ten = 5});
+    expect_complete(TapMode::exact, {.requests = 25000, .threads = 4, .dma_of_ten = 5});
 }
 
 TEST(TapExact, FourThreadsOlderThanTheTap_Post_AllPoppedInOrder)
 {
-    expect_complete(TapMode::exact, {.requests = 50000, .threads = 4, .dma_of_ten = 5, .threads_before_tap = true});
+    expect_complete(TapMode::exact, {.requests = 25000, .threads = 4, .dma_of_ten = 5, .threads_before_tap = true});
 }
 
 TEST(TapExact, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
@@ -103,12 +103,12 @@ TEST(TapExact, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
 
 TEST(TapFallback, OneThread_ManyOutstandingOfBothTypes_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fallback, {.requests = 30000, .dma_of_ten = 5});
+    expect_complete(TapMode::fallback, {.requests = 12000, .dma_of_ten = 5});
 }
 
 TEST(TapFallback, FourThreads_PostUnderOneLock_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fallback, {.requests = 30000, .threads = 4, .dma_of_ten = 5});
+    expect_complete(TapMode::fallback, {.requests = 12000, .threads = 4, .dma_of_ten = 5});
 }
 
 TEST(TapFallback, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)

@@ -153,7 +153,7 @@ struct Stream {
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);
-        Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
+        Clock::time_point deadline = Clock::now() + std::chrono::seconds(40);
         for (uint32_t expected = 0; result->received < plan.requests;) {
             nuv_ureq_t got;
             if (tap->pop(&got)) {
@@ -245,7 +245,7 @@ ChildResult in_child(const std::function<int()> &body)
     if (child == 0) {
         dup2(pipe_ends[1], STDERR_FILENO);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        alarm(30);
+        alarm(60);
         int status = 255;
         try {
             status = body();

@@ -78,7 +78,7 @@ struct ChildResult {
     std::string err; // its standard error
 };
 
-// Runs body in a child process; its return value is the exit status. The child ends within 30 s.
+// Runs body in a child process; its return value is the exit status. The child ends within a minute.
 ChildResult in_child(const std::function<int()> &body);
 
 // In a child: makes these system calls fail with EPERM from here on.
