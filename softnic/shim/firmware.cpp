@@ -18,6 +18,9 @@ constexpr uint64_t kConsumerPatience = 4;
 // On a single processor looking on keeps everybody else from making work.
 constexpr uint64_t kSingleCpuSpinNs = 10000;
 constexpr int64_t kTimedSleepNs = 1000000;
+// Whoever was stopped at a protected page needs this long to be let go on and make its store. Protecting the page again
+// any earlier would stop it at the same store, for ever when the two take turns.
+constexpr uint64_t kWakeGraceNs = 200000;
 constexpr uint64_t kShortestWatch = 50000, kLongestWatch = 20000000;
 
 uint64_t clock_ns(clockid_t clock)
@@ -155,7 +158,7 @@ void Firmware::loop()
         ::pthread_setaffinity_np(::pthread_self(), sizeof(set), &set);
     }
     const uint64_t spin_ns = single_cpu_ ? std::min(options_.spin_ns, kSingleCpuSpinNs) : options_.spin_ns;
-    uint64_t last_work = clock_ns(CLOCK_MONOTONIC);
+    uint64_t last_work = clock_ns(CLOCK_MONOTONIC), awake_until = 0;
     while (!stop_.load(std::memory_order_relaxed)) {
         while (card_.lock().wanted() && !stop_.load(std::memory_order_relaxed))
             ::sched_yield(); // a command waits: it comes first
@@ -166,22 +169,24 @@ void Firmware::loop()
             last_work = clock_ns(CLOCK_MONOTONIC);
             continue;
         }
-        const uint64_t idle = clock_ns(CLOCK_MONOTONIC) - last_work;
-        if (idle < spin_ns * (round.unconsumed ? kConsumerPatience : 1)) {
+        const uint64_t now = clock_ns(CLOCK_MONOTONIC), idle = now - last_work;
+        if (now < awake_until || idle < spin_ns * (round.unconsumed ? kConsumerPatience : 1)) {
             if (single_cpu_)
                 ::sched_yield();
             else
                 cpu_relax();
             continue;
         }
-        sleep(idle);
+        if (sleep(idle))
+            awake_until = clock_ns(CLOCK_MONOTONIC) + kWakeGraceNs;
         if (kicked_.exchange(false))
             last_work = clock_ns(CLOCK_MONOTONIC);
     }
 }
 
-// Sleeps until there may be work. Whoever makes some finds the firmware either asleep, and wakes it, or awake.
-void Firmware::sleep(uint64_t idle_ns)
+// Sleeps until there may be work. Whoever makes some finds the firmware either asleep, and wakes it, or awake. True
+// when somebody did.
+bool Firmware::sleep(uint64_t idle_ns)
 {
     asleep_.store(true);
     card_.lock().lock();
@@ -192,7 +197,7 @@ void Firmware::sleep(uint64_t idle_ns)
         card_.lock().lock();
         card_.disarm();
         card_.lock().unlock();
-        return;
+        return true;
     }
 
     std::vector<pollfd> waits;
@@ -205,7 +210,7 @@ void Firmware::sleep(uint64_t idle_ns)
     if (armed == Card::Arm::TimedConsumers)
         limit.tv_nsec = static_cast<long>(std::clamp(idle_ns / 4, kShortestWatch, kLongestWatch));
     const bool timed = armed != Card::Arm::Armed || broken;
-    ::ppoll(waits.data(), waits.size(), timed ? &limit : nullptr, nullptr);
+    const bool woken = ::ppoll(waits.data(), waits.size(), timed ? &limit : nullptr, nullptr) > 0;
     // A descriptor that was closed behind our back would end every sleep at once.
     for (const pollfd &w : waits)
         broken |= (w.revents & (POLLNVAL | POLLERR)) != 0;
@@ -220,6 +225,7 @@ void Firmware::sleep(uint64_t idle_ns)
     card_.lock().lock();
     card_.disarm();
     card_.lock().unlock();
+    return woken;
 }
 
 } // namespace softnic

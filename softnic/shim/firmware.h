@@ -45,7 +45,7 @@ public:
 private:
     static void *entry(void *self);
     void loop();
-    void sleep(uint64_t idle_ns);
+    bool sleep(uint64_t idle_ns);
 
     Card &card_;
     FirmwareOptions options_;
