@@ -13,3 +13,9 @@ ruk_receive_test(libruk_recv_tests
     recv_raw_test.cpp
     recv_wait_test.cpp
     stats_report_test.cpp)
+
+ruk_receive_test(libruk_arista_tests
+    arista_model.cpp
+    arista_keyframe_test.cpp
+    arista_dating_test.cpp
+    arista_settings_test.cpp)

