@@ -1,0 +1,309 @@
+// The firmware's thread, over a port of the test's own and real time.
+#include "rig.h"
+
+#include "ports/memory.h"
+#include "shim/devices.h"
+#include "shim/firmware.h"
+
+#include <chrono>
+#include <fstream>
+#include <sys/eventfd.h>
+#include <thread>
+
+namespace softnic_test {
+namespace {
+
+using namespace softnic;
+using namespace std::chrono_literals;
+
+// A memory port that can be slept on.
+class WakingPort : public MemoryPort {
+public:
+    WakingPort() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    ~WakingPort() override { close(fd_); }
+    int poll_fd() const override { return fd_; }
+    void arrive(const Bytes &frame)
+    {
+        inject(frame.data(), frame.size());
+        const uint64_t one = 1;
+        EXPECT_EQ(write(fd_, &one, sizeof(one)), 8);
+    }
+    bool receive(RxFrame *frame) override
+    {
+        if (MemoryPort::receive(frame))
+            return true;
+        uint64_t count;
+        (void)!read(fd_, &count, sizeof(count));
+        return MemoryPort::receive(frame); // one that came in between
+    }
+
+private:
+    int fd_;
+};
+
+// Requests as a test posts them, in place of a watched window.
+class PostedByHand : public RequestSource {
+public:
+    PostedByHand() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    ~PostedByHand() override { close(fd_); }
+    void post(const nuv_ureq_t &r)
+    {
+        queue_.post(r);
+        const uint64_t one = 1;
+        EXPECT_EQ(write(fd_, &one, sizeof(one)), 8);
+    }
+    bool pop(nuv_ureq_t *r) override { return queue_.take(r); }
+    void detach() override {}
+    Idle arm_idle() override { return queue_.empty() ? Idle::Armed : Idle::Work; }
+    void disarm_idle() override
+    {
+        uint64_t count;
+        (void)!read(fd_, &count, sizeof(count));
+    }
+    int wake_fd() const override { return fd_; }
+
+private:
+    RequestQueue queue_;
+    int fd_;
+};
+
+class FirmwareTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        CardConfig config;
+        config.readable_grace_ns = 2000;
+        config.watch_consumers = true;
+        config.make_source = [this](void *, void *, size_t, const char *) {
+            auto source = std::make_unique<PostedByHand>();
+            source_ = source.get();
+            return source;
+        };
+        std::vector<std::unique_ptr<Card>> cards;
+        cards.push_back(std::make_unique<Card>(config, port_, runner_));
+        card_ = cards.back().get();
+        ASSERT_EQ(card_->power_up(), 0);
+        driver_ = std::make_unique<Driver>(std::move(cards));
+        ASSERT_EQ(attach_driver(driver_.get()), 0);
+        firmware_ = std::make_unique<Firmware>(*card_, FirmwareOptions{});
+        ASSERT_EQ(firmware_->start(), 0);
+    }
+
+    void TearDown() override
+    {
+        driver_->close_all();
+        firmware_.reset();
+        detach_driver(driver_.get());
+    }
+
+    // Times that any thread of the process gave its processor up by itself.
+    static long switches()
+    {
+        long n = 0;
+        for (int tid : thread_ids()) {
+            std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+            std::string line;
+            while (std::getline(status, line))
+                if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
+                    n += tid == gettid() ? 0 : std::stol(line.substr(24));
+        }
+        return n;
+    }
+    static std::vector<int> thread_ids();
+
+    static bool eventually(const std::function<bool()> &condition)
+    {
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end)
+                return false;
+            std::this_thread::sleep_for(100us);
+        }
+        return true;
+    }
+
+    LiveRunner runner_;
+    WakingPort port_;
+    Card *card_ = nullptr;
+    PostedByHand *source_ = nullptr;
+    std::unique_ptr<Driver> driver_;
+    std::unique_ptr<Firmware> firmware_;
+};
+
+std::vector<int> FirmwareTest::thread_ids()
+{
+    std::vector<int> ids;
+    for (int tid = getpid(); tid < getpid() + 200; tid++)
+        if (access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0)
+            ids.push_back(tid);
+    return ids;
+}
+
+TEST_F(FirmwareTest, ArrivingFrame_WakesASleepingReceiver)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(3), 0);
+    for (int i = 0; i < 20; i++) {
+        std::this_thread::sleep_for(i % 2 ? 1ms : 0ms); // asleep or just awake
+        port_.arrive(make_frame());
+        pollfd p = {dev.fd, POLLIN, 0};
+        ASSERT_EQ(poll(&p, 1, 10000), 1);
+        ASSERT_TRUE(eventually([&] { return dev.recvq[dev.at + 30] != 0; }));
+        EXPECT_EQ(dev.take_tags(), std::vector<uint16_t>{3});
+        EXPECT_TRUE(eventually([&] { return !readable(dev.fd); }));
+    }
+}
+
+TEST_F(FirmwareTest, IdleAdapter_MakesFewerThanTenWakeUpsASecond)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    std::this_thread::sleep_for(200ms);
+    const long before = switches();
+    std::this_thread::sleep_for(1s);
+    EXPECT_LT(switches() - before, 10);
+}
+
+// A slow reader that comes back long after the firmware has gone to sleep: the descriptor must not go on saying
+// that there is something to read.
+TEST_F(FirmwareTest, DrainedAfterALongPause_ReceiverSleepsWithoutFurtherWakeUps)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(3), 0);
+    for (int i = 0; i < 30; i++)
+        port_.arrive(make_frame());
+    pollfd p = {dev.fd, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 10000), 1);
+    std::this_thread::sleep_for(300ms); // the firmware sleeps with events unconsumed
+    size_t taken = 0;
+    ASSERT_TRUE(eventually([&] { return (taken += dev.take_tags().size()) == 30; }));
+    int wakes = 0;
+    const auto end = std::chrono::steady_clock::now() + 1s;
+    while (std::chrono::steady_clock::now() < end) {
+        if (poll(&p, 1, 100) == 1)
+            wakes++;
+        if (wakes > 100000)
+            break;
+        std::this_thread::yield();
+    }
+    EXPECT_LT(wakes, 10);
+}
+
+TEST_F(FirmwareTest, UnconsumedEvents_CostNoWakeUpsWhereTheConsumerCanBeWatched)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(3), 0);
+    ConsumerWatch probe;
+    void *page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    const bool watchable = probe.watch(page, 4096);
+    port_.arrive(make_frame());
+    std::this_thread::sleep_for(200ms);
+    const long before = switches();
+    std::this_thread::sleep_for(1s);
+    EXPECT_LT(switches() - before, watchable ? 10 : 2000);
+    EXPECT_TRUE(readable(dev.fd));
+    dev.take_tags();
+    EXPECT_TRUE(eventually([&] { return !readable(dev.fd); }));
+    munmap(page, 4096);
+}
+
+TEST_F(FirmwareTest, PostedRequests_LeaveAlsoFromSleep)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    nuv_ureq_t r = {};
+    r.bytes[62] = 42;
+    r.bytes[63] = 13;
+    for (unsigned i = 1; i <= 50; i++) {
+        std::this_thread::sleep_for(i % 3 == 0 ? 1ms : 0ms);
+        source_->post(r);
+        int32_t timeo = -1;
+        ASSERT_EQ(command(dev.fd, OXEL_WAIT_SEND_COMPLETION, &timeo), 0);
+        ASSERT_EQ(dev.completions(), i);
+        dev.flow->tx_flow.flow_desc = i;
+    }
+    EXPECT_EQ(port_.sent_waiting(), 50u);
+}
+
+TEST_F(FirmwareTest, WaitWithALimit_EndsWithoutAnError)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    const auto before = std::chrono::steady_clock::now();
+    int32_t timeo = 30;
+    EXPECT_EQ(command(dev.fd, OXEL_WAIT_SEND_COMPLETION, &timeo), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 30ms);
+}
+
+TEST_F(FirmwareTest, Stop_SendsWhatHasBeenPosted)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    nuv_ureq_t r = {};
+    r.bytes[62] = 42;
+    r.bytes[63] = 13;
+    for (int i = 0; i < 60; i++)
+        source_->post(r);
+    firmware_->stop();
+    EXPECT_EQ(port_.sent_waiting(), 60u);
+}
+
+TEST_F(FirmwareTest, CommandsWhileFramesPourIn_AreAnsweredSoon)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.mode(2), 0);
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        while (!stop) {
+            port_.arrive(make_frame());
+            if (port_.waiting() > 1000)
+                std::this_thread::yield();
+        }
+    });
+    const auto before = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; i++) {
+        ASSERT_EQ(dev.filter(static_cast<uint16_t>(i)), 0);
+        ASSERT_EQ(dev.unfilter(static_cast<uint16_t>(i)), 0);
+    }
+    const auto took = std::chrono::steady_clock::now() - before;
+    stop = true;
+    flood.join();
+    EXPECT_LT(took, 10s);
+}
+
+TEST_F(FirmwareTest, ItsThread_LeavesTheProgramsSignalsAlone)
+{
+    for (int tid : thread_ids()) {
+        std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+        std::string line, name;
+        while (std::getline(status, line)) {
+            if (line.rfind("Name:", 0) == 0)
+                name = line;
+            if (name.find("softnic") != std::string::npos && tid != getpid() && line.rfind("SigBlk:", 0) == 0) {
+                const uint64_t blocked = std::stoull(line.substr(7), nullptr, 16);
+                EXPECT_NE(blocked & (uint64_t{1} << (SIGINT - 1)), 0u);
+                EXPECT_NE(blocked & (uint64_t{1} << (SIGTERM - 1)), 0u);
+            }
+        }
+    }
+}
+
+TEST_F(FirmwareTest, AdapterClock_FollowsHostTime)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    oxel_get_nic_ticks_t t = {};
+    ASSERT_EQ(command(dev.fd, OXEL_GET_NIC_TICKS, &t), 0);
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t host = static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+    EXPECT_LT(host - t.host_nsecs, 1000000000u);
+    EXPECT_LT(t.host_nsecs_delay, 1000000000u);
+}
+
+} // namespace
+} // namespace softnic_test
