@@ -171,7 +171,7 @@ datagrams() {
 
 latency() {
     say "6. how long a datagram takes: half of a round trip to an ordinary echo server on the other host"
-    local options=(client -i oxel0 10.77.0.2:7000 --count 5000 --warmup 500)
+    local options=(client -i oxel0 10.77.0.2:7000 --count 5000 -t 4 --warmup 200)
     peer ruk-ping server --kernel -i peer0 -p 7000 --wait block -t 60 >"$work/echo" 2>&1 &
     children+=("$!")
     await "$work/echo" answering || die "the echo server did not start: $(cat "$work/echo")"

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <unistd.h>
 
 using namespace tools;
 using nlohmann::ordered_json;
@@ -23,7 +24,7 @@ struct Options {
     std::string destination;
     std::optional<int> processor;
     std::optional<uint64_t> limit; /* server */
-    std::optional<double> seconds; /* server */
+    std::optional<double> seconds;
     size_t size = 64;
     uint64_t count = 10000;
     uint64_t warmup = 100;
@@ -64,6 +65,9 @@ void describe_client(CLI::App &app, Options &opt)
     app.add_option("--count", opt.count, "Requests to measure (10000)")
         ->type_name("N")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}));
+    app.add_option("-t,--time", opt.seconds, "End the measurement after so many seconds, whatever the count")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
     app.add_option("--warmup", opt.warmup, "Requests before those (100)")->type_name("N");
     app.add_option("--interval", opt.interval_us, "Microseconds from request to request (0: at once)")
         ->type_name("US")
@@ -151,6 +155,8 @@ struct Result {
     std::vector<uint32_t> round_trips_ns;
     uint64_t sent = 0;
     uint64_t lost = 0;
+    int64_t elapsed_ns = 0;
+    bool time_ran_out = false;
     uint64_t late = 0; /* replies that came after their time, or twice */
     std::map<std::string, uint64_t> refused;
     std::vector<std::pair<ThreadUse, double>> threads; /* with the share of a processor that each took */
@@ -174,11 +180,17 @@ public:
 
         std::vector<ThreadUse> before = thread_use();
         int64_t start = monotonic_ns();
+        int64_t end = deadline_after(opt_.seconds);
         for (uint64_t i = 0; i < opt_.count && !given_up(); i++) {
             wait_until(start + static_cast<int64_t>(static_cast<double>(i) * opt_.interval_us * 1000));
             exchange(true);
+            if (end != no_deadline && monotonic_ns() >= end) {
+                result_.time_ran_out = true;
+                break;
+            }
         }
-        note_threads(before, monotonic_ns() - start);
+        result_.elapsed_ns = monotonic_ns() - start;
+        note_threads(before);
         return std::move(result_);
     }
 
@@ -245,13 +257,13 @@ private:
         }
     }
 
-    void note_threads(const std::vector<ThreadUse> &before, int64_t elapsed_ns)
+    void note_threads(const std::vector<ThreadUse> &before)
     {
         for (const ThreadUse &use : thread_use())
             for (const ThreadUse &earlier : before)
-                if (earlier.tid == use.tid && elapsed_ns > 0)
+                if (earlier.tid == use.tid && result_.elapsed_ns > 0)
                     result_.threads.emplace_back(use, static_cast<double>(use.cpu_ns - earlier.cpu_ns) /
-                                                          static_cast<double>(elapsed_ns));
+                                                          static_cast<double>(result_.elapsed_ns));
     }
 
     const Options &opt_;
@@ -315,6 +327,20 @@ void print_text(const Options &opt, const Result &result, const Distribution *di
                              use.processor));
 }
 
+/* A spinning thread that did not have its processor for itself has measured the others' work. */
+void warn_of_load(const Options &opt, const Result &result)
+{
+    constexpr double own_processor = 0.8;
+    constexpr int64_t enough_to_tell_ns = 200'000'000; /* processor time comes in ticks of 10 ms */
+    if (opt.transport.wait != WaitMode::spin || result.elapsed_ns < enough_to_tell_ns)
+        return;
+    for (const auto &[use, share] : result.threads)
+        if (use.tid == getpid() && share < own_processor)
+            note(fmt::format("warning: the spinning client had only {:.0f} % of a processor: this machine is busy with "
+                             "something else, and the figures show it",
+                             share * 100));
+}
+
 int measure(Options opt)
 {
     opt.transport.destination = parse_destination(opt.destination);
@@ -331,13 +357,15 @@ int measure(Options opt)
     announce_placement("client", opt);
 
     Result result = Client(opt, *transport, stop).run();
-    bool complete = result.round_trips_ns.size() == opt.count;
+    bool complete =
+        result.round_trips_ns.size() == (result.time_ran_out ? result.sent : opt.count) && result.refused.empty();
     std::optional<Distribution> distribution;
     size_t answered = result.round_trips_ns.size();
     if (answered > 0)
         distribution.emplace(result.round_trips_ns);
     const Distribution *shown = distribution ? &*distribution : nullptr;
     opt.json ? print_json(opt, result, shown) : print_text(opt, result, shown);
+    warn_of_load(opt, result);
     if (!shown) {
         note("no request was answered");
         return exit_incomplete;

@@ -103,6 +103,19 @@ TEST_F(PingTool, Client_LostRequests_AreCounted)
     EXPECT_EQ(result["lost"], 4);
 }
 
+TEST_F(PingTool, Client_TimeRunsOut_EndsWithWhatItHas)
+{
+    auto server = kernel_server();
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "1000000", "--warmup", "2",
+                        "--interval", "1000", "-t", "0.5", "--json"});
+    EXPECT_TRUE(client->finish()) << *client;
+    EXPECT_TRUE(client->exited_with(0)) << *client;
+    const json result = parse(client->out());
+    EXPECT_GT(result["sent"], 0);
+    EXPECT_LE(result["sent"], 501);
+    EXPECT_EQ(result["sent"], result["answered"]);
+}
+
 TEST_F(PingTool, Client_SmallAndLargePayloads_AreAnswered)
 {
     auto server = kernel_server();

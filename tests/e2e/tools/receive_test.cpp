@@ -230,6 +230,39 @@ TEST_F(ReceiveTool, Group_IsReceivedFromTheSourcesAskedFor)
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
+TEST_F(ReceiveTool, Block_OfAJoinedGroup_IsAskedOfTheKernelSocket)
+{
+    auto program = receiver({"-p", "5000", "-g", "239.1.1.1", "--block", "239.1.1.1@10.77.0.2", "-t", "20"});
+    // Group, interface, source, and in the last two columns how often it is included and excluded.
+    const std::string filters = lab.run(lab.adapter, "cat /proc/net/mcfilter");
+    EXPECT_TRUE(std::regex_search(filters, std::regex("0xef010101 0x0a4d0002 +0 +1"))) << filters;
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(ReceiveTool, Group_IsLeftAtTheEnd)
+{
+    auto members = [this] { return lab.run(lab.adapter, "cat /proc/net/igmp"); };
+    auto program = receiver({"-p", "5000", "-g", "239.1.1.1", "-t", "20"});
+    EXPECT_NE(members().find("010101EF"), std::string::npos) << members();
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(members().find("010101EF"), std::string::npos) << members();
+}
+
+TEST_F(ReceiveTool, Reuse_TwoProgramsShareAPort)
+{
+    auto first = receiver({"-p", "5000", "--reuse", "-t", "20"});
+    auto second = soft({"ruk-recv", "-i", "oxel0", "-p", "5000", "-t", "0.1"});
+    EXPECT_TRUE(second->finish());
+    EXPECT_TRUE(second->exited_with(2)) << *second; // did not ask for it
+    second = soft({"ruk-recv", "-i", "oxel0", "-p", "5000", "--reuse", "-t", "0.1"});
+    EXPECT_TRUE(second->finish());
+    EXPECT_TRUE(second->exited_with(0)) << *second;
+}
+
 TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_IsShownAsFrame)
 {
     auto program = receiver({"--filter", "raw", "-t", "20"});

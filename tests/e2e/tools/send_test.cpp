@@ -1,7 +1,7 @@
 // ruk-send over the software adapter, seen by a kernel socket on the other host.
 #include "tool_lab.h"
 
-#include <chrono>
+#include <csignal>
 
 using namespace tool_test;
 using nlohmann::json;
@@ -190,4 +190,20 @@ TEST_F(SendTool, Nonblock_WhatIsAcceptedArrivesAndTheRestIsCounted)
     while (peer.receive(arrived < sent ? 5000 : 50) != "nothing")
         arrived++;
     EXPECT_EQ(arrived, sent);
+}
+
+TEST_F(SendTool, Interrupt_WhileWaitingForALine_EndsWithTheSummary)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    // A pipe whose writing end the program itself holds, so that it never ends.
+    const std::string pipe = scratch_.file("pipe");
+    auto program = lab.start(lab.adapter,
+                             {"sh", "-c",
+                              "mkfifo " + pipe + " && exec 3<>" + pipe + " && echo first >&3 && exec " + bin("rukrun") +
+                                  " --soft=oxel0 -- " + bin("ruk-send") + " -i oxel0 -p 5000 10.77.0.2:40000 <&3"});
+    EXPECT_EQ(peer.receive(), "10.77.0.1:5000 first");
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish(5000)) << *program;
+    EXPECT_TRUE(program->exited_with(1)) << *program; // more might have come
+    EXPECT_EQ(program->out().rfind("sent 1 datagrams, 5 bytes", 0), 0u) << *program;
 }
