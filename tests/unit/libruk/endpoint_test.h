@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <netinet/in.h>
+#include <regex.h>
 #include <string.h>
 
 namespace test_support {
@@ -104,6 +105,18 @@ inline Lines operator+(Lines a, const Lines &b)
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
+
+/* Whether the whole text is of a form (POSIX extended; a dot takes newlines too). */
+inline bool matches(const std::string &text, const std::string &form)
+{
+    regex_t compiled;
+    if (regcomp(&compiled, ("^(" + form + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
+        abort(); /* a slip of the test's author */
+    bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&compiled);
+    return found;
+}
+const std::string version_form = "[0-9]+\\.[0-9]+\\.[0-9]+[^[:space:]]*";
 
 inline uint32_t be32(const char *address) { return inet_addr(address); }
 inline struct in_addr in_addr_of(const char *address) { return {inet_addr(address)}; }

@@ -1,7 +1,6 @@
 /* The banner, debug lines and the assertion report. The banner's state is the process's: mostly in children. */
 #include "endpoint_test.h"
 
-#include <regex>
 #include <signal.h>
 #include <unistd.h>
 
@@ -30,8 +29,7 @@ protected:
     }
     bool is_banner(const std::string &line, const std::string &program)
     {
-        return std::regex_match(line,
-                                std::regex(program + "\\[" + pid_ + "\\] RUK [0-9]+\\.[0-9]+\\.[0-9]+\\S* [^\n]+\n"));
+        return matches(line, program + "\\[" + pid_ + "\\] RUK " + version_form + " [^\n]+\n");
     }
     void init_and_open()
     {
