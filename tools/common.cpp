@@ -12,6 +12,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -412,6 +413,7 @@ Receiver::Receiver(ruk_device_t dev, WaitMode mode, const StopSignal &stop) : de
     if (quit_fd_ < 0)
         fail("cannot make an event descriptor: {}", errno_text(errno));
     guard_ = std::thread([this] { guard(); });
+    pthread_setname_np(guard_.native_handle(), "wait-guard");
 }
 
 Receiver::~Receiver()
