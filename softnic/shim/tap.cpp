@@ -82,12 +82,12 @@ constexpr greg_t trap_flag = 0x100;
 // Stands in a slot's last word while one instruction runs: no request has that type.
 constexpr uint32_t unwritten_mark = 0xee5aa5eeu;
 
-void say(const TapState &tap, const char *text)
+void say(const char *name, const char *text)
 {
     // One write, no stdio: handlers say things too.
     char line[256];
     size_t at = 0;
-    for (const char *part : {"softnic: ", tap.name, ": ", text, "\n"})
+    for (const char *part : {"softnic: ", name, ": ", text, "\n"})
         while (*part && at < sizeof line)
             line[at++] = *part++;
     (void)!write(STDERR_FILENO, line, at);
@@ -108,7 +108,7 @@ void TapState::push(const nuv_ureq_t &request)
     if (queue.push(request))
         queued.fetch_add(1, std::memory_order_relaxed);
     else if (overflows.fetch_add(1, std::memory_order_relaxed) == 0)
-        say(*this, "requests are lost: more of them in flight than the adapter allows");
+        say(name, "requests are lost: more of them in flight than the adapter allows");
 }
 
 // The request in the polled slot, if one is there. Whoever zeroes the last word owns it; the rest stays as it
@@ -246,7 +246,7 @@ bool on_trap(siginfo_t *info, ucontext_t *context)
             index < table_used.load(std::memory_order_acquire) ? table[index].load(std::memory_order_acquire) : nullptr;
         if (tap && tap->active.load(std::memory_order_acquire)) {
             if (hit.late && tap->async_hits.fetch_add(1, std::memory_order_relaxed) == 0)
-                say(*tap, "error: a thread that blocks SIGTRAP posts requests: some of them are lost");
+                say(tap->name, "error: a thread that blocks SIGTRAP posts requests: some of them are lost");
             tap->on_posted(watched_types[hit.cookie & 1]);
         }
         return true; // a late hit of a tap that is gone is no one else's either
@@ -322,6 +322,14 @@ void mapped_file(uintptr_t address, dev_t *device, ino_t *inode)
     });
 }
 
+// error is 0 under a debugger.
+void say_refused(const char *name, TapMode preferred, int error)
+{
+    std::string why =
+        error ? std::string("no watchpoint (") + std::strerror(error) + ")" : "a debugger has this process";
+    say(name, (std::string(tap_mode_name(preferred)) + " mode: " + why + ": using fallback mode").c_str());
+}
+
 unsigned watchpoints_of(TapMode mode) { return mode == TapMode::fast ? 1 : mode == TapMode::exact ? 2 : 0; }
 
 int open_watch(TapState *tap, TapMode mode)
@@ -381,11 +389,17 @@ bool tap_mode_from_name(const char *name, TapMode *mode)
     return false;
 }
 
-TapMode RequestTap::available(TapMode preferred)
+TapMode RequestTap::available(TapMode preferred, const char *name)
 {
-    if (preferred == TapMode::fallback || is_traced() || TapWatch::probe(watchpoints_of(preferred)) != 0)
-        return TapMode::fallback;
-    return preferred;
+    if (preferred == TapMode::fallback)
+        return preferred;
+    bool traced = is_traced();
+    int error = traced ? 0 : TapWatch::probe(watchpoints_of(preferred));
+    if (!traced && error == 0)
+        return preferred;
+    if (name)
+        say_refused(name, preferred, error);
+    return TapMode::fallback;
 }
 
 std::unique_ptr<RequestTap> RequestTap::create(TapMode preferred, void *app, void *alias, size_t len, const char *name)
@@ -411,9 +425,7 @@ std::unique_ptr<RequestTap> RequestTap::create(TapMode preferred, void *app, voi
         int error = 0;
         bool traced = is_traced();
         if (traced || (error = open_watch(tap, preferred)) != 0) {
-            std::string why =
-                traced ? "a debugger has this process" : std::string("no watchpoint (") + std::strerror(error) + ")";
-            say(*tap, (std::string(tap_mode_name(preferred)) + " mode: " + why + ": using fallback mode").c_str());
+            say_refused(name, preferred, error);
             tap->mode = TapMode::fallback;
         }
     }

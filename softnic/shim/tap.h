@@ -58,7 +58,8 @@ public:
     static std::unique_ptr<RequestTap> create(TapMode preferred, void *app, void *alias, size_t len, const char *name);
 
     // What create() would give now on this thread: for a driver that reports thresholds before the window is mapped.
-    static TapMode available(TapMode preferred);
+    // With a name it says why, when that is not what is preferred.
+    static TapMode available(TapMode preferred, const char *name = nullptr);
 
     ~RequestTap();
     RequestTap(const RequestTap &) = delete;

@@ -433,12 +433,15 @@ TEST(TapAvailable, RegistersUsedUp_TellsFallback)
             RequestTap::available(TapMode::exact) != TapMode::fallback)
             return 2;
         taps[3] = windows[3].tap(TapMode::fast);
-        if (RequestTap::available(TapMode::fast) != TapMode::fallback)
+        if (RequestTap::available(TapMode::fast) != TapMode::fallback ||
+            RequestTap::available(TapMode::fast, "oxelp5") != TapMode::fallback)
             return 3;
         taps[0].reset(); // gives its register back
-        return RequestTap::available(TapMode::fast) == TapMode::fast ? 0 : 4;
+        return RequestTap::available(TapMode::fast, "oxelp6") == TapMode::fast ? 0 : 4;
     });
     EXPECT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(count_of(child.err, "oxelp5: fast mode: no watchpoint"), 1u) << child.err;
+    EXPECT_EQ(count_of(child.err, "\n"), 1u) << "only what is named and refused is said: " << child.err;
 }
 
 // Endpoints opened and closed for hours: the next one starts clean, and the window is the program's again.
