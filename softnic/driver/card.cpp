@@ -88,6 +88,7 @@ void Card::restart_in_child()
         for (Region *region : {&claim.recvq, &claim.sendq, &claim.sram, &claim.zreq, &claim.flow})
             region->forget();
         claim.source.release();
+        windows_[ep].store(0);
         claim.watch.release(); // descriptors and protected pages are the parent's
         claim = Claim{};
         claim.recvq_size = config_.recvq_size;
@@ -129,7 +130,11 @@ int Card::claim(Handle &handle, int32_t endpoint, uint32_t type)
         return EBUSY;
     claim.owner = &handle;
     claim.recvq_size = config_.recvq_size;
-    claim.threshold = config_.dmasend_threshold;
+    claim.send = config_.send_setup
+                     ? config_.send_setup(endpoint_name(static_cast<unsigned>(endpoint)).c_str())
+                     : SendSetup{nullptr, config_.sendq_size, config_.dmasend_threshold, config_.threshold_fixed};
+    claim.send.sendq_size = ring_bytes(claim.send.sendq_size, kPage, kMaxRecvq);
+    claim.threshold = claim.send.dmasend_threshold;
     claim.mode = FilterMode::Normal;
     handle.kind = HandleKind::Ruk;
     handle.endpoint = static_cast<unsigned>(endpoint);
@@ -169,7 +174,7 @@ void Card::release(Handle &handle)
             if (!config_.manual_sends) // what was posted before the close still leaves
                 while (gather_requests(ep), send_one(ep)) {
                 }
-            drop_watches(claim);
+            drop_watches(ep);
         }
         // The host gets its frames back before the adapter stops delivering them.
         const std::vector<SteerKey> keys = board_.filters().keys_of(static_cast<uint8_t>(ep));
@@ -195,13 +200,13 @@ int Card::enable(Handle &handle)
         return region.size() == size ? 0 : region.create(name, size);
     };
     if (claim.enabled) {
-        drop_watches(claim); // of an earlier enable whose mapping was given up
+        drop_watches(ep); // of an earlier enable whose mapping was given up
         board_.disable(ep);
         claim.enabled = false;
     }
     int rc = make(claim.recvq, "oxel-recvq", claim.recvq_size);
     if (rc == 0)
-        rc = make(claim.sendq, "oxel-sendq", config_.sendq_size);
+        rc = make(claim.sendq, "oxel-sendq", claim.send.sendq_size);
     if (rc == 0)
         rc = make(claim.sram, "oxel-sram", kSramBytes);
     if (rc == 0)
@@ -259,7 +264,7 @@ int Card::set_params(Handle &handle, const oxel_ruk_params_t &params)
             return EINVAL;
         claim.recvq_size = ring_bytes(params.recvq_size, kMinRecvq, kMaxRecvq);
     }
-    if (!config_.threshold_fixed)
+    if (!claim.send.threshold_fixed)
         claim.threshold = params.dmasend_threshold;
     return set_filter_mode(handle, params.recvq_filter_mode);
 }
@@ -379,6 +384,29 @@ int Card::copyblock(const Handle &handle, kz_get_copyblock_t *block) const
     return 0;
 }
 
+bool Card::window_in(const void *addr, size_t len) const
+{
+    const uintptr_t from = reinterpret_cast<uintptr_t>(addr);
+    return std::any_of(windows_.begin(), windows_.end(), [=](const auto &window) {
+        const uintptr_t at = window.load(std::memory_order_relaxed);
+        return at != 0 && at < from + len && from < at + kRequestWindowBytes;
+    });
+}
+
+// Whatever comes to lie there next is not the window.
+void Card::unmapping(const void *addr, size_t len)
+{
+    const uintptr_t from = reinterpret_cast<uintptr_t>(addr);
+    for (unsigned ep = 0; ep < claims_.size(); ep++) {
+        const uintptr_t at = windows_[ep].load();
+        if (at == 0 || at >= from + len || from >= at + kRequestWindowBytes)
+            continue;
+        windows_[ep].store(0);
+        if (claims_[ep].source)
+            claims_[ep].source->detach();
+    }
+}
+
 void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uint64_t offset)
 {
     const auto fail = [](int error) {
@@ -406,12 +434,11 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
             return fail(EACCES);
         const size_t whole_pages = (len + kPage - 1) / kPage * kPage;
         void *at = entry.region->view(addr, fixed, static_cast<size_t>(within), whole_pages, prot, entry.read_only);
-        if (at != MAP_FAILED && entry.requests && config_.make_source) {
-            if (claim.source)
-                claim.source->detach(); // a further mapping of the window: the latest is the one that posts
-            claim.source.reset();
-            const std::string name = config_.name + ", endpoint " + std::to_string(handle.endpoint);
-            claim.source = config_.make_source(at, claim.zreq.data(), whole_pages, name.c_str());
+        const MakeRequestSource &make_source = config_.send_setup ? claim.send.make_source : config_.make_source;
+        if (at != MAP_FAILED && entry.requests && make_source) {
+            claim.source.reset(); // a further mapping of the window: the latest is the one that posts
+            claim.source = make_source(at, claim.zreq.data(), whole_pages, endpoint_name(handle.endpoint).c_str());
+            windows_[handle.endpoint].store(reinterpret_cast<uintptr_t>(at));
             runner_->kick(*this);
         }
         if (at != MAP_FAILED && entry.flow && config_.watch_consumers) {
@@ -426,11 +453,11 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
 
 // ---------------------------------------------------------------- sending
 
-void Card::drop_watches(Claim &claim)
+void Card::drop_watches(unsigned ep)
 {
+    Claim &claim = claims_[ep];
+    windows_[ep].store(0);
     claim.watch.reset();
-    if (claim.source)
-        claim.source->detach();
     claim.source.reset();
 }
 

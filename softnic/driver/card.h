@@ -47,6 +47,8 @@ struct CardConfig {
     std::string version = "1.0.0";
     std::string build = "software adapter";
     MakeRequestSource make_source;
+    // Asked at each claim with the endpoint's name, when set; then what is said of sending above does not count.
+    std::function<SendSetup(const char *name)> send_setup;
     bool drain_before_removal = false; // frames that wait in the port were taken from the host: deliver them first
     bool manual_sends = false;         // requests wait until somebody takes and completes them
     bool watch_consumers = false;      // so that the firmware may sleep while events are unconsumed
@@ -132,6 +134,9 @@ public:
     const CardConfig &config() const { return config_; }
     void set_source(MakeRequestSource make) { config_.make_source = std::move(make); }
 
+    // Some application's request window lies in that range. Needs no lock.
+    bool window_in(const void *addr, size_t len) const;
+
     // All that follows is called with the lock held.
 
     // --- claims. Results are 0 or an errno value.
@@ -145,6 +150,7 @@ public:
     int set_filter_mode(Handle &handle, uint32_t mode);
     int rx_filter(Handle &handle, const oxel_rx_filter_t &filter);
     int copyblock(const Handle &handle, kz_get_copyblock_t *block) const;
+    void unmapping(const void *addr, size_t len); // the application is about to unmap that
     void *map(Handle &handle, void *addr, size_t len, int prot, int flags, uint64_t offset); // errno when MAP_FAILED
     int wait_send(std::unique_lock<CardLock> &lock, Handle &handle, int32_t timeout_ms);
     int raw_send(Handle &handle, const oxel_raw_send_t &send);
@@ -202,6 +208,7 @@ private:
         Handle *owner = nullptr;
         uint32_t recvq_size = 0;
         uint32_t threshold = 0;
+        SendSetup send;
         FilterMode mode = FilterMode::Normal;
         bool enabled = false;
         Region recvq, sendq, sram, zreq, flow;
@@ -221,8 +228,9 @@ private:
     };
 
     int require_ruk(const Handle &handle) const;
+    std::string endpoint_name(unsigned ep) const { return config_.name + ", endpoint " + std::to_string(ep); }
     std::vector<MapEntry> map_entries(const Claim &claim) const;
-    static void drop_watches(Claim &claim);
+    void drop_watches(unsigned ep);
     void gather_requests(unsigned ep);
     bool send_one(unsigned ep);
     unsigned serve_requests(unsigned max);
@@ -242,8 +250,10 @@ private:
     std::vector<Handle *> raws_;
     std::vector<SteerKey> steered_; // sorted: taken from the host
     std::vector<uint8_t> frame_;    // of the request being served
-    bool watch_rings_ = false;      // events may be unconsumed, or a descriptor readable
-    uint64_t consumed_ = 0;         // events that applications have released
+    // By endpoint: the application's mapping that the claim's source serves, 0 when none.
+    std::array<std::atomic<uintptr_t>, kMaxEndpoints> windows_{};
+    bool watch_rings_ = false; // events may be unconsumed, or a descriptor readable
+    uint64_t consumed_ = 0;    // events that applications have released
     uint64_t clock_published_ = 0;
     uint64_t soft_notifications_ = 0;
 };

@@ -103,6 +103,16 @@ Driver::Open Driver::find(int fd)
 
 bool Driver::owns(int fd) { return find(fd).card != nullptr; }
 
+void Driver::unmapping(const void *addr, size_t len)
+{
+    for (auto &card : cards_) {
+        if (!card->window_in(addr, len))
+            continue; // most of what a program unmaps is not ours, and may be unmapped while a lock is held
+        std::lock_guard guard(card->lock());
+        card->unmapping(addr, len);
+    }
+}
+
 int Driver::close(int fd)
 {
     Open open = find(fd);

@@ -31,4 +31,12 @@ public:
 using MakeRequestSource =
     std::function<std::unique_ptr<RequestSource>(void *app, void *alias, size_t len, const char *name)>;
 
+// How the requests of one endpoint are caught, and what its driver has to report to make that possible.
+struct SendSetup {
+    MakeRequestSource make_source; // null: the window is looked at in each round
+    uint32_t sendq_size = 0;       // bytes
+    uint32_t dmasend_threshold = 0;
+    bool threshold_fixed = false; // catching depends on it: not to be changed
+};
+
 } // namespace softnic

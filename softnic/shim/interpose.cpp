@@ -1,5 +1,6 @@
-// The calls that reach a device file: open, close, ioctl and mmap in all their forms. Those on the device files and
-// on descriptors that came from them go to the attached driver; everything else goes on to the next definition.
+// The calls that reach a device file: open, close, ioctl and mmap in all their forms, and munmap. Those on the device
+// files and on descriptors that came from them go to the attached driver; everything else goes on to the next
+// definition.
 
 // Both widths of file offset are defined here under their own names.
 #undef _FILE_OFFSET_BITS
@@ -62,6 +63,13 @@ void forget_in_child()
         driver->forget();
 }
 
+void tell_unmapping(const void *addr, size_t len)
+{
+    Driver *driver = g_driver.load(std::memory_order_acquire);
+    if (driver != nullptr && g_owner.load(std::memory_order_relaxed) == ::getpid())
+        driver->unmapping(addr, len);
+}
+
 // The driver to open with, made now if need be.
 Driver *driver_for_open()
 {
@@ -92,6 +100,7 @@ struct Next {
     int (*ioctl)(int, unsigned long, ...);
     void *(*mmap)(void *, size_t, int, int, int, off_t);
     void *(*mmap64)(void *, size_t, int, int, int, off64_t);
+    int (*munmap)(void *, size_t);
 };
 Next g_next;
 
@@ -114,6 +123,7 @@ __attribute__((constructor(101))) void resolve_next()
     resolve(g_next.ioctl, "ioctl");
     resolve(g_next.mmap, "mmap");
     resolve(g_next.mmap64, "mmap64");
+    resolve(g_next.munmap, "munmap");
     ::pthread_atfork(nullptr, nullptr, forget_in_child);
 }
 
@@ -324,6 +334,12 @@ __attribute__((visibility("default"))) void *mmap64(void *addr, size_t len, int 
 #else
     return reinterpret_cast<void *>(::syscall(SYS_mmap, addr, len, prot, flags, fd, offset));
 #endif
+}
+
+__attribute__((visibility("default"))) int munmap(void *addr, size_t len) noexcept
+{
+    tell_unmapping(addr, len);
+    return g_next.munmap != nullptr ? g_next.munmap(addr, len) : sys::munmap(addr, len);
 }
 
 } // extern "C"

@@ -107,6 +107,28 @@ TapMode preferred_mode(unsigned mtu, const std::string &interface)
     return mode;
 }
 
+// What the driver reports for an endpoint, and how its requests are caught. The way of catching is settled before
+// the library learns the endpoint's threshold, so that one that has to do without watchpoints still has a full ring.
+SendSetup send_setup(TapMode preferred, unsigned mtu, const char *name)
+{
+    const TapMode mode = preferred == TapMode::fast ? RequestTap::available(preferred, name) : preferred;
+    SendSetup setup;
+    setup.make_source = tap_source(mode);
+    if (mode == TapMode::fast) {
+        // At most one DMA request may be outstanding, and all that carries a payload has to be one.
+        setup.dmasend_threshold = 0;
+        setup.sendq_size = NUV_DMA_PAGE;
+        setup.threshold_fixed = true;
+        return setup;
+    }
+    const uint32_t pages = (mtu + NUV_DMA_PAGE - 1) / NUV_DMA_PAGE * NUV_DMA_PAGE;
+    const uint32_t least = std::max(2 * pages, 2 * NUV_DMA_PAGE);
+    setup.sendq_size =
+        static_cast<uint32_t>(number("RUK_SOFTNIC_SENDQ", std::max(256u << 10, least), least, 16u << 20));
+    setup.dmasend_threshold = static_cast<uint32_t>(number("RUK_SOFTNIC_THRESHOLD", 1024, 0, 4096));
+    return setup;
+}
+
 CardConfig card_config(const std::string &interface, const HostInterface &host, unsigned board)
 {
     CardConfig config;
@@ -119,19 +141,7 @@ CardConfig card_config(const std::string &interface, const HostInterface &host, 
     config.readable_grace_ns = kReadableGraceNs;
 
     const TapMode mode = preferred_mode(host.mtu, interface);
-    config.make_source = tap_source(mode);
-    if (mode == TapMode::fast) {
-        // At most one DMA request may be outstanding, and all that carries a payload has to be one.
-        config.dmasend_threshold = 0;
-        config.sendq_size = NUV_DMA_PAGE;
-        config.threshold_fixed = true;
-    } else {
-        const uint32_t pages = (host.mtu + NUV_DMA_PAGE - 1) / NUV_DMA_PAGE * NUV_DMA_PAGE;
-        const uint32_t least = std::max(2 * pages, 2 * NUV_DMA_PAGE);
-        config.sendq_size =
-            static_cast<uint32_t>(number("RUK_SOFTNIC_SENDQ", std::max(256u << 10, least), least, 16u << 20));
-        config.dmasend_threshold = static_cast<uint32_t>(number("RUK_SOFTNIC_THRESHOLD", 1024, 0, 4096));
-    }
+    config.send_setup = [mode, mtu = host.mtu](const char *name) { return send_setup(mode, mtu, name); };
     (void)board;
     return config;
 }
