@@ -1,6 +1,6 @@
 # Programs over the receive path alone: an endpoint of plain memory, no adapter.
 function(ruk_receive_test name)
-  add_executable(${name} ${ARGN} recv_rig.cpp)
+  add_executable(${name} ${ARGN} recv_rig.cpp recv_frames.cpp)
   target_link_libraries(${name} PRIVATE test_support ruk_static GTest::gtest)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
@@ -19,3 +19,6 @@ ruk_receive_test(libruk_arista_tests
     arista_keyframe_test.cpp
     arista_dating_test.cpp
     arista_settings_test.cpp)
+
+# Through the public calls and the stepped adapter.
+ruk_unit_test(libruk_recv_adapter_tests recv_adapter_test.cpp recv_frames.cpp)
