@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <deque>
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
@@ -431,6 +430,9 @@ public:
         ctl.arct_kf_check_rate = model_.check_rate;
         ctl.arct_kf_check_ptp = model_.check_ptp;
         ctl.arct_kf_ptp_wait = UINT64_MAX;
+        UdpFrame longest;
+        longest.payload = Bytes(42, 0x55);
+        template_ = longest.bytes();
         interval_ = 1 + random_() % 3000;
         wild_ = random_() % 4 == 0;
         other_modes_ = random_() % 3 == 0;
@@ -490,11 +492,12 @@ private:
         if (!after_wrap_)
             asic_ += wild_ ? random_() >> (24 + random_() % 40) : random_() % 100000;
         after_wrap_ = false;
-        UdpFrame frame;
-        frame.payload = Bytes(2 + random_() % 40, 0x55);
-        frame.trailer = random_() % 50 == 0 && wild_ ? static_cast<uint32_t>(random_())
-                                                     : word_of(static_cast<uint32_t>(asic_), random_() % 2);
-        return frame.bytes();
+        const uint32_t word = random_() % 50 == 0 && wild_ ? static_cast<uint32_t>(random_())
+                                                           : word_of(static_cast<uint32_t>(asic_), random_() % 2);
+        Bytes frame(template_.begin(), template_.begin() + 44 + static_cast<long>(random_() % 40));
+        for (int shift = 24; shift >= 0; shift -= 8)
+            frame.push_back(static_cast<uint8_t>(word >> shift));
+        return frame;
     }
 
     Keyframe a_keyframe()
@@ -577,6 +580,7 @@ private:
     Rig rig_;
     arista_model::Switch model_;
     test_support::LibcHookGuard hooks_;
+    Bytes template_; /* the headers and some payload */
     uint64_t now_ = UTC, asic_ = 0, utc_ = 0, frames_ = 0, dated_ = 0;
     unsigned interval_ = 0, lost_ = 0;
     bool wild_ = false, other_modes_ = false, after_wrap_ = false;

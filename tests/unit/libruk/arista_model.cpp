@@ -12,32 +12,28 @@ struct Wide {
     uint64_t hi, lo;
 };
 
-bool bit(const Wide &w, int i) { return i >= 64 ? w.hi >> (i - 64) & 1 : w.lo >> i & 1; }
-
-int top_bit(const Wide &w)
+Wide shifted_left(const Wide &w, int n) /* n from 0 to 127 */
 {
-    int i = 127;
-    while (i >= 0 && !bit(w, i))
-        i--;
-    return i;
+    if (n == 0)
+        return w;
+    return n < 64 ? Wide{w.hi << n | w.lo >> (64 - n), w.lo << n} : Wide{w.lo << (n - 64), 0};
 }
 
-/* w * 2^e, and a bit more when sticky, to a format of so many bits. */
+/* w * 2^e, and a bit more when sticky, to a format of so many bits (at most 53), to nearest and even. */
 Binary rounded(const Wide &w, int e, bool sticky, int bits)
 {
-    const int top = top_bit(w);
-    if (top < 0)
+    if (w.hi == 0 && w.lo == 0)
         return {};
+    const int zeros = w.hi ? __builtin_clzll(w.hi) : 64 + __builtin_clzll(w.lo);
+    const Wide top = shifted_left(w, zeros); /* the first one is bit 127 */
     Binary r;
     r.kind = Binary::finite;
-    for (int i = top; i > top - bits; i--)
-        r.m = r.m << 1 | (i >= 0 && bit(w, i));
-    r.e = e + top - bits + 1;
-    const int half = top - bits;
-    bool below = sticky;
-    for (int i = half - 1; i >= 0; i--)
-        below = below || bit(w, i);
-    if (half >= 0 && bit(w, half) && (below || (r.m & 1)))
+    r.m = top.hi >> (64 - bits);
+    r.e = e + 128 - zeros - bits;
+    const Wide rest = shifted_left(top, bits); /* what is cut off: from its half down */
+    const bool half = rest.hi >> 63;
+    const bool below = rest.hi << 1 || rest.lo || sticky;
+    if (half && (below || (r.m & 1)))
         r.m++;
     if (r.m >> bits) {
         r.m >>= 1;
