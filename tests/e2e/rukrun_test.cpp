@@ -13,15 +13,19 @@ using test_support::LabTest;
 namespace {
 
 const std::string kRukrun = RUK_BINARY_DIR "/bin/rukrun";
+// Of the same build as the adapter: what is preloaded fits.
+const std::string kLaunched = RUK_BINARY_DIR "/tests/launched";
 const std::string kAdapterLibrary = RUK_BINARY_DIR "/lib/liboxelsoft.so";
 
 class RukrunTest : public LabTest {
 protected:
     // Ends within seconds; the launcher's line is in err().
     std::unique_ptr<test_support::Program> rukrun(std::vector<std::string> arguments,
-                                                  const std::vector<std::string> &environment = {})
+                                                  std::vector<std::string> environment = {})
     {
         arguments.insert(arguments.begin(), kRukrun);
+        // Where everything has a sanitizer the adapter comes before its run time, and that is all right.
+        environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0");
         auto program = lab.start(lab.adapter, arguments, environment);
         EXPECT_TRUE(program->finish()) << *program;
         return program;
@@ -32,19 +36,18 @@ protected:
 
 TEST_F(RukrunTest, InterfacesNamed_ProgramRuns_WithAdapterPreloadedAndNamesPassedOn)
 {
-    auto program = rukrun({"--soft=oxel0,lo", "--mode=exact", "--", "sh", "-c",
-                           "echo $LD_PRELOAD; echo $RUK_SOFTNIC; echo $RUK_SOFTNIC_MODE; exit 7"});
+    auto program = rukrun({"--soft=oxel0,lo", "--mode=exact", "--", kLaunched});
     EXPECT_TRUE(program->exited_with(7)) << *program;
-    EXPECT_EQ(program->out(), kAdapterLibrary + "\noxel0,lo\nexact\n");
+    EXPECT_EQ(program->out(), "LD_PRELOAD=" + kAdapterLibrary + "\nRUK_SOFTNIC=oxel0,lo\nRUK_SOFTNIC_MODE=exact\n");
     EXPECT_EQ(program->err(), "");
 }
 
 TEST_F(RukrunTest, LibrariesPreloadedAlready_ProgramRuns_TheyComeAfterTheAdapter)
 {
-    auto program = rukrun({"--soft=oxel0", "sh", "-c", "echo $LD_PRELOAD; echo ${RUK_SOFTNIC_MODE-unset}"},
-                          {"LD_PRELOAD=libm.so.6"});
-    EXPECT_TRUE(program->exited_with(0)) << *program;
-    EXPECT_EQ(program->out(), kAdapterLibrary + ":libm.so.6\nunset\n");
+    auto program = rukrun({"--soft=oxel0", kLaunched}, {"LD_PRELOAD=libm.so.6"});
+    EXPECT_TRUE(program->exited_with(7)) << *program;
+    EXPECT_EQ(program->out(),
+              "LD_PRELOAD=" + kAdapterLibrary + ":libm.so.6\nRUK_SOFTNIC=oxel0\nRUK_SOFTNIC_MODE=(unset)\n");
 }
 
 TEST_F(RukrunTest, NoInterfaceNamed_ProgramRuns_WithThoseOfTheFamilyThatAreUp)
@@ -52,9 +55,9 @@ TEST_F(RukrunTest, NoInterfaceNamed_ProgramRuns_WithThoseOfTheFamilyThatAreUp)
     lab.run(lab.adapter, "ip link add oxel7 address 02:6f:78:00:00:07 type veth peer name other7"
                          " && ip link add oxel8 address 02:6f:78:00:00:08 type veth peer name other8"
                          " && ip link set oxel8 up && ip link set other8 up && ip link set other7 up");
-    auto program = rukrun({"--soft", "sh", "-c", "echo $RUK_SOFTNIC"});
-    EXPECT_TRUE(program->exited_with(0)) << *program;
-    EXPECT_EQ(program->out(), "oxel0,oxel8\n");
+    auto program = rukrun({"--soft", kLaunched});
+    EXPECT_TRUE(program->exited_with(7)) << *program;
+    EXPECT_NE(program->out().find("RUK_SOFTNIC=oxel0,oxel8\n"), std::string::npos) << *program;
 
     lab.run(lab.adapter, "ip link set oxel0 down && ip link set oxel8 down");
     program = rukrun({"--soft", "true"});
@@ -64,9 +67,9 @@ TEST_F(RukrunTest, NoInterfaceNamed_ProgramRuns_WithThoseOfTheFamilyThatAreUp)
 
 TEST_F(RukrunTest, ArgumentsThatLookLikeOptions_AfterTheProgram_AreTheProgramsOwn)
 {
-    auto program = rukrun({"--soft=oxel0", "printf", "%s|", "--soft=none", "--help", "--", "-x", ""});
-    EXPECT_TRUE(program->exited_with(0)) << *program;
-    EXPECT_EQ(program->out(), "--soft=none|--help|--|-x||");
+    auto program = rukrun({"--soft=oxel0", kLaunched, "--soft=none", "--help", "--", "-x", ""});
+    EXPECT_TRUE(program->exited_with(7)) << *program;
+    EXPECT_NE(program->out().find("\n[--soft=none]\n[--help]\n[--]\n[-x]\n[]\n"), std::string::npos) << *program;
 }
 
 TEST_F(RukrunTest, WrongInterfaces_OneLineAndStatus)
@@ -136,7 +139,7 @@ TEST_F(RukrunTest, HelpAndVersion_OnStandardOutput)
 {
     auto program = rukrun({"--help"});
     EXPECT_TRUE(program->exited_with(0));
-    EXPECT_EQ(program->out().find("Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--] PROGRAM"), 0u);
+    EXPECT_EQ(program->out().find("Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] "), 0u);
     EXPECT_NE(program->out().find("begins with 02:6f:78"), std::string::npos);
     program = rukrun({"--version"});
     EXPECT_TRUE(program->exited_with(0));
