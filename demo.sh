@@ -34,8 +34,10 @@ done
 [[ $build == /* ]] || build=$PWD/$build
 
 say() { printf '\n== %s\n' "$*"; }
+explained=0
 die() {
     printf 'demo: failed: %s\n' "$*"
+    explained=1
     exit 1
 }
 
@@ -87,6 +89,7 @@ cleanup() {
         wait "$pid" 2>/dev/null || true
     done
     rm -rf "$work"
+    ((status == 0 || explained)) || echo "demo: failed: a command ended with status $status (see above)"
     exit "$status"
 }
 trap cleanup EXIT
@@ -109,14 +112,11 @@ await() { # FILE TEXT
 
 make_hosts() {
     say "3. two hosts, one cable: oxel0 10.77.0.1 (libruk) -- peer0 10.77.0.2 (kernel sockets)"
-    unshare --net sleep 300 &
+    # The other host lives as long as this process; it tells when it is there.
+    unshare --net sh -c 'echo there >"$0"; exec sleep 300' "$work/holder" &
     holder=$!
     children+=("$holder")
-    local i
-    for ((i = 0; i < 200; i++)); do
-        [[ $(readlink "/proc/$holder/ns/net") != $(readlink /proc/self/ns/net) ]] && break
-        sleep 0.05
-    done
+    await "$work/holder" there || die "no second host could be made"
     ip link set lo up
     ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02 netns "$holder"
     ip address add 10.77.0.1/24 brd + dev oxel0
