@@ -47,7 +47,7 @@ class Results(unittest.TestCase):
             file.write(PROJECT)
         build = os.path.join(source, "build")
         cls.results = os.path.join(source, "results.xml")
-        subprocess.run(["cmake", "-S", source, "-B", build], check=True, capture_output=True)
+        subprocess.run(["cmake", "-G", "Ninja", "-S", source, "-B", build], check=True, capture_output=True)
         subprocess.run(["ctest", "--test-dir", build, "--output-junit", cls.results], capture_output=True)
 
     @classmethod
@@ -118,7 +118,7 @@ class Results(unittest.TestCase):
                 file.write(listed)
             kept = behaviours.ROOT, behaviours.LIST, behaviours.namespaces_refused
             behaviours.ROOT, behaviours.LIST = root, os.path.join(root, "tests", "behaviours.tsv")
-            behaviours.namespaces_refused = lambda: refused
+            behaviours.namespaces_refused = lambda reason: refused
             output = io.StringIO()
             try:
                 with contextlib.redirect_stdout(output):
