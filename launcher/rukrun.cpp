@@ -210,7 +210,10 @@ std::optional<std::string> find_program(const std::string &name)
     for (std::string dirs = path != nullptr ? path : "/bin:/usr/bin"; !name.empty();) {
         const size_t colon = dirs.find(':');
         std::string file = dirs.substr(0, colon);
-        file = (file.empty() ? std::string(".") : file) + "/" + name;
+        if (file.empty())
+            file = ".";
+        file += '/';
+        file += name;
         struct stat st;
         if (stat(file.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
             if (access(file.c_str(), X_OK) == 0)

@@ -25,11 +25,11 @@ struct SteerKey {
 };
 
 struct PortCounters {
-    uint64_t received = 0;       // frames handed out by receive()
-    uint64_t rx_dropped = 0;     // frames lost before receive(): packet ring full
-    uint64_t rx_malformed = 0;   // frames that could not be handed out as they are
-    uint64_t sent = 0;           // frames put on the wire
-    uint64_t tx_errors = 0;      // frames that the host refused
+    uint64_t received = 0;     // frames handed out by receive()
+    uint64_t rx_dropped = 0;   // frames lost before receive(): packet ring full
+    uint64_t rx_malformed = 0; // frames that could not be handed out as they are
+    uint64_t sent = 0;         // frames put on the wire
+    uint64_t tx_errors = 0;    // frames that the host refused
 };
 
 class Port {
