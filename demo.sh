@@ -138,7 +138,7 @@ datagrams() {
     local drops_before
     drops_before=$(interface_drops)
 
-    say "4. $sent datagrams from a kernel socket arrive through libruk (time, from > to, length, text)"
+    say "4. $sent datagrams from a kernel socket arrive through libruk (time and its source, from > to, length, text)"
     "${soft[@]}" ruk-recv -i oxel0 -p 5000 -n "$sent" -t 20 --hw-timestamps --stats >"$work/recv" 2>"$work/recv.err" &
     local receiver=$!
     children+=("$receiver")
@@ -153,7 +153,7 @@ datagrams() {
     ((received == sent)) || die "$received of $sent datagrams arrived"
     local size
     for size in "${sizes[@]}"; do
-        grep -q -E "^[0-9]+\.[0-9]{9} 10\.77\.0\.2:40000 > 10\.77\.0\.1:5000 len $size " "$work/lines" ||
+        grep -q -E "^[0-9]+\.[0-9]{9} adapter 10\.77\.0\.2:40000 > 10\.77\.0\.1:5000 len $size " "$work/lines" ||
             die "the datagram of $size bytes is not among them"
     done
 

@@ -165,7 +165,18 @@ bool malformed(const ruk_recv_info &info) { return info.msg_len > max_udp_payloa
 /* A frame that is not IPv4, in the raw filter mode, has no addresses. */
 bool has_addresses(const ruk_recv_info &info) { return info.sin_from.sin_family == AF_INET; }
 
-std::string json_line(const ruk_recv_info &info, const uint8_t *data, size_t len)
+/*
+ * Where the datagram's time comes from. An endpoint that the adapter dates never recognises a switch's keyframes;
+ * one that it does not date has times from a switch or none.
+ */
+const char *time_source(const Options &opt, const ruk_recv_info &info)
+{
+    if (info.timestamp == 0)
+        return "none";
+    return opt.hw_timestamps ? "adapter" : "switch";
+}
+
+std::string json_line(const Options &opt, const ruk_recv_info &info, const uint8_t *data, size_t len)
 {
     ordered_json line;
     line["from"] = has_addresses(info) ? ordered_json(endpoint_text(info.sin_from)) : ordered_json(nullptr);
@@ -176,12 +187,13 @@ std::string json_line(const ruk_recv_info &info, const uint8_t *data, size_t len
         line["malformed"] = true;
     else
         line["payload"] = hex(data, len);
+    line["timestamp_source"] = time_source(opt, info);
     return line.dump();
 }
 
-std::string text_line(const ruk_recv_info &info, const uint8_t *data, size_t len)
+std::string text_line(const Options &opt, const ruk_recv_info &info, const uint8_t *data, size_t len)
 {
-    std::string line = time_text(info.timestamp);
+    std::string line = info.timestamp == 0 ? "-" : time_text(info.timestamp) + " " + time_source(opt, info);
     if (has_addresses(info))
         line += fmt::format(" {} > {}", endpoint_text(info.sin_from), endpoint_text(info.sin_to));
     else
@@ -225,7 +237,7 @@ int receive_all(const Options &opt, const Endpoint &endpoint, const StopSignal &
             fail("cannot receive: {}", errno_text(rc));
         (malformed(info) ? tally.malformed : tally.delivered)++;
         size_t len = malformed(info) ? 0 : info.msg_len;
-        put_line(opt.json ? json_line(info, buffer.data(), len) : text_line(info, buffer.data(), len));
+        put_line(opt.json ? json_line(opt, info, buffer.data(), len) : text_line(opt, info, buffer.data(), len));
     }
     return opt.count && tally.delivered < *opt.count ? exit_incomplete : exit_ok;
 }

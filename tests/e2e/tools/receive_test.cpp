@@ -44,7 +44,7 @@ TEST_F(ReceiveTool, Json_DatagramFromAKernelSocket_IsOneObjectALine)
     peer.send("abc", "10.77.0.1", 5000);
     const std::string line = next_line(*program);
     const std::regex shape(R"(\{"from":"10\.77\.0\.2:40000","to":"10\.77\.0\.1:5000","len":3,)"
-                           R"("timestamp_ns":([0-9]{19}),"payload":"616263"\})");
+                           R"("timestamp_ns":([0-9]{19}),"payload":"616263","timestamp_source":"adapter"\})");
     std::smatch match;
     ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
     // Host time: within a minute of now.
