@@ -321,10 +321,8 @@ TEST_F(ReceiveChainTest, BlockingReceiver_AfterADrainedBurst_SleepsAgainAndWakes
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
-TEST_F(ReceiveChainTest, AdapterThatServesNobody_Idle_WakesLessThanTenTimesASecond)
+TEST_F(ReceiveChainTest, PollingReceiver_BetweenDatagrams_WakesLessThanTenTimesASecond)
 {
-    // A receiver that sleeps in a stopped program leaves the adapter's own thread alone to be counted; what is
-    // between datagrams counts in any wait mode that sleeps.
     auto program = receiver({"-p", "5000", "--wait", "nonblock", "--json"});
     stream(*program, 100, 10);
     usleep(1000000);
