@@ -1,0 +1,78 @@
+/*
+ * The device access vocabulary with a recorder: includes the real one and replaces what sending uses by versions
+ * that also write down each access. To be included before the source under test.
+ */
+#pragma once
+
+#define tov_ld16_acq real_tov_ld16_acq
+#define tov_ld32     real_tov_ld32
+#define tov_st32     real_tov_st32
+#define tov_wmb      real_tov_wmb
+#include "tov_io.h"
+#undef tov_ld16_acq
+#undef tov_ld32
+#undef tov_st32
+#undef tov_wmb
+
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <vector>
+
+namespace recorded {
+
+enum class Kind { load16, load32, store32, fence };
+
+struct Access {
+    Kind kind;
+    uintptr_t at = 0;
+    uint32_t value = 0;
+    bool operator==(const Access &) const = default;
+};
+
+inline std::vector<Access> accesses;
+inline bool recording = false;
+/* Called before each 16-bit load: the adapter's chance to advance its counter. */
+inline std::function<void()> before_load16;
+
+inline std::ostream &operator<<(std::ostream &os, const Access &a)
+{
+    static const char *const names[] = {"load16", "load32", "store32", "fence"};
+    return os << names[static_cast<int>(a.kind)] << " " << std::hex << a.at << " " << a.value << std::dec;
+}
+
+inline void note(Kind kind, const volatile void *at, uint32_t value)
+{
+    if (recording)
+        accesses.push_back({kind, reinterpret_cast<uintptr_t>(at), value});
+}
+
+} // namespace recorded
+
+static inline uint16_t tov_ld16_acq(const volatile uint16_t *p)
+{
+    if (recorded::recording && recorded::before_load16)
+        recorded::before_load16();
+    uint16_t v = real_tov_ld16_acq(p);
+    recorded::note(recorded::Kind::load16, p, v);
+    return v;
+}
+
+static inline uint32_t tov_ld32(const volatile uint32_t *p)
+{
+    uint32_t v = real_tov_ld32(p);
+    recorded::note(recorded::Kind::load32, p, v);
+    return v;
+}
+
+static inline void tov_st32(volatile uint32_t *p, uint32_t v)
+{
+    real_tov_st32(p, v);
+    recorded::note(recorded::Kind::store32, p, v);
+}
+
+static inline void tov_wmb()
+{
+    real_tov_wmb();
+    recorded::note(recorded::Kind::fence, nullptr, 0);
+}

@@ -1,0 +1,12 @@
+# Programs over the send path.
+set(RUK_SEND_TEST_SUPPORT send_rig.cpp recv_frames.cpp driver_script.cpp)
+ruk_unit_test(libruk_send_tests ${RUK_SEND_TEST_SUPPORT}
+    send_request_test.cpp
+    send_completion_test.cpp
+    send_checksum_test.cpp
+    send_wait_test.cpp
+    send_copy_test.cpp)
+
+# Sending and the copy are built into this one over a vocabulary that writes down each access; the archive's are not
+# linked.
+ruk_unit_test(libruk_send_order_tests ${RUK_SEND_TEST_SUPPORT} send_order_test.cpp)
