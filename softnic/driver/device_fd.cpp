@@ -10,7 +10,7 @@ namespace softnic {
 int DeviceFd::create(bool close_on_exec)
 {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (sys::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return errno;
     char path[32];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", ends[0]);
@@ -22,7 +22,7 @@ int DeviceFd::create(bool close_on_exec)
         return error;
     }
     // The application gets the lowest number, as from any open.
-    if (::dup3(both, ends[0], close_on_exec ? O_CLOEXEC : 0) < 0) {
+    if (sys::dup3(both, ends[0], close_on_exec ? O_CLOEXEC : 0) < 0) {
         const int dup_error = errno;
         sys::close(both);
         sys::close(ends[0]);

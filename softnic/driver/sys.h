@@ -26,6 +26,8 @@ inline void *mmap(void *addr, size_t len, int prot, int flags, int fd)
 #endif
 }
 inline int munmap(void *addr, size_t len) { return static_cast<int>(::syscall(SYS_munmap, addr, len)); }
+inline int pipe2(int *ends, int flags) { return static_cast<int>(::syscall(SYS_pipe2, ends, flags)); }
+inline int dup3(int from, int to, int flags) { return static_cast<int>(::syscall(SYS_dup3, from, to, flags)); }
 inline int64_t read(int fd, void *buf, size_t n) { return ::syscall(SYS_read, fd, buf, n); }
 inline int64_t write(int fd, const void *buf, size_t n) { return ::syscall(SYS_write, fd, buf, n); }
 
