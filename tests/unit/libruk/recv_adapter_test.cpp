@@ -186,7 +186,7 @@ TEST(AdapterReceive, AdapterTimestamps_WithinATickOfTheWiresTime)
     }
 }
 
-TEST(AdapterReceive, HardwareOrderWriter_ReceiverWaitsForTheEventsLastByte)
+TEST(AdapterReceive, HardwareOrderWriter_ReceiverThreadWaitsForTheEventsLastByte)
 {
     Wire wire([](softnic_board_config_t &config) { config.hardware_order = 1; });
     Endpoint ep(RUK_OPEN_THREAD_SAFE);
@@ -212,7 +212,7 @@ TEST(AdapterReceive, HardwareOrderWriter_ReceiverWaitsForTheEventsLastByte)
     }
 }
 
-TEST(AdapterReceive, SleepingReceiver_WokenByTheDescriptorAndByShutdown)
+TEST(AdapterReceive, SleepingThread_WokenByTheDescriptorAndByShutdown)
 {
     Wire wire;
     Endpoint ep(RUK_OPEN_THREAD_SAFE);

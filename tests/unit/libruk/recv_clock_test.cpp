@@ -1,6 +1,7 @@
 /* Adapter ticks to host time, against the formulas in exact arithmetic. */
 #include "recv_rig.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 #include <random>
 #include <thread>
@@ -229,7 +230,7 @@ TEST(AdapterClock, EventReceived_DatagramBearsItsTime)
 
 /* ------------------------------------------------------------------ the sequence counter */
 
-TEST(ClockWindow, CounterOdd_ReaderWaitsUntilEven)
+TEST(ClockWindow, CounterOdd_ReaderThreadWaitsUntilEven)
 {
     for (bool masked : {false, true}) {
         RigEndpoint rig;
@@ -251,7 +252,36 @@ TEST(ClockWindow, CounterOdd_ReaderWaitsUntilEven)
     }
 }
 
-TEST(ClockWindow, RewrittenAllTheTime_ReaderNeverMixesTwoVersions)
+namespace {
+uint8_t *trap_window;
+
+void put32(size_t offset, uint32_t v) { memcpy(trap_window + offset, &v, sizeof v); }
+void put64(size_t offset, uint64_t v) { memcpy(trap_window + offset, &v, sizeof v); }
+} // namespace
+
+TEST(ClockWindow, RewrittenBetweenTwoFields_ReadAgain)
+{
+    /* The reference tick lies in one page and the reference time in the next, which traps the reader in between. */
+    GuardedBytes pages(8192);
+    trap_window = pages.data() + 4096 - 116;
+    put32(64, 8);
+    put64(100, 1000);
+    put64(108, 0);
+    put64(116, 5000);
+    put32(124, 1);
+    put32(128, 1);
+    RigEndpoint rig;
+    rig.ep->rep_kwindow = reinterpret_cast<const kz_kernel_window_t *>(trap_window);
+    PageTrap trap(pages.data() + 4096, [] {
+        put32(64, 10);
+        put64(100, 2000);
+        put64(116, 7000);
+    });
+    EXPECT_EQ(ruk__clk_ticks_to_timestamp(rig.ep, 3000), 8000u); /* neither 7000 nor 9000 */
+    EXPECT_TRUE(trap.sprung());
+}
+
+TEST(ClockWindow, RewrittenAllTheTime_ReaderThreadNeverMixesTwoVersions)
 {
     RigEndpoint rig;
     Clock mine;

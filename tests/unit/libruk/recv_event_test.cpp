@@ -349,7 +349,7 @@ TEST(EventCompletion, HeaderChangedBeforeTheLastByte_OldHeaderCounts)
     EXPECT_EQ(parsed.packets[0].tag, 9);
 }
 
-TEST(EventCompletion, LastByteNotZero_ReceiverWaitsUntilItIs)
+TEST(EventCompletion, LastByteNotZero_ReceiverThreadWaitsUntilItIs)
 {
     RigEndpoint rig;
     rig.bind(0, 0x0a4d0001, 5000);
@@ -649,7 +649,7 @@ TEST(EventCount, EventAcrossTheEnd_WalkGoesOnAtTheStart)
     EXPECT_EQ(ruk__eventq_count(&rig.ep->rep_eventq), 5);
 }
 
-TEST(EventCount, EventNotYetComplete_WaitedFor)
+TEST(EventCount, EventNotYetComplete_CountingThreadWaits)
 {
     RigEndpoint rig;
     rig.ring.put(packets_of({20}));

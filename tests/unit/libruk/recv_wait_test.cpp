@@ -165,7 +165,7 @@ TEST(RecvModes, EmptyQueue_NonblockAndPeeksReturnEagain)
 
 /* ------------------------------------------------------------------ spinning */
 
-TEST(SpinningReceiver, DatagramArrives_DeliveredWithTheLockHeldMeanwhile)
+TEST(SpinningReceiverThread, DatagramArrives_DeliveredWithTheLockHeldMeanwhile)
 {
     RigEndpoint rig(with_locks());
     rig.bind(0, HOST, 5000);
@@ -180,7 +180,7 @@ TEST(SpinningReceiver, DatagramArrives_DeliveredWithTheLockHeldMeanwhile)
     EXPECT_TRUE(rig.rx_lock_free());
 }
 
-TEST(SpinningReceiver, Shutdown_Eintr)
+TEST(SpinningReceiverThread, Shutdown_Eintr)
 {
     for (bool locks : {false, true}) {
         for (const Call &call : calls) {
@@ -213,7 +213,7 @@ TEST(SpinningReceiver, Shutdown_Eintr)
     }
 }
 
-TEST(SpinningReceiver, ShutdownBeforeTheCall_Forgotten)
+TEST(SpinningReceiverThread, ShutdownBeforeTheCall_Forgotten)
 {
     RigEndpoint rig;
     rig.bind(0, HOST, 5000);
@@ -357,7 +357,7 @@ TEST(SleepingReceiver, PollFails_ItsErrno)
     }
 }
 
-TEST(SleepingReceiver, RealPollOnAReadableDescriptor_Woken)
+TEST(SleepingReceiver, RealPollOnAReadableDescriptor_ThreadWoken)
 {
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
@@ -475,7 +475,7 @@ TEST(DeferredClose, EventReadyAfterwards_NotDelivered)
     EXPECT_TRUE(rig.closed());
 }
 
-TEST(DeferredClose, TwoSleepers_TheLastCompletesIt)
+TEST(DeferredClose, TwoSleepingThreads_TheLastCompletesIt)
 {
     CloseLog log;
     RigEndpoint rig(with_locks());
@@ -524,7 +524,7 @@ TEST(DeferredClose, WithoutLocks_ReceiverAsleepCompletesIt)
     EXPECT_TRUE(rig.closed());
 }
 
-TEST(Close, SpinningReceiver_EnxioAndTheCloserCloses)
+TEST(Close, SpinningReceiverThread_EnxioAndTheCloserCloses)
 {
     /* A receiver that spins holds the lock; close marks the endpoint and waits for it. */
     for (const Call &call : calls) {
@@ -546,7 +546,7 @@ TEST(Close, NobodyInside_ClosedAtOnce)
     EXPECT_TRUE(rig.closed());
 }
 
-TEST(DeferredClose, ManyReceiversShutdownAndCloseRacing_ClosedExactlyOnce)
+TEST(DeferredClose, ManyReceiverThreadsShutdownAndCloseRacing_ClosedExactlyOnce)
 {
     for (int round = 0; round < 60; round++) {
         CloseLog log;
