@@ -186,7 +186,14 @@ extern "C" int ruk_raw_send(ruk_device_t rep, uint8_t *hdr, int hdrlen, uint32_t
     if (type == RUK_REQ_SEND_DMA)
         need = (need + NUV_DMA_PAGE - 1) & ~(NUV_DMA_PAGE - 1);
 
-    /* 2. Reap what has completed, and reserve. */
+    /*
+     * 2. The header is taken now: waiting for room lets go of the lock, and another thread that sends on the same
+     * handle then writes its own lengths into the template.
+     */
+    alignas(64) nuv_ureq_t ureq = {};
+    memcpy(ureq.ruk.ruk_header, hdr, (size_t)hdrlen);
+
+    /* 3. Reap what has completed, and reserve. */
     if (completed(rep) != reaped(rep))
         ruk__try_send_completion(rep);
     struct ruk__request *req = reserve(rep, type, need);
@@ -196,13 +203,11 @@ extern "C" int ruk_raw_send(ruk_device_t rep, uint8_t *hdr, int hdrlen, uint32_t
             return rc;
     }
 
-    /* 3. The payload, summed on the way; it is visible to the adapter before the request. */
+    /* 4. The payload, summed on the way; it is visible to the adapter before the request. */
     uint32_t misalign;
     uint32_t sum = tov_piocopy_csum((uintptr_t *)req->req_buf, buffer, (uint32_t)paylen, &misalign);
 
-    /* 4. The request. */
-    alignas(64) nuv_ureq_t ureq = {};
-    memcpy(ureq.ruk.ruk_header, hdr, (size_t)hdrlen);
+    /* 5. The rest of the request. */
     if (chksum_offset > 0) {
         uint16_t check = ruk__csum_fold(ruk__csum_add(sum, chksum_hdr));
         if (check == 0)
@@ -214,7 +219,7 @@ extern "C" int ruk_raw_send(ruk_device_t rep, uint8_t *hdr, int hdrlen, uint32_t
     ureq.ruk.header_length = (uint8_t)hdrlen;
     ureq.ruk.type = (uint8_t)type;
 
-    /* 5. Into the adapter. Nothing waits for it. */
+    /* 6. Into the adapter. Nothing waits for it. */
     post((nuv_ureq_t *)((uint8_t *)rep->rep_pioreq.pio_req_db + type * NUV_UREQ_STRIDE), &ureq);
     return 0;
 }
