@@ -1,0 +1,234 @@
+// Datagrams from a program through library and adapter to a kernel socket on another host: whatever way of catching
+// requests is asked for or refused, all that was accepted arrives, in order.
+#include "lab.h"
+#include "send_stream.h"
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <cstdlib>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+using test_support::LabTest;
+using test_support::Program;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Expectation {
+    uint32_t threads = 1;
+    uint32_t count = 1000; // of each thread
+    uint32_t empty = 0;
+    size_t largest = 1472;
+};
+
+size_t occurrences(const std::string &text, const std::string &part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
+        count++;
+    return count;
+}
+
+class SendModes : public LabTest {
+protected:
+    void SetUp() override
+    {
+        LabTest::SetUp();
+        if (IsSkipped())
+            return;
+        socket_ = lab.udp_socket(lab.peer, 5000);
+        ASSERT_GE(socket_, 0);
+        const int bytes = 8 << 20;
+        setsockopt(socket_, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes);
+    }
+    void TearDown() override
+    {
+        if (socket_ >= 0)
+            close(socket_);
+    }
+
+    std::unique_ptr<Program> start(const std::string &mode, const Expectation &wanted,
+                                   const std::vector<std::string> &more = {})
+    {
+        std::vector<std::string> command = {RUK_BINARY_DIR "/bin/rukrun",
+                                            "--soft=oxel0",
+                                            "--mode=" + mode,
+                                            "--",
+                                            RUK_BINARY_DIR "/tests/e2e_send_stream",
+                                            "oxel0",
+                                            lab.peer.address,
+                                            "5000",
+                                            "threads=" + std::to_string(wanted.threads),
+                                            "count=" + std::to_string(wanted.count),
+                                            "empty=" + std::to_string(wanted.empty),
+                                            "sizes=" + std::to_string(wanted.largest)};
+        command.insert(command.end(), more.begin(), more.end());
+        return lab.start(lab.adapter, command, {"RUK_SOFTNIC_ENDPOINTS=16"});
+    }
+
+    void grant(uint32_t have)
+    {
+        sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(kCreditPort);
+        inet_pton(AF_INET, lab.adapter.address, &to.sin_addr);
+        sendto(socket_, &have, sizeof have, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    }
+
+    // Takes the whole stream and checks it: every datagram of each thread once, in order and unchanged.
+    void receive(const Expectation &wanted, int seconds = 60)
+    {
+        const uint32_t total = wanted.threads * wanted.count;
+        std::vector<uint32_t> next(wanted.threads, 0);
+        const auto skip_empty = [&](uint32_t n) { return wanted.empty != 0 && n % wanted.empty == 0 ? n + 1 : n; };
+        std::vector<char> got(65536), expected(wanted.largest);
+        uint32_t empty = 0, misplaced = 0;
+        const auto deadline = Clock::now() + std::chrono::seconds(seconds);
+        for (uint32_t have = 0; have < total;) {
+            pollfd wait = {socket_, POLLIN, 0};
+            ASSERT_LT(Clock::now(), deadline) << have << " of " << total;
+            if (poll(&wait, 1, 500) == 0) {
+                grant(have); // what granted the last ones may have been lost
+                continue;
+            }
+            const ssize_t len = recv(socket_, got.data(), got.size(), MSG_DONTWAIT);
+            if (len < 0)
+                continue;
+            if (++have % 32 == 0)
+                grant(have);
+            if (len == 0) {
+                empty++;
+                continue;
+            }
+            ASSERT_GE(len, 8);
+            uint32_t thread, n;
+            memcpy(&thread, got.data(), 4);
+            memcpy(&n, got.data() + 4, 4);
+            ASSERT_LT(thread, wanted.threads);
+            const uint32_t due = skip_empty(next[thread]);
+            if (n != due && misplaced++ < 8)
+                ADD_FAILURE() << "datagram " << n << " of thread " << thread << " instead of " << due << ", after "
+                              << have;
+            next[thread] = n + 1;
+            const size_t size = stream_size(n, wanted.largest);
+            fill_stream_payload(expected.data(), size, thread, n);
+            ASSERT_EQ(static_cast<size_t>(len), size) << "datagram " << n << " of thread " << thread;
+            ASSERT_EQ(memcmp(got.data(), expected.data(), size), 0) << "datagram " << n << " of thread " << thread;
+        }
+        EXPECT_EQ(misplaced, 0u);
+        const uint32_t empty_each = wanted.empty != 0 ? (wanted.count + wanted.empty - 1) / wanted.empty : 0;
+        EXPECT_EQ(empty, wanted.threads * empty_each);
+        EXPECT_LE(recv(socket_, got.data(), got.size(), MSG_DONTWAIT), 0) << "more than was sent";
+    }
+
+    void expect_accepted(Program &program, uint32_t count)
+    {
+        EXPECT_TRUE(program.finish()) << program;
+        EXPECT_TRUE(program.exited_with(0)) << program;
+        EXPECT_NE(program.out().find("accepted " + std::to_string(count) + "\n"), std::string::npos) << program;
+    }
+
+    std::unique_ptr<Program> expect_all_arrive(const std::string &mode, const Expectation &wanted,
+                                               const std::vector<std::string> &more = {}, int seconds = 60)
+    {
+        auto program = start(mode, wanted, more);
+        receive(wanted, seconds);
+        expect_accepted(*program, wanted.threads * wanted.count);
+        return program;
+    }
+
+    int socket_ = -1;
+};
+
+// The figures that are promised, with RUK_TEST_LONG set; a tenth or less without.
+uint32_t long_or(uint32_t full, uint32_t brief) { return getenv("RUK_TEST_LONG") != nullptr ? full : brief; }
+
+TEST_F(SendModes, Fast_FourThreadsOnOneEndpoint_AllArriveInOrder)
+{
+    const Expectation wanted = {4, long_or(250000, 5000), 8, 1472};
+    auto program = expect_all_arrive("fast", wanted, {}, 280);
+    EXPECT_EQ(program->err().find("fallback"), std::string::npos) << *program;
+}
+
+TEST_F(SendModes, Exact_FourThreadsOnOneEndpoint_AllArriveInOrder)
+{
+    const Expectation wanted = {4, long_or(25000, 3000), 8, 1472};
+    auto program = expect_all_arrive("exact", wanted, {}, 280);
+    EXPECT_EQ(program->err().find("fallback"), std::string::npos) << *program;
+}
+
+TEST_F(SendModes, Fallback_FourThreadsOnOneEndpoint_AllArriveInOrder)
+{
+    expect_all_arrive("fallback", {4, long_or(25000, 3000), 8, 1472}, {}, 280);
+}
+
+// Every combination of what hosts refuse: said once by each endpoint that has to do without, and nothing is lost.
+TEST_F(SendModes, WatchpointsOrUserfaultRefused_AllArriveInOrder)
+{
+    for (const char *mode : {"fast", "exact"})
+        for (const char *refused : {"none", "perf", "uffd", "both"}) {
+            SCOPED_TRACE(std::string(mode) + ", refused: " + refused);
+            auto program = expect_all_arrive(mode, {2, 1000, 5, 1472}, {std::string("refuse=") + refused});
+            const bool watchpoints = strcmp(refused, "none") == 0 || strcmp(refused, "uffd") == 0;
+            EXPECT_EQ(occurrences(program->err(), "using fallback mode"), watchpoints ? 0u : 1u) << *program;
+        }
+}
+
+TEST_F(SendModes, NineEndpoints_FourFastTheOthersFallBack_AllArriveInOrder)
+{
+    auto program = expect_all_arrive("fast", {9, 1000, 5, 1472}, {"endpoints=9"});
+    EXPECT_EQ(occurrences(program->err(), "using fallback mode"), 5u) << *program;
+}
+
+TEST_F(SendModes, NineEndpoints_TwoExactTheOthersFallBack_AllArriveInOrder)
+{
+    auto program = expect_all_arrive("exact", {9, 600, 5, 1472}, {"endpoints=9"});
+    EXPECT_EQ(occurrences(program->err(), "using fallback mode"), 7u) << *program;
+}
+
+TEST_F(SendModes, SendingThreadsBlockAllSignals_AllArriveInOrder)
+{
+    for (const char *mode : {"fast", "exact", "fallback"}) {
+        SCOPED_TRACE(mode);
+        expect_all_arrive(mode, {3, 1000, 3, 1472}, {"block_signals=1"});
+    }
+}
+
+// A frame of more than a page does not fit the ring of the fast way.
+TEST_F(SendModes, InterfaceWithLargeFrames_FastAskedFor_LargePayloadsArrive)
+{
+    lab.run(lab.adapter, "ip link set oxel0 mtu 9000");
+    lab.run(lab.peer, "ip link set peer0 mtu 9000");
+    for (const char *mode : {"fast", "exact", "fallback"}) {
+        SCOPED_TRACE(mode);
+        expect_all_arrive(mode, {2, 1500, 0, 8972}, {"window=32"});
+    }
+}
+
+TEST_F(SendModes, SenderIsIdle_UsesNoProcessorTimeAndGoesOn)
+{
+    for (const char *mode : {"fast", "exact", "fallback"}) {
+        SCOPED_TRACE(mode);
+        auto program = expect_all_arrive(mode, {2, 400, 4, 1472}, {"rest_ms=1000"});
+        const std::string key = "cpu_idle_us ";
+        const size_t at = program->out().find(key);
+        ASSERT_NE(at, std::string::npos) << *program;
+        EXPECT_LT(strtoul(program->out().c_str() + at + key.size(), nullptr, 10), 10000u) << "of a second, in us";
+    }
+}
+
+// What was accepted leaves, though the program ends at once.
+TEST_F(SendModes, CloseOrExitRightAfterTheLastSend_AllArrive)
+{
+    for (const char *mode : {"fast", "exact", "fallback"})
+        for (const char *end : {"close", "exit"}) {
+            SCOPED_TRACE(std::string(mode) + ", " + end);
+            expect_all_arrive(mode, {1, 60, 4, 1472}, {std::string("end=") + end, "window=0"});
+        }
+}
+
+} // namespace
