@@ -20,9 +20,9 @@ inline int open(const char *path, int flags)
 inline void *mmap(void *addr, size_t len, int prot, int flags, int fd)
 {
 #ifdef SYS_mmap2
-    return reinterpret_cast<void *>(::syscall(SYS_mmap2, addr, len, prot, flags, fd, 0));
+    return reinterpret_cast<void *>(::syscall(SYS_mmap2, addr, len, prot, flags, fd, 0L));
 #else
-    return reinterpret_cast<void *>(::syscall(SYS_mmap, addr, len, prot, flags, fd, 0));
+    return reinterpret_cast<void *>(::syscall(SYS_mmap, addr, len, prot, flags, fd, 0L));
 #endif
 }
 inline int munmap(void *addr, size_t len) { return static_cast<int>(::syscall(SYS_munmap, addr, len)); }
