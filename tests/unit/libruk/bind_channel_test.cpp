@@ -34,9 +34,6 @@ protected:
         all.push_back(ch);
         return all;
     }
-    /* Ends the test's use of an endpoint whose tag queues are tangled. */
-    void forget_channels() { TAILQ_INIT(&dev->rep_chanq); }
-
     int context = 0;
 };
 
@@ -127,7 +124,9 @@ TEST_F(BindTest, PortZero_HostsChoiceInAddressAndFilter)
     ruk_channel_t ch = bind(0);
     struct sockaddr_in sin;
     memset(&sin, 0xEE, sizeof sin);
+    pthread_mutex_lock(&dev->rep_lock); /* takes no lock */
     EXPECT_EQ(ruk_getaddress(ch, &sin), 0);
+    pthread_mutex_unlock(&dev->rep_lock);
     EXPECT_EQ(sin.sin_family, AF_INET);
     EXPECT_EQ(sin.sin_port, htons(43210));
     EXPECT_EQ(sin.sin_addr.s_addr, be32("127.0.0.1"));
@@ -284,6 +283,18 @@ TEST_F(BindAddressTest, ForeignAddressWithoutLocks_OnlyInvalid)
     ruk_channel_t ch = nullptr;
     EXPECT_EQ(ruk_bind_addr(dev, &foreign, 0, 5000, nullptr, &ch), EINVAL);
     EXPECT_EQ(ruk_bind(dev, 0, 5000, nullptr, &ch), 0);
+}
+
+TEST_F(BindTest, EndpointWithoutAnInterface_Invalid)
+{
+    close();
+    driver.taken.clear();
+    uint8_t mac[6] = {0x02, 0x6f, 0x78, 0, 0, 1};
+    struct in_addr nowhere = in_addr_of("10.9.9.9");
+    ASSERT_EQ(ruk_open_by_perm_mac(mac, &nowhere, 0, &dev), 0);
+    ruk_channel_t ch = nullptr;
+    EXPECT_EQ(ruk_bind(dev, 0, 5000, nullptr, &ch), EINVAL);
+    EXPECT_EQ(ruk_bind_addr(dev, &loopback, 0, 5000, nullptr, &ch), EINVAL);
 }
 
 /* ------------------------------------------------------------------ bare channels */

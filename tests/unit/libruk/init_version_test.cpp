@@ -204,11 +204,15 @@ TEST_F(InitTest, WrapperEntry_MarksTheProcessAndInitialises)
 TEST_F(InitTest, GetTicks_PairedReadingOfTheEndpointsDriver)
 {
     ruk__api_version = 4;
-    open();
+    open(RUK_OPEN_THREAD_SAFE);
     driver.take_trace();
     driver.command_handles.clear();
     ruk_ticks_t t = {1, 1, 1};
+    pthread_mutex_lock(&dev->rep_rx_lock); /* takes neither lock */
+    pthread_mutex_lock(&dev->rep_lock);
     EXPECT_EQ(ruk_getticks(dev, &t), 0);
+    pthread_mutex_unlock(&dev->rep_lock);
+    pthread_mutex_unlock(&dev->rep_rx_lock);
     EXPECT_EQ(t.nic_ticks, 1001u);
     EXPECT_EQ(t.host_nsecs, 2002u);
     EXPECT_EQ(t.host_nsecs_delay, 3003u);

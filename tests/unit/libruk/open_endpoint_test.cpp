@@ -557,6 +557,15 @@ TEST_F(OpenTest, ByMacOfNoAdapter_Invalid)
     EXPECT_EQ(dev, nullptr);
 }
 
+TEST_F(OpenTest, ByMac_NullArguments_Invalid)
+{
+    uint8_t mac[6] = {0x02, 0x6f, 0x78, 0, 0, 1};
+    EXPECT_EQ(ruk_open_by_perm_mac(nullptr, &loopback, 0, &dev), EINVAL);
+    EXPECT_EQ(ruk_open_by_perm_mac(mac, nullptr, 0, &dev), EINVAL);
+    EXPECT_EQ(ruk_open_by_perm_mac(mac, &loopback, 0, nullptr), EINVAL);
+    EXPECT_EQ(driver.trace, Lines{});
+}
+
 TEST_F(OpenTest, ByMac_ListsFailOrAreEmpty_ErrorReturned)
 {
     driver.fail(OXEL_GET_BOARD_CNT, 1, EIO);

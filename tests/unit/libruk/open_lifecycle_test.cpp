@@ -211,11 +211,11 @@ TEST_F(LifecycleTest, Shutdown_OnlyAFlag)
     EXPECT_EQ(ruk_shutdown(nullptr, 0), EINVAL);
     open(RUK_OPEN_THREAD_SAFE);
     driver.take_trace();
-    pthread_mutex_lock(&dev->rep_lock); /* takes neither lock */
-    pthread_mutex_lock(&dev->rep_rx_lock);
+    pthread_mutex_lock(&dev->rep_rx_lock); /* takes neither lock */
+    pthread_mutex_lock(&dev->rep_lock);
     EXPECT_EQ(ruk_shutdown(dev, 4711), 0);
-    pthread_mutex_unlock(&dev->rep_rx_lock);
     pthread_mutex_unlock(&dev->rep_lock);
+    pthread_mutex_unlock(&dev->rep_rx_lock);
     EXPECT_EQ(dev->rep_shutdown, 1u);
     EXPECT_EQ(driver.trace, Lines{});
 }
@@ -260,7 +260,7 @@ TEST_F(LifecycleTest, Close_LocksHeldUntilTheEnd)
 }
 
 /* The receiver sleeps while it is closed on, and leaves when it is shut down. */
-TEST_F(LifecycleTest, Close_ReceiverInside_ReturnsAtOnceAndIsLeftToIt)
+TEST_F(LifecycleTest, Close_ReceiverThreadInside_ReturnsAtOnceAndIsLeftToIt)
 {
     open(RUK_OPEN_THREAD_SAFE);
     ruk_device_t closing = dev;

@@ -95,7 +95,7 @@ TEST_F(RegionsTest, Enabled_ClockParametersCopied)
 }
 
 /* The driver is rewriting the parameters: they are taken only once it is done. */
-TEST_F(RegionsTest, Enabled_WhileTheClockIsRewritten_WaitsForTheNewParameters)
+TEST_F(RegionsTest, Enabled_WhileAThreadRewritesTheClock_WaitsForTheNewParameters)
 {
     open(RUK_OPEN_DISABLED);
     unsigned char *window = static_cast<unsigned char *>(
