@@ -165,12 +165,13 @@ static struct tov_ifaddrs *find_bind_interface(const struct ruk__ep *rep, uint32
     return mif;
 }
 
-static struct ruk__tag_entry *find_shared_entry(struct ruk__ep *rep, uint32_t ipaddr_be32, uint16_t port_be16)
+/* The port is compared as the caller gave it: one beyond 16 bits shares with nobody. */
+static struct ruk__tag_entry *find_shared_entry(struct ruk__ep *rep, uint32_t ipaddr_be32, int port)
 {
     struct ruk__tag_entry *entry;
     TAILQ_FOREACH(entry, &rep->rep_tag_uniq, tage_link)
     {
-        if (entry->tage_ip_addr == tov_be32(ipaddr_be32) && entry->tage_udp_port == tov_be16(port_be16))
+        if (entry->tage_ip_addr == tov_be32(ipaddr_be32) && entry->tage_udp_port == port)
             return entry;
     }
     return nullptr;
@@ -189,10 +190,10 @@ static int take_uni_entry(struct ruk__ep *rep, const struct bind_state *b, uint3
 }
 
 /* Kernel socket and tag entries of a datagram channel. */
-static int reserve_port(struct ruk__ep *rep, struct bind_state *b)
+static int reserve_port(struct ruk__ep *rep, struct bind_state *b, int port)
 {
-    if (!(b->flags & RUK_BIND_NO_UNICAST) && b->port_be16 != 0) {
-        b->shared = find_shared_entry(rep, b->ipaddr_be32, b->port_be16);
+    if (!(b->flags & RUK_BIND_NO_UNICAST) && port != 0) {
+        b->shared = find_shared_entry(rep, b->ipaddr_be32, port);
         if (b->shared)
             b->flags |= RUK_BIND_NO_UNICAST;
     }
@@ -272,7 +273,7 @@ extern "C" int ruk__bind(ruk_device_t rep, uint32_t ipaddr_be32, int flags, int 
     if (!mif)
         return EINVAL; /* the lock stays held */
 
-    int rc = is_tcp ? 0 : reserve_port(rep, &b);
+    int rc = is_tcp ? 0 : reserve_port(rep, &b, port);
     if (rc == 0) {
         b.chan = alloc_channel(rep, &b, mif, context);
         if (!b.chan)

@@ -166,12 +166,16 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
     struct ruk__tag_entry *block = rep->rep_tag_table[index];
     struct ruk__tag_entry *entry = &block[tag & (RUK_TAG_BLOCK - 1)];
     struct ruk__channel *chan = __atomic_load_n(&entry->tage_channel, __ATOMIC_ACQUIRE);
-    if (tov_ld16(&entry->tage_nuv_tag) != tag || !chan) {
+    if (tov_ld16(&entry->tage_nuv_tag) != tag) {
         rep->rep_stats.dropped_nosock++;
         return nullptr;
     }
     if (tov_be16(view->udp->udp_dport_be16) != entry->tage_udp_port) {
         rep->rep_stats.dropped_badfilter++;
+        return nullptr;
+    }
+    if (__builtin_expect(!chan, 0)) {
+        rep->rep_stats.dropped_nosock++; /* an entry out of use */
         return nullptr;
     }
     if (entry->tage_ip_addr == RUK_BROADCAST_ADDR) {

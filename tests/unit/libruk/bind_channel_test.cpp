@@ -153,6 +153,15 @@ TEST_F(BindTest, PortIsCutToSixteenBits)
     EXPECT_EQ(ch->ch_port_be16, htons(5000));
 }
 
+TEST_F(BindTest, PortBeyondSixteenBits_ThatPortIsBound_OwnEntry)
+{
+    bind(5000, RUK_BIND_REUSE);
+    ruk_channel_t second = bind(0x10000 + 5000, RUK_BIND_REUSE);
+    EXPECT_EQ(second->ch_port_be16, htons(5000));
+    EXPECT_NE(second->ch_uni_entry, nullptr) << "sharing compares the port as it was given";
+    EXPECT_EQ(second->ch_deferred_uni_entry, nullptr);
+}
+
 TEST_F(BindTest, NoUnicast_NoTagNoFilter)
 {
     ruk_channel_t ch = bind(5000, RUK_BIND_NO_UNICAST);

@@ -353,6 +353,14 @@ TEST(DatagramDrop, EntryWithoutChannel_NoSock)
     expect_dropped(rig, udp_frame("x"), 5, NOSOCK);
 }
 
+TEST(DatagramDrop, EntryWithoutChannelAndOtherPort_BadFilter)
+{
+    RigEndpoint rig;
+    rig.bind(5, HOST, 5001);
+    rig.entry(5).tage_channel = nullptr;
+    expect_dropped(rig, udp_frame("x"), 5, BADFILTER);
+}
+
 TEST(DatagramDrop, OtherPort_BadFilter)
 {
     RigEndpoint rig;
@@ -584,9 +592,9 @@ TEST(DatagramPeek, BadFrameFirst_DroppedEvenByAPeek)
     Received got = rig.recv(RUK_RECV_PEEK);
     EXPECT_EQ(got.rc, 0);
     EXPECT_EQ(got.info.msg_len, 3u);
-    EXPECT_EQ(counters(rig), only(NOSOCK));
+    EXPECT_EQ(counters(rig), only(BADFILTER));
     EXPECT_EQ(head(rig.recv(), 3), text("abc"));
-    EXPECT_EQ(counters(rig), only(NOSOCK));
+    EXPECT_EQ(counters(rig), only(BADFILTER));
 }
 
 /* ------------------------------------------------------------------ filter modes without channels */
@@ -832,8 +840,12 @@ struct Model {
     void find(uint16_t tag, Fate *fate) const
     {
         auto at = entries.find(tag);
-        if (tag >= tags || at == entries.end() || at->second.delayed) {
+        if (tag >= tags || (at != entries.end() && at->second.delayed)) {
             fate->counter = NOSOCK;
+            return;
+        }
+        if (at == entries.end()) { /* an entry never used: its port is 0 */
+            fate->counter = BADFILTER;
             return;
         }
         const Entry &entry = at->second;

@@ -303,7 +303,7 @@ TEST(SleepingReceiver, WokenForNothing_SleepsAgain)
                  }});
     EXPECT_EQ(rig.recv(RUK_RECV_BLOCK).rc, 0);
     EXPECT_EQ(polls.asked, 4u);
-    EXPECT_EQ(rig.ep->rep_stats.dropped_nosock, 1u);
+    EXPECT_EQ(rig.ep->rep_stats.dropped_badfilter, 1u);
 }
 
 TEST(SleepingReceiver, ShutdownDuringATimeout_EintrWithoutTouchingTheLock)
