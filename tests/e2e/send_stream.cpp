@@ -99,7 +99,7 @@ void send_numbers(ruk_send_t handle, uint32_t thread, uint32_t from, uint32_t to
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);
     }
-    const uint32_t window = uint32_t(option("window", 256)), empty = uint32_t(option("empty", 0));
+    const uint32_t window = uint32_t(option("window", 32)), empty = uint32_t(option("empty", 0));
     const size_t largest = option("sizes", 1472);
     std::vector<char> payload(largest);
     for (uint32_t n = from; n < to; n++) {
@@ -134,7 +134,7 @@ int main(int argc, char **argv)
     inet_pton(AF_INET, argv[2], &to.sin_addr);
 
     check(ruk_init(RUK_API_VERSION), "ruk_init");
-    if (option("window", 256) != 0)
+    if (option("window", 32) != 0)
         take_credits();
     const unsigned endpoints = unsigned(option("endpoints", 1)), threads = unsigned(option("threads", 1));
     std::vector<ruk_device_t> devices(endpoints);
