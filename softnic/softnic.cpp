@@ -80,6 +80,7 @@ CardConfig card_config(const softnic_board_config_t &c, unsigned board)
     card.version = text(c.driver_version, sizeof(c.driver_version));
     card.build = text(c.driver_build, sizeof(c.driver_build));
     card.manual_sends = c.manual_sends != 0;
+    card.one_address = c.one_address != 0;
     card.name = "oxelB" + std::to_string(board);
     return card;
 }

@@ -52,10 +52,13 @@ typedef struct softnic_board_config {
     int hardware_order;            /* events become visible before their last bytes, which come a step later */
     int trailer_on_wire;           /* frames arrive with a 4-byte trailer already on */
     int manual_sends;              /* requests wait for softnic_take_requests() and softnic_complete_requests() */
-    int link_up;                   /* */
-    uint32_t driver_api_magic;     /* driver interface version */
-    char driver_version[60];       /* zero-terminated */
-    char driver_build[128];        /* zero-terminated */
+    /* Mappings are the adapter's own memory at one address, so that a thread checker sees both sides; they end with
+     * their handle and are never read-only. */
+    int one_address;
+    int link_up;               /* */
+    uint32_t driver_api_magic; /* driver interface version */
+    char driver_version[60];   /* zero-terminated */
+    char driver_build[128];    /* zero-terminated */
 } softnic_board_config_t;
 
 /* A board of 8 endpoints with a MAC address of the family that ends in board + 1. */

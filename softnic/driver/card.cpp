@@ -384,6 +384,17 @@ int Card::copyblock(const Handle &handle, kz_get_copyblock_t *block) const
     return 0;
 }
 
+bool Card::keeps(const void *addr, size_t len) const
+{
+    const auto *from = static_cast<const uint8_t *>(addr);
+    const auto in = [=](const Region &region) {
+        return region.data() != nullptr && from >= region.data() && from + len <= region.data() + region.size();
+    };
+    return in(window_) || in(compcnt_) || std::any_of(claims_.begin(), claims_.end(), [&](const Claim &c) {
+               return in(c.recvq) || in(c.sendq) || in(c.sram) || in(c.zreq) || in(c.flow);
+           });
+}
+
 bool Card::window_in(const void *addr, size_t len) const
 {
     const uintptr_t from = reinterpret_cast<uintptr_t>(addr);
@@ -421,6 +432,8 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
     if ((prot & PROT_EXEC) != 0)
         return fail(EACCES);
     const bool fixed = (flags & MAP_FIXED) != 0;
+    if (fixed && config_.one_address)
+        return fail(EINVAL);
     if (fixed && reinterpret_cast<uintptr_t>(addr) % kPage != 0)
         return fail(EINVAL);
     Claim &claim = claims_[handle.endpoint];
@@ -433,7 +446,9 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
         if (entry.read_only && (prot & PROT_WRITE) != 0)
             return fail(EACCES);
         const size_t whole_pages = (len + kPage - 1) / kPage * kPage;
-        void *at = entry.region->view(addr, fixed, static_cast<size_t>(within), whole_pages, prot, entry.read_only);
+        void *at = config_.one_address ? entry.region->data() + within
+                                       : entry.region->view(addr, fixed, static_cast<size_t>(within), whole_pages, prot,
+                                                            entry.read_only);
         const MakeRequestSource &make_source = config_.send_setup ? claim.send.make_source : config_.make_source;
         if (at != MAP_FAILED && entry.requests && make_source) {
             claim.source.reset(); // a further mapping of the window: the latest is the one that posts

@@ -50,6 +50,7 @@ struct CardConfig {
     // Asked at each claim with the endpoint's name, when set; then what is said of sending above does not count.
     std::function<SendSetup(const char *name)> send_setup;
     bool drain_before_removal = false; // frames that wait in the port were taken from the host: deliver them first
+    bool one_address = false;          // mappings are the adapter's own memory, not further views of it
     bool manual_sends = false;         // requests wait until somebody takes and completes them
     bool watch_consumers = false;      // so that the firmware may sleep while events are unconsumed
     uint64_t readable_grace_ns = 0;    // how long events may be unconsumed before the descriptor polls readable
@@ -138,6 +139,9 @@ public:
     bool window_in(const void *addr, size_t len) const;
 
     // All that follows is called with the lock held.
+
+    // With one_address: the range lies in memory that the adapter goes on using when the application unmaps it.
+    bool keeps(const void *addr, size_t len) const;
 
     // --- claims. Results are 0 or an errno value.
     int claim(Handle &handle, int32_t endpoint, uint32_t type);

@@ -103,14 +103,20 @@ Driver::Open Driver::find(int fd)
 
 bool Driver::owns(int fd) { return find(fd).card != nullptr; }
 
-void Driver::unmapping(const void *addr, size_t len)
+bool Driver::unmapping(const void *addr, size_t len)
 {
     for (auto &card : cards_) {
+        if (card->config().one_address) {
+            std::lock_guard guard(card->lock());
+            if (card->keeps(addr, len))
+                return false;
+        }
         if (!card->window_in(addr, len))
             continue; // most of what a program unmaps is not ours, and may be unmapped while a lock is held
         std::lock_guard guard(card->lock());
         card->unmapping(addr, len);
     }
+    return true;
 }
 
 int Driver::close(int fd)

@@ -31,8 +31,8 @@ public:
     void *mmap(int fd, void *addr, size_t len, int prot, int flags, uint64_t offset);
     int close(int fd);
 
-    // The application is about to unmap that, be it ours or not.
-    void unmapping(const void *addr, size_t len);
+    // The application is about to unmap that, be it ours or not. False when it must stay.
+    bool unmapping(const void *addr, size_t len);
 
     // Closes every open. Their numbers are closed as well, if they are still ours.
     void close_all();

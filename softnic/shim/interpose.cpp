@@ -63,11 +63,13 @@ void forget_in_child()
         driver->forget();
 }
 
-void tell_unmapping(const void *addr, size_t len)
+// False when the memory must stay.
+bool tell_unmapping(const void *addr, size_t len)
 {
     Driver *driver = g_driver.load(std::memory_order_acquire);
-    if (driver != nullptr && g_owner.load(std::memory_order_relaxed) == ::getpid())
-        driver->unmapping(addr, len);
+    if (driver == nullptr || g_owner.load(std::memory_order_relaxed) != ::getpid())
+        return true;
+    return driver->unmapping(addr, len);
 }
 
 // The driver to open with, made now if need be.
@@ -338,7 +340,8 @@ __attribute__((visibility("default"))) void *mmap64(void *addr, size_t len, int 
 
 __attribute__((visibility("default"))) int munmap(void *addr, size_t len) noexcept
 {
-    tell_unmapping(addr, len);
+    if (!tell_unmapping(addr, len))
+        return 0;
     return g_next.munmap != nullptr ? g_next.munmap(addr, len) : sys::munmap(addr, len);
 }
 

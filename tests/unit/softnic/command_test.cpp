@@ -401,6 +401,25 @@ TEST(Regions, FixedAddress_IsHonoured)
     munmap(place, 8192);
 }
 
+TEST(Regions, OneAddressAsked_ProgramAndAdapterShareItAndAnUnmappingLeavesIt)
+{
+    Nic nic(1, [](softnic_board_config_t &c) { c.one_address = 1; });
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(5), 0);
+    softnic_regions_t regions;
+    ASSERT_EQ(softnic_regions(nic, 0, 0, &regions), 0);
+    EXPECT_EQ(dev.recvq, regions.recvq);
+    EXPECT_EQ(reinterpret_cast<uint8_t *>(dev.flow), regions.flow);
+    nic.inject(make_frame());
+    softnic_run(nic);
+    EXPECT_EQ(dev.take_tags(), std::vector<uint16_t>{5});
+    dev.unmap();
+    nic.inject(make_frame());
+    softnic_run(nic);
+    EXPECT_EQ(regions.recvq[dev.at + 30], 1);
+}
+
 TEST(Regions, SurviveTheCloseOfTheirHandle)
 {
     Nic nic;
