@@ -430,7 +430,9 @@ std::unique_ptr<RequestTap> RequestTap::create(TapMode preferred, void *app, voi
         }
     }
     tap->active.store(true, std::memory_order_release);
-    if (tap->eventfd < 0 || (tap->mode == TapMode::fallback && !tap->protect(true))) {
+    // Where both share one mapping there is no other way to the page.
+    bool can_protect = app != alias && tap->mode == TapMode::fallback && tap->protect(true);
+    if (tap->eventfd < 0 || (tap->mode == TapMode::fallback && !can_protect)) {
         release_state(tap);
         return nullptr;
     }
@@ -485,7 +487,7 @@ TapIdle RequestTap::arm_idle()
     tap.sleeping.store(true);
     bool armed = true;
     if (tap.mode == TapMode::fast && !tap.detached)
-        armed = tap.protect(true);
+        armed = reinterpret_cast<uintptr_t>(tap.alias) != tap.app && tap.protect(true);
     bool work = !tap.queue.empty() ||
                 (tap.mode == TapMode::fast && tov_ld32_acq(tap.word(slot_offset(NUV_UREQ_RUK_DMA) + last_word)) != 0);
     if (work) {

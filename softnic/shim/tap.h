@@ -54,7 +54,8 @@ class RequestTap {
 public:
     // app is the request window as the application has mapped it, alias the adapter's own mapping of the same
     // pages; both page-aligned, len bytes. name begins the lines on standard error ("oxelp0, endpoint 1").
-    // nullptr only when the page cannot even be protected. To be called before the application knows app.
+    // nullptr only when the page cannot even be protected, as when app and alias are one mapping. To be called
+    // before the application knows app.
     static std::unique_ptr<RequestTap> create(TapMode preferred, void *app, void *alias, size_t len, const char *name);
 
     // What create() would give now on this thread: for a driver that reports thresholds before the window is mapped.

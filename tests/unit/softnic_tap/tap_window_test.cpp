@@ -1,0 +1,92 @@
+// The request window of an endpoint under the tap, from mapping to unmapping and close.
+#include "../softnic/rig.h"
+
+#include <sys/mman.h>
+
+#include <cstring>
+
+namespace {
+
+using namespace softnic_test;
+
+class TapWindow : public testing::Test {
+protected:
+    TapWindow() { softnic_capture_requests(nic); }
+
+    static Bytes header_numbered(uint8_t n) { return Bytes(42, n); }
+
+    // Header bytes of the frames that left, in order.
+    std::vector<int> sent()
+    {
+        std::vector<int> numbers;
+        uint8_t frame[2048];
+        while (size_t len = softnic_take_sent(nic, 0, frame, sizeof frame))
+            numbers.push_back(len >= 42 ? frame[0] : -1);
+        return numbers;
+    }
+
+    Nic nic;
+};
+
+TEST_F(TapWindow, RequestsBackToBack_FirmwareRunsAfterwards_AllLeave)
+{
+    Device device;
+    ASSERT_EQ(device.set_up(), 0);
+    std::vector<int> expected;
+    for (uint8_t n = 1; n <= 40; n++) {
+        device.post(n % 2 ? 13 : 14, 0, header_numbered(n), 0);
+        expected.push_back(n);
+    }
+    softnic_run(nic);
+    EXPECT_EQ(sent(), expected);
+    EXPECT_EQ(device.completions(), 40u);
+}
+
+// The library unmaps its regions and closes after that.
+TEST_F(TapWindow, PostedBeforeUnmapAndClose_StillLeaves)
+{
+    {
+        Device device;
+        ASSERT_EQ(device.set_up(), 0);
+        device.post(13, 0, header_numbered(7), 0);
+        device.post(13, 0, header_numbered(8), 0);
+        device.unmap();
+    }
+    softnic_run(nic);
+    EXPECT_EQ(sent(), (std::vector<int>{7, 8}));
+}
+
+// What the program puts in the window's place is its own business.
+TEST_F(TapWindow, OtherMemoryInTheWindowsPlace_WritesThere_PostNothing)
+{
+    Device device;
+    ASSERT_EQ(device.set_up(), 0);
+    device.post(13, 0, header_numbered(9), 0);
+    uint8_t *where = device.zreq;
+    device.unmap();
+    void *other = mmap(where, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    ASSERT_EQ(other, where);
+    for (size_t at = 0; at < 4096; at += 4)
+        *reinterpret_cast<volatile uint32_t *>(where + at) = 0x0d0d0d0d;
+    softnic_run(nic);
+    device.close_now();
+    softnic_run(nic);
+    for (size_t at = 0; at < 4096; at += 4)
+        *reinterpret_cast<volatile uint32_t *>(where + at) = 0x0e0e0e0e;
+    munmap(where, 4096);
+    EXPECT_EQ(sent(), (std::vector<int>{9}));
+}
+
+// A window that is still mapped when its endpoint closes stays memory like any other.
+TEST_F(TapWindow, ClosedWhileMapped_StoresStillWork)
+{
+    Device device;
+    ASSERT_EQ(device.set_up(), 0);
+    device.close_now();
+    device.post(13, 0, header_numbered(3), 0);
+    EXPECT_EQ(device.zreq[13 * 256 + 6], 3);
+    softnic_run(nic);
+    EXPECT_EQ(sent(), std::vector<int>{});
+}
+
+} // namespace
