@@ -49,6 +49,26 @@ def outcome(case):
     return PASSED, ""
 
 
+def what_failed(output, most=30):
+    """The lines of a failed test that tell why: from each complaint on, cut short."""
+    lines = output.splitlines()
+    complaint = re.compile(r": Failure$|^ERROR: |^==\d+==ERROR|WARNING: ThreadSanitizer|runtime error:|^FAIL|Falsifiable")
+    kept, left = [], 0
+    for line in lines:
+        if complaint.search(line):
+            left = 9
+        if left and len(kept) < most:
+            kept.append(line[:200])
+            left -= 1
+    return kept or [line[:200] for line in lines[-8:]]
+
+
+def failed_outputs(path):
+    """{name: lines that tell why} of the failed tests of a file."""
+    return {case.get("name", "?"): what_failed("".join(case.itertext()))
+            for case in ElementTree.parse(path).iter("testcase") if outcome(case)[0] == FAILED}
+
+
 def read_results(path):
     """[(name, outcome, reason)] of a file; OSError or ParseError when it cannot be read."""
     return [(case.get("name", "?"),) + outcome(case) for case in ElementTree.parse(path).iter("testcase")]
@@ -76,6 +96,9 @@ def main(arguments):
             elif result == SKIPPED:
                 skipped.append(f"{label}: {name}: {reason}")
         passed += counts[PASSED]
+        for name, lines in failed_outputs(path).items():
+            print(f"--- {label}: {name}")
+            print("\n".join("    " + line for line in lines))
         print(f"{label}: {counts[PASSED]} passed, {counts[FAILED]} failed, {counts[SKIPPED]} skipped")
     for label in broken:
         if not any(line.startswith(f"{label}: ") for line in failed):
