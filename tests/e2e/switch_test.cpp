@@ -1,0 +1,329 @@
+// Times of a switch: its keyframes and stamped frames on a real wire, and its model in front of the adapter, to the
+// programs.
+#include "tools/tool_lab.h"
+#include "wire.h"
+
+#include <csignal>
+#include <ctime>
+
+using namespace tool_test;
+using nlohmann::json;
+using test_support::Program;
+
+namespace {
+
+using Wide = unsigned __int128;
+
+constexpr uint64_t kNone = UINT64_MAX;
+const std::string kOn = "OXEL_ARISTA_ENABLE_TIMESTAMPING=1";
+
+// A switch's keyframe, 80 bytes and its 4-byte stamp: clock 2000000000, UTC 1700000000 s, mode 1.
+const Bytes kKeyframe = {
+    0x02, 0x6F, 0x78, 0x00, 0x00, 0x01, 0x02, 0x00, 0x00, 0x00, 0x00, 0x02, 0x08, 0x00, // Ethernet
+    0x45, 0x00, 0x00, 0x42, 0x00, 0x00, 0x00, 0x00, 0x40, 0xFD, 0x00, 0x00,             // IPv4, protocol 253
+    0x0A, 0x4D, 0x00, 0x02, 0x01, 0x01, 0x01, 0x00,                                     // 10.77.0.2 to 1.1.1.0
+    0x00, 0x00, 0x00, 0x00, 0x77, 0x35, 0x94, 0x00,                                     // clock
+    0x17, 0x97, 0x9C, 0xFE, 0x36, 0x2A, 0x00, 0x00,                                     // UTC
+    0x17, 0x97, 0x9C, 0xFE, 0x00, 0x00, 0x00, 0x00,                                     // last synchronisation
+    0x17, 0x97, 0x9C, 0xFE, 0x36, 0x2A, 0x00, 0x00,                                     // sent
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05,                                     // dropped frames
+    0x00, 0x07, 0x00, 0x09, 0x01, 0x00,                                                 // device, port, mode
+    0xEE, 0x6B, 0x28, 0x00,                                                             // stamp
+};
+constexpr uint64_t kClock = 2000000000, kUtc = 1700000000000000000;
+
+// A UDP datagram that ends in the word; the payload keeps the frame above the size that is padded.
+Bytes stamped_frame(const std::string &payload, uint32_t word)
+{
+    UdpFrame frame;
+    frame.payload = payload;
+    Bytes bytes = frame.bytes();
+    put32(&bytes, word);
+    return bytes;
+}
+
+// Bit 7 is the switch's own; what lies above it is shifted up.
+uint32_t word_of(uint32_t clock, uint32_t bit7 = 0) { return clock / 128 * 256 + bit7 * 128 + clock % 128; }
+
+// ticks * 20/7 * den/num in whole ns after rounding to 24 significant bits, in integers. Ticks so near a rounding
+// boundary that a double's error could decide are refused.
+uint64_t ns_in_single_precision(uint64_t ticks, uint64_t num = 1, uint64_t den = 1)
+{
+    if (ticks == 0)
+        return 0;
+    Wide top = Wide{20} * ticks * den, bottom = Wide{7} * num;
+    int exponent = 0; // the value is top / bottom * 2^exponent, with 2^23 <= top / bottom < 2^24
+    for (; top / bottom < (1u << 23); exponent--)
+        top *= 2;
+    for (; top / bottom >= (1u << 24); exponent++)
+        bottom *= 2;
+    const Wide rest = top % bottom;
+    const Wide from_half = 2 * rest > bottom ? 2 * rest - bottom : bottom - 2 * rest;
+    EXPECT_GT(from_half * (1u << 24), bottom) << "ticks " << ticks << " decide nothing";
+    const uint64_t rounded = static_cast<uint64_t>(top / bottom) + (2 * rest > bottom ? 1 : 0);
+    return exponent >= 0 ? rounded << exponent : rounded >> -exponent;
+}
+
+std::string text_of(int n) { return "datagram number " + std::to_string(1000 + n) + " of a stamped stream"; }
+
+std::string hex(const std::string &bytes)
+{
+    std::string text;
+    for (const char c : bytes) {
+        text += "0123456789abcdef"[static_cast<uint8_t>(c) >> 4];
+        text += "0123456789abcdef"[static_cast<uint8_t>(c) & 15];
+    }
+    return text;
+}
+
+uint64_t host_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+class SwitchTest : public ToolTest {
+protected:
+    void SetUp() override
+    {
+        ToolTest::SetUp();
+        if (!IsSkipped())
+            wire_ = lab.packet_socket(lab.peer);
+    }
+    void TearDown() override
+    {
+        if (wire_ >= 0)
+            close(wire_);
+    }
+
+    std::unique_ptr<Program> behind(const std::string &kind, std::vector<std::string> command,
+                                    std::vector<std::string> environment)
+    {
+        command[0] = bin(command[0]);
+        std::vector<std::string> words = {bin("rukrun"), "--soft=oxel0", "--switch=" + kind, "--"};
+        words.insert(words.end(), command.begin(), command.end());
+        return lab.start(lab.adapter, words, environment);
+    }
+    std::unique_ptr<Program> receiver_behind(const std::string &kind, std::vector<std::string> environment = {kOn})
+    {
+        auto program =
+            behind(kind, {"ruk-recv", "-a", lab.adapter.address, "-p", "5000", "-t", "60", "--json"}, environment);
+        EXPECT_TRUE(program->wait_for_err("listening")) << *program;
+        return program;
+    }
+    void put_on_wire(const Bytes &frame)
+    {
+        ASSERT_EQ(write(wire_, frame.data(), frame.size()), static_cast<ssize_t>(frame.size())) << strerror(errno);
+    }
+
+    // The next line of a datagram; the library's own lines are left out.
+    bool read_datagram(Program &program, std::string *line)
+    {
+        while (program.read_line(line))
+            if (line->starts_with("{")) {
+                lines_++;
+                return true;
+            }
+        return false;
+    }
+
+    // The first keyframe. Nothing tells when the library has taken it but that datagrams have times, and one in the
+    // same event as the keyframe has none yet; these all bear the keyframe's stamp.
+    void begin_times(Program &program, const Bytes &keyframe)
+    {
+        put_on_wire(keyframe);
+        for (int n = 0; n < 500; n++) {
+            std::string line;
+            put_on_wire(stamped_frame(text_of(-1), word_of(kClock)));
+            ASSERT_TRUE(read_datagram(program, &line)) << program;
+            const json object = parse(line);
+            if (object.at("timestamp_source") == "switch") {
+                EXPECT_EQ(object.at("timestamp_ns").get<uint64_t>(), kUtc);
+                return;
+            }
+            EXPECT_EQ(object.at("timestamp_ns").get<uint64_t>(), 0u);
+            usleep(20000);
+        }
+        FAIL() << "the keyframe was not taken" << program;
+    }
+
+    // Sends the n-th datagram with that word and reads what the program prints.
+    void expect_dated(Program &program, int n, uint32_t word, uint64_t time, const std::string &source)
+    {
+        put_on_wire(stamped_frame(text_of(n), word));
+        std::string line;
+        ASSERT_TRUE(read_datagram(program, &line)) << "datagram " << n << program;
+        const json object = parse(line);
+        EXPECT_EQ(object.at("payload"), hex(text_of(n)));
+        EXPECT_EQ(object.at("timestamp_ns").get<uint64_t>(), time) << line;
+        EXPECT_EQ(object.at("timestamp_source"), source) << line;
+    }
+    // Ends the program: it has printed nothing but what was read for datagrams that were sent.
+    void expect_no_more(Program &program)
+    {
+        program.signal(SIGINT);
+        EXPECT_TRUE(program.finish());
+        int printed = 0;
+        for (size_t at = 0; (at = program.out().find("\"payload\":", at)) != std::string::npos; at++)
+            printed++;
+        EXPECT_EQ(printed, lines_) << program;
+    }
+
+    int wire_ = -1;
+    int lines_ = 0;
+};
+
+// Literal bytes of a pcap file's first frame to port 5000, as kept.
+std::string captured(const std::string &file, const std::string &payload)
+{
+    const std::string all = contents(file);
+    for (size_t at = 24; at + 16 <= all.size();) {
+        uint32_t kept;
+        memcpy(&kept, all.data() + at + 8, 4);
+        const std::string frame = all.substr(at + 16, kept);
+        if (frame.size() == kept && frame.find(payload) != std::string::npos)
+            return frame;
+        at += 16 + kept;
+    }
+    return "";
+}
+
+} // namespace
+
+TEST_F(SwitchTest, WireBeforeFirstKeyframe_NoTime_AfterIt_ExactlyTheFormulasTime)
+{
+    auto program = receiver_behind("wire", {kOn, "RUK_IP_VERBOSE=1"});
+    expect_dated(*program, 0, 0x12345678, 0, "none");
+    expect_dated(*program, 1, 0, 0, "none");
+    begin_times(*program, kKeyframe);
+
+    // Literal: 1 tick is 2.86 ns, 3501 are 10002.86, 7000001 (20 ms) lie at 20000002.86 and round to even 2 ns,
+    // 100000001 ticks are 285714288.57 and round to 32 ns.
+    expect_dated(*program, 2, 0xEE6B2801, kUtc + 2, "switch");
+    expect_dated(*program, 3, word_of(kClock + 3501), kUtc + 10002, "switch");
+    expect_dated(*program, 4, word_of(kClock + 7000001), kUtc + 20000002, "switch");
+    expect_dated(*program, 5, word_of(kClock + 100000001), kUtc + 285714304, "switch");
+    // All along to the wrap, with and without the bit that is not the clock's.
+    int n = 6;
+    for (uint64_t ticks = 100000003; kClock + ticks < 0x80000000u; ticks += 5913577, n++)
+        expect_dated(*program, n, word_of(static_cast<uint32_t>(kClock + ticks), n & 1u),
+                     kUtc + ns_in_single_precision(ticks), "switch");
+    ASSERT_GT(n, 10);
+    expect_no_more(*program);
+    EXPECT_NE(program->err().find("KF [recv 1, flips 0, shortages 0, malformed 0] Sw [ptp out of sync. 0, unsupp. 0, "
+                                  "dropped frm 5, neg_adj_events 0]"),
+              std::string::npos)
+        << *program;
+}
+
+TEST_F(SwitchTest, WireStampBeforeTheKeyframes_TimeNeverGoesBack)
+{
+    auto program = receiver_behind("wire");
+    begin_times(*program, kKeyframe);
+    expect_dated(*program, 0, word_of(kClock - 1), kUtc, "switch"); // before the keyframe: its own time
+    const uint64_t later = kUtc + ns_in_single_precision(1000003);
+    expect_dated(*program, 1, word_of(kClock + 1000003), later, "switch");
+    expect_dated(*program, 2, word_of(kClock + 1000000), later, "switch");
+    expect_dated(*program, 3, word_of(kClock + 2000003), kUtc + ns_in_single_precision(2000003), "switch");
+    expect_no_more(*program);
+}
+
+TEST_F(SwitchTest, WireKeyframesWithSkew_TimesAreCorrectedByIt)
+{
+    // The clock runs at 999999/1000000 of nominal: 3 numerator and denominator bytes apiece are what differs.
+    Bytes keyframe = kKeyframe;
+    keyframe[17] = 0x52;
+    const Bytes skew = {0, 0, 0, 0, 0, 0x0F, 0x42, 0x3F, 0, 0, 0, 0, 0, 0x0F, 0x42, 0x40};
+    keyframe.insert(keyframe.begin() + 58, skew.begin(), skew.end());
+    ASSERT_EQ(keyframe.size(), 100u);
+    auto program = receiver_behind("wire", {kOn, "OXEL_ARISTA_ENABLE_SKEW=1"});
+    begin_times(*program, keyframe);
+    int n = 0;
+    for (uint64_t ticks = 1000003; ticks < 147000000; ticks += 14560007, n++)
+        expect_dated(*program, n, word_of(static_cast<uint32_t>(kClock + ticks)),
+                     kUtc + ns_in_single_precision(ticks, 999999, 1000000), "switch");
+    put_on_wire(kKeyframe);
+    EXPECT_TRUE(program->wait_for_err("---: Arista switch sent malformed IP PROTO 253 packet, expected=100 got=84.\n"))
+        << *program;
+    expect_no_more(*program);
+}
+
+TEST_F(SwitchTest, WireModeTurnsUnsupported_TimesEndAndComeBack)
+{
+    auto program = receiver_behind("wire");
+    begin_times(*program, kKeyframe);
+    expect_dated(*program, 0, word_of(kClock + 1), kUtc + 2, "switch");
+    Bytes other = kKeyframe;
+    other[78] = 2;
+    put_on_wire(other);
+    EXPECT_TRUE(program->wait_for_err("Arista switch timestamp feature disabled by the switch \n")) << *program;
+    expect_dated(*program, 1, word_of(kClock + 3), 0, "none");
+    put_on_wire(kKeyframe);
+    EXPECT_TRUE(program->wait_for_err("Arista switch timestamp feature re-enabled by the switch \n")) << *program;
+    expect_dated(*program, 2, word_of(kClock + 7001), kUtc + 20002, "switch");
+    expect_no_more(*program);
+}
+
+TEST_F(SwitchTest, Model_DatesOrdinaryDatagramsByTheHostsClock)
+{
+    auto program = receiver_behind("model,interval=100");
+    KernelSocket sender(lab, lab.peer, 40000);
+    std::string first;
+    do { // until the first keyframe is taken, which is sent at once
+        sender.send(text_of(0), lab.adapter.address, 5000);
+        ASSERT_TRUE(read_datagram(*program, &first)) << *program;
+        usleep(20000);
+    } while (parse(first).at("timestamp_source") != "switch" && lines_ < 500);
+    uint64_t nearest = kNone;
+    for (int n = 0; n < 20; n++) {
+        const uint64_t before = host_ns();
+        sender.send(text_of(n), lab.adapter.address, 5000);
+        std::string line;
+        ASSERT_TRUE(read_datagram(*program, &line)) << *program;
+        const uint64_t after = host_ns();
+        const json object = parse(line);
+        EXPECT_EQ(object.at("payload"), hex(text_of(n)));
+        EXPECT_EQ(object.at("timestamp_source"), "switch");
+        const uint64_t time = object.at("timestamp_ns").get<uint64_t>();
+        EXPECT_GE(time + 1000000, before);
+        EXPECT_LE(time, after + 1000000);
+        nearest = std::min(nearest, time > before ? time - before : before - time);
+        usleep(15000);
+    }
+    EXPECT_LT(nearest, 1000000u);
+    expect_no_more(*program);
+}
+
+TEST_F(SwitchTest, ModelThatLosesAllKeyframes_DatagramsHaveNoTime)
+{
+    auto program = receiver_behind("model,interval=10,lose=1");
+    KernelSocket sender(lab, lab.peer, 40000);
+    usleep(50000);
+    sender.send(text_of(0), lab.adapter.address, 5000);
+    std::string line;
+    ASSERT_TRUE(program->read_line(&line)) << *program;
+    const json object = parse(line);
+    EXPECT_EQ(object.at("timestamp_ns"), 0);
+    EXPECT_EQ(object.at("timestamp_source"), "none");
+    EXPECT_EQ(object.at("payload"), hex(text_of(0)));
+}
+
+TEST_F(SwitchTest, CaptureKeepingTrailers_FilesLastFourBytesAreTheSwitchsWord)
+{
+    for (const bool keep : {true, false}) {
+        ScratchDir scratch;
+        const std::string file = scratch.file("out.pcap");
+        std::vector<std::string> command = {"ruk-capture", "-i", "oxel0", "-w", file, "-t", "30"};
+        if (keep)
+            command.push_back("--keep-trailer");
+        auto program = behind("wire", command, {});
+        ASSERT_TRUE(program->wait_for_err("capturing on oxel0")) << *program;
+        put_on_wire(stamped_frame(text_of(0), 0xDEADBE7F));
+        std::string frame;
+        for (int i = 0; i < 400 && (frame = captured(file, text_of(0))).empty(); i++)
+            usleep(25000);
+        ASSERT_FALSE(frame.empty()) << *program;
+        EXPECT_EQ(hex(frame.substr(42)), hex(text_of(0)) + (keep ? "deadbe7f" : ""));
+    }
+}
