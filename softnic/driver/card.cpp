@@ -178,6 +178,10 @@ void Card::release(Handle &handle)
         }
         // The host gets its frames back before the adapter stops delivering them.
         const std::vector<SteerKey> keys = board_.filters().keys_of(static_cast<uint8_t>(ep));
+        const auto of_this = [ep](const Filter &filter) { return filter.endpoint == ep; };
+        for (const SteerKey &key : keys)
+            if (std::ranges::all_of(*board_.filters().find(key), of_this))
+                give_back(key);
         board_.remove_all_filters(ep, runner_->now());
         for (const SteerKey &key : keys)
             steer_for(key, nullptr);
@@ -302,6 +306,16 @@ int Card::steer_for(const SteerKey &key, bool *took)
     return rc;
 }
 
+// The host has the frames of this key again, whatever filters there are.
+void Card::give_back(const SteerKey &key)
+{
+    const auto at = std::ranges::lower_bound(steered_, key);
+    if (at == steered_.end() || *at != key)
+        return;
+    port_->steer(key, false);
+    steered_.erase(at);
+}
+
 int Card::rx_filter(Handle &handle, const oxel_rx_filter_t &filter)
 {
     if (int rc = require_ruk(handle))
@@ -325,12 +339,8 @@ int Card::rx_filter(Handle &handle, const oxel_rx_filter_t &filter)
     if (!filters.contains(static_cast<uint8_t>(ep), key, filter.tag))
         return ENOENT;
     // And the host gets its frames back before the adapter stops.
-    const bool last = filters.find(key)->size() == 1;
-    const auto at = std::ranges::lower_bound(steered_, key);
-    if (last && at != steered_.end() && *at == key) {
-        port_->steer(key, false);
-        steered_.erase(at);
-    }
+    if (filters.find(key)->size() == 1)
+        give_back(key);
     Now now = runner_->now();
     if (config_.drain_before_removal)
         receive_frames(kDrainFrames, &now);

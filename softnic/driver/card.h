@@ -240,6 +240,7 @@ private:
     unsigned serve_requests(unsigned max);
     unsigned receive_frames(unsigned max, Now *now);
     int steer_for(const SteerKey &key, bool *took);
+    void give_back(const SteerKey &key);
     void raw_deliver(const RxFrame &frame, Now now);
 
     CardConfig config_;
