@@ -211,7 +211,7 @@ std::optional<std::string> find_program(const std::string &name)
         const size_t colon = dirs.find(':');
         std::string file = dirs.substr(0, colon);
         if (file.empty())
-            file = ".";
+            file.push_back('.');
         file += '/';
         file += name;
         struct stat st;
@@ -243,6 +243,32 @@ void check_preloadable(const std::string &file)
 
 } // namespace
 
+namespace {
+
+// Preloaded libraries with the adapter before them, but for a sanitizer's run time, which has to stay first.
+std::string with_adapter(const std::string &library, std::string_view preload)
+{
+    std::string sanitizers, others;
+    for (size_t at = 0; at < preload.size();) {
+        const size_t end = std::min(preload.find_first_of(": ", at), preload.size());
+        const std::string entry(preload.substr(at, end - at));
+        at = end + 1;
+        const std::string_view base = std::string_view(entry).substr(entry.rfind('/') + 1);
+        const bool sanitizer = base.starts_with("libasan.") || base.starts_with("libtsan.") ||
+                               base.starts_with("libubsan.") || base.starts_with("liblsan.") ||
+                               base.starts_with("libclang_rt.");
+        if (entry.empty())
+            continue;
+        if (sanitizer)
+            sanitizers.append(entry).append(1, ':');
+        else
+            others.append(1, ':').append(entry);
+    }
+    return sanitizers + library + others;
+}
+
+} // namespace
+
 int main(int argc, char **argv)
 {
     const Options options = parse(argc, argv);
@@ -261,8 +287,7 @@ int main(int argc, char **argv)
     for (const std::string &name : interfaces)
         names += (names.empty() ? "" : ",") + name;
     const char *preload = getenv("LD_PRELOAD");
-    setenv("LD_PRELOAD", (library + (preload != nullptr && *preload != 0 ? ":" + std::string(preload) : "")).c_str(),
-           1);
+    setenv("LD_PRELOAD", with_adapter(library, preload != nullptr ? preload : "").c_str(), 1);
     setenv("RUK_SOFTNIC", names.c_str(), 1);
     if (!options.mode.empty())
         setenv("RUK_SOFTNIC_MODE", options.mode.c_str(), 1);
