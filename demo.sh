@@ -131,6 +131,16 @@ interface_drops() {
     ip -s -j link show dev oxel0 | python3 -c 'import json, sys; print(json.load(sys.stdin)[0]["stats64"]["rx"]["dropped"])'
 }
 
+# What the adapter dropped on its way to the program, from the account that it leaves at its end.
+adapter_drops() {
+    python3 - "$work/ledger" <<'PY'
+import json, sys
+board = json.load(open(sys.argv[1]))["boards"][0]
+full = sum(endpoint["ring_full"] for endpoint in board["endpoints"])
+print(f"{board['port']['rx_dropped']} before the adapter, {full} by a full ring", end="")
+PY
+}
+
 datagrams() {
     local sizes=(1 18 100 512 1000 1472) lines=(hello again bye)
     sent=${#sizes[@]}
@@ -139,7 +149,7 @@ datagrams() {
     drops_before=$(interface_drops)
 
     say "4. $sent datagrams from a kernel socket arrive through libruk (time and its source, from > to, length, text)"
-    "${soft[@]}" ruk-recv -i oxel0 -p 5000 -n "$sent" -t 20 --hw-timestamps --stats >"$work/recv" 2>"$work/recv.err" &
+    RUK_SOFTNIC_STATS=$work/ledger "${soft[@]}" ruk-recv -i oxel0 -p 5000 -n "$sent" -t 20 --hw-timestamps --stats >"$work/recv" 2>"$work/recv.err" &
     local receiver=$!
     children+=("$receiver")
     await "$work/recv.err" listening || die "ruk-recv did not start: $(cat "$work/recv.err")"
@@ -159,7 +169,8 @@ datagrams() {
 
     local reasons
     reasons=$(sed '1,/^counters:/d' "$work/recv" | awk '$1 ~ /^(dropped|malformed)/ && $3 > 0 { printf ", %s %s", $3, $1 }')
-    echo "  sent $sent, received $received, dropped: $(($(interface_drops) - drops_before)) by the interface${reasons:-, none by the library}"
+    echo "  sent $sent, received $received, dropped: $(($(interface_drops) - drops_before)) by the interface," \
+        "$(adapter_drops)${reasons:-, none by the library}"
 
     say "5. $replies replies from libruk arrive at the kernel program"
     printf '%s\n' "${lines[@]}" | "${soft[@]}" ruk-send -i oxel0 -p 5000 10.77.0.2:40000 >"$work/send" ||

@@ -259,7 +259,11 @@ Endpoint::Endpoint(const InterfaceChoice &choice, int flags) : interface_(find_i
     fail("cannot open an endpoint on {}: {}", interface_.name, errno_text(abs(rc)));
 }
 
-Endpoint::~Endpoint() { ruk_close(dev_); }
+Endpoint::~Endpoint()
+{
+    ruk_shutdown(dev_, 0);
+    ruk_close(dev_);
+}
 
 ruk_channel_t Endpoint::bind(int port, int flags)
 {

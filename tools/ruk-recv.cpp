@@ -159,8 +159,13 @@ std::string preview(const uint8_t *data, size_t len)
     return text + (len > shown ? "\"..." : "\"");
 }
 
-/* The length comes from the sender's header: more than a datagram can have means that there is no payload. */
-bool malformed(const ruk_recv_info &info) { return info.msg_len > max_udp_payload; }
+/* The length comes from the sender's header: more than the interface carries means that there is no such payload. */
+bool malformed(const Options &opt, const Endpoint &endpoint, const ruk_recv_info &info)
+{
+    constexpr size_t around = 14 + 4 + 20 + 8 + 4; /* Ethernet with a tag, IPv4, UDP, trailer: of whole frames */
+    const size_t most = endpoint.interface().max_payload() + (opt.filter == RUK_RECV_FILTER_RAW ? around : 0);
+    return info.msg_len > most;
+}
 
 /* A frame that is not IPv4, in the raw filter mode, has no addresses. */
 bool has_addresses(const ruk_recv_info &info) { return info.sin_from.sin_family == AF_INET; }
@@ -176,14 +181,14 @@ const char *time_source(const Options &opt, const ruk_recv_info &info)
     return opt.hw_timestamps ? "adapter" : "switch";
 }
 
-std::string json_line(const Options &opt, const ruk_recv_info &info, const uint8_t *data, size_t len)
+std::string json_line(const Options &opt, const ruk_recv_info &info, bool bad, const uint8_t *data, size_t len)
 {
     ordered_json line;
     line["from"] = has_addresses(info) ? ordered_json(endpoint_text(info.sin_from)) : ordered_json(nullptr);
     line["to"] = has_addresses(info) ? ordered_json(endpoint_text(info.sin_to)) : ordered_json(nullptr);
     line["len"] = info.msg_len;
     line["timestamp_ns"] = info.timestamp;
-    if (malformed(info))
+    if (bad)
         line["malformed"] = true;
     else
         line["payload"] = hex(data, len);
@@ -191,7 +196,7 @@ std::string json_line(const Options &opt, const ruk_recv_info &info, const uint8
     return line.dump();
 }
 
-std::string text_line(const Options &opt, const ruk_recv_info &info, const uint8_t *data, size_t len)
+std::string text_line(const Options &opt, const ruk_recv_info &info, bool bad, const uint8_t *data, size_t len)
 {
     std::string line = info.timestamp == 0 ? "-" : time_text(info.timestamp) + " " + time_source(opt, info);
     if (has_addresses(info))
@@ -199,7 +204,7 @@ std::string text_line(const Options &opt, const ruk_recv_info &info, const uint8
     else
         line += " frame";
     line += fmt::format(" len {} ", info.msg_len);
-    return line + (malformed(info) ? "malformed" : preview(data, len));
+    return line + (bad ? "malformed" : preview(data, len));
 }
 
 struct Tally {
@@ -235,9 +240,11 @@ int receive_all(const Options &opt, const Endpoint &endpoint, const StopSignal &
             break;
         if (rc != 0)
             fail("cannot receive: {}", errno_text(rc));
-        (malformed(info) ? tally.malformed : tally.delivered)++;
-        size_t len = malformed(info) ? 0 : info.msg_len;
-        put_line(opt.json ? json_line(opt, info, buffer.data(), len) : text_line(opt, info, buffer.data(), len));
+        const bool bad = malformed(opt, endpoint, info);
+        (bad ? tally.malformed : tally.delivered)++;
+        size_t len = bad ? 0 : info.msg_len;
+        put_line(opt.json ? json_line(opt, info, bad, buffer.data(), len)
+                          : text_line(opt, info, bad, buffer.data(), len));
     }
     return opt.count && tally.delivered < *opt.count ? exit_incomplete : exit_ok;
 }

@@ -53,7 +53,7 @@ std::string hex(const std::string &bytes)
 // Without a parser: there are many, and the payload is long.
 bool line_has_payload(const std::string &line, const std::string &payload)
 {
-    const std::string tail = "\"payload\":\"" + hex(payload) + "\"}";
+    const std::string tail = "\"payload\":\"" + hex(payload) + "\",\"timestamp_source\":\"none\"}";
     return line.find("\"len\":" + std::to_string(payload.size()) + ",") != std::string::npos &&
            line.size() > tail.size() && line.compare(line.size() - tail.size(), tail.size(), tail) == 0;
 }

@@ -193,6 +193,15 @@ TEST_F(ReceiveTool, LengthNoDatagramCanHave_InText_IsShownAsMalformed)
     EXPECT_TRUE(program->finish());
 }
 
+TEST_F(ReceiveTool, LengthBeyondWhatTheInterfaceCarries_IsShownAsMalformed)
+{
+    auto program = receiver({"-p", "5000", "-t", "20"});
+    put_frame(0x0800, datagram_with_length_field(1472 + 8 + 1));
+    EXPECT_EQ(next_line(*program), "- 10.77.0.2:40000 > 10.77.0.1:5000 len 1473 malformed");
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+}
+
 TEST_F(ReceiveTool, Broadcast_IsReceivedWhenAskedFor)
 {
     KernelSocket peer(lab, lab.peer, 40000);
