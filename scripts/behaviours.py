@@ -89,7 +89,8 @@ def check(paths):
     for path in paths:
         try:
             for name, result, reason in read_results(path):
-                for key in {name, plain_name(name)}:
+                instance = name.split(" ")[0]  # what follows is the value of a parameter
+                for key in {instance, plain_name(instance)}:
                     outcomes.setdefault(key, []).append((result, reason))
         except (OSError, SyntaxError) as error:
             faults.append(f"{path}: no results ({error.__class__.__name__})")
