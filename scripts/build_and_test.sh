@@ -51,10 +51,27 @@ grep -E 'warning:' "$log" | sort -u | head -n 20 || true
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export ASAN_OPTIONS=detect_stack_use_after_return=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-"${in_fixed_layout[@]}" ctest --test-dir "$build" -j 2 --output-on-failure --no-tests=error --timeout 300 \
-    --output-junit "$results" "$@" >"$build/ctest.log" 2>&1 || {
-    status=$?
-    # Which tests failed, and why, is in the results; without them ctest itself has something to say.
-    [[ -s $results ]] || tail -n 40 "$build/ctest.log"
-    exit "$status"
+stop=()
+if [[ -n ${RUK_STAGE_END:-} ]]; then
+    # A test that hangs is then named, and the others' results are kept.
+    stop=(--stop-time "$(date -d "@$((RUK_STAGE_END - 30))" +%H:%M:%S)")
+fi
+run_ctest() {
+    "${in_fixed_layout[@]}" ctest --test-dir "$build" "$@"
 }
+status=0
+run_ctest -j 2 --output-on-failure --no-tests=error --timeout 300 "${stop[@]}" --output-junit "$results" "$@" \
+    >"$build/ctest.log" 2>&1 || status=$?
+
+# Which tests failed, and why, is in the results; without them ctest itself has something to say.
+if [[ ! -s $results ]]; then
+    tail -n 40 "$build/ctest.log"
+    exit 1
+fi
+known=$(run_ctest -N "$@" | sed -n 's/^Total Tests: //p')
+ran=$(grep -c '<testcase ' "$results" || true)
+if ((ran < known)); then
+    echo "build_and_test: time was up after $ran of $known tests"
+    exit 1
+fi
+exit "$status"

@@ -29,7 +29,9 @@ stage() {
     local name=$1 limit=$(($2 * ${RUK_SLOWER:-1})) began=$SECONDS status
     shift 2
     say "$name ..."
-    timeout --kill-after=20 "$((limit * 60))" "$@" </dev/null &
+    # When the stage will be stopped, for commands that would rather end by themselves with what they know.
+    local end=$(($(date +%s) + limit * 60))
+    RUK_STAGE_END=$((end <= ${RUK_STAGE_END:-end} ? end : RUK_STAGE_END)) timeout --kill-after=20 "$((limit * 60))" "$@" </dev/null &
     stage_pid=$!
     wait "$stage_pid"
     status=$?
