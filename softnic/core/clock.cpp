@@ -73,8 +73,7 @@ void Clock::publish(kz_kernel_window_t *window, Now now) const
         const uint64_t reach = (uint64_t{1} << 63) / config_.ns_denominator;
         const uint64_t age = std::min({now.mono_ns - power_up_.mono_ns, kReferenceAge, reach});
         record.nticks.ticks = ticks(now.mono_ns - age);
-        record.nticks.nsecs =
-            now.real_ns - (t - record.nticks.ticks) * config_.ns_numerator / config_.ns_denominator;
+        record.nticks.nsecs = now.real_ns - (t - record.nticks.ticks) * config_.ns_numerator / config_.ns_denominator;
     } else {
         const uint64_t first = config_.first_ticks & config_.ticks_mask;
         const uint64_t since = (t - first) & config_.ticks_mask;
