@@ -87,9 +87,9 @@ void Card::restart_in_child()
         Claim &claim = claims_[ep];
         for (Region *region : {&claim.recvq, &claim.sendq, &claim.sram, &claim.zreq, &claim.flow})
             region->forget();
-        claim.source.release();
+        (void)claim.source.release();
         windows_[ep].store(0);
-        claim.watch.release(); // descriptors and protected pages are the parent's
+        (void)claim.watch.release(); // descriptors and protected pages are the parent's
         claim = Claim{};
         claim.recvq_size = config_.recvq_size;
         board_.filters().remove_all(static_cast<uint8_t>(ep));

@@ -193,7 +193,7 @@ Driver *make_live_driver()
         if (look_up(name, &host))
             port = make_packet_port(name, &error);
         if (!port) {
-            complain(name + ": " + error);
+            complain(std::string(name).append(": ").append(error));
             continue;
         }
         CardConfig config = card_config(name, host, static_cast<unsigned>(cards.size()));
