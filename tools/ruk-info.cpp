@@ -5,6 +5,7 @@
  * archive, whose inner operations the shared object does not export.
  */
 #include "common.h"
+#include "ledger_view.h"
 
 #include "nuv_types.h"
 #include "ruk_core.h"
@@ -157,13 +158,41 @@ int show(bool json)
     return rc == 0 && !info["boards"].empty() ? exit_ok : exit_incomplete;
 }
 
+/* Live accounts of the software adapter's boards, in whatever processes they are. */
+int show_ledgers(const std::string &interface, bool json)
+{
+    ordered_json list = ordered_json::array();
+    for (const softnic::LiveLedger &ledger : softnic::find_ledgers()) {
+        if (!interface.empty() && interface != ledger.page.interface)
+            continue;
+        list.push_back(ledger_object(ledger));
+        if (json)
+            continue;
+        for (const std::string &line : ledger_lines(ledger))
+            put_line(line);
+        put_drops(adapter_drops(ledger.page));
+    }
+    if (json)
+        put_line(ordered_json{{"ledgers", list}}.dump());
+    else if (list.empty())
+        note(interface.empty() ? "no running program uses the software adapter (that this user may look into)"
+                               : "no running program uses the software adapter on " + interface);
+    return list.empty() ? exit_incomplete : exit_ok;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     CLI::App app("Shows the library, the driver, the adapters and the host interfaces on them.", "ruk-info");
     bool json = false;
+    bool stats = false;
+    std::string interface;
     app.add_flag("--json", json, "One JSON object");
+    CLI::Option *live = app.add_flag("--stats", stats,
+                                     "Where every frame went: live accounts of the software adapter's boards in all "
+                                     "processes that this user may look into");
+    app.add_option("-i,--interface", interface, "Only boards on this interface")->type_name("IF")->needs(live);
     app.footer("Exit status: 0 there is an adapter; 1 there is none; 2 error.");
-    return run_program(app, argc, argv, [&] { return show(json); });
+    return run_program(app, argc, argv, [&] { return stats ? show_ledgers(interface, json) : show(json); });
 }

@@ -2,6 +2,7 @@
  * ruk-recv: prints the datagrams that arrive on UDP ports of an adapter, one line each.
  */
 #include "common.h"
+#include "ledger_view.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -215,17 +216,31 @@ struct Tally {
 void print_stats(const Options &opt, const Endpoint &endpoint, const Tally &tally)
 {
     auto counters = endpoint_counters(endpoint.dev());
+    std::vector<Drop> drops = library_drops(counters);
     counters.insert(counters.begin(), {{"delivered", tally.delivered}, {"malformed", tally.malformed}});
+
+    /* In front of the library: the boards that the software adapter keeps in this process. */
+    std::vector<softnic::LiveLedger> ledgers = own_ledgers();
+    for (const softnic::LiveLedger &ledger : ledgers)
+        for (Drop &drop : adapter_drops(ledger.page))
+            drops.push_back(std::move(drop));
     if (opt.json) {
         ordered_json stats;
         for (const auto &[name, value] : counters)
             stats[name] = value;
-        put_line(ordered_json{{"stats", stats}}.dump());
+        ordered_json object = {{"stats", stats}, {"drops", drops_json(drops)}, {"adapters", ordered_json::array()}};
+        for (const softnic::LiveLedger &ledger : ledgers)
+            object["adapters"].push_back(ledger_object(ledger));
+        put_line(object.dump());
         return;
     }
     put_line("counters:");
     for (const auto &[name, value] : counters)
         put_line(fmt::format("\t{:<26} = {:12}", name, value));
+    for (const softnic::LiveLedger &ledger : ledgers)
+        for (const std::string &line : ledger_lines(ledger))
+            put_line(line);
+    put_drops(drops);
 }
 
 int receive_all(const Options &opt, const Endpoint &endpoint, const StopSignal &stop, Tally &tally)

@@ -35,9 +35,13 @@ EndpointCounters Board::endpoint_counters(unsigned ep) const
     return c;
 }
 
+// Frames that wait in an event which nobody will see are lost with the queues.
+void Board::drop_filling(Endpoint &e) { e.counters.disabled += e.ring.packets_filling(); }
+
 void Board::enable(unsigned ep, const EndpointMemory &memory)
 {
     Endpoint &e = *endpoints_[ep];
+    drop_filling(e);
     e.memory = memory;
     memset(memory.flow, 0, sizeof(*memory.flow));
     memset(memory.sram + NUV_DOORBELL_OFFSET, 0, 8);
@@ -52,6 +56,7 @@ void Board::enable(unsigned ep, const EndpointMemory &memory)
 void Board::disable(unsigned ep)
 {
     Endpoint &e = *endpoints_[ep];
+    drop_filling(e);
     e.ring.detach();
     e.posted.reset();
     e.memory = EndpointMemory{};

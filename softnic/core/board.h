@@ -48,7 +48,7 @@ struct BoardCounters {
 // steered = ring.delivered + frames of the event being filled + disabled + ring.ring_full + ring.oversize
 struct EndpointCounters {
     uint64_t steered = 0;  // frames meant for the endpoint
-    uint64_t disabled = 0; // dropped: its queues were not enabled
+    uint64_t disabled = 0; // dropped: its queues were not enabled, or ended with an event being filled
     RingCounters ring;
     uint64_t requests = 0;      // send requests taken
     uint64_t frames_sent = 0;   // of these, put on the wire
@@ -143,6 +143,7 @@ private:
         std::atomic<uint64_t> post_overflow{0};
         EndpointCounters counters;
     };
+    static void drop_filling(Endpoint &e);
 
     void deliver(unsigned ep, const uint8_t *frame, uint32_t len, uint16_t tag, Now now);
 

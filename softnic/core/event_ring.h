@@ -56,6 +56,7 @@ public:
 
     // Published events that the consumer has not released, as of the last poll_consumed().
     size_t unconsumed() const { return lengths_.size(); }
+    uint32_t unconsumed_bytes() const { return used_; }
     size_t incomplete() const { return withheld_.size(); }
     bool filling() const { return open_packets_ != 0; }
     unsigned packets_filling() const { return open_packets_; }

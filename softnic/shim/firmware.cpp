@@ -21,6 +21,8 @@ constexpr int64_t kTimedSleepNs = 1000000;
 // Whoever was stopped at a protected page needs this long to be let go on and make its store. Protecting the page again
 // any earlier would stop it at the same store, for ever when the two take turns.
 constexpr uint64_t kWakeGraceNs = 200000;
+// Under load the ledger is this old at most; an idle adapter's is exact.
+constexpr uint64_t kLedgerPeriodNs = 5000000;
 constexpr uint64_t kShortestWatch = 50000, kLongestWatch = 20000000;
 
 uint64_t clock_ns(clockid_t clock)
@@ -98,6 +100,7 @@ int Firmware::start()
     if (int rc = control_.create(true))
         return rc;
     single_cpu_ = allowed_cpus() < 2;
+    (void)ledger_.create(card_, options_.board);
     if (g_registry == nullptr) // under the lock that boards are made under
         g_registry = new Registry;
     {
@@ -167,6 +170,8 @@ void Firmware::loop()
         card_.lock().unlock();
         if (round.progress) {
             last_work = clock_ns(CLOCK_MONOTONIC);
+            if (last_work - ledger_at_ >= kLedgerPeriodNs)
+                publish_ledger(last_work);
             continue;
         }
         const uint64_t now = clock_ns(CLOCK_MONOTONIC), idle = now - last_work;
@@ -177,11 +182,18 @@ void Firmware::loop()
                 cpu_relax();
             continue;
         }
+        publish_ledger(now);
         if (sleep(idle))
             awake_until = clock_ns(CLOCK_MONOTONIC) + kWakeGraceNs;
         if (kicked_.exchange(false))
             last_work = clock_ns(CLOCK_MONOTONIC);
     }
+}
+
+void Firmware::publish_ledger(uint64_t now)
+{
+    ledger_.publish(card_);
+    ledger_at_ = now;
 }
 
 // Sleeps until there may be work. Whoever makes some finds the firmware either asleep, and wakes it, or awake. True

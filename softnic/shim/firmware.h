@@ -2,6 +2,7 @@
 #pragma once
 
 #include "../driver/card.h"
+#include "../ledger/writer.h"
 
 #include <pthread.h>
 
@@ -22,6 +23,7 @@ void forget_firmware();
 struct FirmwareOptions {
     uint64_t spin_ns = 50000; // how long it looks for work before it sleeps
     int cpu = -1;             // processor to stay on, -1 = any
+    unsigned board = 0;       // its number, for the ledger
 };
 
 class Firmware {
@@ -40,12 +42,16 @@ public:
     // Makes a sleeping firmware look.
     void kick();
 
+    // In the child of a fork: thread and ledger are the parent's.
+    void forget() { ledger_.forget(); }
+
     static Firmware *of(Card &card);
 
 private:
     static void *entry(void *self);
     void loop();
     bool sleep(uint64_t idle_ns);
+    void publish_ledger(uint64_t now);
 
     Card &card_;
     FirmwareOptions options_;
@@ -57,6 +63,8 @@ private:
     std::atomic<bool> kicked_{false};
     DeviceFd control_; // becomes readable when kicked: checked like a device descriptor before it is written to
     std::vector<int> fds_;
+    LedgerWriter ledger_;
+    uint64_t ledger_at_ = 0; // when it was brought up to date last
 };
 
 } // namespace softnic

@@ -213,6 +213,7 @@ Driver *make_live_driver()
     }
     system->driver = std::make_unique<Driver>(std::move(cards));
     for (unsigned board = 0; board < system->driver->boards(); board++) {
+        options.board = board;
         system->firmware.push_back(std::make_unique<Firmware>(system->driver->card(board), options));
         if (int rc = system->firmware.back()->start())
             complain(std::string("no thread for the firmware: ") + strerror(rc));
@@ -224,8 +225,11 @@ Driver *make_live_driver()
 // The threads, sockets and mappings are the parent's. A child that opens a device gets boards of its own.
 void forget_system()
 {
-    if (g_system != nullptr)
+    if (g_system != nullptr) {
         detach_driver(g_system->driver.get());
+        for (auto &firmware : g_system->firmware)
+            firmware->forget();
+    }
     g_system = nullptr;
     g_failed = false;
     forget_firmware();
@@ -246,48 +250,16 @@ void write_ledger(const char *path)
         complain(std::string(path) + ": " + strerror(errno));
         return;
     }
-    const auto field = [out](const char *name, uint64_t value, const char *after = ",") {
-        fprintf(out, "\"%s\":%llu%s", name, static_cast<unsigned long long>(value), after);
-    };
-    fprintf(out, "{\"boards\":[");
+    std::string boards;
+    auto page = std::make_unique<LedgerPage>();
     for (unsigned board = 0; board < g_system->driver->boards(); board++) {
         Card &card = g_system->driver->card(board);
         std::lock_guard guard(card.lock());
-        const PortCounters port = card.port().counters();
-        const BoardCounters &c = card.board().counters();
-        fprintf(out, "%s{\"interface\":\"%s\",\"port\":{", board != 0 ? "," : "", card.config().name.c_str());
-        field("received", port.received);
-        field("rx_dropped", port.rx_dropped);
-        field("rx_malformed", port.rx_malformed);
-        field("sent", port.sent);
-        field("tx_errors", port.tx_errors, "},");
-        field("arrived", c.arrived);
-        field("matched", c.matched);
-        field("unmatched", c.unmatched);
-        field("malformed", c.malformed);
-        fprintf(out, "\"endpoints\":[");
-        for (unsigned ep = 0; ep < card.board().endpoints(); ep++) {
-            const EndpointCounters e = card.board().endpoint_counters(ep);
-            fprintf(out, "%s{", ep != 0 ? "," : "");
-            field("steered", e.steered);
-            field("delivered", e.ring.delivered);
-            field("events", e.ring.events);
-            field("disabled", e.disabled);
-            field("ring_full", e.ring.ring_full);
-            field("oversize", e.ring.oversize);
-            field("bad_flow", e.ring.bad_flow);
-            field("high_water", e.ring.high_water);
-            field("requests", e.requests);
-            field("frames_sent", e.frames_sent);
-            field("send_errors", e.send_errors);
-            field("bad_type", e.bad_type);
-            field("bad_header", e.bad_header);
-            field("bad_payload", e.bad_payload);
-            field("post_overflow", e.post_overflow, "}");
-        }
-        fprintf(out, "]}");
+        *page = {};
+        take_ledger(card, board, page.get());
+        boards.append(board != 0 ? "," : "").append(ledger_json(*page));
     }
-    fprintf(out, "]}\n");
+    fprintf(out, "{\"boards\":[%s]}\n", boards.c_str());
     fclose(out);
 }
 

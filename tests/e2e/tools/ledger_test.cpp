@@ -1,0 +1,147 @@
+// The ledger: where every frame went, seen by ruk-recv itself and by ruk-info and ruk-top from outside.
+#include "tool_lab.h"
+
+#include <csignal>
+#include <regex>
+
+using namespace tool_test;
+using nlohmann::json;
+
+namespace {
+
+uint64_t n(const json &object, const char *name) { return object.at(name).get<uint64_t>(); }
+
+// Every sum that the ledger promises.
+void expect_sums(const json &board)
+{
+    EXPECT_EQ(n(board, "arrived"), n(board.at("port"), "received")) << board;
+    EXPECT_EQ(n(board, "arrived"), n(board, "matched") + n(board, "unmatched") + n(board, "malformed")) << board;
+    for (const json &e : board.at("endpoints")) {
+        EXPECT_EQ(n(e, "steered"),
+                  n(e, "delivered") + n(e, "pending") + n(e, "disabled") + n(e, "ring_full") + n(e, "oversize"))
+            << board;
+        EXPECT_EQ(n(e, "requests"), n(e, "frames_sent") + n(e, "send_errors") + n(e, "bad_type") + n(e, "bad_header") +
+                                        n(e, "bad_payload"))
+            << board;
+    }
+}
+
+class Ledger : public ToolTest {
+protected:
+    std::unique_ptr<test_support::Program> run(std::vector<std::string> command)
+    {
+        command[0] = bin(command[0]);
+        auto program = lab.start(lab.adapter, command);
+        EXPECT_TRUE(program->finish()) << *program;
+        return program;
+    }
+
+    // The board as an outsider sees it, once so many frames have been delivered.
+    json board_with(uint64_t delivered)
+    {
+        for (int attempt = 0; attempt < 200; attempt++) {
+            const json info = parse(run({"ruk-info", "--stats", "-i", "oxel0", "--json"})->out());
+            if (info.at("ledgers").size() == 1 && info["ledgers"][0].at("endpoints").size() == 1 &&
+                n(info["ledgers"][0]["endpoints"][0], "delivered") >= delivered)
+                return info["ledgers"][0];
+            usleep(20000);
+        }
+        ADD_FAILURE() << "never " << delivered << " frames";
+        return {};
+    }
+};
+
+} // namespace
+
+TEST_F(Ledger, NoAdapterRunning_Info_SaysSoWithStatus1)
+{
+    auto info = run({"ruk-info", "--stats"});
+    EXPECT_TRUE(info->exited_with(1));
+    EXPECT_EQ(info->err(), "ruk-info: no running program uses the software adapter (that this user may look into)\n");
+    auto as_json = run({"ruk-info", "--stats", "--json"});
+    EXPECT_TRUE(as_json->exited_with(1));
+    EXPECT_EQ(as_json->out(), "{\"ledgers\":[]}\n");
+    auto top = run({"ruk-top", "-n", "1"});
+    EXPECT_TRUE(top->exited_with(1));
+}
+
+TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000", "--json", "--stats"});
+    for (int i = 0; i < 7; i++)
+        peer.send("abc", "10.77.0.1", 5000);
+    for (int i = 0; i < 3; i++)
+        put_frame(0x88b5, "for nobody"); // an experimental EtherType
+    const json board = board_with(7);
+    expect_sums(board);
+    EXPECT_EQ(board["program"], "ruk-recv");
+    EXPECT_EQ(board["interface"], "oxel0");
+    EXPECT_EQ(board["board"], 0);
+    EXPECT_EQ(n(board["endpoints"][0], "delivered"), 7u);
+    EXPECT_EQ(n(board["endpoints"][0], "claimed"), 1u);
+    EXPECT_GE(n(board, "unmatched"), 3u);
+    ASSERT_EQ(board["drops"].size(), 1u) << board;
+    EXPECT_EQ(board["drops"][0]["reason"], "unmatched");
+    EXPECT_EQ(board["drops"][0]["meaning"], "frames that no endpoint asked for: the kernel's");
+
+    kill(program->pid(), SIGINT);
+    EXPECT_TRUE(program->finish());
+    std::string last, line;
+    while (program->read_line(&line))
+        last = line;
+    const json end = parse(last);
+    EXPECT_EQ(end["stats"]["delivered"], 7);
+    ASSERT_EQ(end["adapters"].size(), 1u);
+    expect_sums(end["adapters"][0]);
+    EXPECT_EQ(n(end["adapters"][0]["endpoints"][0], "delivered"), 7u);
+}
+
+TEST_F(Ledger, BurstWhileTheReceiverIsStopped_Info_ShowsTheHighWaterMark)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000"});
+    kill(program->pid(), SIGSTOP); // its firmware too: frames wait in the interface's ring
+    for (int i = 0; i < 50; i++)
+        peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
+    kill(program->pid(), SIGCONT);
+    const json board = board_with(50);
+    expect_sums(board);
+    EXPECT_EQ(n(board["endpoints"][0], "ring_full"), 0u);
+    EXPECT_GT(n(board["endpoints"][0], "high_water"), 0u);
+}
+
+TEST_F(Ledger, RunningReceiver_Top_ShowsRatesAndRing)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000"});
+    auto top = lab.start(lab.adapter, {bin("ruk-top"), "-n", "2", "-d", "0.5", "--json"});
+    std::string line;
+    ASSERT_TRUE(top->read_line(&line)) << *top;
+    const json first = parse(line);
+    EXPECT_FALSE(first["ledgers"][0]["endpoints"][0].contains("delivered_per_second"));
+    for (int i = 0; i < 100; i++)
+        peer.send("abc", "10.77.0.1", 5000);
+    ASSERT_TRUE(top->read_line(&line)) << *top;
+    const json endpoint = parse(line)["ledgers"][0]["endpoints"][0];
+    EXPECT_TRUE(top->finish());
+    EXPECT_TRUE(top->exited_with(0));
+    EXPECT_EQ(n(endpoint, "delivered"), 100u);
+    // 100 in half a second, or a little more on a busy machine.
+    EXPECT_GT(endpoint["delivered_per_second"].get<double>(), 20);
+    EXPECT_LE(endpoint["delivered_per_second"].get<double>(), 200);
+
+    auto text = run({"ruk-top", "-n", "1"});
+    EXPECT_TRUE(
+        std::regex_search(text->out(), std::regex(R"(ruk-recv \(process [0-9]+\), board 0 on oxel0: arrived)")));
+    EXPECT_EQ(text->out().find('\033'), std::string::npos); // not to a terminal
+}
+
+TEST_F(Ledger, ProgramThatWasKilled_Info_NoLongerFindsIt)
+{
+    auto program = receiver({"-p", "5000"});
+    board_with(0);
+    kill(program->pid(), SIGKILL);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(run({"ruk-info", "--stats"})->exited_with(1));
+}
