@@ -5,6 +5,7 @@
  * archive, whose inner operations the shared object does not export.
  */
 #include "common.h"
+#include "doctor.h"
 #include "ledger_view.h"
 
 #include "nuv_types.h"
@@ -180,6 +181,24 @@ int show_ledgers(const std::string &interface, bool json)
     return list.empty() ? exit_incomplete : exit_ok;
 }
 
+/* The worst finding is the status: 0, 1 or 2. */
+int show_findings(const std::string &interface, bool json)
+{
+    Health worst = Health::ok;
+    ordered_json list = ordered_json::array();
+    for (const Finding &f : examine(interface)) {
+        worst = std::max(worst, f.health);
+        list.push_back(
+            {{"check", f.check}, {"status", health_name(f.health)}, {"found", f.found}, {"remedy", f.remedy}});
+        if (!json)
+            put_line(fmt::format("{:<8} {:<16} {}{}", health_name(f.health), f.check, f.found,
+                                 f.remedy.empty() ? "" : "\n         -> " + f.remedy));
+    }
+    if (json)
+        put_line(ordered_json{{"status", health_name(worst)}, {"checks", list}}.dump());
+    return static_cast<int>(worst);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -189,10 +208,19 @@ int main(int argc, char **argv)
     bool stats = false;
     std::string interface;
     app.add_flag("--json", json, "One JSON object");
+    bool doctor = false;
     CLI::Option *live = app.add_flag("--stats", stats,
                                      "Where every frame went: live accounts of the software adapter's boards in all "
                                      "processes that this user may look into");
-    app.add_option("-i,--interface", interface, "Only boards on this interface")->type_name("IF")->needs(live);
-    app.footer("Exit status: 0 there is an adapter; 1 there is none; 2 error.");
-    return run_program(app, argc, argv, [&] { return stats ? show_ledgers(interface, json) : show(json); });
+    app.add_flag("--doctor", doctor,
+                 "Check everything between an application and an accelerated datagram, and say what to do about it")
+        ->excludes(live);
+    app.add_option("-i,--interface", interface, "With --stats or --doctor: only this interface")->type_name("IF");
+    app.footer("Exit status: 0 there is an adapter; 1 there is none; 2 error.\n"
+               "Of --doctor: 0 all is well; 1 there are warnings; 2 there are failures, or an error.");
+    return run_program(app, argc, argv, [&] {
+        if (!interface.empty() && !stats && !doctor)
+            fail("-i goes with --stats or --doctor");
+        return doctor ? show_findings(interface, json) : stats ? show_ledgers(interface, json) : show(json);
+    });
 }

@@ -1,0 +1,437 @@
+#include "doctor.h"
+
+#include "common.h"
+
+#include "nuv_types.h"
+#include "ruk_core.h"
+#include "tov.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <linux/hw_breakpoint.h>
+#include <linux/perf_event.h>
+#include <map>
+#include <memory>
+#include <net/if.h>
+#include <sched.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/timex.h>
+#include <unistd.h>
+
+namespace tools {
+
+const char *health_name(Health health)
+{
+    return health == Health::ok ? "ok" : health == Health::warning ? "warning" : "failure";
+}
+
+namespace {
+
+constexpr unsigned library_major = 4;
+constexpr int default_memberships = 20;
+constexpr int small_socket_buffer = 200000;
+
+/* The first line of a file; without value when it cannot be read. */
+std::optional<std::string> first_line(const std::string &file)
+{
+    std::ifstream in(file);
+    std::string line;
+    if (!std::getline(in, line))
+        return std::nullopt;
+    return line;
+}
+
+std::optional<int> setting(const std::string &name)
+{
+    const auto line = first_line("/proc/sys/net/" + name);
+    return line ? std::optional(atoi(line->c_str())) : std::nullopt;
+}
+
+/* "eth0" of "eth0:1" */
+std::string device_of(const std::string &interface) { return interface.substr(0, interface.find(':')); }
+
+struct Address {
+    std::string interface;
+    uint32_t address, netmask; /* network byte order */
+    bool multicast;
+    bool link_up;
+};
+
+class Examination {
+public:
+    explicit Examination(const std::string &interface) : wanted_(interface) {}
+
+    std::vector<Finding> all()
+    {
+        if (device_files() && driver() && adapters()) {
+            link();
+            addresses();
+            subnets();
+            for (const std::string &device : devices()) {
+                routes(device);
+                neighbours(device);
+                multicast(device);
+                reverse_path(device);
+            }
+        }
+        socket_buffer();
+        packet_socket();
+        watchpoints();
+        processors();
+        governor();
+        clock_source();
+        clock_steering();
+        return std::move(findings_);
+    }
+
+private:
+    void ok(const char *check, std::string found) { findings_.push_back({check, Health::ok, std::move(found), {}}); }
+    void warn(const char *check, std::string found, std::string remedy)
+    {
+        findings_.push_back({check, Health::warning, std::move(found), std::move(remedy)});
+    }
+    bool bad(const char *check, std::string found, std::string remedy)
+    {
+        findings_.push_back({check, Health::failure, std::move(found), std::move(remedy)});
+        return false;
+    }
+
+    std::vector<std::string> devices() const
+    {
+        std::vector<std::string> names;
+        for (const Address &a : addresses_)
+            if (std::ranges::find(names, device_of(a.interface)) == names.end())
+                names.push_back(device_of(a.interface));
+        return names;
+    }
+
+    /* ---------------------------------------------------------- driver and adapter */
+
+    bool device_files()
+    {
+        int rc = tov_open_any_board(&handle_, TOV_PRODUCT);
+        if (rc == 0) {
+            ok("device_files", preloaded() ? "an adapter opens (the software adapter of this process)"
+                                           : "an adapter's device file opens");
+            return true;
+        }
+        if (rc == ENOENT)
+            return bad("device_files", "there is no /dev/oxelB*",
+                       "load the driver, or run this under 'rukrun --soft=IF --' for the software adapter");
+        if (rc == EACCES || rc == EPERM)
+            return bad("device_files", "/dev/oxelB* cannot be opened: " + errno_text(rc),
+                       "give this user read and write permission on /dev/oxelB*");
+        return bad("device_files", "/dev/oxelB* cannot be opened: " + errno_text(rc),
+                   "see what the driver says in the kernel's log");
+    }
+
+    static bool preloaded()
+    {
+        const char *preload = getenv("LD_PRELOAD");
+        return preload != nullptr && strstr(preload, "liboxelsoft") != nullptr;
+    }
+
+    bool driver()
+    {
+        oxel_get_version_t version{};
+        const int rc = tov_ioctl(handle_, OXEL_GET_VERSION, &version, sizeof version);
+        tov_close(handle_);
+        if (rc != 0)
+            return bad("driver_interface", "the driver does not tell its version: " + errno_text(rc),
+                       "install the driver that belongs to this library");
+        const unsigned major = version.driver_api_magic >> 8, minor = version.driver_api_magic & 0xff;
+        if (major != library_major)
+            return bad("driver_interface",
+                       fmt::format("the driver has interface {}.{}, the library {}.x", major, minor, library_major),
+                       "install driver and library of one release");
+        ok("driver_interface", fmt::format("interface {}.{}", major, minor));
+        return true;
+    }
+
+    bool adapters()
+    {
+        tov_nic_info *nics = nullptr;
+        int count = 0;
+        if (const int rc = tov_get_nicinfo(&nics, &count); rc != 0 || count == 0) {
+            return bad("adapter", "the driver has no adapter" + (rc != 0 ? ": " + errno_text(rc) : std::string()),
+                       "see what the driver says in the kernel's log");
+        }
+        ok("adapter", fmt::format("{} adapter{}, {} endpoints on the first", count, count == 1 ? "" : "s",
+                                  nics[0].nic_max_endpoints));
+        tov_free_nicinfo(nics);
+
+        tov_ifaddrs *list = nullptr;
+        if (const int rc = tov_getifaddrs(&list, 1, &count); rc != 0)
+            return bad("address", "the interfaces cannot be listed: " + errno_text(rc), "try again");
+        for (const tov_ifaddrs *i = list; i != nullptr; i = i->tov_ifa_next)
+            if (wanted_.empty() || device_of(i->tov_ifa_name) == device_of(wanted_))
+                addresses_.push_back({i->tov_ifa_name, i->tov_ifa_ipaddr, i->tov_ifa_netmask,
+                                      (i->tov_ifa_flags & TOV_IFF_MULTICAST) != 0, i->tov_ifa_link_state != 0});
+        tov_freeifaddrs(list);
+        if (!addresses_.empty())
+            return true;
+        if (!wanted_.empty() && if_nametoindex(device_of(wanted_).c_str()) == 0)
+            return bad("address", "there is no interface " + wanted_, "name one that 'ip link' shows");
+        return bad("address",
+                   wanted_.empty() ? "no interface on an adapter has an IPv4 address"
+                                   : wanted_ + " is on no adapter, or has no IPv4 address: sockets there are not "
+                                               "accelerated",
+                   "give the adapter's interface an address: ip addr add ADDRESS/LENGTH dev IF");
+    }
+
+    void link()
+    {
+        for (const Address &a : addresses_) {
+            if (a.link_up)
+                ok("link", a.interface + ": up");
+            else
+                bad("link", a.interface + ": the adapter has no link",
+                    "set the interface up (ip link set IF up) and look at the cable and the switch");
+        }
+    }
+
+    void addresses()
+    {
+        for (const Address &a : addresses_) {
+            const std::string text = a.interface + ": " + addr_text(in_addr{a.address});
+            if ((ntohl(a.address) & 0xff) == 0xff)
+                warn("address", text + " ends in .255, which the library takes for a broadcast",
+                     "give the interface another address");
+            else if (a.interface.size() >= TOV_IFNAMSIZ - 1)
+                warn("address", text + ": the name fills its record", "use a shorter interface name");
+            else
+                ok("address", text);
+        }
+    }
+
+    void subnets()
+    {
+        bool clean = true;
+        for (size_t i = 0; i < addresses_.size(); i++)
+            for (size_t j = 0; j < i; j++) {
+                const Address &a = addresses_[i], &b = addresses_[j];
+                if ((a.address & b.netmask) != (b.address & b.netmask) &&
+                    (a.address & a.netmask) != (b.address & a.netmask))
+                    continue;
+                clean = false;
+                bad("subnets",
+                    fmt::format("{} ({}) and {} ({}) are on one subnet: an open ends the process", b.interface,
+                                addr_text(in_addr{b.address}), a.interface, addr_text(in_addr{a.address})),
+                    "leave one adapter address a subnet");
+            }
+        if (clean)
+            ok("subnets", "no two adapter addresses are on one subnet");
+    }
+
+    /* ---------------------------------------------------------- the host's tables */
+
+    void routes(const std::string &device)
+    {
+        std::ifstream table("/proc/net/route");
+        std::string line, name;
+        int count = 0;
+        bool gateway = false;
+        std::getline(table, line);
+        while (std::getline(table, line)) {
+            std::istringstream fields(line);
+            uint32_t destination = 0, hop = 0;
+            if (fields >> name >> std::hex >> destination >> hop && name == device) {
+                count++;
+                gateway = gateway || hop != 0;
+            }
+        }
+        if (count == 0)
+            warn("routes", device + ": the kernel has no route over it, so nothing can be sent",
+                 "set the interface up, or add a route: ip route add NET dev " + device);
+        else
+            ok("routes", fmt::format("{}: {} route{}{}; an endpoint reads them when it opens", device, count,
+                                     count == 1 ? "" : "s", gateway ? ", one by a gateway" : ""));
+    }
+
+    void neighbours(const std::string &device)
+    {
+        std::ifstream table("/proc/net/arp");
+        std::string line, address, type, flags, mac, mask, name;
+        int known = 0;
+        std::string unresolved;
+        std::getline(table, line);
+        while (std::getline(table, line)) {
+            std::istringstream fields(line);
+            if (!(fields >> address >> type >> flags >> mac >> mask >> name) || name != device)
+                continue;
+            if (flags == "0x0")
+                unresolved += (unresolved.empty() ? "" : ", ") + address;
+            else
+                known++;
+        }
+        if (!unresolved.empty())
+            warn("neighbours", device + ": no answer to ARP from " + unresolved,
+                 "see whether that host is up and on this network: ping it");
+        else
+            ok("neighbours", fmt::format("{}: {} known to the kernel", device, known));
+    }
+
+    void multicast(const std::string &device)
+    {
+        const auto interface =
+            std::ranges::find_if(addresses_, [&](const Address &a) { return device_of(a.interface) == device; });
+        if (!interface->multicast) {
+            warn("multicast", device + ": multicast is off, so groups cannot be joined",
+                 "ip link set " + device + " multicast on");
+            return;
+        }
+        const int forced = std::max(setting("ipv4/conf/all/force_igmp_version").value_or(0),
+                                    setting("ipv4/conf/" + device + "/force_igmp_version").value_or(0));
+        if (forced == 1 || forced == 2)
+            warn("igmp_version",
+                 fmt::format("{}: IGMP is held to version {}: switches are not told of sources", device, forced),
+                 "sysctl net.ipv4.conf." + device + ".force_igmp_version=0 (and .all.)");
+        else
+            ok("igmp_version", device + ": version 3");
+        const int most = setting("ipv4/igmp_max_memberships").value_or(default_memberships);
+        if (most < default_memberships)
+            warn("memberships", fmt::format("a channel can join {} groups at most", most),
+                 "sysctl net.ipv4.igmp_max_memberships=1000, if that is too few");
+        else
+            ok("memberships", fmt::format("a channel can join {} groups (net.ipv4.igmp_max_memberships)", most));
+    }
+
+    void reverse_path(const std::string &device)
+    {
+        const int mode = std::max(setting("ipv4/conf/all/rp_filter").value_or(0),
+                                  setting("ipv4/conf/" + device + "/rp_filter").value_or(0));
+        if (mode == 1)
+            warn("reverse_path",
+                 device + ": strict: the kernel drops datagrams whose source it would reach by another interface; "
+                          "accelerated ones are not checked",
+                 "sysctl net.ipv4.conf." + device + ".rp_filter=2 (and .all.), if kernel sockets miss datagrams");
+        else
+            ok("reverse_path", device + (mode == 0 ? ": off" : ": loose"));
+    }
+
+    void socket_buffer()
+    {
+        const int bytes = setting("core/rmem_max").value_or(small_socket_buffer);
+        if (bytes < small_socket_buffer)
+            warn("socket_buffer", fmt::format("kernel sockets hold {} bytes at most", bytes),
+                 "sysctl net.core.rmem_max=4194304, for programs that are not accelerated");
+        else
+            ok("socket_buffer", fmt::format("kernel sockets may hold {} bytes", bytes));
+    }
+
+    /* ---------------------------------------------------------- what the software adapter needs */
+
+    void packet_socket()
+    {
+        const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            warn("packet_socket", "packet sockets are refused: " + errno_text(errno),
+                 "the software adapter needs root, CAP_NET_RAW, or 'unshare -Urn'");
+            return;
+        }
+        close(fd);
+        ok("packet_socket", "packet sockets can be opened");
+    }
+
+    void watchpoints()
+    {
+        static uint32_t word;
+        perf_event_attr attr = {};
+        attr.type = PERF_TYPE_BREAKPOINT;
+        attr.size = sizeof attr;
+        attr.sample_period = 1;
+        attr.bp_type = HW_BREAKPOINT_W;
+        attr.bp_addr = reinterpret_cast<uintptr_t>(&word);
+        attr.bp_len = HW_BREAKPOINT_LEN_4;
+        attr.disabled = 1;
+        attr.exclude_kernel = 1;
+        attr.exclude_hv = 1;
+        attr.remove_on_exec = 1;
+        attr.sigtrap = 1;
+        const long fd = syscall(SYS_perf_event_open, &attr, 0, -1, -1, PERF_FLAG_FD_CLOEXEC);
+        if (fd < 0) {
+            warn("watchpoints", "hardware watchpoints are refused: " + errno_text(errno),
+                 "the software adapter sends more slowly (fallback mode); sysctl kernel.perf_event_paranoid=2 or less");
+            return;
+        }
+        close(static_cast<int>(fd));
+        ok("watchpoints", "hardware watchpoints can be had");
+    }
+
+    /* ---------------------------------------------------------- processors and clocks */
+
+    void processors()
+    {
+        cpu_set_t set;
+        const int count = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
+        if (count < 2)
+            warn("processors", "this process has one processor: whoever spins keeps the others waiting",
+                 "use the blocking receive mode, or more processors");
+        else
+            ok("processors", fmt::format("{} for this process", count));
+    }
+
+    void governor()
+    {
+        std::string slow;
+        std::error_code error;
+        for (const auto &cpu : std::filesystem::directory_iterator("/sys/devices/system/cpu", error)) {
+            const std::string name = cpu.path().filename();
+            if (!name.starts_with("cpu") || name.size() < 4 || isdigit(static_cast<unsigned char>(name[3])) == 0)
+                continue;
+            const auto mode = first_line(cpu.path() / "cpufreq/scaling_governor");
+            if (mode && *mode != "performance")
+                slow = *mode;
+        }
+        if (!slow.empty())
+            warn("governor", "processors run under the governor '" + slow + "'",
+                 "cpupower frequency-set -g performance");
+        else
+            ok("governor", "no frequency governor slows the processors");
+    }
+
+    void clock_source()
+    {
+        const auto source =
+            first_line("/sys/devices/system/clocksource/clocksource0/current_clocksource").value_or("unknown");
+        std::ifstream cpuinfo("/proc/cpuinfo");
+        const std::string text{std::istreambuf_iterator<char>(cpuinfo), {}};
+        if (text.find("constant_tsc") == std::string::npos)
+            warn("clock", "the processor's time stamp counter changes its rate (clock source " + source + ")",
+                 "timed waits of the library will be inexact: use another machine");
+        else if (source != "tsc" && source != "kvm-clock" && source != "hyperv_clocksource_tsc_page")
+            warn("clock", "the kernel's clock source is " + source + ": reading the time is slow",
+                 "see why the kernel distrusts the time stamp counter (dmesg | grep -i tsc)");
+        else
+            ok("clock", "clock source " + source + ", constant rate");
+    }
+
+    void clock_steering()
+    {
+        timex state = {};
+        adjtimex(&state);
+        if ((state.status & STA_UNSYNC) != 0)
+            warn("clock_sync", "nothing keeps the host's clock right, and with it adapter timestamps",
+                 "run chronyd, ntpd or phc2sys");
+        else
+            ok("clock_sync", fmt::format("the host's clock is kept right, to about {} us", state.maxerror));
+    }
+
+    std::string wanted_;
+    tov_handle_t handle_{};
+    std::vector<Address> addresses_;
+    std::vector<Finding> findings_;
+};
+
+} // namespace
+
+std::vector<Finding> examine(const std::string &interface) { return Examination(interface).all(); }
+
+} // namespace tools
