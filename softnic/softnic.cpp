@@ -46,6 +46,55 @@ int StepRunner::wait(Card &card, std::unique_lock<CardLock> &lock, const std::fu
     return 0;
 }
 
+void SteppedPort::set_switch(const SwitchOptions *options)
+{
+    const uint64_t now = runner_.now().real_ns;
+    std::lock_guard guard(switch_mutex_);
+    if (switch_) {
+        send_due_keyframes(now);
+        rewrite_waiting([](std::vector<uint8_t> *frame) { frame->resize(frame->size() - NUV_UEVT_FCS_LEN); });
+    }
+    switch_.reset();
+    if (options == nullptr)
+        return;
+    switch_.emplace(*options, now);
+    rewrite_waiting([&](std::vector<uint8_t> *frame) {
+        *frame = switch_->stamped(frame->data(), static_cast<uint32_t>(frame->size()), now);
+    });
+}
+
+void SteppedPort::send_due_keyframes(uint64_t now_ns)
+{
+    for (uint64_t due; (due = switch_->next_keyframe_ns()) <= now_ns && due != UINT64_MAX;) {
+        const std::vector<uint8_t> keyframe = switch_->keyframe(due);
+        if (!keyframe.empty())
+            inject(keyframe.data(), keyframe.size(), due);
+    }
+}
+
+void SteppedPort::arrive(const uint8_t *frame, size_t len)
+{
+    const uint64_t now = runner_.now().real_ns;
+    std::lock_guard guard(switch_mutex_);
+    if (!switch_) {
+        inject(frame, len, now);
+        return;
+    }
+    send_due_keyframes(now);
+    const std::vector<uint8_t> stamped = switch_->stamped(frame, static_cast<uint32_t>(len), now);
+    inject(stamped.data(), stamped.size(), now);
+}
+
+bool SteppedPort::receive(RxFrame *frame)
+{
+    {
+        std::lock_guard guard(switch_mutex_);
+        if (switch_)
+            send_due_keyframes(runner_.now().real_ns);
+    }
+    return MemoryPort::receive(frame);
+}
+
 namespace {
 
 BoardConfig board_config(const softnic_board_config_t &c)
@@ -96,7 +145,7 @@ Card *card_of(softnic_t *nic, unsigned board, unsigned endpoint)
     return card != nullptr && endpoint < card->board().endpoints() ? card : nullptr;
 }
 
-MemoryPort *port_of(softnic_t *nic, unsigned board)
+SteppedPort *port_of(softnic_t *nic, unsigned board)
 {
     return nic != nullptr && board < nic->ports.size() ? nic->ports[board].get() : nullptr;
 }
@@ -134,8 +183,9 @@ softnic_t *softnic_create(const softnic_board_config_t *boards, unsigned count, 
     std::vector<std::unique_ptr<Card>> cards;
     nic->requests.resize(count);
     for (unsigned board = 0; board < count; board++) {
-        nic->ports.push_back(std::make_unique<MemoryPort>());
+        nic->ports.push_back(std::make_unique<SteppedPort>(nic->runner));
         nic->ports.back()->set_link(boards[board].link_up != 0);
+        nic->trailer_on_wire.push_back(boards[board].trailer_on_wire != 0);
         cards.push_back(std::make_unique<Card>(card_config(boards[board], board), *nic->ports.back(), nic->runner));
         if (cards.back()->power_up() != 0)
             return nullptr;
@@ -244,8 +294,24 @@ void softnic_set_max_packets(softnic_t *nic, unsigned board, unsigned n)
 
 void softnic_inject(softnic_t *nic, unsigned board, const void *frame, size_t len)
 {
-    if (MemoryPort *port = port_of(nic, board))
-        port->inject(static_cast<const uint8_t *>(frame), len, softnic_now(nic));
+    if (SteppedPort *port = port_of(nic, board))
+        port->arrive(static_cast<const uint8_t *>(frame), len);
+}
+
+int softnic_set_switch(softnic_t *nic, unsigned board, const char *options)
+{
+    Card *card = card_of(nic, board);
+    if (card == nullptr || nic->trailer_on_wire[board])
+        return EINVAL;
+    const bool on = options != nullptr && *options != '\0';
+    SwitchOptions parsed;
+    std::string error;
+    if (on && !parse_switch_options(options, &parsed, &error))
+        return EINVAL;
+    std::lock_guard guard(card->lock());
+    nic->ports[board]->set_switch(on ? &parsed : nullptr);
+    card->board().set_trailer_on_wire(on);
+    return 0;
 }
 
 size_t softnic_take_sent(softnic_t *nic, unsigned board, void *frame, size_t cap)

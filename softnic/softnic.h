@@ -117,6 +117,24 @@ void softnic_inject(softnic_t *nic, unsigned board, const void *frame, size_t le
 size_t softnic_take_sent(softnic_t *nic, unsigned board, void *frame, size_t cap);
 unsigned softnic_sent_count(softnic_t *nic, unsigned board);
 
+/* Puts a model of a timestamping switch in front of the board, from now on: it appends its 4-byte stamp to every
+ * injected frame, and sends keyframes as virtual time moves, each at its own moment, the first at once. options is
+ * one or more of these, with commas between them (what is left out is as in a healthy switch: "seed=1" is one):
+ *
+ *     rate=HZ            rate of its clock, ticks a second (350000000)
+ *     interval=MS        from keyframe to keyframe, ms; 0 = none (1000)
+ *     skew=NUM/DEN       the clock's true rate is HZ * NUM / DEN, and keyframes carry both numbers
+ *     ptp-lost=FROM-TO   keyframes have no synchronisation time in this span, seconds after the call
+ *     lose=CHANCE        chance of each keyframe to be lost, 0 to 1 (0)
+ *     mode=N@SECONDS     keyframes announce mode N from then on; may be given again for later times (1@0)
+ *     dst=ADDRESS        where keyframes are sent to (1.1.1.0)
+ *     seed=N             of the losses (1)
+ *
+ * The same options and the same calls give the same frames. Another call replaces the switch by a new one; null or
+ * "" takes it away. Frames that wait for firmware are stamped, or lose their stamp, with the call. 0, or EINVAL and
+ * nothing changed: no such board, a board with trailer_on_wire, an option that is none or makes no sense. */
+int softnic_set_switch(softnic_t *nic, unsigned board, const char *options);
+
 void softnic_set_link(softnic_t *nic, unsigned board, int up);
 
 /* The next n sends (all with n below 0), or all changes of the steering, fail with this errno value; 0 ends it. */

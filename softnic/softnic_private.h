@@ -3,9 +3,11 @@
 
 #include "driver/driver.h"
 #include "ports/memory.h"
+#include "ports/switch.h"
 #include "softnic.h"
 
 #include <deque>
+#include <optional>
 
 namespace softnic {
 
@@ -28,13 +30,36 @@ private:
     std::atomic<uint64_t> now_ns_;
 };
 
+// The wire of a stepped board, with a switch in it when one is set. What the switch has sent by a moment of virtual
+// time lies before what arrives later, however far time moved between two looks.
+class SteppedPort : public MemoryPort {
+public:
+    explicit SteppedPort(Runner &runner) : runner_(runner) {}
+
+    // Frames that wait pass through it now; with no options the switch goes, and takes its stamps along.
+    void set_switch(const SwitchOptions *options);
+
+    // A frame for the board, through the switch if there is one.
+    void arrive(const uint8_t *frame, size_t len);
+
+    bool receive(RxFrame *frame) override;
+
+private:
+    void send_due_keyframes(uint64_t now_ns);
+
+    Runner &runner_;
+    std::mutex switch_mutex_;
+    std::optional<SwitchModel> switch_;
+};
+
 } // namespace softnic
 
 struct softnic_system {
     explicit softnic_system(uint64_t start_ns) : runner(start_ns) {}
 
     softnic::StepRunner runner;
-    std::vector<std::unique_ptr<softnic::MemoryPort>> ports;
+    std::vector<std::unique_ptr<softnic::SteppedPort>> ports;
+    std::vector<bool> trailer_on_wire; // boards that were made so
     std::unique_ptr<softnic::Driver> driver;
     bool attached = false;
 

@@ -98,6 +98,9 @@ public:
     bool remove_filter(unsigned ep, const SteerKey &key, uint16_t tag, Now now);
     void remove_all_filters(unsigned ep, Now now);
 
+    // Whether frames from now on arrive with a switch's trailer already on.
+    void set_trailer_on_wire(bool on) { config_.trailer_on_wire = on; }
+
     // A frame from the wire. It waits in the events being filled until publish().
     void receive(const uint8_t *frame, uint32_t len, Now now);
 

@@ -19,6 +19,13 @@ size_t MemoryPort::waiting() const
     return incoming_.size();
 }
 
+void MemoryPort::rewrite_waiting(const std::function<void(std::vector<uint8_t> *frame)> &change)
+{
+    std::lock_guard guard(mutex_);
+    for (Waiting &frame : incoming_)
+        change(&frame.bytes);
+}
+
 bool MemoryPort::take_sent(std::vector<uint8_t> *frame)
 {
     std::lock_guard guard(mutex_);

@@ -17,6 +17,9 @@ public:
     void inject(const uint8_t *frame, size_t len, uint64_t arrival_ns = 0);
     size_t waiting() const;
 
+    // Changes the frames that wait.
+    void rewrite_waiting(const std::function<void(std::vector<uint8_t> *frame)> &change);
+
     // The oldest frame that the adapter sent, padded; false when none is left.
     bool take_sent(std::vector<uint8_t> *frame);
     size_t sent_waiting() const;

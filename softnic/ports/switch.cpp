@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <sstream>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -136,9 +135,9 @@ uint16_t header_checksum(const uint8_t *header)
 
 bool parse_switch_options(const std::string &text, SwitchOptions *options, std::string *error)
 {
-    std::istringstream list(text);
-    std::string item;
-    while (std::getline(list, item, ',')) {
+    for (size_t at = 0, end = text.empty() ? std::string::npos : 0; end != std::string::npos; at = end + 1) {
+        end = text.find(',', at);
+        const std::string item = text.substr(at, end == std::string::npos ? end : end - at);
         std::string key, value;
         if (!split(item, '=', &key, &value) || !parse_option(key, value, options)) {
             *error = "switch option '" + item +

@@ -22,3 +22,4 @@ ruk_receive_test(libruk_arista_tests
 
 # Through the public calls and the stepped adapter.
 ruk_unit_test(libruk_recv_adapter_tests recv_adapter_test.cpp recv_frames.cpp)
+ruk_unit_test(libruk_switch_adapter_tests switch_adapter_test.cpp arista_model.cpp recv_frames.cpp)

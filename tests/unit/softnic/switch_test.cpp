@@ -173,6 +173,7 @@ TEST(SwitchOptionsText, EveryBadOption_RefusedWithItself)
                                   "seed=",
                                   "seed=0x1",
                                   "unknown=1",
+                                  "",
                                   "=",
                                   "mode"}) {
         SwitchOptions options;
