@@ -58,7 +58,7 @@ void describe_options(CLI::App &app, Options &opt)
                                                  : RUK_RECV_FILTER_NORMAL;
            },
            "Which frames to receive: normal (datagrams of the ports), allmulti (every multicast frame too), "
-           "raw (every frame, printed whole with its 4-byte trailer)")
+           "raw (every frame with its 4-byte trailer, less the last 2 bytes)")
         ->check(CLI::IsMember({"normal", "allmulti", "raw"}))
         ->type_name("MODE")
         ->default_str("normal");

@@ -2,6 +2,7 @@
 #include "arista_model.h"
 #include "capture.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -175,6 +176,36 @@ TEST(SwitchTime, LongSinceTheKeyframe_CoarseInSteps)
     EXPECT_EQ(rig.time_of(word_of(350000007)), UTC + 1000000000); /* 1000000020 */
     EXPECT_EQ(rig.time_of(word_of(350000014)), UTC + 1000000064); /* 1000000040 */
     EXPECT_EQ(rig.time_of(word_of(350000021)), UTC + 1000000064); /* 1000000060 */
+}
+
+/* What users are told of the accuracy: the largest error against exact sevenths, and that it does get near that. */
+TEST(SwitchTime, TimeSinceTheKeyframe_ErrorWithinItsBoundAndNearIt)
+{
+    Rig rig;
+    std::mt19937_64 random(6);
+    uint64_t from = 1;
+    for (auto [ms, bound] : {std::pair<uint64_t, int64_t>{30, 1},
+                             {100, 4},
+                             {200, 8},
+                             {500, 16},
+                             {1000, 32},
+                             {2000, 64},
+                             {4000, 128},
+                             {6100, 256}}) {
+        const uint64_t to = ms * 350000;
+        int64_t largest = 0;
+        for (int i = 0; i < 20000; i++) {
+            const uint64_t ticks = from + random() % (to - from);
+            rig.ctl().arct_last_ts = 0;
+            const uint64_t time = arista_compute_timestamp(rig.ep, static_cast<uint32_t>(ticks));
+            /* In sevenths of a nanosecond. */
+            const int64_t error = static_cast<int64_t>(7 * (time - UTC)) - static_cast<int64_t>(20 * ticks);
+            largest = std::max(largest, error < 0 ? -error : error);
+        }
+        EXPECT_LE(largest, 7 * bound) << ms << " ms";
+        EXPECT_GE(largest, 7 * bound * 3 / 4) << ms << " ms";
+        from = to;
+    }
 }
 
 TEST(SwitchTime, StampBeforeTheKeyframe_UnsignedDifferenceGoesRound)

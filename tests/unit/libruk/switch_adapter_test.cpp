@@ -204,6 +204,31 @@ TEST(SteppedSwitch, PtpLostForLong_ReportedAfterSevenSecondsThenSilentlyActiveAg
     }
 }
 
+TEST(SteppedSwitch, PtpLostForever_ReportedEveryTenSeconds)
+{
+    Behind b("ptp-lost=2-1000");
+    EXPECT_EQ(b.pass(0), "");
+    for (uint64_t second = 1; second <= 100; second++) {
+        const std::string line = b.pass(SECOND);
+        EXPECT_EQ(line, second % 10 == 0
+                            ? said(START + second * SECOND, "can't PTP sync anymore, time might be unreliable")
+                            : "")
+            << second;
+    }
+}
+
+TEST(SteppedSwitch, PtpLostAgainAfterAShortLoss_ReportedWithTheFirstKeyframe)
+{
+    /* The first loss's wait, from 2 s to 9 s, is not ended by the return at 4 s. */
+    Behind first("ptp-lost=2-4");
+    EXPECT_EQ(first.pass(0), "");
+    for (uint64_t second = 1; second <= 20; second++)
+        EXPECT_EQ(first.pass(SECOND), "") << second;
+    ASSERT_EQ(softnic_set_switch(first.wire.nic, 0, "ptp-lost=0-1"), 0);
+    EXPECT_EQ(first.pass(0), said(START + 20 * SECOND, "can't PTP sync anymore, time might be unreliable"));
+    EXPECT_EQ(first.pass(SECOND), said(START + 21 * SECOND, "did resync with PTP protocol"));
+}
+
 TEST(SteppedSwitch, PtpRegainedAtOnce_BothReported)
 {
     Behind b("ptp-lost=2-10.5");
