@@ -4,8 +4,10 @@
 #include "scoped_env.h"
 #include "socket_seam.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -318,4 +320,81 @@ TEST(SwitchSummary, NoMemoryForIt_ClosedWithout)
     EXPECT_EQ(rig.close(), 0);
     EXPECT_EQ(streams.err(), "");
     EXPECT_TRUE(rig.closed());
+}
+
+/* ------------------------------------------------------------------ the records */
+
+TEST(SwitchRecords, FieldsAndValues_InTheirPlaces)
+{
+    EXPECT_EQ(ARISTA_STATUS_DISABLED, 0u);
+    EXPECT_EQ(ARISTA_STATUS_INITED, 1u);
+    EXPECT_EQ(ARISTA_STATUS_CHANGEDMODE, 2u);
+    EXPECT_EQ(ARISTA_STATUS_FALLBACK_LOCAL, 3u);
+    EXPECT_EQ(ARISTA_STATUS_ACTIVE, 4u);
+    EXPECT_EQ(ARISTA_STATUS_OUTOFSYNC, 5u);
+    EXPECT_EQ(ARISTA_STATUS_NEED_KEYFRAME, 6u);
+    EXPECT_EQ(ARISTA_FCS_TIMESTAMPING_DISABLED, 0u);
+    EXPECT_EQ(ARISTA_FCS_TIMESTAMPING_APPENDED, 1u);
+    EXPECT_EQ(ARISTA_FCS_TIMESTAMPING_OVERWRITE, 2u);
+    EXPECT_EQ(ARISTA_FCS_TIMESTAMPING_TESTING_MODE, 3u);
+
+    /* Each field begins where the one before ends, at its own alignment. */
+    struct Field {
+        size_t at, size, align;
+    };
+    const auto check = [](std::initializer_list<Field> fields, size_t whole) {
+        size_t at = 0, widest = 1;
+        for (const Field &f : fields) {
+            at = (at + f.align - 1) / f.align * f.align;
+            EXPECT_EQ(f.at, at);
+            at += f.size;
+            widest = std::max(widest, f.align);
+        }
+        EXPECT_EQ(whole, (at + widest - 1) / widest * widest);
+    };
+    struct U64 {
+        uint64_t value;
+    };
+    const size_t a64 = alignof(U64); /* in a record: 4 where words have 32 bits */
+    using K = arista_keyframe;
+    check({{offsetof(K, ak_asic_time), 8, a64},
+           {offsetof(K, ak_utc_time), 8, a64},
+           {offsetof(K, ak_last_sync_time), 8, a64},
+           {offsetof(K, ak_skew_numerator), 8, a64},
+           {offsetof(K, ak_skew_denominator), 8, a64},
+           {offsetof(K, ak_kf_timestamp), 8, a64},
+           {offsetof(K, ak_dropped_frames), 8, a64},
+           {offsetof(K, ak_device_id), 2, 2},
+           {offsetof(K, ak_egress_swport), 2, 2},
+           {offsetof(K, ak_fcs_type), 1, 1},
+           {offsetof(K, ak_reserved), 1, 1}},
+          sizeof(K));
+    using S = arista_stats;
+    check({{offsetof(S, arst_kfrecv), 8, a64},
+           {offsetof(S, arst_kfneeded), 8, a64},
+           {offsetof(S, arst_kfmalformed), 8, a64},
+           {offsetof(S, arst_kfmalformedlen), 4, 4},
+           {offsetof(S, arst_flips), 8, a64},
+           {offsetof(S, arst_ptpoos), 8, a64},
+           {offsetof(S, arst_unsupported_mode), 8, a64},
+           {offsetof(S, arst_dropped), 8, a64},
+           {offsetof(S, arst_neg_adj_event), 8, a64}},
+          sizeof(S));
+    using C = ast_ctl_t;
+    check({{offsetof(C, arct_mode), 4, 4},
+           {offsetof(C, arct_status), 4, 4},
+           {offsetof(C, arct_kf_check_rate), 1, 1},
+           {offsetof(C, arct_kf_check_ptp), 1, 1},
+           {offsetof(C, arct_kf_recv), 1, 1},
+           {offsetof(C, arct_kf_dupkern), 1, 1},
+           {offsetof(C, arct_kf_last_ts), 4, 4},
+           {offsetof(C, arct_lastkf), sizeof(K), a64},
+           {offsetof(C, arct_kf_hasskew), 1, 1},
+           {offsetof(C, arct_kf_flipped), 8, a64},
+           {offsetof(C, arct_kf_ptp_wait), 8, a64},
+           {offsetof(C, arct_stats), sizeof(S), a64},
+           {offsetof(C, arct_prodname), 4, 1},
+           {offsetof(C, arct_kf_dst_ip), 4, 4},
+           {offsetof(C, arct_last_ts), 8, a64}},
+          sizeof(C));
 }

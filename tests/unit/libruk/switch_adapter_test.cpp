@@ -3,6 +3,7 @@
 #include "arista_model.h"
 #include "capture.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <random>
@@ -463,4 +464,45 @@ TEST(SteppedSwitch, BoardWhoseFramesComeStamped_Refused)
     Wire wire([](softnic_board_config_t &config) { config.trailer_on_wire = 1; });
     EXPECT_EQ(softnic_set_switch(wire.nic, 0, "seed=1"), EINVAL);
     EXPECT_EQ(softnic_set_switch(wire.nic, 0, nullptr), EINVAL);
+}
+
+/* ------------------------------------------------------------------ open and close */
+
+TEST(SteppedSwitch, EndpointClosed_KeyframeFilterGoesWithItAndIsNotRemovedBefore)
+{
+    Behind b("seed=1");
+    EXPECT_EQ(softnic_steered(b.wire.nic, 0, 0x01010100, 0, 0, 253), 1);
+    ruk_channel_t other = b.ep.bind();
+    softnic_clear_commands(b.wire.nic);
+    EXPECT_EQ(ruk_unbind(other), 0);
+    unsigned long commands[64];
+    size_t n = softnic_commands(b.wire.nic, commands, 64);
+    EXPECT_EQ(std::count(commands, commands + n, 0x50ebul), 1); /* a removal does show */
+
+    Endpoint without_channels;
+    softnic_clear_commands(b.wire.nic);
+    EXPECT_EQ(ruk_close(without_channels.dev), 0);
+    without_channels.dev = nullptr;
+    n = softnic_commands(b.wire.nic, commands, 64);
+    EXPECT_EQ(std::count(commands, commands + n, 0x50ebul), 0);
+
+    EXPECT_EQ(ruk_close(b.ep.dev), 0);
+    b.ep.dev = nullptr;
+    EXPECT_EQ(softnic_steered(b.wire.nic, 0, 0x01010100, 0, 0, 253), 0);
+}
+
+TEST(SteppedSwitch, TwoEndpoints_EachHasItsOwnKeyframesAndState)
+{
+    Behind b("interval=1000");
+    Endpoint second;
+    const uint16_t port = second.port_of(second.bind());
+    softnic_run(b.wire.nic);
+    EXPECT_EQ(recv(second).rc, EAGAIN); /* the second takes its first keyframe, the first leaves its own */
+    softnic_advance(b.wire.nic, 20);
+    b.wire.inject(frame_for(port, text("for the second")));
+    softnic_run(b.wire.nic);
+    EXPECT_EQ(recv(second).info.timestamp, START + 20); /* 7 ticks */
+    EXPECT_EQ(recv(b.ep).rc, EAGAIN);
+    softnic_advance(b.wire.nic, 20);
+    EXPECT_EQ(b.time_now(), START + 40);
 }
