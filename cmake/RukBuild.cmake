@@ -21,8 +21,13 @@ if(RUK_SANITIZE STREQUAL "address")
 elseif(RUK_SANITIZE STREQUAL "thread")
   add_compile_options(-fsanitize=thread)
   add_link_options(-fsanitize=thread)
+elseif(RUK_SANITIZE STREQUAL "fuzzer")
+  # clang alone. The fuzzing programs themselves take the driver with its main() as well.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
 elseif(NOT RUK_SANITIZE STREQUAL "")
-  message(FATAL_ERROR "RUK_SANITIZE is empty, address or thread, not '${RUK_SANITIZE}'")
+  message(FATAL_ERROR "RUK_SANITIZE is empty, address, thread or fuzzer, not '${RUK_SANITIZE}'")
 endif()
 
 # The source revision, for the library's build string.
