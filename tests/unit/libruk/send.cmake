@@ -10,3 +10,8 @@ ruk_unit_test(libruk_send_tests ${RUK_SEND_TEST_SUPPORT}
 # Sending and the copy are built into this one over a vocabulary that writes down each access; the archive's are not
 # linked.
 ruk_unit_test(libruk_send_order_tests ${RUK_SEND_TEST_SUPPORT} send_order_test.cpp)
+
+# Routes, next hops and send handles.
+ruk_unit_test(libruk_route_tests ${RUK_SEND_TEST_SUPPORT}
+    route_table_test.cpp
+    route_resolve_test.cpp)
