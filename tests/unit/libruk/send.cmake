@@ -15,3 +15,5 @@ ruk_unit_test(libruk_send_order_tests ${RUK_SEND_TEST_SUPPORT} send_order_test.c
 ruk_unit_test(libruk_route_tests ${RUK_SEND_TEST_SUPPORT}
     route_table_test.cpp
     route_resolve_test.cpp)
+ruk_unit_test(libruk_handle_tests ${RUK_SEND_TEST_SUPPORT}
+    send_connect_test.cpp)
