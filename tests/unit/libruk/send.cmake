@@ -17,4 +17,5 @@ ruk_unit_test(libruk_route_tests ${RUK_SEND_TEST_SUPPORT}
     route_resolve_test.cpp)
 ruk_unit_test(libruk_handle_tests ${RUK_SEND_TEST_SUPPORT}
     send_connect_test.cpp
-    send_handle_test.cpp)
+    send_handle_test.cpp
+    send_adapter_test.cpp)
