@@ -1,5 +1,7 @@
 // Runs a program with the software adapter in place of a card: the adapter is preloaded into it.
 #include "nuv_types.h"
+#include "ports/packet.h"
+#include "ports/switch.h"
 
 #include <algorithm>
 #include <array>
@@ -12,8 +14,10 @@
 #include <net/if.h>
 #include <netpacket/packet.h>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -112,6 +116,11 @@ Options parse(int argc, char **argv)
             if (options.switch_kind != "wire" && options.switch_kind != "model" &&
                 !options.switch_kind.starts_with("model,"))
                 fail(kFailed, "unknown switch '%s': it is wire or model[,KEY=VALUE...]", options.switch_kind.c_str());
+            softnic::SwitchOptions model;
+            std::string error;
+            if (options.switch_kind.starts_with("model,") &&
+                !softnic::parse_switch_options(options.switch_kind.substr(strlen("model,")), &model, &error))
+                fail(kFailed, "switch: %s", error.c_str());
         } else {
             fail(kFailed, "unknown option '%s' (see rukrun --help)", argv[i]);
         }
@@ -144,24 +153,33 @@ std::vector<std::string> family_interfaces()
     ifaddrs *list;
     if (getifaddrs(&list) < 0)
         fail(kFailed, "cannot list the interfaces: %s", strerror(errno));
-    std::vector<std::pair<int, std::string>> found;
+    struct Found {
+        int index;
+        std::string name;
+        std::array<uint8_t, 6> mac;
+    };
+    std::vector<Found> found;
     for (const ifaddrs *i = list; i != nullptr; i = i->ifa_next) {
         if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_PACKET || (i->ifa_flags & IFF_UP) == 0)
             continue;
         sockaddr_ll address;
         memcpy(&address, i->ifa_addr, sizeof(address));
-        if (address.sll_halen == 6 && address.sll_addr[0] == OXEL_MAC_PREFIX_0 &&
-            address.sll_addr[1] == OXEL_MAC_PREFIX_1 && address.sll_addr[2] == OXEL_MAC_PREFIX_2)
-            found.emplace_back(address.sll_ifindex, i->ifa_name);
+        std::array<uint8_t, 6> mac = {};
+        memcpy(mac.data(), address.sll_addr, mac.size());
+        if (address.sll_halen == mac.size() && mac[0] == OXEL_MAC_PREFIX_0 && mac[1] == OXEL_MAC_PREFIX_1 &&
+            mac[2] == OXEL_MAC_PREFIX_2)
+            found.push_back({address.sll_ifindex, i->ifa_name, mac});
     }
     freeifaddrs(list);
-    std::sort(found.begin(), found.end());
+    std::sort(found.begin(), found.end(), [](const Found &a, const Found &b) { return a.index < b.index; });
+    // One adapter a MAC address. An interface that lies on another one, as a VLAN's does, bears the other's address
+    // and is younger; the library finds the adapter of such an interface by that address, and what arrives on it
+    // arrives on the one below. A second adapter there would see the same frames untagged and never be found.
     std::vector<std::string> names;
-    for (const auto &[index, name] : found) {
-        // A VLAN interface shares the address of the one it lies on, which is the adapter.
-        if (name.find('.') == std::string::npos)
-            names.push_back(name);
-    }
+    std::set<std::array<uint8_t, 6>> taken;
+    for (const Found &interface : found)
+        if (taken.insert(interface.mac).second)
+            names.push_back(interface.name);
     if (names.empty())
         fail(kFailed, "no interface is up and has a MAC address that begins with %02x:%02x:%02x: name one",
              OXEL_MAC_PREFIX_0, OXEL_MAC_PREFIX_1, OXEL_MAC_PREFIX_2);
@@ -173,6 +191,23 @@ void check_privilege()
     const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
     if (fd < 0)
         fail(kFailed, "cannot open a packet socket: %s (run as root, or inside 'unshare -Urn')", strerror(errno));
+    close(fd);
+}
+
+// Opens each adapter's port as the program is going to: what would leave it without an adapter is said here, before it
+// runs. An interface that is down would open all the same and carry nothing.
+void check_ports(const std::vector<std::string> &names)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    for (const std::string &name : names) {
+        ifreq request = {};
+        name.copy(request.ifr_name, IFNAMSIZ - 1);
+        if (ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) == 0)
+            fail(kFailed, "interface '%s' is not up", name.c_str());
+        std::string error;
+        if (!softnic::make_packet_port(name, &error))
+            fail(kFailed, "no adapter over '%s': %s", name.c_str(), error.c_str());
+    }
     close(fd);
 }
 
@@ -281,6 +316,7 @@ int main(int argc, char **argv)
     check_interfaces(options.interfaces);
     check_privilege();
     const std::vector<std::string> interfaces = options.interfaces.empty() ? family_interfaces() : options.interfaces;
+    check_ports(interfaces);
     const std::string library = adapter_library();
 
     std::string names;

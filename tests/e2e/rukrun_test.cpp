@@ -135,6 +135,47 @@ TEST_F(RukrunTest, NoRightToOpenPacketSockets_OneLineAndStatus)
                               "'unshare -Urn')\n");
 }
 
+// What the adapter could not open inside the program is said before the program runs.
+TEST_F(RukrunTest, PortsThatCannotBeOpened_OneLineAndStatus_ProgramDoesNotRun)
+{
+    lab.run(lab.adapter, "ip link add oxel7 address 02:6f:78:00:00:07 type veth peer name other7"
+                         " && ip tuntap add dev point7 mode tun && ip link set point7 up");
+    const std::pair<const char *, const char *> cases[] = {
+        {"--soft=oxel7", "rukrun: interface 'oxel7' is not up\n"},
+        {"--soft=oxel0,oxel7", "rukrun: interface 'oxel7' is not up\n"},
+        {"--soft=oxel0,point7", "rukrun: no adapter over 'point7': point7 is no Ethernet interface\n"},
+    };
+    for (const auto &[option, line] : cases) {
+        auto program = rukrun({option, kLaunched});
+        EXPECT_TRUE(program->exited_with(125)) << *program;
+        EXPECT_EQ(program->err(), line);
+        EXPECT_EQ(program->out(), "");
+    }
+}
+
+TEST_F(RukrunTest, SwitchOptionsThatMakeNoSense_OneLineAndStatus_ProgramDoesNotRun)
+{
+    for (const char *option : {"--switch=model,colour=red", "--switch=model,rate=fast"}) {
+        auto program = rukrun({"--soft=oxel0", option, kLaunched});
+        EXPECT_TRUE(program->exited_with(125)) << *program;
+        EXPECT_EQ(program->err().find("rukrun: switch: "), 0u) << *program;
+        EXPECT_EQ(program->err().find('\n'), program->err().size() - 1) << *program;
+        EXPECT_EQ(program->out(), "");
+    }
+}
+
+// A VLAN's interface bears the address of the one it lies on, whatever its name; that one is the adapter.
+TEST_F(RukrunTest, NoInterfaceNamed_OneAdapterForEachAddress_OverTheOldestThatBearsIt)
+{
+    lab.run(lab.adapter, "ip link add oxel0.5 address 02:6f:78:00:00:01 type veth peer name other5"
+                         " && ip link add vlan6 address 02:6f:78:00:00:01 type veth peer name other6"
+                         " && ip link add oxel9.fast address 02:6f:78:00:00:09 type veth peer name other9"
+                         " && ip link set oxel0.5 up && ip link set vlan6 up && ip link set oxel9.fast up");
+    auto program = rukrun({"--soft", kLaunched});
+    EXPECT_TRUE(program->exited_with(7)) << *program;
+    EXPECT_NE(program->out().find("RUK_SOFTNIC=oxel0,oxel9.fast\n"), std::string::npos) << *program;
+}
+
 TEST_F(RukrunTest, HelpAndVersion_OnStandardOutput)
 {
     auto program = rukrun({"--help"});
