@@ -31,7 +31,7 @@ ConsumerWatch::~ConsumerWatch()
 
 bool ConsumerWatch::watch(void *page, size_t len)
 {
-    fd_ = static_cast<int>(::syscall(SYS_userfaultfd, O_CLOEXEC | O_NONBLOCK | UFFD_USER_MODE_ONLY));
+    fd_ = sys::keep(static_cast<int>(::syscall(SYS_userfaultfd, O_CLOEXEC | O_NONBLOCK | UFFD_USER_MODE_ONLY)));
     if (fd_ < 0)
         return false;
     uffdio_api api = {};

@@ -42,6 +42,8 @@ int DeviceFd::create(bool close_on_exec)
     return 0;
 }
 
+void DeviceFd::keep() { fd_ = sys::keep(fd_); }
+
 bool DeviceFd::is(int fd) const
 {
     struct stat st;

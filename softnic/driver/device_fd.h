@@ -14,6 +14,9 @@ public:
     // The lowest free number. 0 or an errno value.
     int create(bool close_on_exec);
 
+    // The descriptor is the adapter's own, not the program's.
+    void keep();
+
     int fd() const { return fd_; }
 
     // The number still means this descriptor.

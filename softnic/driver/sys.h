@@ -2,6 +2,7 @@
 // itself; its own calls must neither come back to it nor be seen by others who stand at the libc boundary.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +13,43 @@
 
 namespace softnic::sys {
 
-inline int close(int fd) { return static_cast<int>(::syscall(SYS_close, fd)); }
+// The descriptors that the adapter has for itself. The program knows nothing of them: calls that close whatever is
+// open pass them over, and their numbers lie above those that it uses.
+constexpr int kMostKept = 65536, kFirstKept = 512;
+inline std::atomic<uint8_t> g_kept[kMostKept];
+
+inline bool is_kept(int fd) { return fd >= 0 && fd < kMostKept && g_kept[fd].load(std::memory_order_relaxed) != 0; }
+
+inline int close(int fd)
+{
+    if (is_kept(fd))
+        g_kept[fd].store(0, std::memory_order_relaxed);
+    return static_cast<int>(::syscall(SYS_close, fd));
+}
+
+// Keeps a descriptor that closes on exec, until it is closed here. Returns its number from now on; passes errors on.
+inline int keep(int fd)
+{
+    if (fd < 0)
+        return fd;
+    const int error = errno;
+    const int high = ::fcntl(fd, F_DUPFD_CLOEXEC, kFirstKept);
+    if (high >= 0)
+        sys::close(fd);
+    const int kept = high >= 0 ? high : fd; // few descriptors allowed: it stays where it is
+    if (kept < kMostKept)
+        g_kept[kept].store(1, std::memory_order_relaxed);
+    errno = error;
+    return kept;
+}
+
+// In a child: what was kept is the parent's.
+inline void forget_kept()
+{
+    for (std::atomic<uint8_t> &kept : g_kept)
+        kept.store(0, std::memory_order_relaxed);
+}
+
 inline int open(const char *path, int flags)
 {
     return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, 0666));

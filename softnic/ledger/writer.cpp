@@ -64,7 +64,7 @@ LedgerWriter::~LedgerWriter()
 int LedgerWriter::create(Card &card, unsigned board)
 {
     board_ = board;
-    fd_ = static_cast<int>(::syscall(SYS_memfd_create, kLedgerName, MFD_CLOEXEC));
+    fd_ = sys::keep(static_cast<int>(::syscall(SYS_memfd_create, kLedgerName, MFD_CLOEXEC)));
     if (fd_ < 0)
         return errno;
     struct stat st;

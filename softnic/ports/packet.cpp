@@ -67,7 +67,7 @@ public:
     // Not bound to any protocol yet, so nothing arrives.
     bool open()
     {
-        fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+        fd_ = sys::keep(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
         if (fd_ < 0)
             return false;
         guard_.guard(&fd_);

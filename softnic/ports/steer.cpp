@@ -272,7 +272,7 @@ void add_rule(NetlinkBatch *batch, const std::string &table, const SetShape &set
 int Steering::open(const std::string &ifname)
 {
     close();
-    fd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
+    fd_ = sys::keep(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
     if (fd_ < 0)
         return errno;
     guard_.guard(&fd_);

@@ -1,5 +1,7 @@
 #include "switch.h"
 
+#include "../driver/sys.h"
+
 #include <arpa/inet.h>
 #include <charconv>
 #include <cmath>
@@ -230,8 +232,8 @@ SwitchPort::SwitchPort(std::unique_ptr<Port> wire, const SwitchOptions &options,
 {
     if (!wake_by_timer)
         return;
-    timer_fd_ = timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC);
-    epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+    timer_fd_ = sys::keep(timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC));
+    epoll_fd_ = sys::keep(epoll_create1(EPOLL_CLOEXEC));
     for (int fd : {timer_fd_, wire_->poll_fd()}) {
         epoll_event event = {};
         event.events = EPOLLIN;
@@ -244,9 +246,9 @@ SwitchPort::SwitchPort(std::unique_ptr<Port> wire, const SwitchOptions &options,
 SwitchPort::~SwitchPort()
 {
     if (timer_fd_ >= 0)
-        close(timer_fd_);
+        sys::close(timer_fd_);
     if (epoll_fd_ >= 0)
-        close(epoll_fd_);
+        sys::close(epoll_fd_);
 }
 
 void SwitchPort::arm_timer()

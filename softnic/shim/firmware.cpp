@@ -99,6 +99,7 @@ int Firmware::start()
 {
     if (int rc = control_.create(true))
         return rc;
+    control_.keep();
     single_cpu_ = allowed_cpus() < 2;
     (void)ledger_.create(card_, options_.board);
     if (g_registry == nullptr) // under the lock that boards are made under

@@ -9,10 +9,12 @@
 
 #include "../driver/sys.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstring>
 #include <dlfcn.h>
+#include <linux/close_range.h>
 #include <new>
 #include <pthread.h>
 
@@ -56,11 +58,40 @@ void forget_in_child()
     new (&g_make_mutex) std::mutex;
     for (auto &ours : g_ours)
         ours.store(0, std::memory_order_relaxed);
+    sys::forget_kept();
     g_owner.store(::getpid(), std::memory_order_relaxed);
     if (after_fork != nullptr)
         after_fork();
     if (driver != nullptr && g_driver.load(std::memory_order_relaxed) == driver)
         driver->forget();
+}
+
+// The number is one of the adapter's own descriptors, of which the program knows nothing. A child that went through no
+// fork handler may close its copies.
+bool off_limits(int fd) { return sys::is_kept(fd) && g_owner.load(std::memory_order_relaxed) == ::getpid(); }
+
+int plain_close_range(unsigned first, unsigned last, int flags)
+{
+    return static_cast<int>(::syscall(SYS_close_range, first, last, flags));
+}
+
+// Closes devices as close() does, and leaves what is off limits.
+int close_all_between(unsigned first, unsigned last, int flags)
+{
+    if (first > last || (flags & CLOSE_RANGE_CLOEXEC) != 0 || g_owner.load(std::memory_order_relaxed) != ::getpid())
+        return plain_close_range(first, last, flags);
+    const unsigned known = std::min<unsigned>(last, kMaxDescriptors - 1);
+    for (unsigned fd = first; fd <= known; fd++) {
+        if (Driver *driver = driver_of(static_cast<int>(fd)))
+            driver->close(static_cast<int>(fd));
+        if (!off_limits(static_cast<int>(fd)))
+            continue;
+        if (fd > first)
+            if (int rc = plain_close_range(first, fd - 1, flags))
+                return rc;
+        first = fd + 1;
+    }
+    return first <= last ? plain_close_range(first, last, flags) : 0;
 }
 
 // False when the memory must stay.
@@ -293,7 +324,21 @@ __attribute__((visibility("default"))) int close(int fd)
 {
     if (Driver *driver = driver_of(fd))
         return driver->close(fd);
+    if (off_limits(fd)) {
+        errno = EBADF;
+        return -1;
+    }
     return g_next.close != nullptr ? g_next.close(fd) : sys::close(fd);
+}
+
+__attribute__((visibility("default"))) int close_range(unsigned first, unsigned last, int flags) noexcept
+{
+    return close_all_between(first, last, flags);
+}
+
+__attribute__((visibility("default"))) void closefrom(int first) noexcept
+{
+    close_all_between(first < 0 ? 0 : static_cast<unsigned>(first), ~0u, 0);
 }
 
 __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) noexcept

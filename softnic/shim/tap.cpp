@@ -1,5 +1,7 @@
 #include "tap.h"
 
+#include "../driver/sys.h"
+
 #include <errno.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -367,7 +369,7 @@ void release_state(TapState *tap)
     tap->active.store(false, std::memory_order_release);
     tap->watch.close();
     if (tap->eventfd >= 0)
-        close(tap->eventfd);
+        sys::close(tap->eventfd);
     tap->eventfd = -1;
     tap->app = 0;
 }
@@ -418,7 +420,7 @@ std::unique_ptr<RequestTap> RequestTap::create(TapMode preferred, void *app, voi
     for (auto *counter : {&tap->queued, &tap->polled, &tap->async_hits, &tap->overflows, &tap->emulated, &tap->stepped,
                           &tap->idle_wakes})
         *counter = 0;
-    tap->eventfd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    tap->eventfd = sys::keep(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     tap->mode = preferred;
 
     if (preferred != TapMode::fallback) {

@@ -1,5 +1,7 @@
 #include "tap_watch.h"
 
+#include "../driver/sys.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <linux/hw_breakpoint.h>
@@ -41,7 +43,7 @@ int open_event(pid_t tid, const TapWatch::Word &word)
     attr.remove_on_exec = 1;
     attr.sigtrap = 1;
     attr.sig_data = cookie_mark | word.cookie;
-    return int(syscall(SYS_perf_event_open, &attr, tid, -1, -1, PERF_FLAG_FD_CLOEXEC));
+    return sys::keep(int(syscall(SYS_perf_event_open, &attr, tid, -1, -1, PERF_FLAG_FD_CLOEXEC)));
 }
 
 std::set<pid_t> threads_of_process()
@@ -110,7 +112,7 @@ int TapWatch::open(const Word *words, unsigned count)
 void TapWatch::close()
 {
     for (int event : events_)
-        ::close(event);
+        sys::close(event);
     events_.clear();
 }
 

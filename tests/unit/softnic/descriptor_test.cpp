@@ -2,8 +2,11 @@
 #include "rig.h"
 
 #include "child.h"
+#include "driver/sys.h"
 
+#include <algorithm>
 #include <fstream>
+#include <linux/close_range.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/select.h>
@@ -24,6 +27,7 @@ namespace softnic_test {
 namespace {
 
 using test_support::run_in_child;
+namespace sys = softnic::sys;
 
 bool is_device(int fd)
 {
@@ -304,6 +308,51 @@ TEST(Reuse, EveryDescriptorClosedAtOnce_LeavesAUsableAdapter)
         nic.inject(make_frame());
         softnic_run(nic);
         EXPECT_TRUE(readable(dev.fd));
+        return 0;
+    });
+    EXPECT_TRUE(child.exited_with(0)) << child;
+}
+
+TEST(Reuse, RangeClosedByTheLibrary_ClosesTheDevicesInItAsCloseDoes)
+{
+    Nic nic;
+    Device first, second;
+    ASSERT_EQ(first.set_up(0), 0);
+    ASSERT_EQ(second.set_up(1), 0);
+    const auto [low, high] = std::minmax(first.fd, second.fd);
+    EXPECT_EQ(close_range(static_cast<unsigned>(high), static_cast<unsigned>(low), 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(close_range(static_cast<unsigned>(first.fd), static_cast<unsigned>(first.fd), CLOSE_RANGE_CLOEXEC), 0);
+    EXPECT_EQ(fcntl(first.fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(softnic_claimed(nic, 0), 3u); // still open
+    EXPECT_EQ(close_range(static_cast<unsigned>(first.fd), static_cast<unsigned>(first.fd), 0), 0);
+    EXPECT_EQ(softnic_claimed(nic, 0), 2u);
+    EXPECT_EQ(fcntl(first.fd, F_GETFD), -1);
+    EXPECT_TRUE(is_device(second.fd));
+    first.fd = -1;
+}
+
+TEST(Reuse, EverythingClosedByTheLibrary_LeavesWhatTheAdapterKeeps)
+{
+    const auto child = run_in_child([] {
+        Nic nic;
+        auto *dev = new Device;
+        EXPECT_EQ(dev->set_up(0), 0);
+        const int plain = open("/dev/null", O_RDWR | O_CLOEXEC);
+        const int kept = sys::keep(open("/dev/null", O_RDWR | O_CLOEXEC));
+        EXPECT_GE(kept, 512);
+        EXPECT_EQ(close(kept), -1);
+        EXPECT_EQ(errno, EBADF);
+        closefrom(3);
+        EXPECT_EQ(fcntl(dev->fd, F_GETFD), -1);
+        EXPECT_EQ(softnic_claimed(nic, 0), 0u);
+        EXPECT_EQ(fcntl(plain, F_GETFD), -1);
+        EXPECT_EQ(fcntl(kept, F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(close_range(3, ~0u, 0), 0);
+        EXPECT_EQ(fcntl(kept, F_GETFD), FD_CLOEXEC);
+        sys::close(kept);
+        EXPECT_EQ(fcntl(kept, F_GETFD), -1);
+        dev->fd = -1;
         return 0;
     });
     EXPECT_TRUE(child.exited_with(0)) << child;
