@@ -359,6 +359,12 @@ int softnic_steered(softnic_t *nic, unsigned board, uint32_t ip, uint16_t port_n
     return port != nullptr && port->steered().count(key) != 0 ? 1 : 0;
 }
 
+int softnic_promiscuous(softnic_t *nic, unsigned board)
+{
+    MemoryPort *port = port_of(nic, board);
+    return port != nullptr && port->promiscuous() ? 1 : 0;
+}
+
 unsigned softnic_posted_requests(softnic_t *nic, unsigned board, unsigned endpoint)
 {
     Card *card = card_of(nic, board, endpoint);

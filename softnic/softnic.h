@@ -144,6 +144,9 @@ void softnic_fail_steering(softnic_t *nic, unsigned board, int error);
 /* 1 when the board takes frames of this key away from the host; all in host byte order, vlan 0 = untagged. */
 int softnic_steered(softnic_t *nic, unsigned board, uint32_t ip, uint16_t port, uint16_t vlan, uint8_t proto);
 
+/* 1 when the board asks its interface for frames to other stations as well. */
+int softnic_promiscuous(softnic_t *nic, unsigned board);
+
 /* ------------------------------------------------------------------ sending */
 
 /* Requests posted and not taken. */

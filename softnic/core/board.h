@@ -92,6 +92,7 @@ public:
     EventRing &ring(unsigned ep) { return endpoints_[ep]->ring; }
 
     void set_filter_mode(unsigned ep, FilterMode mode);
+    bool takes_all() const { return raw_ != 0; } // an endpoint takes every frame, to whomever
 
     // False when there is no such filter. Frames of the filter that wait in an event being filled are published
     // first: no event that comes after the call bears the tag on this filter's account.

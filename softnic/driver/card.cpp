@@ -55,6 +55,8 @@ Card::Card(const CardConfig &config, Port &port, Runner &runner)
 
 Card::~Card()
 {
+    if (promiscuous_)
+        port_->set_promiscuous(false);
     for (const SteerKey &key : steered_)
         port_->steer(key, false);
 }
@@ -98,6 +100,7 @@ void Card::restart_in_child()
     for (const SteerKey &key : steered_)
         port_->steer(key, false);
     steered_.clear();
+    follow_modes();
     raws_.clear();
     window_.forget();
     compcnt_.forget();
@@ -186,6 +189,7 @@ void Card::release(Handle &handle)
         for (const SteerKey &key : keys)
             steer_for(key, nullptr);
         board_.disable(ep);
+        follow_modes();
         claim = Claim{};
         claim.recvq_size = config_.recvq_size;
     }
@@ -223,6 +227,7 @@ int Card::enable(Handle &handle)
     claim.taken = 0;
     board_.enable(ep, memory(ep));
     board_.set_filter_mode(ep, claim.mode);
+    follow_modes();
     publish_clock();
     runner_->kick(*this);
     return 0;
@@ -283,7 +288,16 @@ int Card::set_filter_mode(Handle &handle, uint32_t mode)
     claim.mode = static_cast<FilterMode>(mode);
     if (claim.enabled)
         board_.set_filter_mode(handle.endpoint, claim.mode);
+    follow_modes();
     return 0;
+}
+
+// Frames to other stations reach the card while some endpoint asks for them. A host that refuses leaves that endpoint
+// with what does arrive.
+void Card::follow_modes()
+{
+    if (board_.takes_all() != promiscuous_ && port_->set_promiscuous(!promiscuous_) == 0)
+        promiscuous_ = !promiscuous_;
 }
 
 // Brings the host's side of a key in line with the filters. *took tells whether the host gave its frames up now.

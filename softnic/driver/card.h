@@ -241,6 +241,7 @@ private:
     unsigned receive_frames(unsigned max, Now *now);
     int steer_for(const SteerKey &key, bool *took);
     void give_back(const SteerKey &key);
+    void follow_modes();
     void raw_deliver(const RxFrame &frame, Now now);
 
     CardConfig config_;
@@ -254,6 +255,7 @@ private:
     std::vector<Claim> claims_;
     std::vector<Handle *> raws_;
     std::vector<SteerKey> steered_; // sorted: taken from the host
+    bool promiscuous_ = false;      // the port is
     std::vector<uint8_t> frame_;    // of the request being served
     // By endpoint: the application's mapping that the claim's source serves, 0 when none.
     std::array<std::atomic<uintptr_t>, kMaxEndpoints> windows_{};

@@ -103,6 +103,19 @@ int MemoryPort::steer(const SteerKey &key, bool install)
     return steered_.erase(key) != 0 ? 0 : ENOENT;
 }
 
+int MemoryPort::set_promiscuous(bool on)
+{
+    std::lock_guard guard(mutex_);
+    promiscuous_ = on;
+    return 0;
+}
+
+bool MemoryPort::promiscuous() const
+{
+    std::lock_guard guard(mutex_);
+    return promiscuous_;
+}
+
 bool MemoryPort::link_up() const
 {
     std::lock_guard guard(mutex_);

@@ -32,11 +32,13 @@ public:
     std::set<SteerKey> steered() const;
 
     void set_link(bool up);
+    bool promiscuous() const;
 
     int poll_fd() const override { return -1; }
     bool receive(RxFrame *frame) override;
     int send(const uint8_t *frame, size_t len) override;
     int steer(const SteerKey &key, bool install) override;
+    int set_promiscuous(bool on) override;
     bool link_up() const override;
     PortCounters counters() const override;
 
@@ -51,7 +53,7 @@ private:
     std::deque<std::vector<uint8_t>> sent_;
     std::set<SteerKey> steered_;
     int send_error_ = 0, sends_to_fail_ = 0, steer_error_ = 0;
-    bool link_ = true;
+    bool link_ = true, promiscuous_ = false;
     PortCounters counters_;
 };
 

@@ -106,6 +106,7 @@ public:
     bool receive(RxFrame *frame) override;
     int send(const uint8_t *frame, size_t len) override;
     int steer(const SteerKey &key, bool install) override;
+    int set_promiscuous(bool on) override;
     bool link_up() const override;
     PortCounters counters() const override;
 
@@ -117,6 +118,7 @@ private:
         uint16_t tpid = 0, tci = 0;
     };
 
+    packet_mreq membership(uint16_t type) const;
     bool set_up_ring(uint32_t mtu);
     tpacket2_hdr *slot(uint32_t i) const { return reinterpret_cast<tpacket2_hdr *>(ring_ + size_t{i} * slot_bytes_); }
     void release_held();
@@ -127,6 +129,7 @@ private:
     bool next_segment(RxFrame *frame);
 
     std::string ifname_;
+    int ifindex_ = 0;
     Socket rx_, tx_;
     uint8_t *ring_ = nullptr;
     uint32_t ring_bytes_ = 0, slot_bytes_ = 0, slots_ = 0;
@@ -178,7 +181,7 @@ bool PacketPort::open(const std::string &ifname, std::string *error)
         return false;
     }
     const auto mtu = static_cast<uint32_t>(request.ifr_mtu);
-    const auto ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
+    ifindex_ = static_cast<int>(if_nametoindex(ifname.c_str()));
 
     // The order matters: the ring's layout is fixed by the options before it, and frames arrive from bind() on.
     if (!rx_.set(SOL_PACKET, PACKET_VERSION, int{TPACKET_V2}) || !rx_.set(SOL_PACKET, PACKET_VNET_HDR, 1) ||
@@ -192,17 +195,22 @@ bool PacketPort::open(const std::string &ifname, std::string *error)
     const int queue_bytes = 16 << 20;
     if (!rx_.set(SOL_SOCKET, SO_RCVBUFFORCE, queue_bytes))
         rx_.set(SOL_SOCKET, SO_RCVBUF, queue_bytes);
-    // Groups are the filters' business: the interface lets them all in.
-    packet_mreq groups = {};
-    groups.mr_ifindex = ifindex;
-    groups.mr_type = PACKET_MR_ALLMULTI;
-    rx_.set(SOL_PACKET, PACKET_ADD_MEMBERSHIP, groups);
+    // Groups are the filters' business, and one endpoint may take them all: the interface always lets them in.
+    rx_.set(SOL_PACKET, PACKET_ADD_MEMBERSHIP, membership(PACKET_MR_ALLMULTI));
     tx_.set(SOL_PACKET, PACKET_QDISC_BYPASS, 1);
-    if (!tx_.bind(ifindex, 0) || !rx_.bind(ifindex, ETH_P_ALL)) {
+    if (!tx_.bind(ifindex_, 0) || !rx_.bind(ifindex_, ETH_P_ALL)) {
         *error = reason(ifname);
         return false;
     }
     return true;
+}
+
+packet_mreq PacketPort::membership(uint16_t type) const
+{
+    packet_mreq request = {};
+    request.mr_ifindex = ifindex_;
+    request.mr_type = type;
+    return request;
 }
 
 bool PacketPort::set_up_ring(uint32_t mtu)
@@ -396,6 +404,13 @@ int PacketPort::steer(const SteerKey &key, bool install)
         }
     }
     return install ? steering_.install(key) : steering_.remove(key);
+}
+
+// The interface counts its memberships and drops this one with the socket, also when the process is killed.
+int PacketPort::set_promiscuous(bool on)
+{
+    const int option = on ? PACKET_ADD_MEMBERSHIP : PACKET_DROP_MEMBERSHIP;
+    return rx_.set(SOL_PACKET, option, membership(PACKET_MR_PROMISC)) ? 0 : errno;
 }
 
 bool PacketPort::link_up() const

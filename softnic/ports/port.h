@@ -48,6 +48,9 @@ public:
     // Takes matching frames from the host's stack, or gives them back. 0 or an errno value.
     virtual int steer(const SteerKey &key, bool install) = 0;
 
+    // Frames to any station arrive as well, or only those to this one, to groups and to all. 0 or an errno value.
+    virtual int set_promiscuous(bool on) = 0;
+
     // 1 when the link is up.
     virtual bool link_up() const = 0;
 

@@ -301,6 +301,43 @@ TEST_F(PacketPortTest, FramesForOthersAndForAll_Arrive_HandedOutAsTheyAre)
     }
 }
 
+// A bridge hands frames to other stations up only while it is promiscuous, as a card does.
+TEST_F(PacketPortTest, FramesToOtherStations_Arrive_WhileThePortIsPromiscuous)
+{
+    port.reset();
+    lab.run(lab.adapter, "ip link add br7 address 02:6f:78:00:00:07 type bridge && ip link set oxel0 master br7 up"
+                         " && ip link set br7 addrgenmode none up");
+    std::string error;
+    port = softnic::make_packet_port("br7", &error);
+    ASSERT_TRUE(port) << error;
+    Bytes other(60, 0x33), own(60, 0x11);
+    const uint8_t other_mac[] = {0x02, 0, 0, 0, 0x77, 0x77}, own_mac[] = {0x02, 0x6F, 0x78, 0, 0, 7};
+    memcpy(other.data(), other_mac, 6);
+    memcpy(own.data(), own_mac, 6);
+    for (Bytes *frame : {&other, &own}) {
+        memcpy(frame->data() + 6, lab.peer.mac, 6);
+        (*frame)[12] = 0x88;
+        (*frame)[13] = 0xB5;
+    }
+    const auto next_of_test = [&] { // others may speak, too
+        for (;;) {
+            const Bytes frame = next();
+            if (frame.empty() || frame == other || frame == own)
+                return frame;
+        }
+    };
+    inject(other);
+    inject(own);
+    EXPECT_EQ(next_of_test(), own);
+    ASSERT_EQ(port->set_promiscuous(true), 0);
+    inject(other);
+    EXPECT_EQ(next_of_test(), other);
+    ASSERT_EQ(port->set_promiscuous(false), 0);
+    inject(other);
+    inject(own);
+    EXPECT_EQ(next_of_test(), own);
+}
+
 TEST_F(PacketPortTest, FrameSent_OnTheWire_SameBytesAndNotReceivedBack)
 {
     UdpFrame frame;

@@ -286,6 +286,40 @@ TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_IsShownAsFrame)
     EXPECT_TRUE(program->finish());
 }
 
+// Over a bridge, which hands frames to other stations up only while somebody asks it to.
+TEST_F(ReceiveTool, RawFilter_FrameToAnotherStation_IsShown_AndTheInterfaceIsAsBeforeWhenTheProgramIsKilled)
+{
+    lab.run(lab.adapter, "ip link add br7 address 02:6f:78:00:00:07 type bridge && ip link set oxel0 master br7"
+                         " && ip addr add 10.77.7.1/24 dev br7 && ip link set br7 up");
+    const auto promiscuity = [&] {
+        return json::parse(lab.run(lab.adapter, "ip -d -j link show dev br7")).at(0).at("promiscuity").get<int>();
+    };
+    const auto start = [&](const std::string &filter) {
+        auto program = lab.start(lab.adapter, {bin("rukrun"), "--soft=br7", bin("ruk-recv"), "-i", "br7", "-p", "5000",
+                                               "--filter", filter, "-t", "20"});
+        EXPECT_TRUE(program->wait_for_err("listening")) << *program;
+        return program;
+    };
+    for (const char *filter : {"normal", "allmulti"}) {
+        auto program = start(filter);
+        EXPECT_EQ(promiscuity(), 0) << filter;
+        EXPECT_EQ(json::parse(lab.run(lab.adapter, "ip -d -j link show dev br7")).at(0).at("allmulti"), 1) << filter;
+        program->signal(SIGINT);
+        EXPECT_TRUE(program->finish());
+    }
+    auto program = start("raw");
+    EXPECT_EQ(promiscuity(), 1);
+    std::string frame("\x02\x00\x00\x00\x77\x77\x02\x00\x00\x00\x00\x02\x88\xb5to another station", 32);
+    frame.resize(60);
+    const int wire = lab.packet_socket(lab.peer);
+    EXPECT_EQ(write(wire, frame.data(), frame.size()), 60);
+    close(wire);
+    EXPECT_TRUE(program->wait_for_out("another station")) << *program;
+    program->signal(SIGKILL);
+    EXPECT_TRUE(program->finish());
+    EXPECT_EQ(promiscuity(), 0);
+}
+
 TEST_F(ReceiveTool, PortInUse_IsNamed)
 {
     KernelSocket occupant(lab, lab.adapter, 5000);

@@ -331,6 +331,30 @@ TEST(Receive, Raw_GetsEveryFrameAndKeepsTheTagsOfFilters)
     EXPECT_TRUE(dev.take_tags().empty());
 }
 
+// A card lets frames to other stations in only while somebody wants them.
+TEST(Receive, InterfaceIsPromiscuous_WhileAnEnabledEndpointIsRaw)
+{
+    Nic nic;
+    Device first;
+    ASSERT_EQ(first.claim(0), 0);
+    ASSERT_EQ(first.mode(2), 0);
+    EXPECT_EQ(softnic_promiscuous(nic, 0), 0);
+    ASSERT_EQ(first.enable(), 0);
+    EXPECT_EQ(softnic_promiscuous(nic, 0), 1);
+    ASSERT_EQ(first.mode(1), 0);
+    EXPECT_EQ(softnic_promiscuous(nic, 0), 0);
+    ASSERT_EQ(first.mode(2), 0);
+    {
+        Device second;
+        ASSERT_EQ(second.set_up(1), 0);
+        EXPECT_EQ(softnic_promiscuous(nic, 0), 1);
+        ASSERT_EQ(second.mode(2), 0);
+        ASSERT_EQ(first.mode(0), 0);
+        EXPECT_EQ(softnic_promiscuous(nic, 0), 1);
+    }
+    EXPECT_EQ(softnic_promiscuous(nic, 0), 0);
+}
+
 TEST(Receive, ClaimedEndpointThatIsNotEnabled_CountsItsFramesAsDisabled)
 {
     Nic nic;
