@@ -30,9 +30,11 @@ elseif(NOT RUK_SANITIZE STREQUAL "")
   message(FATAL_ERROR "RUK_SANITIZE is empty, address, thread or fuzzer, not '${RUK_SANITIZE}'")
 endif()
 
-# The source revision, for the library's build string.
-execute_process(COMMAND git rev-parse --short=12 HEAD WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
-                OUTPUT_VARIABLE RUK_REVISION OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+# The source revision, for the library's build string. Without a repository it has to be given.
+if(NOT RUK_REVISION)
+  execute_process(COMMAND git rev-parse --short=12 HEAD WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
+                  OUTPUT_VARIABLE RUK_REVISION OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+endif()
 if(NOT RUK_REVISION)
   set(RUK_REVISION unknown)
 endif()

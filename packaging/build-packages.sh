@@ -14,6 +14,8 @@ mkdir -p "$work/ruk" "$output"
 git -C "$root" archive HEAD | tar -x -C "$work/ruk"
 cp -r "$work/ruk/packaging/debian" "$work/ruk/debian"
 
+RUK_REVISION=$(git -C "$root" rev-parse --short=12 HEAD)
+export RUK_REVISION
 echo "Building ..."
 if ! (cd "$work/ruk" && DEB_BUILD_OPTIONS="parallel=2${CI:+ terse}" dpkg-buildpackage -b -us -uc) >"$output/build.log" 2>&1; then
     tail -n 40 "$output/build.log" >&2
