@@ -218,15 +218,18 @@ TEST_F(ArpTest, ThePromptGoesToTheNextHop)
 
 TEST_F(ArpTest, CommandFailsOtherwise_ItsErrorSilently)
 {
-    command_error = EIO;
     StreamCapture streams;
-    Lookup got = lookup("10.77.0.9", 1000);
-    EXPECT_EQ(got.rc, EIO);
-    EXPECT_EQ(got.valid, 0);
-    EXPECT_EQ(got.mac, "eeeeeeeeeeee");
+    for (int error : {EIO, EINVAL, ENOSYS, EOPNOTSUPP, EHOSTUNREACH, ENXIO}) {
+        command_error = error;
+        trace.clear();
+        Lookup got = lookup("10.77.0.9", 1000);
+        EXPECT_EQ(got.rc, error);
+        EXPECT_EQ(got.valid, 0);
+        EXPECT_EQ(got.mac, "eeeeeeeeeeee");
+        EXPECT_EQ(trace.size(), 5u);
+        EXPECT_EQ(trace.back(), "command 0a4d0009") << "neither datagram nor question";
+    }
     EXPECT_EQ(streams.out() + streams.err(), "");
-    EXPECT_EQ(trace.size(), 5u);
-    EXPECT_EQ(trace.back(), "command 0a4d0009") << "neither datagram nor question";
 }
 
 TEST_F(ArpTest, DatagramFails_ItsErrorSilently)

@@ -135,8 +135,10 @@ TEST_F(RouteTableTest, Read_FileClosedAndNothingPrinted)
     read("titles\n" + line("0000010A"));
     read("titles\n");
     read("");
+    read("titles\n" + line("0000010A"));
     host.routes.reset();
     EXPECT_EQ(ruk__arp_init(dev), 0);
+    EXPECT_EQ(routes(), Lines{}) << "nothing is left of the reading before";
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(streams.out() + streams.err(), "");
 }

@@ -326,10 +326,13 @@ TEST_F(ConnectTest, OtherPortOrAddressInTheSameBucket_HandleOfItsOwn)
     ASSERT_EQ(sendto("10.77.0.2", 5001), 0);
     ASSERT_EQ(sendto("10.77.0.2", 0x8913), 0);
     ASSERT_EQ(sendto("10.77.0.3", 5000), 0);
+    ASSERT_EQ(sendto("10.77.1.1", 5001), 0);
     std::vector<ruk_send_t> all = bucket(ch, 245);
-    ASSERT_EQ(all.size(), 3u);
-    EXPECT_EQ(handles(ch), 3u);
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_EQ(handles(ch), 4u);
     sent();
+    ASSERT_EQ(sendto("10.77.1.1", 5001), 0);
+    EXPECT_EQ(sent_datagram().dst, "10.77.1.1:5001");
     ASSERT_EQ(sendto("10.77.0.2", 0x8913), 0);
     EXPECT_EQ(sent_datagram().dst, "10.77.0.2:35091");
     ASSERT_EQ(sendto("10.77.0.3", 5000), 0);

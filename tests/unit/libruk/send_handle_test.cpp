@@ -315,6 +315,25 @@ TEST_F(HandleTest, AnyAddressesPortsAndTtl_BothChecksumsGood)
     }
 }
 
+/* Each sum that the header's words can have below its upper half: some carry again when the carries are added. */
+TEST_F(HandleTest, AnySumOfTheIpHeader_FoldedTwice)
+{
+    start();
+    ruk__channel from = {};
+    from.ch_rep = dev;
+    ruk__peer_addr peer = {be32("255.255.255.254"), {2, 0, 0, 0, 0, 2}, 1};
+    struct sockaddr_in sin = ipv4("255.255.255.254", 5001);
+    for (uint32_t word = 0; word < 0x10000; word++) {
+        from.ch_ipaddr_be32 = 0xfeff0000 | word;
+        ruk__send handle = {};
+        ruk__sendhandle_init(&handle, &from, &peer, &sin, 0, 17);
+        ASSERT_EQ(ruk_send(&handle, buffer, 4, RUK_NONBLOCK), 0);
+        complete();
+        Bytes request = slot(PIO);
+        ASSERT_EQ(internet_sum(Bytes(request.begin() + 20, request.begin() + 40)), 0xffff) << word;
+    }
+}
+
 TEST_F(HandleTest, EachDatagram_IdentificationZero_NeverFragmented)
 {
     start();
