@@ -27,8 +27,9 @@ namespace {
 
 // ---------------------------------------------------------------- what is ours
 
-constexpr int kMaxDescriptors = 65536;
+constexpr int kMaxDescriptors = 16384;
 std::atomic<uint8_t> g_ours[kMaxDescriptors]; // numbers that open() handed out, looked at without a lock
+std::atomic<int> g_highest{-1};               // of those; above the table the driver itself is asked
 std::atomic<Driver *> g_driver{nullptr};
 std::atomic<pid_t> g_owner{0}; // the process that the driver serves
 std::atomic<bool> g_first_form{false};
@@ -38,13 +39,23 @@ void note_descriptor(int fd, bool ours)
 {
     if (fd >= 0 && fd < kMaxDescriptors)
         g_ours[fd].store(ours ? 1 : 0, std::memory_order_relaxed);
+    int highest = g_highest.load(std::memory_order_relaxed);
+    while (ours && fd > highest && !g_highest.compare_exchange_weak(highest, fd, std::memory_order_relaxed)) {
+    }
+}
+
+bool may_be_ours(int fd)
+{
+    if (fd >= 0 && fd < kMaxDescriptors)
+        return g_ours[fd].load(std::memory_order_relaxed) != 0;
+    return fd >= 0 && fd <= g_highest.load(std::memory_order_relaxed);
 }
 
 // The driver when the number is one of its descriptors, else null. A child that shares our memory but went
 // through no fork handler has no devices.
 Driver *driver_of(int fd)
 {
-    if (fd < 0 || fd >= kMaxDescriptors || g_ours[fd].load(std::memory_order_relaxed) == 0)
+    if (!may_be_ours(fd))
         return nullptr;
     Driver *driver = g_driver.load(std::memory_order_acquire);
     if (driver == nullptr || g_owner.load(std::memory_order_relaxed) != ::getpid() || !driver->owns(fd))
@@ -58,6 +69,7 @@ void forget_in_child()
     new (&g_make_mutex) std::mutex;
     for (auto &ours : g_ours)
         ours.store(0, std::memory_order_relaxed);
+    g_highest.store(-1, std::memory_order_relaxed);
     sys::forget_kept();
     g_owner.store(::getpid(), std::memory_order_relaxed);
     if (after_fork != nullptr)
@@ -80,7 +92,8 @@ int close_all_between(unsigned first, unsigned last, int flags)
 {
     if (first > last || (flags & CLOSE_RANGE_CLOEXEC) != 0 || g_owner.load(std::memory_order_relaxed) != ::getpid())
         return plain_close_range(first, last, flags);
-    const unsigned known = std::min<unsigned>(last, kMaxDescriptors - 1);
+    const int highest = std::max(kMaxDescriptors - 1, g_highest.load(std::memory_order_relaxed));
+    const unsigned known = std::min(last, static_cast<unsigned>(highest));
     for (unsigned fd = first; fd <= known; fd++) {
         if (Driver *driver = driver_of(static_cast<int>(fd)))
             driver->close(static_cast<int>(fd));

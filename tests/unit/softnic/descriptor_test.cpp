@@ -9,6 +9,7 @@
 #include <linux/close_range.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -356,6 +357,46 @@ TEST(Reuse, EverythingClosedByTheLibrary_LeavesWhatTheAdapterKeeps)
         return 0;
     });
     EXPECT_TRUE(child.exited_with(0)) << child;
+}
+
+// A process may have a million descriptors: the device is known by whatever number it has. Beyond 65535 where that
+// many are allowed, else as high as can be, which is beyond the adapter's own table.
+TEST(Reuse, HighNumber_IsTheDevice_AndAFileAfterwards)
+{
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    if (before.rlim_max < 17000)
+        GTEST_SKIP() << "no more than " << before.rlim_max << " descriptors are allowed";
+    const int beyond = static_cast<int>(std::min<rlim_t>(before.rlim_max, 66536)) - 100;
+    const rlimit more = {before.rlim_max, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &more), 0);
+    {
+        Nic nic;
+        std::vector<int> fillers;
+        do
+            fillers.push_back(sys::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        while (fillers.back() >= 0 && fillers.back() < beyond);
+        ASSERT_GE(fillers.back(), beyond);
+        Device device;
+        EXPECT_GT(device.fd, beyond);
+        EXPECT_TRUE(is_device(device.fd));
+        EXPECT_EQ(device.set_up(), 0);
+        EXPECT_FALSE(is_device(fillers.back()));
+        const int number = device.fd;
+        device.unmap();
+        device.close_now();
+        EXPECT_EQ(sys::open("/dev/null", O_RDONLY | O_CLOEXEC), number);
+        EXPECT_FALSE(is_device(number));
+        EXPECT_EQ(close(number), 0);
+        Device closed_by_range;
+        EXPECT_EQ(close_range(beyond + 1, ~0u, 0), 0);
+        EXPECT_EQ(fcntl(closed_by_range.fd, F_GETFD), -1);
+        Device again; // its endpoint is free
+        EXPECT_EQ(again.set_up(), 0);
+        for (const int fd : fillers)
+            sys::close(fd);
+    }
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
 TEST(Fork, ChildHasNoDevicesAndLeavesTheParentsAlone)
