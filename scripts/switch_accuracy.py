@@ -35,6 +35,8 @@ def worst(seconds, rng):
 
 
 def main():
+    if len(sys.argv) > 2 or sys.argv[-1].startswith("-"):
+        sys.exit(__doc__)
     rng = random.Random(1)
     table = [(s, worst(s, rng)) for s in (1e-6, 1e-5, 1e-4, 1e-3, 3e-3, 1e-2, 3e-2, 0.1, 0.2, 0.5, 1, 2, 4, 6.1)]
     for seconds, error in table:
