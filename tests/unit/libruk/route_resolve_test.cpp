@@ -82,6 +82,18 @@ TEST_F(ArpTest, KnownToTheKernel_AskedOnceByTheEndpointsInterface)
     EXPECT_EQ(cached(0), "10.77.0.2 020000000002");
 }
 
+TEST_F(ArpTest, EndpointOnAnotherInterface_AskedByThatOne)
+{
+    close();
+    host.interfaces.insert(host.interfaces.begin() + 1, {.name = "vlan9", .address = "10.78.0.1"});
+    struct in_addr address = in_addr_of("10.78.0.1");
+    ASSERT_EQ(ruk_open(&address, RUK_OPEN_THREAD_SAFE, &dev), 0);
+    forget();
+    add_neighbour("10.77.0.2", 2, "vlan9");
+    EXPECT_EQ(lookup("10.77.0.2").mac, "020000000002");
+    EXPECT_EQ(trace, (Lines{"ask vlan9 10.77.0.2"}));
+}
+
 TEST_F(ArpTest, AnyFlag_IsAnAnswer)
 {
     add_neighbour("10.77.0.2", 2, "oxel0", ATF_PUBL);
