@@ -282,7 +282,7 @@ TEST_F(SlowAdapter, CompletionsInBurstsAndLate_AllLeaveInOrder)
     EXPECT_EQ(counters().completed, accepted.size());
 }
 
-TEST_F(SlowAdapter, Full_Blocking_SleepsUntilACompletion)
+TEST_F(SlowAdapter, Full_BlockingThread_SleepsUntilACompletion)
 {
     softnic_set_blocking_waits(nic, 1);
     for (uint32_t i = 0; i < 8; i++)

@@ -448,7 +448,7 @@ TEST_F(ConnectTest, UnboundOrClosedWithHandles_AllReleased)
 
 /* ------------------------------------------------------------------ locks */
 
-TEST_F(ConnectTest, LockIsDroppedWhileTheKernelIsAskedAlone)
+TEST_F(ConnectTest, LockIsDroppedWhileTheKernelIsAskedAlone_OtherThreadWaits)
 {
     unsigned asked = 0;
     on_arp = [&] {
@@ -475,7 +475,7 @@ TEST_F(ConnectTest, LockIsDroppedWhileTheKernelIsAskedAlone)
     EXPECT_EQ(done, 2);
 }
 
-TEST_F(ConnectTest, DisconnectWaitsForTheLock)
+TEST_F(ConnectTest, Disconnect_WaitsForTheThreadThatHoldsTheLock)
 {
     ruk_send_t dhs = connect("10.77.0.2", 5001);
     pthread_mutex_lock(&dev->rep_lock);
@@ -505,6 +505,37 @@ TEST_F(ConnectTest, TwoFirstSendsAtOnce_BothLeave)
     EXPECT_EQ(bucket(ch, 245).size(), 2u);
     EXPECT_EQ(sendto("10.77.0.2", 5001), 0);
     EXPECT_EQ(bucket(ch, 245).size(), 2u) << "the first of them serves from now on";
+}
+
+/* More next hops than the cache holds, so that each thread lets go of the lock again and again. */
+TEST_F(ConnectTest, FourThreads_ConnectAndDisconnect_BucketsStayWhole)
+{
+    for (int i = 20; i < 40; i++)
+        host.arp.push_back({"10.77.0." + std::to_string(i), {2, 0, 0, 0, 0, static_cast<uint8_t>(i)}});
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; t++)
+        threads.emplace_back([&, t] {
+            for (unsigned i = 0; i < 400; i++) {
+                const unsigned last = 20 + (i * 7 + t * 5) % 20;
+                struct sockaddr_in sin = ipv4("10.77.0." + std::to_string(last), static_cast<uint16_t>(i % 10));
+                ruk_send_t dhs = nullptr;
+                ASSERT_EQ(ruk_send_connect(ch, &sin, 0, 0, &dhs), 0);
+                ASSERT_EQ(dhs->dhs_dpeer.pa_eth_dest[5], last);
+                if (i % 4) {
+                    ASSERT_EQ(ruk_send_disconnect(dhs), 0);
+                }
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(handles(ch), 4u * 100);
+    for (int i = 0; i < RUK_SEND_BUCKETS; i++) {
+        for (ruk_send_t dhs : bucket(ch, i)) {
+            EXPECT_EQ(dhs->dhs_hashval, i);
+            EXPECT_EQ(dhs->dhs_dpeer.pa_eth_dest[5], dhs->dhs_dpeer.pa_ip_addr_be32 >> 24);
+        }
+    }
+    EXPECT_GT(arp_queries(), 100u);
 }
 
 TEST_F(ConnectTest, EndpointWithoutLocks_ConnectsAndSends)

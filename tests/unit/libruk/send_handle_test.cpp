@@ -427,7 +427,7 @@ TEST_F(HandleTest, QueuesNotSetUp_Invalid_SentOnceEnabled)
 
 /* ------------------------------------------------------------------ locks */
 
-TEST_F(HandleTest, LockIsHeldWhileSending)
+TEST_F(HandleTest, LockIsHeldWhileSending_OtherThreadWaits)
 {
     start();
     pthread_mutex_lock(&dev->rep_lock);
