@@ -1,6 +1,7 @@
 // Runs a program with the software adapter in place of a card: the adapter is preloaded into it.
 #include "nuv_types.h"
 #include "ports/packet.h"
+#include "ports/pcap.h"
 #include "ports/switch.h"
 
 #include <algorithm>
@@ -29,29 +30,33 @@ namespace {
 // As env(1) and its kind have them.
 constexpr int kFailed = 125, kCannotExecute = 126, kNotFound = 127;
 
-constexpr char kUsage[] = "Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--switch=KIND]\n"
-                          "              [--] PROGRAM [ARGUMENT...]\n"
-                          "\n"
-                          "Runs PROGRAM with the software adapter: in it, each of the interfaces IF is an adapter,\n"
-                          "/dev/oxelB0 and so on, whose driver and firmware are emulated over the interface.\n"
-                          "\n"
-                          "  --soft[=IF,...]  interfaces, in the order of the adapters' numbers; without names every\n"
-                          "                   interface that is up and whose MAC address begins with %02x:%02x:%02x\n"
-                          "  --mode=MODE      how posted send requests are noticed:\n"
-                          "                     fast      hardware watchpoint, small requests (default)\n"
-                          "                     exact     hardware watchpoints, sizes and depths as on the card\n"
-                          "                     fallback  page protection, where the host refuses watchpoints\n"
-                          "  --switch=wire    frames arrive with a timestamping switch's 4-byte trailer on\n"
-                          "  --switch=model[,KEY=VALUE...]\n"
-                          "                   a model of such a switch stands in front of each adapter: rate=HZ,\n"
-                          "                   interval=MS (of keyframes), skew=NUM/DEN, ptp-lost=FROM-TO (seconds),\n"
-                          "                   lose=CHANCE, mode=N@SECONDS, dst=ADDRESS, seed=N\n"
-                          "  --help           print this text\n"
-                          "  --version        print the version\n"
-                          "\n"
-                          "Needs the right to open packet sockets: run as root, or inside 'unshare -Urn'.\n"
-                          "Exit status: the program's; 125 when rukrun fails, 126 when PROGRAM cannot be executed,\n"
-                          "127 when it is not found.\n";
+constexpr char kUsage[] =
+    "Usage: rukrun --soft[=IF[,IF...]] [--mode=fast|exact|fallback] [--switch=KIND]\n"
+    "              [--replay=FILE[,speed=N]] [--] PROGRAM [ARGUMENT...]\n"
+    "\n"
+    "Runs PROGRAM with the software adapter: in it, each of the interfaces IF is an adapter,\n"
+    "/dev/oxelB0 and so on, whose driver and firmware are emulated over the interface.\n"
+    "\n"
+    "  --soft[=IF,...]  interfaces, in the order of the adapters' numbers; without names every\n"
+    "                   interface that is up and whose MAC address begins with %02x:%02x:%02x\n"
+    "  --mode=MODE      how posted send requests are noticed:\n"
+    "                     fast      hardware watchpoint, small requests (default)\n"
+    "                     exact     hardware watchpoints, sizes and depths as on the card\n"
+    "                     fallback  page protection, where the host refuses watchpoints\n"
+    "  --switch=wire    frames arrive with a timestamping switch's 4-byte trailer on\n"
+    "  --switch=model[,KEY=VALUE...]\n"
+    "                   a model of such a switch stands in front of each adapter: rate=HZ,\n"
+    "                   interval=MS (of keyframes), skew=NUM/DEN, ptp-lost=FROM-TO (seconds),\n"
+    "                   lose=CHANCE, mode=N@SECONDS, dst=ADDRESS, seed=N\n"
+    "  --replay=FILE[,speed=N]\n"
+    "                   the frames of a pcap file arrive at the first adapter as well, beginning\n"
+    "                   with the program's first filter, as fast as captured or N times so\n"
+    "  --help           print this text\n"
+    "  --version        print the version\n"
+    "\n"
+    "Needs the right to open packet sockets: run as root, or inside 'unshare -Urn'.\n"
+    "Exit status: the program's; 125 when rukrun fails, 126 when PROGRAM cannot be executed,\n"
+    "127 when it is not found.\n";
 
 template <typename... Args> [[noreturn]] void fail(int status, const char *format, Args... args)
 {
@@ -69,6 +74,7 @@ struct Options {
     std::vector<std::string> interfaces;
     std::string mode;
     std::string switch_kind;
+    std::string replay;
     char **program = nullptr;
 };
 
@@ -121,6 +127,13 @@ Options parse(int argc, char **argv)
             if (options.switch_kind.starts_with("model,") &&
                 !softnic::parse_switch_options(options.switch_kind.substr(strlen("model,")), &model, &error))
                 fail(kFailed, "switch: %s", error.c_str());
+        } else if (arg.starts_with("--replay=")) {
+            options.replay = arg.substr(strlen("--replay="));
+            std::string path, error;
+            double speed;
+            if (!softnic::parse_replay(options.replay, &path, &speed, &error) ||
+                !softnic::PcapReader::open(path, &error))
+                fail(kFailed, "replay: %s", error.c_str());
         } else {
             fail(kFailed, "unknown option '%s' (see rukrun --help)", argv[i]);
         }
@@ -329,6 +342,8 @@ int main(int argc, char **argv)
         setenv("RUK_SOFTNIC_MODE", options.mode.c_str(), 1);
     if (!options.switch_kind.empty())
         setenv("RUK_SOFTNIC_SWITCH", options.switch_kind.c_str(), 1);
+    if (!options.replay.empty())
+        setenv("RUK_SOFTNIC_REPLAY", options.replay.c_str(), 1);
 
     execvp(file->c_str(), options.program);
     fail(errno == ENOENT ? kNotFound : kCannotExecute, "cannot execute '%s': %s", options.program[0], strerror(errno));

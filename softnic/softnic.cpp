@@ -1,5 +1,6 @@
 #include "softnic_private.h"
 
+#include "ports/pcap.h"
 #include "shim/devices.h"
 
 #include <algorithm>
@@ -538,5 +539,33 @@ void softnic_endpoint_counters(softnic_t *nic, unsigned board, unsigned endpoint
     out->bad_payload = c.bad_payload;
     out->post_overflow = c.post_overflow;
 }
+
+struct softnic_pcap {
+    std::unique_ptr<PcapReader> reader;
+    std::vector<uint8_t> frame;
+};
+
+softnic_pcap_t *softnic_pcap_open(const char *path, char *error, size_t cap)
+{
+    std::string reason;
+    std::unique_ptr<PcapReader> reader = PcapReader::open(path, &reason);
+    if (!reader) {
+        if (error != nullptr && cap != 0)
+            error[reason.copy(error, cap - 1)] = '\0';
+        return nullptr;
+    }
+    return new softnic_pcap{std::move(reader), {}};
+}
+
+int softnic_pcap_next(softnic_pcap_t *file, uint64_t *time_ns, const void **frame, size_t *len)
+{
+    if (!file->reader->next(time_ns, &file->frame))
+        return 0;
+    *frame = file->frame.data();
+    *len = file->frame.size();
+    return 1;
+}
+
+void softnic_pcap_close(softnic_pcap_t *file) { delete file; }
 
 } // extern "C"

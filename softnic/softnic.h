@@ -135,6 +135,24 @@ unsigned softnic_sent_count(softnic_t *nic, unsigned board);
  * nothing changed: no such board, a board with trailer_on_wire, an option that is none or makes no sense. */
 int softnic_set_switch(softnic_t *nic, unsigned board, const char *options);
 
+/* Frames out of a capture file in the classic pcap format, of either byte order and time unit, to be injected:
+ *
+ *     softnic_pcap_t *file = softnic_pcap_open("feed.pcap", error, sizeof(error));
+ *     while (softnic_pcap_next(file, &time_ns, &frame, &len)) { ... softnic_inject(nic, 0, frame, len); ... }
+ *     softnic_pcap_close(file);
+ *
+ * Null with the reason in error (zero-terminated, at most cap bytes, null is allowed) when there is no such file, or
+ * it is a pcapng file, or holds no Ethernet frames. */
+typedef struct softnic_pcap softnic_pcap_t;
+softnic_pcap_t *softnic_pcap_open(const char *path, char *error, size_t cap);
+
+/* The next whole frame, padded to 60 bytes, and when it was captured, ns since 1970. It stays valid until the next
+ * call. Frames of which the capture kept only the beginning are passed over. 1, or 0 at the end. */
+int softnic_pcap_next(softnic_pcap_t *file, uint64_t *time_ns, const void **frame, size_t *len);
+
+/* Null is harmless. */
+void softnic_pcap_close(softnic_pcap_t *file);
+
 void softnic_set_link(softnic_t *nic, unsigned board, int up);
 
 /* The next n sends (all with n below 0), or all changes of the steering, fail with this errno value; 0 ends it. */

@@ -6,8 +6,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <sys/epoll.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 namespace softnic {
@@ -232,43 +230,18 @@ SwitchPort::SwitchPort(std::unique_ptr<Port> wire, const SwitchOptions &options,
 {
     if (!wake_by_timer)
         return;
-    timer_fd_ = sys::keep(timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC));
-    epoll_fd_ = sys::keep(epoll_create1(EPOLL_CLOEXEC));
-    for (int fd : {timer_fd_, wire_->poll_fd()}) {
-        epoll_event event = {};
-        event.events = EPOLLIN;
-        if (fd >= 0)
-            epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event);
-    }
-    arm_timer();
+    wake_.create(wire_->poll_fd(), CLOCK_REALTIME);
+    wake_.at(model_.next_keyframe_ns());
 }
 
-SwitchPort::~SwitchPort()
-{
-    if (timer_fd_ >= 0)
-        sys::close(timer_fd_);
-    if (epoll_fd_ >= 0)
-        sys::close(epoll_fd_);
-}
-
-void SwitchPort::arm_timer()
-{
-    if (timer_fd_ < 0 || model_.next_keyframe_ns() == UINT64_MAX)
-        return;
-    itimerspec when = {};
-    when.it_value.tv_sec = static_cast<time_t>(model_.next_keyframe_ns() / kNsPerSecond);
-    when.it_value.tv_nsec = static_cast<long>(model_.next_keyframe_ns() % kNsPerSecond);
-    timerfd_settime(timer_fd_, TFD_TIMER_ABSTIME, &when, nullptr); // also ends the timer's being readable
-}
-
-int SwitchPort::poll_fd() const { return epoll_fd_ >= 0 ? epoll_fd_ : wire_->poll_fd(); }
+int SwitchPort::poll_fd() const { return wake_.fd() >= 0 ? wake_.fd() : wire_->poll_fd(); }
 
 bool SwitchPort::receive(RxFrame *frame)
 {
     uint64_t now = clock_();
     if (now >= model_.next_keyframe_ns()) {
         current_ = model_.keyframe(now);
-        arm_timer();
+        wake_.at(model_.next_keyframe_ns());
         if (!current_.empty()) {
             keyframes_++;
             *frame = {current_.data(), static_cast<uint32_t>(current_.size()), now};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "port.h"
+#include "timed_wake.h"
 
 #include <array>
 #include <deque>
@@ -70,7 +71,6 @@ public:
     // due; without it the owner asks often enough.
     SwitchPort(std::unique_ptr<Port> wire, const SwitchOptions &options, std::function<uint64_t()> clock,
                bool wake_by_timer);
-    ~SwitchPort() override;
 
     int poll_fd() const override;
     bool receive(RxFrame *frame) override;
@@ -82,15 +82,12 @@ public:
     Port &wire() { return *wire_; }
 
 private:
-    void arm_timer();
-
     std::unique_ptr<Port> wire_;
     std::function<uint64_t()> clock_;
     SwitchModel model_;
     std::vector<uint8_t> current_;
     uint64_t keyframes_ = 0;
-    int timer_fd_ = -1;
-    int epoll_fd_ = -1;
+    TimedWake wake_; // unused without the timer
 };
 
 } // namespace softnic

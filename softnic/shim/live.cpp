@@ -3,6 +3,7 @@
 #include "../driver/driver.h"
 #include "../driver/sys.h"
 #include "../ports/packet.h"
+#include "../ports/pcap.h"
 #include "../ports/switch.h"
 #include "devices.h"
 #include "firmware.h"
@@ -172,6 +173,29 @@ bool add_switch(std::unique_ptr<Port> *port, CardConfig *config)
     return true;
 }
 
+// What a capture file holds arrives at the first board as well: "FILE" or "FILE,speed=N". False, with a complaint,
+// when there is no such thing.
+bool add_replay(std::unique_ptr<Port> *port)
+{
+    const char *text = setting("RUK_SOFTNIC_REPLAY");
+    if (text == nullptr)
+        return true;
+    std::string path, error;
+    double speed;
+    if (!parse_replay(text, &path, &speed, &error)) {
+        complain("RUK_SOFTNIC_REPLAY: " + error);
+        return false;
+    }
+    std::unique_ptr<PcapReader> file = PcapReader::open(path, &error);
+    if (!file) {
+        complain(error);
+        return false;
+    }
+    *port = std::make_unique<ReplayPort>(std::move(*port), std::move(file), speed,
+                                         [] { return LiveRunner().now().mono_ns; });
+    return true;
+}
+
 // ---------------------------------------------------------------- life
 
 Driver *make_live_driver()
@@ -197,7 +221,7 @@ Driver *make_live_driver()
             continue;
         }
         CardConfig config = card_config(name, host, static_cast<unsigned>(cards.size()));
-        if (!add_switch(&port, &config))
+        if ((cards.empty() && !add_replay(&port)) || !add_switch(&port, &config))
             continue;
         auto card = std::make_unique<Card>(config, *port, system->runner);
         if (int rc = card->power_up()) {

@@ -1,0 +1,160 @@
+#include "pcap.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace softnic {
+namespace {
+
+constexpr uint32_t kMicroseconds = 0xa1b2c3d4, kNanoseconds = 0xa1b23c4d, kNextGeneration = 0x0a0d0d0a;
+constexpr size_t kFileHeader = 24, kRecordHeader = 16;
+constexpr uint32_t kEthernet = 1;
+constexpr uint32_t kLongestFrame = 262144;
+constexpr size_t kShortestFrame = 60; // without check sequence, as an adapter sees it
+
+uint32_t swap(uint32_t v) { return __builtin_bswap32(v); }
+
+} // namespace
+
+uint32_t PcapReader::number(const uint8_t *bytes) const
+{
+    uint32_t v;
+    memcpy(&v, bytes, sizeof(v));
+    return swapped_ ? swap(v) : v;
+}
+
+std::unique_ptr<PcapReader> PcapReader::open(const std::string &path, std::string *error)
+{
+    FILE *file = fopen(path.c_str(), "rbe");
+    if (file == nullptr) {
+        *error = path + ": " + strerror(errno);
+        return nullptr;
+    }
+    std::unique_ptr<PcapReader> reader(new PcapReader(file));
+    uint8_t header[kFileHeader];
+    if (fread(header, sizeof(header), 1, file) != 1) {
+        *error = path + " is no capture file: it is too short";
+        return nullptr;
+    }
+    uint32_t magic = reader->number(header);
+    if (magic == swap(kMicroseconds) || magic == swap(kNanoseconds)) {
+        reader->swapped_ = true;
+        magic = swap(magic);
+    }
+    if (magic == kNextGeneration) {
+        *error = path + " is a pcapng file: convert it with 'tcpdump -r FILE -w NEW'";
+        return nullptr;
+    }
+    if (magic != kMicroseconds && magic != kNanoseconds) {
+        *error = path + " is no capture file";
+        return nullptr;
+    }
+    reader->tick_ns_ = magic == kNanoseconds ? 1 : 1000;
+    if ((reader->number(header + 20) & 0xffff) != kEthernet) {
+        *error = path + " holds no Ethernet frames";
+        return nullptr;
+    }
+    return reader;
+}
+
+PcapReader::~PcapReader() { fclose(file_); }
+
+bool PcapReader::next(uint64_t *time_ns, std::vector<uint8_t> *frame)
+{
+    uint8_t header[kRecordHeader];
+    while (fread(header, sizeof(header), 1, file_) == 1) {
+        const uint32_t kept = number(header + 8), whole = number(header + 12);
+        if (kept > kLongestFrame)
+            return false;
+        frame->resize(kept);
+        if (kept != 0 && fread(frame->data(), kept, 1, file_) != 1)
+            return false;
+        if (kept < whole || kept == 0) {
+            passed_over_++;
+            continue;
+        }
+        frame->resize(std::max<size_t>(kept, kShortestFrame));
+        *time_ns = number(header) * UINT64_C(1000000000) + uint64_t{number(header + 4)} * tick_ns_;
+        return true;
+    }
+    return false;
+}
+
+bool parse_replay(const std::string &text, std::string *path, double *speed, std::string *error)
+{
+    constexpr std::string_view key = ",speed=";
+    const size_t at = text.rfind(key);
+    *path = text.substr(0, at);
+    *speed = 1;
+    if (at != std::string::npos) {
+        const std::string number = text.substr(at + key.size());
+        char *end;
+        *speed = strtod(number.c_str(), &end);
+        if (number.empty() || *end != '\0' || !(*speed > 0 && *speed <= 1e6)) {
+            *error = "speed '" + number + "' is not a number above 0, at most 1000000";
+            return false;
+        }
+    }
+    if (path->empty()) {
+        *error = "no file named";
+        return false;
+    }
+    return true;
+}
+
+ReplayPort::ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> file, double speed,
+                       std::function<uint64_t()> clock)
+    : wire_(std::move(wire)), file_(std::move(file)), speed_(speed), clock_(std::move(clock))
+{
+    wake_.create(wire_->poll_fd(), CLOCK_MONOTONIC);
+}
+
+int ReplayPort::steer(const SteerKey &key, bool install)
+{
+    const int rc = wire_->steer(key, install);
+    if (rc == 0 && install && !started_) {
+        started_ = true;
+        start_ns_ = clock_();
+        read_next();
+    }
+    return rc;
+}
+
+void ReplayPort::read_next()
+{
+    uint64_t captured;
+    if (!file_->next(&captured, &next_)) {
+        due_ns_ = UINT64_MAX;
+    } else {
+        if (first_ns_ == 0)
+            first_ns_ = captured;
+        // A clock that was set back while capturing holds nothing up.
+        const uint64_t since = captured > first_ns_ ? captured - first_ns_ : 0;
+        due_ns_ = start_ns_ + static_cast<uint64_t>(static_cast<double>(since) / speed_);
+    }
+    wake_.at(due_ns_);
+}
+
+bool ReplayPort::receive(RxFrame *frame)
+{
+    if (due_ns_ == UINT64_MAX || clock_() < due_ns_)
+        return wire_->receive(frame);
+    current_.swap(next_);
+    replayed_++;
+    *frame = {current_.data(), static_cast<uint32_t>(current_.size()), 0};
+    read_next();
+    return true;
+}
+
+PortCounters ReplayPort::counters() const
+{
+    PortCounters counters = wire_->counters();
+    counters.received += replayed_;
+    counters.rx_malformed += file_->passed_over();
+    return counters;
+}
+
+} // namespace softnic

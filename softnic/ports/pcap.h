@@ -1,0 +1,77 @@
+// Frames out of a capture file, alone or as what arrives at a port.
+#pragma once
+
+#include "port.h"
+#include "timed_wake.h"
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace softnic {
+
+// Reads the classic pcap format, written on a machine of either byte order, with times in microseconds or
+// nanoseconds, of Ethernet frames.
+class PcapReader {
+public:
+    // Null with the reason in *error.
+    static std::unique_ptr<PcapReader> open(const std::string &path, std::string *error);
+    ~PcapReader();
+    PcapReader(const PcapReader &) = delete;
+    PcapReader &operator=(const PcapReader &) = delete;
+
+    // The next whole frame and when it was captured, ns. False at the end of the file, or where it is cut off.
+    // Frames of which the capture kept only the beginning are passed over.
+    bool next(uint64_t *time_ns, std::vector<uint8_t> *frame);
+
+    uint64_t passed_over() const { return passed_over_; }
+
+private:
+    explicit PcapReader(FILE *file) : file_(file) {}
+    uint32_t number(const uint8_t *bytes) const;
+
+    FILE *file_;
+    bool swapped_ = false;
+    uint32_t tick_ns_ = 1000; // of the fraction of a second
+    uint64_t passed_over_ = 0;
+};
+
+// Takes "FILE" or "FILE,speed=N" apart. False with the reason in *error.
+bool parse_replay(const std::string &text, std::string *path, double *speed, std::string *error);
+
+// Another port, at which the frames of a file arrive as well, at the pace at which they were captured. They begin
+// with the first filter: nobody would get them earlier.
+class ReplayPort : public Port {
+public:
+    // speed 2 is twice as fast as captured. clock gives monotonic time in ns.
+    ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> file, double speed,
+               std::function<uint64_t()> clock);
+
+    int poll_fd() const override { return wake_.fd(); }
+    bool receive(RxFrame *frame) override;
+    int send(const uint8_t *frame, size_t len) override { return wire_->send(frame, len); }
+    int steer(const SteerKey &key, bool install) override;
+    int set_promiscuous(bool on) override { return wire_->set_promiscuous(on); }
+    bool link_up() const override { return wire_->link_up(); }
+    PortCounters counters() const override;
+
+private:
+    void read_next();
+
+    std::unique_ptr<Port> wire_;
+    std::unique_ptr<PcapReader> file_;
+    double speed_;
+    std::function<uint64_t()> clock_;
+    TimedWake wake_;
+    bool started_ = false;
+    uint64_t start_ns_ = 0;        // when the first frame was due
+    uint64_t first_ns_ = 0;        // when it was captured
+    uint64_t due_ns_ = UINT64_MAX; // when the next one is
+    std::vector<uint8_t> next_;    // it
+    std::vector<uint8_t> current_; // handed out last
+    uint64_t replayed_ = 0;
+};
+
+} // namespace softnic

@@ -1,0 +1,190 @@
+// Capture files: every form of the classic format, and what is none.
+#include "ports/memory.h"
+#include "ports/pcap.h"
+#include "softnic.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+using namespace softnic;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class File {
+public:
+    explicit File(const Bytes &bytes)
+    {
+        const int fd = mkstemp(name_);
+        EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        close(fd);
+    }
+    ~File() { unlink(name_); }
+    const char *name() const { return name_; }
+
+private:
+    char name_[32] = "/tmp/ruk-pcap-XXXXXX";
+};
+
+Bytes operator+(Bytes a, const Bytes &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Little endian, microseconds, Ethernet.
+const Bytes kHeader = {0xd4, 0xc3, 0xb2, 0xa1, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 0, 1, 0, 0, 0};
+// At 0x65000001 s and 500000 us, 62 bytes of 62.
+const Bytes kRecord = {1, 0, 0, 0x65, 0x20, 0xa1, 7, 0, 62, 0, 0, 0, 62, 0, 0, 0};
+
+Bytes frame(uint8_t fill, size_t n = 62) { return Bytes(n, fill); }
+
+std::string refusal(const Bytes &bytes)
+{
+    const File file(bytes);
+    std::string error;
+    EXPECT_EQ(PcapReader::open(file.name(), &error), nullptr);
+    EXPECT_EQ(error.compare(0, strlen(file.name()), file.name()), 0) << error;
+    return error.substr(strlen(file.name()));
+}
+
+} // namespace
+
+TEST(Pcap, LittleEndianMicroseconds_FrameAndTime)
+{
+    const File file(kHeader + kRecord + frame(7) + kRecord + frame(8));
+    std::string error;
+    const auto reader = PcapReader::open(file.name(), &error);
+    ASSERT_NE(reader, nullptr) << error;
+    uint64_t time_ns;
+    Bytes bytes;
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(time_ns, 0x65000001u * UINT64_C(1000000000) + 500000000);
+    EXPECT_EQ(bytes, frame(7));
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(bytes, frame(8));
+    EXPECT_FALSE(reader->next(&time_ns, &bytes));
+}
+
+TEST(Pcap, BigEndianNanoseconds_FrameAndTime)
+{
+    const Bytes header = {0xa1, 0xb2, 0x3c, 0x4d, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0, 0, 1};
+    const Bytes record = {0x65, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 14, 0, 0, 0, 14};
+    const File file(header + record + frame(7, 14));
+    std::string error;
+    const auto reader = PcapReader::open(file.name(), &error);
+    ASSERT_NE(reader, nullptr) << error;
+    uint64_t time_ns;
+    Bytes bytes;
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(time_ns, 0x65000001u * UINT64_C(1000000000) + 9);
+    EXPECT_EQ(bytes, frame(7, 14) + frame(0, 46)); // padded as on the wire
+}
+
+TEST(Pcap, FrameOfWhichOnlyTheBeginningWasKept_IsPassedOverAndCounted)
+{
+    Bytes cut = kRecord;
+    cut[12] = 63;
+    const File file(kHeader + cut + frame(1) + kRecord + frame(2));
+    std::string error;
+    const auto reader = PcapReader::open(file.name(), &error);
+    uint64_t time_ns;
+    Bytes bytes;
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(bytes, frame(2));
+    EXPECT_EQ(reader->passed_over(), 1u);
+}
+
+TEST(Pcap, FileCutOffInAFrame_EndsBeforeIt)
+{
+    const File file(kHeader + kRecord + frame(1) + kRecord + frame(2, 30));
+    std::string error;
+    const auto reader = PcapReader::open(file.name(), &error);
+    uint64_t time_ns;
+    Bytes bytes;
+    EXPECT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_FALSE(reader->next(&time_ns, &bytes));
+}
+
+TEST(Pcap, WhatIsNoCaptureOfEthernetFrames_IsRefusedWithTheReason)
+{
+    EXPECT_EQ(refusal({1, 2, 3}), " is no capture file: it is too short");
+    EXPECT_EQ(refusal(Bytes(24, 'x')), " is no capture file");
+    Bytes other = kHeader;
+    other[20] = 113;
+    EXPECT_EQ(refusal(other), " holds no Ethernet frames");
+    Bytes ng = kHeader;
+    memcpy(ng.data(), "\x0a\x0d\x0d\x0a", 4);
+    EXPECT_EQ(refusal(ng), " is a pcapng file: convert it with 'tcpdump -r FILE -w NEW'");
+    std::string error;
+    EXPECT_EQ(PcapReader::open("/nowhere/at-all.pcap", &error), nullptr);
+    EXPECT_EQ(error, "/nowhere/at-all.pcap: No such file or directory");
+    char cut[8];
+    EXPECT_EQ(softnic_pcap_open("/nowhere/at-all.pcap", cut, sizeof cut), nullptr);
+    EXPECT_STREQ(cut, "/nowher");
+    EXPECT_EQ(softnic_pcap_open("/nowhere/at-all.pcap", nullptr, 0), nullptr);
+}
+
+TEST(Pcap, ReplayArgument_IsTakenApart)
+{
+    std::string path, error;
+    double speed;
+    EXPECT_TRUE(parse_replay("a,b.pcap", &path, &speed, &error));
+    EXPECT_EQ(path, "a,b.pcap");
+    EXPECT_EQ(speed, 1);
+    EXPECT_TRUE(parse_replay("feed.pcap,speed=2.5", &path, &speed, &error));
+    EXPECT_EQ(path, "feed.pcap");
+    EXPECT_EQ(speed, 2.5);
+    for (const char *bad : {"f,speed=", "f,speed=0", "f,speed=-1", "f,speed=x", "f,speed=1e7", "f,speed=nan"})
+        EXPECT_FALSE(parse_replay(bad, &path, &speed, &error)) << bad;
+    EXPECT_EQ(error, "speed 'nan' is not a number above 0, at most 1000000");
+    EXPECT_FALSE(parse_replay(",speed=2", &path, &speed, &error));
+    EXPECT_EQ(error, "no file named");
+}
+
+TEST(Replay, FramesOfTheFile_ArriveFromTheFirstFilterOnAtTheirPace)
+{
+    Bytes later = kRecord; // 400 us after the first
+    later[4] = 0xb0;
+    later[5] = 0xa2;
+    const File file(kHeader + kRecord + frame(1) + later + frame(2));
+    std::string error;
+    uint64_t now = 5000000;
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 4, [&] { return now; });
+    RxFrame got;
+    EXPECT_FALSE(port.receive(&got)); // nobody has asked for anything yet
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(1));
+    EXPECT_FALSE(port.receive(&got));
+    now += 99999;
+    EXPECT_FALSE(port.receive(&got));
+    now += 1; // 100 us: four times as fast
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(2));
+    now += 1000000000;
+    EXPECT_FALSE(port.receive(&got));
+    EXPECT_EQ(port.counters().received, 2u);
+}
+
+TEST(Replay, FramesOfTheWireItself_ArriveAsWell)
+{
+    const File file(kHeader + kRecord + frame(1));
+    std::string error;
+    auto wire = std::make_unique<MemoryPort>();
+    MemoryPort *memory = wire.get();
+    ReplayPort port(std::move(wire), PcapReader::open(file.name(), &error), 1, [] { return UINT64_C(1); });
+    const Bytes own = frame(9);
+    memory->inject(own.data(), own.size());
+    RxFrame got;
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_EQ(Bytes(got.data, got.data + got.len), own);
+    pollfd waiting = {port.poll_fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&waiting, 1, 0), 0);
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    EXPECT_EQ(poll(&waiting, 1, 1000), 1); // due since long, by the monotonic clock
+}
