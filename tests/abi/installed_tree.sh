@@ -1,6 +1,7 @@
 #!/bin/bash
 # The installed tree serves a stranger: a program is compiled against its headers and its pkg-config file, as C11 and
-# as C++20, linked with the shared and with the static library, and run; the same through the CMake package.
+# as C++20, linked with the shared and with the static library, and run; the same through the CMake package. So are the
+# software adapter's archive and header, and rukrun gives a program an adapter.
 #
 #   installed_tree.sh BUILD_DIR CC CXX FLAGS      FLAGS: further compiler flags, for example -m32
 set -euo pipefail
@@ -77,4 +78,39 @@ fi
 for program in with_shared with_static; do
     "$tree/user/build/$program" || fail "$program failed"
 done
+# The software adapter for users' own tests.
+for program in c cxx c_capture; do
+    language=(-x c -std=c11 -D_DEFAULT_SOURCE) compiler=$cc archives=(-lsoftnic)
+    [[ $program != cxx ]] || language=(-x c++ -std=c++20) compiler=$cxx
+    [[ $program != c_capture ]] || archives=(-DWITH_CAPTURE -lsoftnic_capture -lsoftnic_tap -lsoftnic)
+    "$compiler" "${flags[@]}" "${language[@]}" "${strict[@]}" -I"$prefix/include" -L"$libdir" -o "$tree/adapter_$program" \
+        "$here/adapter_consumer.c" -x none "${archives[@]}" -lstdc++ -lm -lpthread || fail "libsoftnic does not link"
+    "$tree/adapter_$program" || fail "adapter_$program failed"
+done
+
+# The programs start where they were installed, each with a manual page, and only those that were built.
+programs=(rukrun)
+[[ ! -x $build/bin/ruk-recv ]] || programs+=(ruk-info ruk-recv ruk-send ruk-ping ruk-top)
+[[ ! -x $build/bin/ruk-capture ]] || programs+=(ruk-capture)
+for program in "${programs[@]}"; do
+    said=$(LD_LIBRARY_PATH=$libdir "$prefix/bin/$program" --version) || fail "$program does not start"
+    [[ $said == "$program "* ]] || fail "$program --version says: $said"
+done
+((${#programs[@]} == $(find "$prefix/bin" -type f | wc -l))) || fail "in bin there is: $(ls "$prefix/bin")"
+
+# rukrun finds the adapter beside itself, and with it there is a board.
+[[ -n $(find "$libdir" -name liboxelsoft.so) ]] || fail "no liboxelsoft.so"
+printf '#include <fcntl.h>\nint main(void) { return open("/dev/oxelB0", O_RDWR) < 0; }\n' >"$tree/opener.c"
+"$cc" "${flags[@]}" -o "$tree/opener" "$tree/opener.c"
+if "$tree/opener"; then
+    fail "there is an adapter without rukrun"
+fi
+own_host=(unshare -n)
+((EUID == 0)) || own_host=(unshare -Urn)
+if "${own_host[@]}" true 2>/dev/null; then
+    "${own_host[@]}" sh -c 'ip link set lo up && "$@"' - "$prefix/bin/rukrun" --soft=lo "$tree/opener" ||
+        fail "rukrun of the installed tree gives no adapter"
+else
+    echo "installed tree: SKIPPED: rukrun with its adapter, since no network namespaces can be had"
+fi
 echo "installed tree: ok"
