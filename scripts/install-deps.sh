@@ -50,13 +50,32 @@ else
     as_root=(env)
 fi
 
+# Prints a line for each tenth of the packages that are got and set up; all of apt's output goes to the log.
+show_progress() {
+    local total=0 got=0 done=0 line shown=
+    while IFS= read -r line; do
+        printf '%s\n' "$line" >>"$log"
+        case $line in
+        *" newly installed, "*) total=$(sed -nE 's/^([0-9]+) upgraded, ([0-9]+) newly.*/\1 + \2/p' <<<"$line") total=$((total)) ;;
+        Get:*) got=$((got + 1)) ;;
+        "Setting up "*) done=$((done + 1)) ;;
+        *) continue ;;
+        esac
+        ((total)) || continue
+        local now="$((10 * got / total)) $((10 * done / total))"
+        [[ $now == "$shown" ]] || printf '  packages: %d of %d fetched, %d set up\n' "$((got < total ? got : total))" "$total" "$done"
+        shown=$now
+    done
+}
+
 echo "Installing: ${missing[*]}"
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 if ! {
-    "${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get update -qq &&
-        "${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
-} </dev/null >"$log" 2>&1; then
+    "${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get update -qq >"$log" 2>&1 &&
+        "${as_root[@]}" DEBIAN_FRONTEND=noninteractive LC_ALL=C apt-get install -y --no-install-recommends \
+            "${missing[@]}" </dev/null 2>&1 | show_progress
+}; then
     tail -n 30 "$log" >&2
     echo "install-deps: could not install: ${missing[*]}" >&2
     exit 1
