@@ -1,5 +1,5 @@
 #!/bin/bash
-# clang-tidy over the library, its platform layer and the software adapter.
+# clang-tidy over the library, its platform layer, the software adapter and the launcher.
 #
 #   scripts/check_tidy.sh BUILD_DIR     a configured build directory, for its compile_commands.json
 set -euo pipefail
@@ -8,13 +8,13 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 sources=$(python3 - "$build/compile_commands.json" "$PWD" <<'PY'
 import json, os, sys
 commands, root = json.load(open(sys.argv[1])), sys.argv[2]
-wanted = tuple(os.path.join(root, d) + os.sep for d in ("libruk", "common", "softnic"))
+wanted = tuple(os.path.join(root, d) + os.sep for d in ("libruk", "common", "softnic", "launcher"))
 print("\n".join(sorted({os.path.normpath(os.path.join(c["directory"], c["file"])) for c in commands
                         if os.path.normpath(os.path.join(c["directory"], c["file"])).startswith(wanted)})))
 PY
 )
 [[ -n $sources ]] || {
-    echo "check_tidy: $build compiles nothing of libruk/, common/ and softnic/" >&2
+    echo "check_tidy: $build compiles nothing of the checked directories" >&2
     exit 1
 }
 printf '%s\n' "$sources" | xargs -d '\n' -n 1 -P 2 clang-tidy-14 -p "$build" --quiet 2> >(
