@@ -17,8 +17,8 @@
  *     softnic_destroy(nic);
  *
  * C11 and C++20; a C program is linked with -lsoftnic -lstdc++ -lm -lpthread. All calls may be made from any thread
- * while others use the devices, but for attach, detach and destroy. Boards and endpoints are numbered from 0; one that is not there makes a call do nothing and give 0,
- * null or EINVAL.
+ * while others use the devices, but for attach, detach and destroy. Boards and endpoints are numbered from 0; one that
+ * is not there makes a call do nothing and give 0, null or EINVAL.
  */
 #ifndef SOFTNIC_H
 #define SOFTNIC_H
