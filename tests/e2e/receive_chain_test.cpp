@@ -339,6 +339,22 @@ TEST_F(ReceiveChainTest, ProgramAndAdapterOnOneProcessor_BlockingAndPolling_Rece
     }
 }
 
+TEST_F(ReceiveChainTest, ProcessorOfTheFirmwareChosen_ItsThreadAloneIsHeldThere)
+{
+    auto program = receiver({"-p", "5000", "--json"}, {"RUK_SOFTNIC_CPU=0"});
+    stream(*program, 100, 10);
+    unsigned held = 0, others = 0;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(program->pid()) + "/task")) {
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("Cpus_allowed_list:", 0) == 0)
+                (line == "Cpus_allowed_list:\t0" ? held : others)++;
+    }
+    if (others == 0)
+        GTEST_SKIP() << "there is one processor only";
+    EXPECT_EQ(held, 1u);
+}
+
 TEST_F(ReceiveChainTest, PollingReceiver_BetweenDatagrams_WakesLessThanTenTimesASecond)
 {
     auto program = receiver({"-p", "5000", "--wait", "nonblock", "--json"});
