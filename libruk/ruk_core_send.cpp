@@ -64,7 +64,8 @@ static inline void release(struct ruk__ep *rep, struct ruk__request *req)
     if (req->req_type == RUK_REQ_SEND_PIO || req->req_type == RUK_REQ_SEND_DMA) {
         struct ruk__sendbuf *sb = sendbuf_of(rep, req->req_type);
         sb->sb_head += req->req_size;
-        sb->sb_avail = ((sb->sb_head + sb->sb_length - 1 - sb->sb_tail) & (sb->sb_length - 1)) + 1;
+        /* Not modulo the length: an empty payload released from a full ring would then free all of it. */
+        sb->sb_avail = sb->sb_length - (sb->sb_tail - sb->sb_head);
     }
     req->req_type = RUK_REQ_SEND_NONE;
     req->req_size = 0;

@@ -178,6 +178,13 @@ uint64_t Program::sleeps() const
     return sum;
 }
 
+bool Program::has_ended() const
+{
+    siginfo_t info = {};
+    return ended_ ||
+           (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_);
+}
+
 std::ostream &operator<<(std::ostream &os, const Program &program)
 {
     return os << "exit status " << program.status() << "\nstandard output:\n"

@@ -45,6 +45,9 @@ public:
     /* Reads both streams to their ends and waits. False, and a kill, when it took longer. */
     bool finish(int timeout_ms = 30000);
 
+    /* Whether it runs no more; finish() then reads the last of its output. */
+    bool has_ended() const;
+
     bool exited_with(int status) const { return ended_ && signal_ == 0 && status_ == status; }
     bool killed_by(int sig) const { return ended_ && signal_ == sig; }
     int status() const { return status_; }

@@ -237,4 +237,20 @@ TEST_F(RequestTest, CounterAheadOfTheRequests_ReapsWhatThereIs)
     EXPECT_EQ(send(4), 0);
 }
 
+/* Its release must not be taken for that of the whole ring: the payloads that still wait would be overwritten. */
+TEST_F(RequestTest, EmptyPayloadCompletedWhileRingIsFull_NoRoomIsFreed)
+{
+    open_with(8192, 8);
+    ASSERT_EQ(send(0), 0);
+    ASSERT_EQ(send(4096), 0);
+    ASSERT_EQ(send(4096), 0);
+    ASSERT_EQ(pio_ring().sb_avail, 0u);
+    complete();
+    EXPECT_EQ(send(4), EAGAIN);
+    EXPECT_EQ(pio_ring().sb_avail, 0u);
+    complete();
+    EXPECT_EQ(send(4096), 0);
+    EXPECT_EQ(data_offset(NUV_UREQ_RUK_PIO), 0u);
+}
+
 } // namespace
