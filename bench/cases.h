@@ -1,0 +1,65 @@
+/*
+ * A case: something that the library does, and beside it, measured in turn with it, the least that could do it.
+ */
+#ifndef CASES_H
+#define CASES_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+/* One measurement: nanoseconds an operation. Throws std::runtime_error when the result is wrong. */
+using Measure = std::function<double()>;
+
+enum class Compare {
+    none,       /* no target */
+    ratio,      /* time over the floor's: at most */
+    speed,      /* the floor's time over its own, that is GB/s over GB/s: at least */
+    difference, /* time less the floor's, ns: at most */
+    faster,     /* time over the floor's: below */
+};
+
+/* What a case needs only while it is measured. */
+struct Measured {
+    Measure subject, floor; /* a case without a floor leaves it empty */
+};
+
+struct Case {
+    std::string name;
+    std::string what;    /* for people: what against what */
+    std::string spinner; /* who spins and who sleeps, and where */
+    Compare compare = Compare::none;
+    double must = 0, aim = 0;
+    size_t bytes = 0;    /* of an operation, where GB/s are worth telling */
+    std::string skipped; /* why it is not measured; empty: it is */
+    unsigned rounds = 0; /* at most; 0: as many as any */
+    std::function<Measured()> make = {};
+};
+
+/* How much is measured at a time: 1, or less in a tiny run. */
+struct Effort {
+    double share = 1;
+    size_t of(size_t full) const { return full * share < 1 ? 1 : size_t(double(full) * share); }
+};
+
+void add_receive_cases(std::vector<Case> &cases, Effort effort);
+void add_send_cases(std::vector<Case> &cases, Effort effort);
+void add_pair_case(std::vector<Case> &cases, Effort effort);
+void add_kernel_cases(std::vector<Case> &cases, Effort effort);
+void add_veth_case(std::vector<Case> &cases, Effort effort);
+
+/* Nanoseconds that a call of `work` takes, divided among n operations. */
+double time_of(size_t n, const std::function<void()> &work);
+/* Nanoseconds of some clock that only goes forward. */
+double now_ns();
+
+[[noreturn]] void wrong(const char *what);
+
+constexpr const char *one_thread = "one thread, spinning; nothing sleeps";
+
+} // namespace bench
+
+#endif

@@ -1,0 +1,221 @@
+/*
+ * The kernel: its own sockets on the loopback interface, and beside libruk over the software adapter on a veth pair.
+ */
+#include "cases.h"
+
+#include <nlohmann/json.hpp>
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace bench {
+
+namespace {
+
+/* Two sockets on the loopback interface, one connected to the other. */
+class Loopback {
+public:
+    Loopback()
+    {
+        sockaddr_in sin = {};
+        sin.sin_family = AF_INET;
+        sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof sin;
+        receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (receiver < 0 || sender < 0 || bind(receiver, reinterpret_cast<sockaddr *>(&sin), sizeof sin) != 0 ||
+            getsockname(receiver, reinterpret_cast<sockaddr *>(&sin), &len) != 0 ||
+            connect(sender, reinterpret_cast<sockaddr *>(&sin), sizeof sin) != 0)
+            throw std::runtime_error(std::string("no loopback sockets: ") + std::strerror(errno));
+    }
+    ~Loopback()
+    {
+        close(receiver);
+        close(sender);
+    }
+    Loopback(const Loopback &) = delete;
+    Loopback &operator=(const Loopback &) = delete;
+    int receiver = -1, sender = -1;
+};
+
+/* Nanoseconds a datagram of recvfrom() or of send(), delivery into the receiver's queue included. */
+Measure kernel_sockets(size_t bytes, size_t batches, bool receiving)
+{
+    auto pair = std::make_shared<Loopback>();
+    return [=] {
+        constexpr int batch = 40; /* the receive buffer holds them */
+        char buffer[2048] = {};
+        double sending = 0, taking = 0;
+        for (size_t b = 0; b < batches; ++b) {
+            bool good = true;
+            const double t0 = now_ns();
+            for (int i = 0; i < batch; ++i)
+                good &= send(pair->sender, buffer, bytes, 0) == ssize_t(bytes);
+            const double t1 = now_ns();
+            for (int i = 0; i < batch; ++i) {
+                sockaddr_in from;
+                socklen_t len = sizeof from;
+                good &= recvfrom(pair->receiver, buffer, sizeof buffer, MSG_DONTWAIT,
+                                 reinterpret_cast<sockaddr *>(&from), &len) == ssize_t(bytes);
+            }
+            taking += now_ns() - t1;
+            sending += t1 - t0;
+            if (!good)
+                wrong("a datagram was lost on the loopback interface");
+        }
+        return (receiving ? taking : sending) / double(batches * batch);
+    };
+}
+
+/*
+ * Two hosts joined by a veth pair, for as long as the shell lives. An echo server on the far one sleeps until a
+ * request comes; ruk-ping on the near one spins for its replies. Lines on standard input say what to measure with:
+ * "libruk" or "kernel"; each is answered by ruk-ping's result in JSON on one line, "ready" coming first of all.
+ */
+constexpr const char *veth_hosts = R"sh(
+set -e
+bin=$0 count=$1
+fail() { printf 'failed: %s\n' "$*"; exit 1; }
+work=$(mktemp -d)
+unshare --net sh -c 'echo there >"$0"; exec sleep 600' "$work/holder" & holder=$!
+echo=
+trap 'kill $holder $echo 2>/dev/null; rm -r "$work"' EXIT
+for ((i = 0; i < 100; i++)); do [[ -s $work/holder ]] && break; sleep 0.05; done
+{ ip link set lo up &&
+    ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02 netns $holder &&
+    ip address add 10.77.0.1/24 brd + dev oxel0 && ip link set oxel0 up; } 2>"$work/err" || fail "$(head -1 "$work/err")"
+peer() { nsenter --target $holder --net -- "$@"; }
+peer ip link set lo up
+peer ip address add 10.77.0.2/24 brd + dev peer0
+peer ip link set peer0 up
+nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p 7000 --wait block -t 500 >"$work/echo" 2>&1 & echo=$!
+for ((i = 0; i < 100; i++)); do grep -q answering "$work/echo" && break; sleep 0.05; done
+echo ready
+while read -r with; do
+    run=(timeout 60)
+    options=(client -i oxel0 10.77.0.2:7000 --size 64 --count $count --warmup 200 --wait spin --json)
+    if [[ $with == libruk ]]; then run+=("$bin/rukrun" --soft=oxel0 --); else options+=(--kernel); fi
+    "${run[@]}" "$bin/ruk-ping" "${options[@]}" >"$work/out" 2>"$work/err" || fail "$(tail -1 "$work/err")"
+    tr -d '\n' <"$work/out"; echo
+done
+)sh";
+
+std::string directory_of_programs()
+{
+    std::array<char, 4096> path{};
+    const ssize_t n = readlink("/proc/self/exe", path.data(), path.size() - 1);
+    std::string whole(path.data(), n > 0 ? size_t(n) : 0);
+    return whole.substr(0, whole.rfind('/'));
+}
+
+class VethHosts {
+public:
+    explicit VethHosts(size_t count)
+    {
+        int in[2], out[2];
+        if (pipe(in) != 0 || pipe(out) != 0)
+            throw std::runtime_error("no pipes");
+        const std::string bin = directory_of_programs(), number = std::to_string(count);
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(in[0], 0);
+            dup2(out[1], 1);
+            for (int fd : {in[0], in[1], out[0], out[1]})
+                close(fd);
+            const char *user = geteuid() == 0 ? "--net" : "--user";
+            const char *map = geteuid() == 0 ? "--net" : "--map-root-user";
+            execlp("unshare", "unshare", user, map, "--net", "--", "bash", "-c", veth_hosts, bin.c_str(),
+                   number.c_str(), nullptr);
+            _exit(127);
+        }
+        close(in[0]);
+        close(out[1]);
+        ask_ = fdopen(in[1], "w");
+        answers_ = fdopen(out[0], "r");
+        const std::string first = line();
+        if (first != "ready")
+            throw std::runtime_error(first.empty() ? "network namespaces cannot be had" : first);
+    }
+    ~VethHosts()
+    {
+        fclose(ask_); /* the end of its input ends the shell, and with it the hosts */
+        fclose(answers_);
+        waitpid(pid_, nullptr, 0);
+    }
+    VethHosts(const VethHosts &) = delete;
+    VethHosts &operator=(const VethHosts &) = delete;
+
+    double median_half_round_trip(const char *with)
+    {
+        fprintf(ask_, "%s\n", with);
+        fflush(ask_);
+        const std::string answer = line();
+        const auto result = nlohmann::json::parse(answer, nullptr, false);
+        if (!result.is_object() || !result.contains("half_round_trip_ns"))
+            throw std::runtime_error(answer.empty() ? "ruk-ping gave no result" : answer);
+        return result["half_round_trip_ns"]["p50"].get<double>();
+    }
+
+private:
+    std::string line()
+    {
+        std::string text;
+        for (int c; (c = fgetc(answers_)) != EOF && c != '\n';)
+            text += char(c);
+        return text;
+    }
+    pid_t pid_ = -1;
+    FILE *ask_ = nullptr, *answers_ = nullptr;
+};
+
+} // namespace
+
+void add_kernel_cases(std::vector<Case> &cases, Effort effort)
+{
+    const size_t batches = effort.of(100);
+    for (size_t bytes : {size_t(64), size_t(1400)}) {
+        const std::string size = std::to_string(bytes);
+        cases.push_back({"kernel_recvfrom_" + size, "kernel recvfrom on the loopback interface, " + size + " B",
+                         one_thread, Compare::none, 0, 0, 0, "", 0, [=] {
+                             return Measured{kernel_sockets(bytes, batches, true), {}};
+                         }});
+        cases.push_back({"kernel_send_" + size,
+                         "kernel connected send on the loopback interface, delivery included, " + size + " B",
+                         one_thread, Compare::none, 0, 0, 0, "", 0, [=] {
+                             return Measured{kernel_sockets(bytes, batches, false), {}};
+                         }});
+    }
+}
+
+void add_veth_case(std::vector<Case> &cases, Effort effort)
+{
+    Case veth = {
+        "veth_64",
+        "half round trip, 64 B, software adapter on a veth pair, against a kernel socket that busy-polls",
+        "the application spins; with libruk the adapter's firmware thread too; the peer, a kernel echo, sleeps",
+        Compare::ratio,
+        1.25,
+        1.0,
+        0,
+        "",
+        5,
+        [=] {
+            auto hosts = std::make_shared<VethHosts>(effort.of(3000));
+            return Measured{[=] { return hosts->median_half_round_trip("libruk"); },
+                            [=] { return hosts->median_half_round_trip("kernel"); }};
+        }};
+    for (const char *program : {"/rukrun", "/ruk-ping"})
+        if (access((directory_of_programs() + program).c_str(), X_OK) != 0)
+            veth.skipped = std::string(program + 1) + " is not beside this program";
+    cases.push_back(veth);
+}
+
+} // namespace bench

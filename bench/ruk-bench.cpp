@@ -1,0 +1,264 @@
+/*
+ * ruk-bench: what the library costs, in memory alone and beside the kernel, each case in turn with its floor.
+ */
+#include "cases.h"
+#include "ruk.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/core.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <fstream>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/utsname.h>
+#include <thread>
+
+namespace bench {
+
+double now_ns()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return double(t.tv_sec) * 1e9 + double(t.tv_nsec);
+}
+
+double time_of(size_t n, const std::function<void()> &work)
+{
+    const double began = now_ns();
+    work();
+    return (now_ns() - began) / double(n);
+}
+
+void wrong(const char *what) { throw std::runtime_error(what); }
+
+} // namespace bench
+
+namespace {
+
+using namespace bench;
+using nlohmann::json;
+
+struct Result {
+    std::vector<double> ns, floor_ns;
+    std::string skipped; /* why there are none */
+    bool failed = false;
+};
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return (v[v.size() / 2] + v[(v.size() - 1) / 2]) / 2;
+}
+double least(const std::vector<double> &v) { return *std::min_element(v.begin(), v.end()); }
+double most(const std::vector<double> &v) { return *std::max_element(v.begin(), v.end()); }
+
+Result measure(const Case &c, unsigned rounds)
+{
+    Result result;
+    result.skipped = c.skipped;
+    if (!c.skipped.empty())
+        return result;
+    const unsigned n = c.rounds ? std::min(c.rounds, rounds) : rounds;
+    try {
+        const Measured measured = c.make();
+        measured.subject(); /* caches, branches and pages */
+        if (measured.floor)
+            measured.floor();
+        for (unsigned i = 0; i < n; ++i) {
+            result.ns.push_back(measured.subject());
+            if (measured.floor)
+                result.floor_ns.push_back(measured.floor());
+        }
+    } catch (const std::exception &e) {
+        result = {};
+        result.skipped = e.what();
+        result.failed = c.name != "veth_64"; /* a host may refuse namespaces; memory refuses nothing */
+    }
+    return result;
+}
+
+/* What a case is judged by; NaN where there is nothing to judge. */
+double judged(const Case &c, double ns, double floor)
+{
+    switch (c.compare) {
+    case Compare::ratio:
+    case Compare::faster:
+        return ns / floor;
+    case Compare::speed:
+        return floor / ns;
+    case Compare::difference:
+        return ns - floor;
+    case Compare::none:
+        break;
+    }
+    return NAN;
+}
+
+bool holds(const Case &c, double value)
+{
+    switch (c.compare) {
+    case Compare::speed:
+        return value >= c.must;
+    case Compare::faster:
+        return value < c.must;
+    default:
+        return value <= c.must;
+    }
+}
+
+json describe_machine()
+{
+    std::string model;
+    std::ifstream info("/proc/cpuinfo");
+    for (std::string line; std::getline(info, line);)
+        if (line.rfind("model name", 0) == 0) {
+            model = line.substr(line.find(':') + 2);
+            break;
+        }
+    auto file = [](const char *path) {
+        std::ifstream in(path);
+        std::string text;
+        std::getline(in, text);
+        return text;
+    };
+    utsname uts;
+    uname(&uts);
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    const std::string all((std::istreambuf_iterator<char>(cpuinfo)), {});
+    return {{"processor", model},
+            {"processors", std::thread::hardware_concurrency()},
+            {"virtual", all.find(" hypervisor") != std::string::npos},
+            {"cache_l2", file("/sys/devices/system/cpu/cpu0/cache/index2/size")},
+            {"cache_l3", file("/sys/devices/system/cpu/cpu0/cache/index3/size")},
+            {"governor", file("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")},
+            {"load", file("/proc/loadavg")},
+            {"kernel", std::string(uts.sysname) + " " + uts.release},
+            {"architecture", uts.machine},
+            {"compiler", __VERSION__},
+            {"adapter", "none: rings and windows are plain memory"}};
+}
+
+json as_json(const Case &c, const Result &r)
+{
+    json j = {{"name", c.name}, {"what", c.what}, {"spins", c.spinner}};
+    if (r.ns.empty()) {
+        j[r.failed ? "failed" : "skipped"] = r.skipped;
+        return j;
+    }
+    auto rounded = [](double v) { return std::round(v * 1000) / 1000; };
+    const double ns = median(r.ns);
+    j["ns"] = rounded(ns);
+    j["min"] = rounded(least(r.ns));
+    j["max"] = rounded(most(r.ns));
+    if (c.bytes)
+        j["gbytes_per_second"] = rounded(double(c.bytes) / ns);
+    if (r.floor_ns.empty())
+        return j;
+    const double floor = median(r.floor_ns);
+    j["floor_ns"] = rounded(floor);
+    j["floor_min"] = rounded(least(r.floor_ns));
+    j["floor_max"] = rounded(most(r.floor_ns));
+    if (c.compare == Compare::none) {
+        j["ratio"] = rounded(ns / floor);
+        return j;
+    }
+    const double value = judged(c, ns, floor);
+    j[c.compare == Compare::difference ? "difference_ns" : "ratio"] = rounded(value);
+    j["ratio_of_minima"] = rounded(judged(c, least(r.ns), least(r.floor_ns)));
+    if (c.compare == Compare::difference)
+        j["ratio"] = rounded(ns / floor);
+    j["must"] = c.must;
+    if (c.aim != 0)
+        j["aim"] = c.aim;
+    j["met"] = holds(c, value);
+    return j;
+}
+
+void print_row(const Case &c, const Result &r)
+{
+    if (r.ns.empty()) {
+        fmt::print("{:<25} {}: {}\n", c.name, r.failed ? "FAILED" : "skipped", r.skipped);
+    } else {
+        const double ns = median(r.ns);
+        fmt::print("{:<25} {:>9.1f} {:>9.1f} {:>9.1f}", c.name, ns, least(r.ns), most(r.ns));
+        if (!r.floor_ns.empty()) {
+            const double floor = median(r.floor_ns);
+            const double value = c.compare == Compare::none ? ns / floor : judged(c, ns, floor);
+            fmt::print(" {:>9.1f} {:>6.2f}{}", floor, value, c.compare == Compare::difference ? " ns" : "   ");
+            if (c.compare != Compare::none) {
+                const char *sign = c.compare == Compare::speed ? ">=" : c.compare == Compare::faster ? "<" : "<=";
+                fmt::print(" {:>2} {:<5g}", sign, c.must);
+                fmt::print("{:>5}", c.aim != 0 ? fmt::format("{:g}", c.aim) : "");
+                fmt::print("  {}", holds(c, value) ? "met" : "NOT MET");
+            }
+        }
+        if (c.bytes)
+            fmt::print("  ({:.1f} GB/s)", double(c.bytes) / ns);
+        fmt::print("\n");
+    }
+    fmt::print("    {}; {}\n", c.what, c.spinner);
+    std::fflush(stdout);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    bool as_json_text = false, tiny = false;
+    std::vector<std::string> only;
+    CLI::App app("Measures what libruk costs: nanoseconds a datagram, each case in turn with the least that could do "
+                 "the same");
+    app.set_version_flag("--version", "ruk-bench " RUK_VERSION);
+    app.add_flag("--json", as_json_text, "Result as one JSON object");
+    app.add_flag("--tiny", tiny, "A moment of each case: shows that they run, measures nothing");
+    app.add_option("--only", only, "Only the cases whose names begin so")->type_name("NAME");
+    CLI11_PARSE(app, argc, argv);
+
+    std::vector<Case> cases;
+    const Effort effort{tiny ? 0.01 : 1.0};
+    add_receive_cases(cases, effort);
+    add_send_cases(cases, effort);
+    add_pair_case(cases, effort);
+    add_kernel_cases(cases, effort);
+    add_veth_case(cases, effort);
+    cases.push_back({.name = "dpdk",
+                     .what = "receive burst and send of a DPDK ring",
+                     .spinner = one_thread,
+                     .skipped = "not part of this build",
+                     .make = {}});
+    if (!only.empty())
+        std::erase_if(cases, [&](const Case &c) {
+            return std::none_of(only.begin(), only.end(), [&](const auto &name) { return c.name.rfind(name, 0) == 0; });
+        });
+    if (cases.empty()) {
+        fmt::print(stderr, "ruk-bench: no case of that name\n");
+        return 2;
+    }
+
+    const json machine = describe_machine();
+    if (!as_json_text) {
+        fmt::print("{}, {} processors{}; {}; load {}\n", machine["processor"].get<std::string>(),
+                   machine["processors"].get<unsigned>(), machine["virtual"].get<bool>() ? " (a virtual machine)" : "",
+                   machine["kernel"].get<std::string>(), machine["load"].get<std::string>());
+        fmt::print("No adapter was involved: rings and windows are plain memory. Times are ns an operation.\n\n");
+        fmt::print("{:<25} {:>9} {:>9} {:>9} {:>9} {:>6}    {:>2} {:<5}{:>5}\n", "case", "median", "min", "max",
+                   "floor", "ratio", "", "must", "aim");
+    }
+    json report = {{"machine", machine}, {"cases", json::array()}};
+    bool failed = false;
+    for (const Case &c : cases) {
+        const Result result = measure(c, tiny ? 1 : 21);
+        failed |= result.failed;
+        if (as_json_text)
+            report["cases"].push_back(as_json(c, result));
+        else
+            print_row(c, result);
+    }
+    if (as_json_text)
+        fmt::print("{}\n", report.dump(2));
+    return failed ? 1 : 0;
+}
