@@ -104,13 +104,6 @@ void tov_free_nicinfo(struct tov_nic_info *ninfo) { free(ninfo); }
 /* ------------------------------------------------------------------ memory pool */
 
 /* The link in a free element's first word; elements need no alignment. */
-static char *get_link(const char *elem)
-{
-    char *next;
-    memcpy(&next, elem, sizeof next);
-    return next;
-}
-
 static void set_link(char *elem, char *next) { memcpy(elem, &next, sizeof next); }
 
 int tov_mpool_init(char *base, size_t size, size_t elem_sz, struct tov_mpool **pool)
@@ -131,23 +124,9 @@ int tov_mpool_init(char *base, size_t size, size_t elem_sz, struct tov_mpool **p
     return 0;
 }
 
-void *tov_mpool_alloc(struct tov_mpool *pool)
-{
-    if (pool->elem_avail < 1)
-        return nullptr;
-    char *elem = pool->elem_next;
-    pool->elem_next = get_link(elem);
-    pool->elem_avail--;
-    return elem;
-}
+void *tov_mpool_alloc(struct tov_mpool *pool) { return tov_mpool_take(pool); }
 
-void tov_mpool_free(struct tov_mpool *pool, void *elem)
-{
-    char *head = static_cast<char *>(elem);
-    set_link(head, pool->elem_next);
-    pool->elem_next = head;
-    pool->elem_avail++;
-}
+void tov_mpool_free(struct tov_mpool *pool, void *elem) { tov_mpool_put(pool, elem); }
 
 int tov_mpool_isempty(struct tov_mpool *pool) { return pool->elem_avail == 0; }
 

@@ -1,9 +1,9 @@
 /*
- * Sending: payload space, the request ring, completions.
+ * Sending: payload space, the request ring, completions, datagrams through a handle.
  */
 #include "ruk__iputils.h"
 #include "ruk_core.h"
-#include "tov_piocopy.h"
+#include "tov_piocopy_inline.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -41,7 +41,7 @@ static inline struct ruk__request *reserve(struct ruk__ep *rep, enum ruk_req_typ
         return nullptr;
 
     /* 2. A record. */
-    struct ruk__request *req = (struct ruk__request *)tov_mpool_alloc(rep->rep_sreq_pool);
+    struct ruk__request *req = (struct ruk__request *)tov_mpool_take(rep->rep_sreq_pool);
     if (!req)
         return nullptr;
     rep->rep_sreq_inflight++;
@@ -70,7 +70,7 @@ static inline void release(struct ruk__ep *rep, struct ruk__request *req)
     req->req_type = RUK_REQ_SEND_NONE;
     req->req_size = 0;
     req->req_num = -1;
-    tov_mpool_free(rep->rep_sreq_pool, req);
+    tov_mpool_put(rep->rep_sreq_pool, req);
 }
 
 /* ------------------------------------------------------------------ completions */
@@ -87,7 +87,8 @@ static inline uint16_t reaped(const struct ruk__ep *rep)
     return (uint16_t)tov_ld32(&rep->rep_pioreq.tx_flow->flow_desc);
 }
 
-extern "C" int ruk__try_send_completion(struct ruk__ep *rep)
+/* Takes back what has been completed since; the number of requests. */
+static inline int reap(struct ruk__ep *rep)
 {
     const uint16_t done = completed(rep);
     const uint16_t before = reaped(rep);
@@ -103,6 +104,8 @@ extern "C" int ruk__try_send_completion(struct ruk__ep *rep)
     tov_st32(&rep->rep_pioreq.tx_flow->flow_desc, done); /* tells the driver how far */
     return (uint16_t)(done - before);
 }
+
+extern "C" int ruk__try_send_completion(struct ruk__ep *rep) { return reap(rep); }
 
 /* ------------------------------------------------------------------ waiting for room */
 
@@ -167,6 +170,42 @@ static int wait_send_completion(struct ruk__ep *rep, int32_t timeo)
 
 /* ------------------------------------------------------------------ posting */
 
+/* Room for a datagram, where it lies and how it is fetched. */
+struct placement {
+    enum ruk_req_type type;
+    struct ruk__request *req;
+};
+
+/* PIO or DMA, by length alone; reaps what has completed, and reserves. Whole words are copied; DMA takes whole pages.
+ */
+static inline int place(struct ruk__ep *rep, const uint8_t *buffer, int paylen, int flags, placement *where)
+{
+    const enum ruk_req_type type = (uint32_t)paylen > rep->rep_dmasend_threshold ? RUK_REQ_SEND_DMA : RUK_REQ_SEND_PIO;
+    uint32_t need = ((uint32_t)paylen + ((uintptr_t)buffer & 3) + 3) & ~3u;
+    if (type == RUK_REQ_SEND_DMA)
+        need = (need + NUV_DMA_PAGE - 1) & ~(NUV_DMA_PAGE - 1);
+
+    if (completed(rep) != reaped(rep))
+        reap(rep);
+    where->type = type;
+    where->req = reserve(rep, type, need);
+    if (__builtin_expect(!where->req, 0))
+        return reserve_slowly(rep, type, need, flags, &where->req);
+    return 0;
+}
+
+/* The UDP checksum from the payload's sum and that of the rest. */
+static inline uint16_t udp_checksum(uint32_t payload_sum, uint32_t partial)
+{
+    const uint16_t check = ruk__csum_fold(ruk__csum_add(payload_sum, partial));
+    return check == 0 ? 0xFFFF : check;
+}
+
+static inline nuv_ureq_t *slot_of(const struct ruk__ep *rep, enum ruk_req_type type)
+{
+    return (nuv_ureq_t *)((uint8_t *)rep->rep_pioreq.pio_req_db + type * NUV_UREQ_STRIDE);
+}
+
 /* Writes a request into its slot. The word that carries the type comes last: it hands the request over. */
 static inline void post(nuv_ureq_t *slot, const nuv_ureq_t *req)
 {
@@ -181,48 +220,123 @@ extern "C" int ruk_raw_send(ruk_device_t rep, uint8_t *hdr, int hdrlen, uint32_t
     if (__builtin_expect(rep->rep_state == REP_STATE_ALLOC, 0))
         return EINVAL;
 
-    /* 1. PIO or DMA, by length alone. Whole words are copied; DMA takes whole pages. */
-    const enum ruk_req_type type = (uint32_t)paylen > rep->rep_dmasend_threshold ? RUK_REQ_SEND_DMA : RUK_REQ_SEND_PIO;
-    uint32_t need = ((uint32_t)paylen + ((uintptr_t)buffer & 3) + 3) & ~3u;
-    if (type == RUK_REQ_SEND_DMA)
-        need = (need + NUV_DMA_PAGE - 1) & ~(NUV_DMA_PAGE - 1);
-
     /*
-     * 2. The header is taken now: waiting for room lets go of the lock, and another thread that sends on the same
+     * 1. The header is taken now: waiting for room lets go of the lock, and another thread that sends on the same
      * handle then writes its own lengths into the template.
      */
     alignas(64) nuv_ureq_t ureq = {};
     memcpy(ureq.ruk.ruk_header, hdr, (size_t)hdrlen);
 
-    /* 3. Reap what has completed, and reserve. */
-    if (completed(rep) != reaped(rep))
-        ruk__try_send_completion(rep);
-    struct ruk__request *req = reserve(rep, type, need);
-    if (__builtin_expect(!req, 0)) {
-        int rc = reserve_slowly(rep, type, need, flags, &req);
-        if (rc != 0)
-            return rc;
-    }
+    /* 2. Room. */
+    placement where;
+    const int rc = place(rep, buffer, paylen, flags, &where);
+    if (__builtin_expect(rc != 0, 0))
+        return rc;
 
-    /* 4. The payload, summed on the way; it is visible to the adapter before the request. */
+    /* 3. The payload, summed on the way; it is visible to the adapter before the request. */
     uint32_t misalign;
-    uint32_t sum = tov_piocopy_csum((uintptr_t *)req->req_buf, buffer, (uint32_t)paylen, &misalign);
+    const uint32_t sum = tov_piocopy_csum_inline((uintptr_t *)where.req->req_buf, buffer, (uint32_t)paylen, &misalign);
 
-    /* 5. The rest of the request. */
+    /* 4. The rest of the request. */
     if (chksum_offset > 0) {
-        uint16_t check = ruk__csum_fold(ruk__csum_add(sum, chksum_hdr));
-        if (check == 0)
-            check = 0xFFFF;
+        const uint16_t check = udp_checksum(sum, chksum_hdr);
         memcpy(ureq.ruk.ruk_header + chksum_offset, &check, sizeof check);
     }
-    ureq.ruk.ruk_data_offset = tov_be32(req->req_qoff + misalign);
+    ureq.ruk.ruk_data_offset = tov_be32(where.req->req_qoff + misalign);
     ureq.ruk.ruk_data_length = tov_be16((uint16_t)paylen);
     ureq.ruk.header_length = (uint8_t)hdrlen;
-    ureq.ruk.type = (uint8_t)type;
+    ureq.ruk.type = (uint8_t)where.type;
 
-    /* 6. Into the adapter. Nothing waits for it. */
-    post((nuv_ureq_t *)((uint8_t *)rep->rep_pioreq.pio_req_db + type * NUV_UREQ_STRIDE), &ureq);
+    /* 5. Into the adapter. Nothing waits for it. */
+    post(slot_of(rep, where.type), &ureq);
     return 0;
+}
+
+/* ------------------------------------------------------------------ datagrams through a handle */
+
+/* What a datagram changes in its handle's template, as it lies in memory. */
+struct datagram_fields {
+    uint16_t ip_len, ip_check, udp_len;
+    uint32_t udp_partial; /* sum of what the UDP checksum covers besides the payload */
+};
+
+/*
+ * Writes the request of an untagged datagram: the template's words, those with fields of this datagram put together
+ * in registers. A buffer written in halves and read back in words would stall on each of them.
+ */
+static inline void post_untagged(nuv_ureq_t *slot, const struct ruk__hdrinfo *info, const datagram_fields *fields,
+                                 uint16_t udp_check, uint32_t data_offset, uint16_t paylen, enum ruk_req_type type)
+{
+    const uint32_t *words = info->ureq->words;
+    const uint32_t ver_tos = 0x45, ttl_proto = (uint32_t)info->ip_ttl | (uint32_t)info->ip_proto << 8;
+    tov_st32(&slot->words[0], tov_be32(data_offset));
+    tov_st32(&slot->words[1], words[1] | tov_be16(paylen));
+    tov_st32(&slot->words[2], words[2]);
+    tov_st32(&slot->words[3], words[3]);
+    tov_st32(&slot->words[4], words[4]);
+    tov_st32(&slot->words[5], ver_tos | (uint32_t)fields->ip_len << 16);
+    tov_st32(&slot->words[6], words[6]);
+    tov_st32(&slot->words[7], ttl_proto | (uint32_t)fields->ip_check << 16);
+    tov_st32(&slot->words[8], words[8]);
+    tov_st32(&slot->words[9], words[9]);
+    tov_st32(&slot->words[10], words[10]);
+    tov_st32(&slot->words[11], fields->udp_len | (uint32_t)udp_check << 16);
+    tov_st32(&slot->words[12], words[12]);
+    tov_st32(&slot->words[13], words[13]);
+    tov_st32(&slot->words[14], words[14]);
+    tov_st32(&slot->words[15], words[15] | (uint32_t)type << 24);
+    tov_wmb();
+}
+
+/* Sends an untagged datagram; the same steps as ruk_raw_send(). */
+static inline int send_untagged(struct ruk__ep *rep, const struct ruk__hdrinfo *info, const datagram_fields *fields,
+                                const uint8_t *buf, int paylen, int flags)
+{
+    if (__builtin_expect(rep->rep_state == REP_STATE_ALLOC, 0))
+        return EINVAL;
+    placement where;
+    const int rc = place(rep, buf, paylen, flags, &where);
+    if (__builtin_expect(rc != 0, 0))
+        return rc;
+    uint32_t misalign;
+    const uint32_t sum = tov_piocopy_csum_inline((uintptr_t *)where.req->req_buf, buf, (uint32_t)paylen, &misalign);
+    post_untagged(slot_of(rep, where.type), info, fields, udp_checksum(sum, fields->udp_partial),
+                  where.req->req_qoff + misalign, (uint16_t)paylen, where.type);
+    return 0;
+}
+
+extern "C" int ruk_send(ruk_send_t dhs, const void *buf, int paylen, int flags)
+{
+    struct ruk__ep *rep = dhs->dhs_rep;
+    struct ruk__hdrinfo *info = &dhs->dhs_peer_hdrinfo;
+    ruk__ep_lock(rep);
+
+    /* 1. The lengths; the header's checksum; what the UDP checksum covers besides the payload: its length twice. */
+    datagram_fields fields;
+    fields.udp_len = tov_be16((uint16_t)(paylen + 8));
+    fields.ip_len = tov_be16((uint16_t)(paylen + 28));
+    fields.ip_check = ruk__csum_fold(ruk__csum_add(info->csum_ip_partial, fields.ip_len));
+    fields.udp_partial = ruk__csum_add(info->csum_hdr_partial, 2u * fields.udp_len);
+
+    /* 2. The template keeps them. */
+    info->hdr_udp->udp_len_be16 = fields.udp_len;
+    info->hdr_ip->ip_tot_len_be16 = fields.ip_len;
+    info->hdr_ip->ip_check_be16 = fields.ip_check;
+
+    /*
+     * 3. On its way. On a tagged channel hdr_eth lies two bytes before the header, so that the checksum goes
+     * behind it and the datagram leaves without one.
+     */
+    int rc;
+    if (__builtin_expect(info->eth_proto == RUK_ETHERTYPE_IPV4, 1)) {
+        rc = send_untagged(rep, info, &fields, (const uint8_t *)buf, paylen, flags);
+    } else {
+        const int csum_offset = (int)((const uint8_t *)&info->hdr_udp->udp_check_be16 - (const uint8_t *)info->hdr_eth);
+        rc = ruk_raw_send(rep, info->ureq->ruk.ruk_header, info->ureq->ruk.header_length, fields.udp_partial,
+                          csum_offset, (const uint8_t *)buf, paylen, flags);
+    }
+    ruk__ep_unlock(rep);
+    return rc;
 }
 
 /* ------------------------------------------------------------------ measuring the copy */

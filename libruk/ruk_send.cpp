@@ -1,5 +1,5 @@
 /*
- * Send handles: header templates, and datagrams through them.
+ * Send handles: header templates, and datagrams to an address.
  */
 #include "ruk__iputils.h"
 #include "ruk_core.h"
@@ -95,33 +95,6 @@ extern "C" void ruk__sendhandle_init(struct ruk__send *dhs, struct ruk__channel 
     fill_eth(info, dchan, dhs->dhs_dpeer.pa_eth_dest, dchan->ch_rep->rep_mif->tov_ifa_macaddr);
     fill_ports(info, dchan->ch_port_be16, psin->sin_port);
     fill_ip(info, saddr, daddr);
-}
-
-extern "C" int ruk_send(ruk_send_t dhs, const void *buf, int paylen, int flags)
-{
-    struct ruk__ep *rep = dhs->dhs_rep;
-    struct ruk__hdrinfo *info = &dhs->dhs_peer_hdrinfo;
-    ruk__ep_lock(rep);
-
-    /* 1. The lengths. */
-    const uint16_t udp_len = tov_be16((uint16_t)(paylen + 8));
-    const uint16_t ip_len = tov_be16((uint16_t)(paylen + 28));
-    info->hdr_udp->udp_len_be16 = udp_len;
-    info->hdr_ip->ip_tot_len_be16 = ip_len;
-
-    /* 2. The header's checksum, and what the UDP checksum covers besides the payload: its length counts twice. */
-    info->hdr_ip->ip_check_be16 = ruk__csum_fold(ruk__csum_add(info->csum_ip_partial, ip_len));
-    const uint32_t partial = ruk__csum_add(info->csum_hdr_partial, 2u * udp_len);
-
-    /*
-     * 3. On its way. On a tagged channel hdr_eth lies two bytes before the header, so that the checksum goes
-     * behind it and the datagram leaves without one.
-     */
-    const int csum_offset = (int)((const uint8_t *)&info->hdr_udp->udp_check_be16 - (const uint8_t *)info->hdr_eth);
-    int rc = ruk_raw_send(rep, info->ureq->ruk.ruk_header, info->ureq->ruk.header_length, partial, csum_offset,
-                          (const uint8_t *)buf, paylen, flags);
-    ruk__ep_unlock(rep);
-    return rc;
 }
 
 extern "C" int ruk_sendto(ruk_channel_t ch, const struct sockaddr_in *sin, const void *buf, int len, int flags)
