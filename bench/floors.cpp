@@ -266,12 +266,18 @@ int floor_send(FloorSender *s, const void *buf, size_t len)
 void floor_copy32(uint32_t *to, const uint8_t *from, size_t len)
 {
     size_t i = 0;
-    for (; i + 32 <= len; i += 32)
-        for (size_t k = 0; k < 32; k += 8) {
-            const uint64_t v = load64(from + i + k);
-            tov_st32(to++, uint32_t(v));
-            tov_st32(to++, uint32_t(v >> 32));
-        }
+    for (; i + 32 <= len; i += 32, to += 8) {
+        const uint64_t a = load64(from + i), b = load64(from + i + 8);
+        const uint64_t c = load64(from + i + 16), d = load64(from + i + 24);
+        tov_st32(to, uint32_t(a));
+        tov_st32(to + 1, uint32_t(a >> 32));
+        tov_st32(to + 2, uint32_t(b));
+        tov_st32(to + 3, uint32_t(b >> 32));
+        tov_st32(to + 4, uint32_t(c));
+        tov_st32(to + 5, uint32_t(c >> 32));
+        tov_st32(to + 6, uint32_t(d));
+        tov_st32(to + 7, uint32_t(d >> 32));
+    }
     for (; i < len; i += 4)
         tov_st32(to++, load32(from + i));
     tov_wmb();
