@@ -1,0 +1,247 @@
+#!/usr/bin/env python3
+"""Manual pages. Section 3 is made of docs/man/api.txt and the prototypes of the headers, section 1 of
+docs/man/programs.txt and what each program says with --help; section 7 is written by hand in man/.
+
+    manpages.py update [BIN]      writes man/*.3, and man/*.1 when BIN is the directory of the built programs
+    manpages.py check [BIN]       the same without writing: status 1 when a page is not current
+    manpages.py lint              mandoc -Tlint; every warning counts
+    manpages.py exports           every exported operation has a page
+    manpages.py compile CC CXX    compiles the example of each page, as the page shows it
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+MAN = os.path.join(ROOT, "man")
+HEADERS = ["libruk/ruk.h", "common/tov_ifaddrs.h", "libruk/ruk__eventq.h"]
+DATE = "November 21, 2026"
+PARTS = ["returns", "errors", "order", "threads", "cost", "example", "see"]
+
+# What stands around an example when it is compiled: the names that ruk(7) says examples use.
+AROUND = """{lead}#include "{header}"
+#include <arpa/inet.h>
+#include <errno.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+void example(ruk_device_t dev, ruk_channel_t ch, ruk_send_t handle);
+void example(ruk_device_t dev, ruk_channel_t ch, ruk_send_t handle)
+{{
+    (void)dev; (void)ch; (void)handle;
+{body}
+}}
+"""
+
+
+def read(path):
+    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
+        return file.read()
+
+
+def prototypes():
+    """Name of each operation: its header and its prototype on one line."""
+    found = {}
+    for header in HEADERS:
+        text = re.sub(r"/\*.*?\*/", "", read(header), flags=re.S)
+        text = re.sub(r"(?m)^\s*#.*$", "", text)
+        for match in re.finditer(r"(?m)^(?!typedef|return|static|using)((?:\w[\w ]*?[ *]+)((?:ruk|tov)_\w+)\([^;{}]*\));", text):
+            found[match[2]] = os.path.basename(header), " ".join(match[1].split())
+    return found
+
+
+def roff(text):
+    """Text as it is to be seen: backslashes, and lines that would be requests."""
+    text = text.replace("\\", "\\e")
+    return "\n".join("\\&" + line if line[:1] in (".", "'") else line for line in text.split("\n"))
+
+
+def paragraphs(text):
+    """Running text: a sentence a line, a .Pp between paragraphs."""
+    blocks = []
+    for block in re.split(r"\n\s*\n", text.strip()):
+        blocks.append(roff(re.sub(r"([.?!]) +(?=[A-Z0-9])", r"\1\n", " ".join(block.split()))))
+    return "\n.Pp\n".join(blocks)
+
+
+def see_also(names):
+    pages = sorted({re.fullmatch(r"([\w-]+)\((\d)\)", n).groups() for n in names}, key=lambda p: (p[1], p[0]))
+    return "\n".join(f".Xr {name} {section}{',' if i + 1 < len(pages) else ''}".replace(",", " ,")
+                     for i, (name, section) in enumerate(pages))
+
+
+def head(name, section, others, purpose):
+    names = "".join(f".Nm {n}{' ,' if i + 1 < 1 + len(others) else ''}\n" for i, n in enumerate([name, *others]))
+    return f".Dd {DATE}\n.Dt {name.upper()} {section}\n.Os\n.Sh NAME\n{names}.Nd {purpose}\n"
+
+
+def arguments(prototype):
+    inside = prototype[prototype.index("(") + 1:-1]
+    return [a.strip() for a in inside.split(",")]
+
+
+def synopsis(name, known):
+    _, prototype = known[name]
+    kind = prototype[:prototype.index(name)].strip()
+    return f".Ft {kind}\n.Fn {name} " + " ".join(f'"{a}"' for a in arguments(prototype)) + "\n"
+
+
+def api_pages():
+    known = prototypes()
+    pages = {}
+    for entry in re.split(r"(?m)^= ", re.sub(r"(?m)^#(?! ?include).*\n", "", read("docs/man/api.txt")))[1:]:
+        names, purpose, rest = entry.split("\n", 2)
+        name, *others = names.split()
+        pieces = re.split(r"(?m)^@(\w+)(.*)\n", rest.rstrip() + "\n")
+        parts = {key: (extra.strip(), body.strip("\n")) for key, extra, body in
+                 zip(pieces[1::3], pieces[2::3], pieces[3::3])}
+        unknown = set(parts) - set(PARTS)
+        if unknown or not {"order", "threads", "cost", "example", "see"} <= set(parts) or \
+           ("errors" in parts) == ("returns" in parts):
+            sys.exit(f"{name}: parts are missing, or unknown: {unknown}")
+        header = known[name][0]
+        page = head(name, 3, others, purpose) + ".Sh LIBRARY\nlibruk (libruk, \\-lruk)\n.Sh SYNOPSIS\n"
+        page += f".In {header}\n" + "".join(synopsis(n, known) for n in [name, *others])
+        page += ".Sh DESCRIPTION\n" + paragraphs(pieces[0]) + "\n"
+        page += ".Ss Byte order\n" + paragraphs(parts["order"][1]) + "\n"
+        page += ".Ss Threads\n" + paragraphs(parts["threads"][1]) + "\n"
+        page += ".Ss Cost\n" + paragraphs(parts["cost"][1]) + "\n.Sh RETURN VALUES\n"
+        if "returns" in parts:
+            page += paragraphs(parts["returns"][1]) + "\n"
+        else:
+            page += "0 on success, else an error value.\n"
+        page += ".Sh EXAMPLES\n.Bd -literal\n" + roff(parts["example"][1]) + "\n.Ed\n"
+        if "errors" in parts:
+            page += ".Sh ERRORS\n.Bl -tag -width Er\n"
+            for line in parts["errors"][1].split("\n"):
+                code, text = line.split(" ", 1)
+                text = text[0].upper() + text[1:] + "."
+                page += (f".It Bq Er {code}\n" if re.fullmatch(r"E[A-Z0-9]+", code) else f".It {code}\n".replace(" -1", " \\-1")) + roff(text) + "\n"
+            page += ".El\n"
+        page += ".Sh SEE ALSO\n" + see_also(parts["see"][0].split() + ["ruk(7)"]) + "\n"
+        pages[f"{name}.3"] = page
+        for other in others:
+            pages[f"{other}.3"] = f".so man3/{name}.3\n"
+    return pages
+
+
+def run_help(binary, *arguments):
+    done = subprocess.run([binary, *arguments, "--help"], capture_output=True, text=True, timeout=60,
+                          env={**os.environ, "COLUMNS": "80"})
+    if done.returncode != 0:
+        sys.exit(f"{binary} --help ends with status {done.returncode}")
+    return "\n".join(line.rstrip() for line in done.stdout.strip("\n").split("\n"))
+
+
+def program_pages(directory):
+    pages = {}
+    for entry in re.split(r"(?m)^= ", re.sub(r"(?m)^#.*\n", "", read("docs/man/programs.txt")))[1:]:
+        names, purpose, rest = entry.split("\n", 2)
+        name, *subcommands = names.split()
+        binary = os.path.join(directory, name)
+        if not os.path.exists(binary):
+            print(f"{name}: not built, its page is left as it is")
+            continue
+        description, example, see = re.fullmatch(r"(.*?)^@example\n(.*?)^@see (.*)", rest.strip(), re.S | re.M).groups()
+        page = head(name, 1, [], purpose) + f".Sh SYNOPSIS\n.Nm\n" + "\n".join([".Ar argument ..."]) + "\n"
+        page += ".Sh DESCRIPTION\n" + paragraphs(description) + "\n"
+        page += ".Pp\nThe program describes its arguments and exit statuses so:\n.Bd -literal\n" + roff(run_help(binary)) + "\n.Ed\n"
+        for sub in subcommands:
+            page += f".Ss {name} {sub}\n.Bd -literal\n" + roff(run_help(binary, sub)) + "\n.Ed\n"
+        page += ".Sh EXIT STATUS\nAs the description ends: 0 is success, and an error is 2, or 125 of\n.Xr rukrun 1 .\n"
+        page += ".Sh EXAMPLES\n.Bd -literal\n" + roff(example.strip()) + "\n.Ed\n"
+        page += ".Sh SEE ALSO\n" + see_also(see.split() + ["ruk(7)"]) + "\n"
+        pages[f"{name}.1"] = page
+    return pages
+
+
+def all_pages(arguments):
+    pages = api_pages()
+    if arguments:
+        pages.update(program_pages(arguments[0]))
+    return pages
+
+
+def update(arguments):
+    for name, text in all_pages(arguments).items():
+        with open(os.path.join(MAN, name), "w", encoding="utf-8") as file:
+            file.write(text)
+    return 0
+
+
+def check(arguments):
+    status = 0
+    pages = all_pages(arguments)
+    for name, text in pages.items():
+        path = os.path.join(MAN, name)
+        if not os.path.exists(path) or read(path) != text:
+            print(f"{name} is not current: run scripts/manpages.py update")
+            status = 1
+    for name in os.listdir(MAN):
+        if name.endswith(".3") and name not in pages:
+            print(f"{name} belongs to no entry of docs/man/api.txt")
+            status = 1
+    return status
+
+
+def lint(_):
+    pages = sorted(os.path.join("man", n) for n in os.listdir(MAN) if not read(os.path.join(MAN, n)).startswith(".so "))
+    if not pages:
+        return 1
+    # Level "warning" leaves out style: it wants, for one, operating-system dates and no repeated words in literal text.
+    done = subprocess.run(["mandoc", "-Tlint", "-Wwarning", *pages], cwd=ROOT, capture_output=True, text=True)
+    print(done.stdout + done.stderr, end="")
+    return done.returncode
+
+
+def exports(_):
+    names = set(re.findall(r"\b(?:ruk|tov)_\w+(?=;)", read("libruk/libruk.map")))
+    names |= {n for n, (header, _) in prototypes().items() if header == "ruk.h"}
+    missing = sorted(n for n in names if not os.path.exists(os.path.join(MAN, n + ".3")))
+    for name in missing:
+        print(f"{name} has no page")
+    return 1 if missing or not names else 0
+
+
+def compile_examples(arguments):
+    cc, cxx = arguments
+    status = compiled = 0
+    with tempfile.TemporaryDirectory() as directory:
+        for name in sorted(n for n in os.listdir(MAN) if n.endswith(".3")):
+            page = read(os.path.join(MAN, name))
+            if page.startswith(".so "):
+                continue
+            example = re.search(r"^\.Sh EXAMPLES\n\.Bd -literal\n(.*?)^\.Ed", page, re.S | re.M)
+            if not example:
+                print(f"{name} has no example")
+                status = 1
+                continue
+            header = re.search(r"^\.In (\S+)", page, re.M)[1]
+            plus = header == "ruk__eventq.h"
+            body = re.sub(r"(?m)^\\&", "", example[1]).replace("\\e", "\\")
+            source = os.path.join(directory, name + (".cpp" if plus else ".c"))
+            with open(source, "w", encoding="utf-8") as file:
+                file.write(AROUND.format(header=header, body=body,
+                                         lead='#include "ruk__libtypes.h"\n' if plus else '#include "ruk.h"\n'))
+            command = [cxx, "-std=c++20"] if plus else [cc, "-std=gnu11"]
+            command += ["-Wall", "-Wextra", "-Werror", "-Wno-unused-variable", "-Wno-unused-but-set-variable"]
+            done = subprocess.run([*command, "-fsyntax-only", "-I", os.path.join(ROOT, "libruk"), "-I",
+                                   os.path.join(ROOT, "common"), source], capture_output=True, text=True)
+            compiled += 1
+            if done.returncode != 0:
+                print(f"the example of {name} does not compile:\n{done.stderr}")
+                status = 1
+    print(f"{compiled} examples compiled")
+    return status if compiled else 1
+
+
+COMMANDS = {"update": update, "check": check, "lint": lint, "exports": exports, "compile": compile_examples}
+
+if __name__ == "__main__":
+    if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:
+        sys.exit(__doc__)
+    sys.exit(COMMANDS[sys.argv[1]](sys.argv[2:]))
