@@ -1,0 +1,676 @@
+/*
+ * ruk-accept: a run for the first person with a card. Tries what the library takes for granted of adapter, firmware
+ * and driver, one thing after the other, and writes a report to send back.
+ *
+ * Looks into the endpoint's ring and counters, so it is linked with the archive.
+ */
+#include "accept_peer.h"
+#include "common.h"
+
+#include "ruk__eventq.h"
+#include "ruk_core.h"
+#include "tov.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+using namespace tools;
+using namespace accept_run;
+using nlohmann::ordered_json;
+
+namespace {
+
+constexpr int64_t ms = 1'000'000, second = 1'000'000'000;
+constexpr const char *group_address = "239.255.77.77";
+
+struct Options {
+    InterfaceChoice interface;
+    std::string peer;
+    uint16_t port = default_port;
+    double minutes = 10;
+    std::string report;
+    std::vector<std::string> only;
+    bool json = false;
+};
+
+struct Probe {
+    std::string name;
+    std::string expected; /* in words */
+    bool as_expected = true;
+    ordered_json measured = ordered_json::object();
+
+    void require(bool holds) { as_expected = as_expected && holds; }
+};
+
+ordered_json spread(std::vector<int64_t> values)
+{
+    if (values.empty())
+        return nullptr;
+    std::sort(values.begin(), values.end());
+    const auto at = [&](double part) {
+        return values[static_cast<size_t>(part * static_cast<double>(values.size() - 1))];
+    };
+    return {{"min", values.front()}, {"median", at(0.5)}, {"p99", at(0.99)}, {"max", values.back()}};
+}
+
+class AcceptRun {
+public:
+    explicit AcceptRun(const Options &opt) : opt_(opt), endpoint_(opt.interface, 0)
+    {
+        peer_.sin_family = AF_INET;
+        peer_.sin_addr = parse_addr(opt.peer, "PEER");
+        peer_.sin_port = htons(opt.port);
+        control_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        local.sin_addr = endpoint_.interface().addr;
+        if (control_ < 0 || bind(control_, reinterpret_cast<sockaddr *>(&local), sizeof local) != 0)
+            fail("cannot make a control socket: {}", errno_text(errno));
+        /* The long probes share the time. */
+        repeat_ = std::max(opt.minutes * 60 / 6, 0.1);
+    }
+    ~AcceptRun() { close(control_); }
+    AcceptRun(const AcceptRun &) = delete;
+    AcceptRun &operator=(const AcceptRun &) = delete;
+
+    std::vector<Probe> all()
+    {
+        using Step = Probe (AcceptRun::*)();
+        const std::pair<const char *, Step> steps[] = {
+            {"endpoints", &AcceptRun::endpoints},
+            {"delivery", &AcceptRun::delivery},
+            {"event_order", &AcceptRun::event_order},
+            {"coalescing", &AcceptRun::coalescing},
+            {"poll", &AcceptRun::polling},
+            {"blocking", &AcceptRun::blocking},
+            {"filter_modes", &AcceptRun::filter_modes},
+            {"kernel_duplicate", &AcceptRun::kernel_duplicate},
+            {"tag_reuse", &AcceptRun::tag_reuse},
+            {"clock", &AcceptRun::clock},
+            {"thresholds", &AcceptRun::thresholds},
+            {"store_to_wire", &AcceptRun::store_to_wire},
+            {"full_ring", &AcceptRun::full_ring},
+        };
+        for (const std::string &name : opt_.only)
+            if (std::none_of(std::begin(steps), std::end(steps), [&](const auto &s) { return name == s.first; }))
+                fail("there is no probe named '{}'", name);
+        std::vector<Probe> probes;
+        for (const auto &[name, step] : steps) {
+            if (!opt_.only.empty() && std::find(opt_.only.begin(), opt_.only.end(), name) == opt_.only.end())
+                continue;
+            if (stop_.requested())
+                fail("stopped");
+            note(fmt::format("{} of {}: {} ...", probes.size() + 1,
+                             opt_.only.empty() ? std::size(steps) : opt_.only.size(), name));
+            Probe probe = (this->*step)();
+            probe.name = name;
+            probes.push_back(std::move(probe));
+        }
+        return probes;
+    }
+
+private:
+    ruk__ep *ep() { return endpoint_.dev(); }
+
+    /* A channel for the time of a probe. */
+    struct Channel {
+        explicit Channel(Endpoint &endpoint, int flags = 0) : handle(endpoint.bind(0, flags)) {}
+        ~Channel()
+        {
+            if (handle != nullptr)
+                ruk_unbind(handle);
+        }
+        Channel(const Channel &) = delete;
+        Channel &operator=(const Channel &) = delete;
+        uint16_t port() const { return ntohs(channel_address(handle).sin_port); }
+        ruk_channel_t handle;
+    };
+
+    struct Datagram {
+        bool there = false;
+        std::vector<uint8_t> bytes;
+        ruk_recv_info info{};
+        int64_t at_ns = 0;
+    };
+
+    Datagram next(int64_t timeout_ns, ruk_recvmode mode = RUK_RECV_NONBLOCK)
+    {
+        Datagram d;
+        d.bytes.resize(receive_buffer_size);
+        const int64_t deadline = monotonic_ns() + timeout_ns;
+        do {
+            if (ruk_recvfrom(endpoint_.dev(), mode, d.bytes.data(), d.bytes.size(), &d.info) == 0) {
+                d.at_ns = monotonic_ns();
+                d.there = true;
+                d.bytes.resize(std::min<size_t>(d.info.msg_len, d.bytes.size()));
+                return d;
+            }
+        } while (monotonic_ns() < deadline && !stop_.requested());
+        return d;
+    }
+
+    void drain()
+    {
+        while (next(20 * ms).there) {
+        }
+    }
+
+    /* Has the peer send; it answers before it begins. */
+    void ask(const std::string &request)
+    {
+        for (int attempt = 0; attempt < 3; attempt++) {
+            sendto(control_, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&peer_), sizeof peer_);
+            pollfd waiting = {control_, POLLIN, 0};
+            char answer[16];
+            if (poll(&waiting, 1, 1000) == 1 && recv(control_, answer, sizeof answer, 0) == 2)
+                return;
+        }
+        fail("no answer from {}: is 'ruk-accept peer' running there?", endpoint_text(peer_));
+    }
+
+    Probe endpoints()
+    {
+        Probe p;
+        p.expected = "as many endpoints open as the board has, one more is refused, and all close";
+        std::vector<ruk_device_t> open;
+        int rc = 0;
+        while (open.size() < 256) {
+            ruk_device_t dev = nullptr;
+            rc = ruk_open(&endpoint_.interface().addr, RUK_OPEN_DISABLED, &dev);
+            if (rc != 0)
+                break;
+            open.push_back(dev);
+        }
+        const uint32_t most = ep()->rep_mif->tov_ifa_max_endpoints;
+        p.measured = {{"board", most}, {"opened_beside_this_one", open.size()}, {"refusal", errno_name(rc)}};
+        p.require(rc == EBUSY && open.size() + 1 <= most);
+        for (ruk_device_t dev : open)
+            ruk_close(dev);
+        return p;
+    }
+
+    Probe delivery()
+    {
+        Probe p;
+        p.expected = "every datagram of every size arrives once, whole and in order";
+        Channel channel(endpoint_);
+        const auto rounds = static_cast<uint32_t>(std::max(1.0, repeat_ / 2));
+        uint32_t received = 0, damaged = 0, disorder = 0;
+        for (uint32_t round = 0; round < rounds && !stop_.requested(); round++) {
+            uint32_t expected = 0;
+            ask(send_request(channel.port(), sizes, sweep, 30));
+            for (Datagram d = next(second); d.there && expected < sizes; d = next(second)) {
+                received++;
+                if (d.bytes != payload(expected, sweep))
+                    (d.bytes.size() == expected ? damaged : disorder)++;
+                if (++expected == sizes)
+                    break;
+            }
+        }
+        p.measured = {
+            {"sent", rounds * sizes}, {"received", received}, {"damaged", damaged}, {"out_of_order", disorder}};
+        p.require(received == rounds * sizes && damaged == 0 && disorder == 0);
+        return p;
+    }
+
+    Probe event_order()
+    {
+        Probe p;
+        p.expected = "an event that can be seen has its header, and its last byte becomes zero when it is complete";
+        Channel channel(endpoint_);
+        const ruk__eventq &evq = ep()->rep_eventq;
+        const auto count = static_cast<uint32_t>(1000 * std::max(1.0, repeat_ / 10));
+        uint32_t events = 0, early = 0, bad_length = 0, bad_count = 0;
+        std::vector<int64_t> waits;
+        ask(send_request(channel.port(), count, 1400, 200));
+        int64_t deadline = monotonic_ns() + 2 * second;
+        while (monotonic_ns() < deadline && !stop_.requested()) {
+            const uint8_t packets = _eventq_present(&evq);
+            if (packets == 0)
+                continue;
+            const int64_t seen = monotonic_ns();
+            const auto *event = evq.evq_recvq_state.evs_uevt_cur;
+            const uint16_t length = _uevt_length(event);
+            events++;
+            bad_count += packets > NUV_UEVT_MAX_PKTS;
+            bad_length += length == 0 || length % NUV_UEVT_SLOT != 0;
+            if (length != 0) {
+                const volatile uint8_t *last = _eventq_crcbyte(&evq, event, length);
+                if (tov_ld8_acq(last) != 0) {
+                    early++;
+                    while (tov_ld8_acq(last) != 0 && monotonic_ns() - seen < second) {
+                    }
+                    waits.push_back(monotonic_ns() - seen);
+                }
+            }
+            while (_eventq_present(&evq) != 0 && evq.evq_recvq_state.evs_uevt_cur == event)
+                if (!next(0).there)
+                    break;
+            deadline = monotonic_ns() + second;
+        }
+        p.measured = {{"events", events},
+                      {"seen_before_complete", early},
+                      {"wait_for_completion_ns", spread(waits)},
+                      {"bad_length", bad_length},
+                      {"bad_packet_count", bad_count}};
+        p.require(events > 0 && bad_length == 0 && bad_count == 0 && (waits.empty() || spread(waits)["max"] < second));
+        return p;
+    }
+
+    Probe coalescing()
+    {
+        Probe p;
+        p.expected = "events of one to five packets";
+        Channel channel(endpoint_);
+        const ruk__eventq &evq = ep()->rep_eventq;
+        std::map<int, uint32_t> histogram;
+        uint32_t received = 0;
+        constexpr uint32_t count = 5000;
+        ask(send_request(channel.port(), count, 64, 0));
+        for (int64_t deadline = monotonic_ns() + second; monotonic_ns() < deadline && received < count;) {
+            const uint8_t packets = _eventq_present(&evq);
+            if (packets == 0)
+                continue;
+            if (evq.evq_recvq_state.evs_pkt_cur == nullptr)
+                histogram[packets]++;
+            received += next(0).there;
+            deadline = monotonic_ns() + second;
+        }
+        ordered_json counts = ordered_json::object();
+        for (const auto &[packets, events] : histogram) {
+            counts[std::to_string(packets)] = events;
+            p.require(packets >= 1 && packets <= int{NUV_UEVT_MAX_PKTS});
+        }
+        p.measured = {{"sent", count}, {"received", received}, {"events_by_packets", counts}};
+        p.require(received > 0);
+        return p;
+    }
+
+    bool readable(int timeout_ms)
+    {
+        pollfd waiting = {ruk_device_handle(endpoint_.dev()), POLLIN, 0};
+        return poll(&waiting, 1, timeout_ms) == 1 && (waiting.revents & POLLIN) != 0;
+    }
+
+    Probe polling()
+    {
+        Probe p;
+        p.expected = "the descriptor is readable while events wait, and soon after the last is taken no longer";
+        Channel channel(endpoint_);
+        drain();
+        p.require(!readable(50));
+        std::vector<int64_t> quiet;
+        uint32_t woken = 0;
+        constexpr uint32_t rounds = 20;
+        for (uint32_t i = 0; i < rounds; i++) {
+            ask(send_request(channel.port(), 1, 64, 0));
+            woken += readable(1000);
+            p.require(next(second).there);
+            const int64_t taken = monotonic_ns();
+            while (readable(0) && monotonic_ns() - taken < second) {
+            }
+            quiet.push_back(monotonic_ns() - taken);
+        }
+        p.measured = {{"rounds", rounds}, {"readable", woken}, {"readable_after_the_last_ns", spread(quiet)}};
+        p.require(woken == rounds && spread(quiet)["max"] < second);
+        return p;
+    }
+
+    Probe blocking()
+    {
+        Probe p;
+        p.expected = "a receiver that sleeps wakes for each datagram";
+        Channel channel(endpoint_);
+        constexpr uint32_t count = 50;
+        uint32_t received = 0;
+        ask(send_request(channel.port(), count, 64, 10000));
+        Receiver receiver(endpoint_.dev(), WaitMode::block, stop_);
+        std::array<uint8_t, 2048> buffer;
+        ruk_recv_info info;
+        while (received < count &&
+               receiver.receive(buffer.data(), buffer.size(), &info, monotonic_ns() + 2 * second) == 0)
+            received++;
+        p.measured = {{"sent", count}, {"received", received}};
+        p.require(received == count);
+        return p;
+    }
+
+    uint32_t count_until_quiet()
+    {
+        uint32_t n = 0;
+        while (next(200 * ms).there)
+            n++;
+        return n;
+    }
+
+    Probe filter_modes()
+    {
+        Probe p;
+        p.expected = "normal: only the channels' datagrams; all-multicast: groups too; raw: everything";
+        Channel channel(endpoint_);
+        const uint16_t other = channel.port() == 9 ? 10 : 9;
+        const struct {
+            const char *name;
+            ruk_filter_mode mode;
+        } modes[] = {
+            {"normal", RUK_RECV_FILTER_NORMAL}, {"allmulti", RUK_RECV_FILTER_ALLMULTI}, {"raw", RUK_RECV_FILTER_RAW}};
+        for (const auto &[name, mode] : modes) {
+            if (ruk_set_filter_mode(endpoint_.dev(), mode) != 0)
+                p.require(false);
+            drain();
+            ask(send_request(channel.port(), 10, 64, 100));
+            const uint32_t own = count_until_quiet();
+            ask(send_request(channel.port(), 10, 64, 100, group_address));
+            const uint32_t multicast = count_until_quiet();
+            ask(send_request(other, 10, 64, 100));
+            const uint32_t foreign = count_until_quiet();
+            p.measured[name] = {{"own", own}, {"group_not_joined", multicast}, {"other_port", foreign}};
+            /* Other hosts' frames may come beside the peer's, but never fewer. */
+            p.require(own >= 10 && (mode == RUK_RECV_FILTER_NORMAL ? multicast == 0 : multicast >= 10) &&
+                      (mode == RUK_RECV_FILTER_RAW ? foreign >= 10 : foreign == 0 || mode != RUK_RECV_FILTER_NORMAL));
+        }
+        ruk_set_filter_mode(endpoint_.dev(), RUK_RECV_FILTER_NORMAL);
+        drain();
+        return p;
+    }
+
+    Probe kernel_duplicate()
+    {
+        Probe p;
+        p.expected = "the kernel gets a copy when the binding asks for it, and nothing otherwise";
+        for (const bool duplicate : {false, true}) {
+            Channel channel(endpoint_, duplicate ? RUK_BIND_KERNEL : 0);
+            ask(send_request(channel.port(), 10, 64, 100));
+            const uint32_t library = count_until_quiet();
+            uint32_t kernel = 0;
+            char bytes[128];
+            while (recv(channel.handle->ch_fd, bytes, sizeof bytes, MSG_DONTWAIT) >= 0)
+                kernel++;
+            p.measured[duplicate ? "asked_for" : "not_asked_for"] = {{"library", library}, {"kernel", kernel}};
+            p.require(library == 10 && kernel == (duplicate ? 10 : 0));
+        }
+        return p;
+    }
+
+    Probe tag_reuse()
+    {
+        Probe p;
+        p.expected = "after an unbind nothing reaches the old channel, and its tag serves a new one";
+        const auto rounds = static_cast<uint32_t>(20 * std::max(1.0, repeat_ / 10));
+        uint32_t wrong = 0, fresh = 0;
+        for (uint32_t round = 0; round < rounds && !stop_.requested(); round++) {
+            Channel first(endpoint_);
+            ask(send_request(first.port(), 200, 64, 20));
+            next(second); /* amid the stream */
+            ruk_unbind(first.handle);
+            const ruk_channel_t gone = first.handle;
+            first.handle = nullptr;
+            Channel second_one(endpoint_);
+            ask(send_request(second_one.port(), 20, 64, 20));
+            uint32_t here = 0;
+            for (Datagram d = next(second); d.there && here < 20; d = next(100 * ms)) {
+                /* The old channel's memory may be the new one's: the port tells them apart. */
+                if (ntohs(d.info.sin_to.sin_port) != second_one.port() ||
+                    (d.info.chan == gone && gone != second_one.handle))
+                    wrong++;
+                else
+                    here++;
+                if (here == 20)
+                    break;
+            }
+            fresh += here;
+            drain();
+        }
+        p.measured = {{"rounds", rounds}, {"to_new_channels", fresh}, {"to_old_channels", wrong}};
+        p.require(wrong == 0 && fresh == rounds * 20);
+        return p;
+    }
+
+    Probe clock()
+    {
+        Probe p;
+        p.expected = "datagrams are dated shortly before they are received, and never backwards";
+        ruk_device_attrs attrs{};
+        ruk_device_get_attrs(endpoint_.dev(), &attrs);
+        attrs.hw_timestamping = 1;
+        if (ruk_device_set_attrs(endpoint_.dev(), &attrs) != 0)
+            p.require(false);
+        Channel channel(endpoint_);
+        std::vector<int64_t> ages;
+        uint32_t undated = 0, backwards = 0;
+        uint64_t last = 0;
+        const auto count = static_cast<uint32_t>(500 * std::max(1.0, repeat_));
+        ask(send_request(channel.port(), count, 64, 2000));
+        for (Datagram d = next(2 * second); d.there; d = next(second)) {
+            timespec now;
+            clock_gettime(CLOCK_REALTIME, &now);
+            undated += d.info.timestamp == 0;
+            backwards += d.info.timestamp < last;
+            last = d.info.timestamp;
+            ages.push_back(now.tv_sec * second + now.tv_nsec - static_cast<int64_t>(d.info.timestamp));
+            if (ages.size() == count)
+                break;
+        }
+        attrs.hw_timestamping = 0;
+        ruk_device_set_attrs(endpoint_.dev(), &attrs);
+        const ordered_json age = spread(ages);
+        p.measured = {{"sent", count},
+                      {"received", ages.size()},
+                      {"undated", undated},
+                      {"backwards", backwards},
+                      {"age_when_received_ns", age}};
+        /* A microsecond of error of the clock itself is well within what a reading of it costs. */
+        p.require(!ages.empty() && undated == 0 && backwards == 0 && age["min"] > -1000 && age["median"] < second);
+        return p;
+    }
+
+    bool echoed(ruk_send_t handle, const std::vector<uint8_t> &bytes, int64_t *took)
+    {
+        const int64_t start = monotonic_ns();
+        if (ruk_send(handle, bytes.data(), static_cast<int>(bytes.size()), 0) != 0)
+            return false;
+        const Datagram d = next(second);
+        *took = d.at_ns - start;
+        return d.there && d.bytes == bytes;
+    }
+
+    ruk_send_t connect_echo(const Channel &channel)
+    {
+        sockaddr_in to = peer_;
+        to.sin_port = htons(static_cast<uint16_t>(opt_.port + 1));
+        ruk_send_t handle = nullptr;
+        if (ruk_send_connect(channel.handle, &to, 0, 0, &handle) != 0)
+            fail("cannot send to {}: {}", endpoint_text(to), send_error_text(errno));
+        return handle;
+    }
+
+    Probe thresholds()
+    {
+        Probe p;
+        p.expected =
+            "payloads of every size leave whole, on either side of the threshold between the two ways of sending";
+        Channel channel(endpoint_);
+        const ruk_send_t handle = connect_echo(channel);
+        oxel_ruk_params_t params{};
+        if (tov_ioctl(ep()->rep_handle, OXEL_GET_RUK_PARAMS, &params, sizeof params) != 0)
+            p.require(false);
+        std::vector<int> lengths = {0, 1, 2, 3, 4, 5, 63, 64, 65, 1471, 1472};
+        for (int d = -1; d <= 1; d++)
+            if (const int length = static_cast<int>(params.dmasend_threshold) + d; length >= 0 && length <= 1472)
+                lengths.push_back(length);
+        uint32_t failed = 0;
+        int64_t took;
+        for (const int length : lengths)
+            failed += !echoed(handle, payload(static_cast<uint32_t>(length), length), &took);
+        ruk_send_disconnect(handle);
+        p.measured = {{"threshold", params.dmasend_threshold}, {"sizes", lengths}, {"failed", failed}};
+        p.require(failed == 0);
+        return p;
+    }
+
+    Probe store_to_wire()
+    {
+        Probe p;
+        p.expected = "every request is completed, and its datagram comes back";
+        Channel channel(endpoint_);
+        const ruk_send_t handle = connect_echo(channel);
+        const auto count = static_cast<uint32_t>(1000 * std::max(1.0, repeat_));
+        for (const int size : {64, 1400}) {
+            std::vector<int64_t> round_trips, completions;
+            uint32_t lost = 0;
+            for (uint32_t i = 0; i < count && !stop_.requested(); i++) {
+                const std::vector<uint8_t> bytes = payload(i, size);
+                const volatile uint16_t *counter = ep()->rep_pioreq.compl_done;
+                const uint16_t before = *counter;
+                const int64_t start = monotonic_ns();
+                if (ruk_send(handle, bytes.data(), size, 0) != 0) {
+                    lost++;
+                    continue;
+                }
+                int64_t done = monotonic_ns();
+                while (*counter == before && done - start < 100 * ms)
+                    done = monotonic_ns();
+                if (*counter != before)
+                    completions.push_back(done - start);
+                const Datagram d = next(second);
+                if (d.there && d.bytes == bytes)
+                    round_trips.push_back(d.at_ns - start);
+                else
+                    lost++;
+            }
+            p.measured[std::to_string(size)] = {{"lost", lost},
+                                                {"completed", completions.size()},
+                                                {"store_to_completion_ns", spread(completions)},
+                                                {"round_trip_ns", spread(round_trips)}};
+            p.require(lost == 0 && completions.size() == count);
+        }
+        ruk_send_disconnect(handle);
+        return p;
+    }
+
+    Probe full_ring()
+    {
+        Probe p;
+        p.expected = "a full ring drops the newest datagrams, and after it is emptied all goes on";
+        Channel channel(endpoint_);
+        drain();
+        const uint32_t count = static_cast<uint32_t>(ep()->rep_eventq.evq_recvq_size / 64 * 6 / 5);
+        ask(send_request(channel.port(), count, 64, 4));
+        usleep(static_cast<useconds_t>(count * 8 + 300000)); /* nobody receives meanwhile */
+        uint32_t received = 0, gaps = 0;
+        for (Datagram d = next(second); d.there; d = next(100 * ms)) {
+            gaps += d.bytes != payload(received, 64);
+            received++;
+        }
+        ask(send_request(channel.port(), 10, 64, 100));
+        const uint32_t after = count_until_quiet();
+        p.measured = {{"sent", count}, {"kept", received}, {"not_the_oldest", gaps}, {"received_afterwards", after}};
+        p.require(received > 0 && gaps == 0 && after == 10);
+        return p;
+    }
+
+    Options opt_;
+    StopSignal stop_;
+    Endpoint endpoint_;
+    sockaddr_in peer_{};
+    int control_ = -1;
+    double repeat_ = 1; /* seconds for a long probe */
+};
+
+ordered_json about_the_host(const Options &opt)
+{
+    utsname host{};
+    uname(&host);
+    char when[32];
+    const time_t now = time(nullptr);
+    strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", gmtime(&now));
+    ordered_json about = {{"program", "ruk-accept " RUK_VERSION},
+                          {"time", when},
+                          {"kernel", fmt::format("{} {}", host.sysname, host.release)},
+                          {"machine", host.machine},
+                          {"library", std::string(ruk__lib_build)}};
+    tov_handle_t handle;
+    oxel_get_version_t version{};
+    if (tov_open_any_board(&handle, TOV_PRODUCT) == 0) {
+        if (tov_ioctl(handle, OXEL_GET_VERSION, &version, sizeof version) == 0)
+            about["driver"] = {{"version", std::string(version.version_str, strnlen(version.version_str, 60))},
+                               {"build", std::string(version.build_str, strnlen(version.build_str, 128))}};
+        tov_close(handle);
+    }
+    about["interface"] = find_interface(opt.interface).name;
+    return about;
+}
+
+int run(const Options &opt)
+{
+    if (!opt.report.empty() && access(opt.report.c_str(), F_OK) == 0)
+        fail("{} is there already", opt.report);
+    AcceptRun session(opt);
+    ordered_json report = about_the_host(opt);
+    report["probes"] = ordered_json::array();
+    bool all = true;
+    for (const Probe &p : session.all()) {
+        all = all && p.as_expected;
+        report["probes"].push_back({{"probe", p.name},
+                                    {"result", p.as_expected ? "as expected" : "differs"},
+                                    {"expected", p.expected},
+                                    {"measured", p.measured}});
+        if (!opt.json)
+            put_line(fmt::format("{:<12} {:<17} {}", p.as_expected ? "as expected" : "DIFFERS", p.name,
+                                 p.as_expected ? p.measured.dump() : p.expected + "; but " + p.measured.dump()));
+    }
+    report["result"] = all ? "as expected" : "differs";
+    if (opt.json)
+        put_line(report.dump());
+    if (!opt.report.empty()) {
+        std::ofstream file(opt.report);
+        file << report.dump(2) << '\n';
+        if (!file.flush())
+            fail("cannot write {}", opt.report);
+        note("the report is in " + opt.report);
+    }
+    return all ? exit_ok : exit_incomplete;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app("Tries what the library takes for granted of adapter, firmware and driver, and writes a report. On "
+                 "the other host, joined by a cable or a switch, runs 'ruk-accept peer'.",
+                 "ruk-accept");
+    Options opt;
+    std::string own = "0.0.0.0";
+    CLI::App *peer = app.add_subcommand("peer", "The other end: an ordinary program over kernel sockets");
+    peer->add_option("-a,--address", own, "Address to serve on (default: all)")->type_name("ADDR");
+    peer->add_option("-p,--port", opt.port, "Port of requests; the next one echoes (7700)")
+        ->type_name("PORT")
+        ->check(CLI::Range(1, 65534));
+    CLI::App *run_it = app.add_subcommand("run", "The run itself, on the host with the adapter");
+    opt.interface.add_options(*run_it);
+    run_it->add_option("peer", opt.peer, "Address of the other host")->type_name("PEER")->required();
+    run_it->add_option("-p,--port", opt.port, "Its port (7700)")->type_name("PORT")->check(CLI::Range(1, 65534));
+    run_it->add_option("--minutes", opt.minutes, "How long it may take, about (10)")
+        ->type_name("N")
+        ->check(CLI::Range(0.01, 1000.0));
+    run_it->add_option("-o,--report", opt.report, "Write the report to this new file, as JSON")->type_name("FILE");
+    run_it->add_option("--only", opt.only, "Only this probe, by the name that it has in the report (repeatable)")
+        ->type_name("PROBE")
+        ->allow_extra_args(false);
+    run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
+    app.require_subcommand(1);
+    app.footer("Exit status: 0 all is as expected; 1 something differs; 2 error.");
+    return run_program(app, argc, argv,
+                       [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
+}
