@@ -120,37 +120,30 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
     return (uintptr_t)__atomic_load_n(&evs->evs_uevt_cur, __ATOMIC_RELAXED);
 }
 
-/* Consumes the packet handed out last; with the event's last packet the whole event is freed and reported. */
-RUK_EVENTQ_INLINE void ruk__eventq_advance(struct ruk__eventq *evq)
+/* Frees the current event, len bytes from `event` on, and reports the new position. */
+RUK_EVENTQ_INLINE void _eventq_release(struct ruk__eventq *evq, uintptr_t event, uint32_t len)
 {
-    struct ruk__event_state *evs = &evq->evq_recvq_state;
-
-    /* 1. On to the event's next packet. */
-    if (evs->evs_pkt_cur) {
-        evs->evs_pkt_cur = evs->evs_pkt_cur->evp_next;
-        if (evs->evs_pkt_cur)
-            return;
-    }
-
-    /* 2. The event is consumed: free its slots. */
-    uintptr_t event = (uintptr_t)evs->evs_uevt_cur;
-    uint32_t len = evs->evs_length;
-    evq->evq_recvq_offset += len;
-    evq->evq_recvq_flow += len;
-    if (evq->evq_recvq_offset < evq->evq_recvq_size) {
-        for (uint32_t k = 0; k < len; k += NUV_UEVT_SLOT)
-            _eventq_clear((volatile uint8_t *)(event + k));
+    /* 1. Its slots. */
+    const uintptr_t next = event + len;
+    const bool wraps = next >= evq->evq_recvq_end;
+    if (__builtin_expect(!wraps, 1)) {
+        for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
+            _eventq_clear((volatile uint8_t *)slot);
     } else {
-        evq->evq_recvq_offset -= evq->evq_recvq_size;
-        for (uint32_t k = 0; k < len; k += NUV_UEVT_SLOT)
-            _eventq_clear((volatile uint8_t *)_eventq_wrap(evq, event + k));
+        for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
+            _eventq_clear((volatile uint8_t *)_eventq_wrap(evq, slot));
     }
-    _eventq_set_current(evs, evq->evq_recvq_base + evq->evq_recvq_offset);
 
-    /* 3. Report the position: the cleared slots must be visible before the writer sees them as free. */
+    /* 2. The position. */
+    const uintptr_t current = wraps ? next - evq->evq_recvq_size : next;
+    evq->evq_recvq_offset = current - evq->evq_recvq_base;
+    evq->evq_recvq_flow += len;
+    _eventq_set_current(&evq->evq_recvq_state, current);
+
+    /* 3. Report it: the cleared slots must be visible before the writer sees them as free. */
     oxel_flow_window_t *flow = evq->evq_flow;
-    uint32_t desc = flow->flow_desc + 1;
-    uint32_t units = (uint32_t)(evq->evq_recvq_flow >> 12);
+    const uint32_t desc = flow->flow_desc + 1;
+    const uint32_t units = (uint32_t)(evq->evq_recvq_flow >> 12);
     tov_st64_rel(&flow->flow_data_off, evq->evq_recvq_offset);
     tov_st32_rel(&flow->flow_desc, desc);
     tov_st32_rel(&flow->flow_data, units);
@@ -160,6 +153,18 @@ RUK_EVENTQ_INLINE void ruk__eventq_advance(struct ruk__eventq *evq)
         tov_st64(evq->evq_flow_be64, tov_be64((uint64_t)desc << 32 | units));
         tov_wmb();
     }
+}
+
+/* Consumes the packet handed out last; with the event's last packet the whole event is freed and reported. */
+RUK_EVENTQ_INLINE void ruk__eventq_advance(struct ruk__eventq *evq)
+{
+    struct ruk__event_state *evs = &evq->evq_recvq_state;
+    if (evs->evs_pkt_cur) {
+        evs->evs_pkt_cur = evs->evs_pkt_cur->evp_next;
+        if (evs->evs_pkt_cur)
+            return;
+    }
+    _eventq_release(evq, (uintptr_t)evs->evs_uevt_cur, evs->evs_length);
 }
 
 /*

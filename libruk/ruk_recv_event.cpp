@@ -11,22 +11,49 @@
 #include <cstring>
 #include <poll.h>
 
+#define FETCH_AHEAD 1536 /* bytes from an event to the lines fetched with it */
+#define FETCH_LINES 3    /* as many as an event with one small datagram has */
+
 /* ------------------------------------------------------------------ ring memory */
 
-/* Copies n bytes of the ring from a wrapped address on, going round as often as it takes. */
-static inline void ring_copy(const struct ruk__eventq *evq, void *to, uintptr_t from, size_t n)
+#define SMALL_COPY 256 /* bytes up to which a copy is done in line */
+
+/* Copies n bytes. Small ones go in blocks of 16, the last of which may overlap the one before. */
+[[gnu::always_inline]] static inline void copy_out(uint8_t *to, const uint8_t *from, size_t n)
 {
-    uint8_t *dst = (uint8_t *)to;
+    if (__builtin_expect(n < 16 || n > SMALL_COPY, 0)) {
+        memcpy(to, from, n);
+        return;
+    }
+    const uint8_t *const last_from = from + n - 16;
+    uint8_t *const last_to = to + n - 16;
+    for (; from < last_from; from += 16, to += 16)
+        memcpy(to, from, 16);
+    memcpy(last_to, last_from, 16);
+}
+
+/* Goes round the ring's end as often as it takes. */
+[[gnu::noinline, gnu::cold]] static void ring_copy_round(const struct ruk__eventq *evq, uint8_t *dst, uintptr_t from,
+                                                         size_t n)
+{
     size_t first = evq->evq_recvq_end - from;
-    while (__builtin_expect(n > first, 0)) {
+    while (n > first) {
         memcpy(dst, (const void *)from, first);
         dst += first;
         n -= first;
         from = evq->evq_recvq_base;
         first = evq->evq_recvq_size;
     }
-    if (n != 0)
-        memcpy(dst, (const void *)from, n);
+    memcpy(dst, (const void *)from, n);
+}
+
+/* Copies n bytes of the ring from a wrapped address on. */
+static inline void ring_copy(const struct ruk__eventq *evq, void *to, uintptr_t from, size_t n)
+{
+    if (__builtin_expect(n > evq->evq_recvq_end - from, 0))
+        ring_copy_round(evq, (uint8_t *)to, from, n);
+    else if (n != 0)
+        copy_out((uint8_t *)to, (const uint8_t *)from, n);
 }
 
 /* One byte of a frame, i bytes after its start. */
@@ -81,7 +108,70 @@ extern "C" void ruk__clk_calc_pkt_timestamps(struct ruk__event_state *evs)
     evs->evs_timestamp_last = time;
 }
 
-extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq)
+/* The adapter's clock in an event, as host time. */
+static uint64_t event_time(struct ruk__ep *ep, const volatile nuv_uevt_ruk_t *uevt)
+{
+    uint64_t ticks = (uint64_t)tov_be32(tov_ld32(&uevt->timestamp_hi)) << 32;
+    ticks |= tov_be32(tov_ld32(&uevt->timestamp_lo));
+    return ruk__clk_ticks_to_timestamp(ep, ticks);
+}
+
+/*
+ * Asks for the lines of an event to come: a ring larger than the cache is never in it. For small events alone: the
+ * processor itself runs ahead in the payload of large ones.
+ */
+static inline void fetch_ahead(const struct ruk__eventq *evq, uintptr_t event)
+{
+    const uintptr_t ahead = event + FETCH_AHEAD;
+    if (__builtin_expect(ahead + FETCH_LINES * NUV_UEVT_SLOT > evq->evq_recvq_end, 0))
+        return;
+    for (uint32_t line = 0; line < FETCH_LINES; line++)
+        __builtin_prefetch((const void *)(ahead + line * NUV_UEVT_SLOT), 1);
+}
+
+/* A packet to hand out and its event: what the event state holds of them, in registers. */
+struct packet {
+    uintptr_t event;
+    uint32_t event_length;
+    struct ruk__evpacket *evp;
+    uint8_t *frame; /* first byte; wrap it */
+    uint16_t tag, length;
+    uint64_t timestamp;
+    bool last; /* of its event */
+};
+
+/* Packet i of the event, at the cursor; returns the next one's place. */
+[[gnu::always_inline]] static inline uintptr_t parse_packet(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t i,
+                                                            uintptr_t cursor, uint32_t *length_pkts)
+{
+    const volatile nuv_uevt_ruk_t *uevt = evq->evq_recvq_state.evs_uevt_cur;
+    struct ruk__evpacket *evp = &evq->evq_recvq_state.evs_pkts[i];
+    const uint16_t length = tov_be16(tov_ld16(&uevt->pkts[i].length));
+    evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
+    evp->tag = tov_be16(tov_ld16(&uevt->pkts[i].tag));
+    evp->length = length;
+    evp->offset = (uint16_t)*length_pkts;
+    evp->nfrags = 0;
+    evp->timestamp = 0;
+    if (__builtin_expect(ep->arista_control.arct_status != ARISTA_STATUS_DISABLED, 0) &&
+        arista_check_kf_pkt(evq, evp->pkt))
+        evp->timestamp = ARISTA_KEYFRAME_MARK;
+    evp->evp_next = evp + 1;
+    *length_pkts += length + 4u;
+    return cursor + nuv_uevt_pkt_space(length);
+}
+
+/* The packets after the first. */
+[[gnu::noinline]] static void parse_further(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt,
+                                            uintptr_t cursor, uint32_t length_pkts)
+{
+    for (uint32_t i = 1; i < pkt_cnt; i++)
+        cursor = parse_packet(ep, evq, i, cursor, &length_pkts);
+    evq->evq_recvq_state.evs_length_pkts = (uint16_t)length_pkts;
+}
+
+/* Parses the event at the current position into *p, its first packet. False when there is none. */
+[[gnu::always_inline]] static inline bool process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, packet *p)
 {
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
@@ -90,51 +180,78 @@ extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, st
     /* 1. The header; it is read before the event is known to be complete. */
     const uint32_t pkt_cnt = tov_ld8_acq(&uevt->pkt_cnt);
     if (pkt_cnt == 0)
-        return nullptr;
-    evs->evs_length = _uevt_length(uevt);
+        return false;
+    const uint16_t length = _uevt_length(uevt);
+    evs->evs_length = length;
     evs->evs_pkt_cur = evs->evs_pkts;
     evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
+    if (length <= FETCH_LINES * NUV_UEVT_SLOT)
+        fetch_ahead(evq, (uintptr_t)uevt);
 
     /* 2. The event's own time, where the adapter's clock counts. */
-    if (arista < ARISTA_STATUS_ACTIVE) {
-        evs->evs_timestamp = 0;
-        if (ep->rep_timestamping_enabled) {
-            uint64_t ticks = (uint64_t)tov_be32(tov_ld32(&uevt->timestamp_hi)) << 32;
-            ticks |= tov_be32(tov_ld32(&uevt->timestamp_lo));
-            evs->evs_timestamp = ruk__clk_ticks_to_timestamp(ep, ticks);
-        }
+    uint64_t time = 0;
+    if (__builtin_expect(arista < ARISTA_STATUS_ACTIVE, 1)) {
+        if (ep->rep_timestamping_enabled)
+            time = event_time(ep, uevt);
+        evs->evs_timestamp = time;
     }
 
     /* 3. The packets. */
-    uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
     uint32_t length_pkts = 0;
-    struct ruk__evpacket *evp = evs->evs_pkts;
-    for (uint32_t i = 0; i < pkt_cnt; i++, evp++) {
-        uint16_t length = tov_be16(tov_ld16(&uevt->pkts[i].length));
-        evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
-        evp->tag = tov_be16(tov_ld16(&uevt->pkts[i].tag));
-        evp->length = length;
-        evp->offset = (uint16_t)length_pkts;
-        evp->nfrags = 0;
-        evp->timestamp = 0;
-        if (__builtin_expect(arista != ARISTA_STATUS_DISABLED, 0) && arista_check_kf_pkt(evq, evp->pkt))
-            evp->timestamp = ARISTA_KEYFRAME_MARK;
-        evp->evp_next = evp + 1;
-        length_pkts += length + 4u;
-        cursor += nuv_uevt_pkt_space(length);
-    }
-    evp[-1].evp_next = nullptr;
+    const uintptr_t further = parse_packet(ep, evq, 0, (uintptr_t)uevt + tov_ld8(&uevt->offset), &length_pkts);
     evs->evs_length_pkts = (uint16_t)length_pkts;
+    if (pkt_cnt > 1)
+        parse_further(ep, evq, pkt_cnt, further, length_pkts);
+    evs->evs_pkts[pkt_cnt - 1].evp_next = nullptr;
 
     /* 4. Their times. */
-    if (arista >= ARISTA_STATUS_ACTIVE)
+    if (__builtin_expect(arista >= ARISTA_STATUS_ACTIVE, 0))
         ruk__arista_calc_pkt_timestamps(ep, evs->evs_pkts);
-    else if (evs->evs_timestamp != 0)
+    else if (time != 0)
         ruk__clk_calc_pkt_timestamps(evs);
+    *p = {(uintptr_t)uevt,
+          length,
+          evs->evs_pkts,
+          evs->evs_pkts[0].pkt,
+          evs->evs_pkts[0].tag,
+          evs->evs_pkts[0].length,
+          evs->evs_pkts[0].timestamp,
+          pkt_cnt == 1};
 
     /* 5. Nothing is handed out before the firmware has written all of it. */
-    _eventq_wait_completion(_eventq_crcbyte(evq, uevt, evs->evs_length));
-    return evs->evs_pkt_cur;
+    _eventq_wait_completion(_eventq_crcbyte(evq, uevt, length));
+    return true;
+}
+
+extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq)
+{
+    packet p;
+    return process_uevt(ep, evq, &p) ? evq->evq_recvq_state.evs_pkt_cur : nullptr;
+}
+
+/* The next packet to receive; false when there is none. */
+[[gnu::always_inline]] static inline bool next_packet(struct ruk__ep *ep, struct ruk__eventq *evq, packet *p)
+{
+    const struct ruk__event_state *evs = &evq->evq_recvq_state;
+    if (_eventq_present(evq) == 0)
+        return false;
+    struct ruk__evpacket *evp = evs->evs_pkt_cur;
+    if (!evp)
+        return process_uevt(ep, evq, p);
+    *p = {(uintptr_t)evs->evs_uevt_cur, evs->evs_length, evp, evp->pkt, evp->tag, evp->length, evp->timestamp,
+          evp->evp_next == nullptr};
+    return true;
+}
+
+/* Consumes it, as ruk__eventq_advance() does. */
+[[gnu::always_inline]] static inline void consume(struct ruk__eventq *evq, const packet *p)
+{
+    if (!p->last) {
+        evq->evq_recvq_state.evs_pkt_cur = p->evp->evp_next;
+        return;
+    }
+    evq->evq_recvq_state.evs_pkt_cur = nullptr;
+    _eventq_release(evq, p->event, p->event_length);
 }
 
 /* ------------------------------------------------------------------ one datagram */
@@ -147,17 +264,19 @@ enum packet_fate {
 
 /* Where a frame's headers are. */
 struct frame_view {
-    uintptr_t start; /* in the ring: 2 bytes before the frame */
-    const u_ipv4_hdr *ip;
-    const u_udp_hdr *udp;
-    uint32_t data; /* offset of the payload from the start of the view */
+    uintptr_t start;    /* in the ring: 2 bytes before the frame */
+    const uint8_t *hdr; /* the view, or a copy of it */
+    uint32_t data;      /* offset of the payload from the start of the view */
+
+    const u_udp_hdr *udp() const { return (const u_udp_hdr *)(hdr + data - sizeof(u_udp_hdr)); }
+    const u_ipv4_hdr *ip() const { return (const u_ipv4_hdr *)(hdr + data - sizeof(u_udp_hdr) - sizeof(u_ipv4_hdr)); }
 };
 
-/* The channel that takes this datagram by its tag, or null with the reason counted. */
-static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t tag, const frame_view *view)
+/* The channel that takes this datagram by its tag, or null with the reason counted: every check in its order. */
+[[gnu::noinline]] static struct ruk__channel *find_channel_by_checks(struct ruk__ep *rep, uint16_t tag, frame_view view)
 {
     const uint32_t index = tag >> RUK_TAG_BLOCK_SHIFT;
-    const uint32_t dst = tov_be32(view->ip->ip_daddr_be32);
+    const uint32_t dst = tov_be32(view.ip()->ip_daddr_be32);
 
     if (index >= (uint32_t)__atomic_load_n(&rep->rep_tag_cnt, __ATOMIC_ACQUIRE)) {
         rep->rep_stats.dropped_nosock++;
@@ -170,7 +289,7 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
         rep->rep_stats.dropped_nosock++;
         return nullptr;
     }
-    if (tov_be16(view->udp->udp_dport_be16) != entry->tage_udp_port) {
+    if (tov_be16(view.udp()->udp_dport_be16) != entry->tage_udp_port) {
         rep->rep_stats.dropped_badfilter++;
         return nullptr;
     }
@@ -179,14 +298,14 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
         return nullptr;
     }
     if (entry->tage_ip_addr == RUK_BROADCAST_ADDR) {
-        if (dst == RUK_BROADCAST_ADDR || view->ip->ip_daddr_be32 == chan->ch_mif->tov_ifa_bcastaddr)
+        if (dst == RUK_BROADCAST_ADDR || view.ip()->ip_daddr_be32 == chan->ch_mif->tov_ifa_bcastaddr)
             return chan;
         rep->rep_stats.dropped_broadcast_filtered++;
         return nullptr;
     }
     if (entry->tage_src_ip_addr != 0) {
         /* Source-specific memberships: any entry of the block up to this one may be the source's. */
-        const uint32_t src = tov_be32(view->ip->ip_saddr_be32);
+        const uint32_t src = tov_be32(view.ip()->ip_saddr_be32);
         for (struct ruk__tag_entry *e = entry; e >= block; e--) {
             chan = __atomic_load_n(&e->tage_channel, __ATOMIC_ACQUIRE);
             if (e->tage_src_ip_addr == src && e->tage_ip_addr == dst && chan)
@@ -199,53 +318,75 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
     return nullptr;
 }
 
+/*
+ * The same. A unicast or group entry without a source takes what fits it in every part; all else goes through the
+ * checks one by one.
+ */
+static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t tag, frame_view view)
+{
+    const uint32_t index = tag >> RUK_TAG_BLOCK_SHIFT;
+    if (__builtin_expect(index < (uint32_t)__atomic_load_n(&rep->rep_tag_cnt, __ATOMIC_ACQUIRE), 1)) {
+        const struct ruk__tag_entry *entry = &rep->rep_tag_table[index][tag & (RUK_TAG_BLOCK - 1)];
+        struct ruk__channel *chan = __atomic_load_n(&entry->tage_channel, __ATOMIC_ACQUIRE);
+        if (__builtin_expect(tov_ld16(&entry->tage_nuv_tag) == tag && chan &&
+                                 entry->tage_udp_port == tov_be16(view.udp()->udp_dport_be16) &&
+                                 entry->tage_ip_addr == tov_be32(view.ip()->ip_daddr_be32) &&
+                                 entry->tage_src_ip_addr == 0,
+                             1))
+            return chan;
+    }
+    return find_channel_by_checks(rep, tag, view);
+}
+
 /* Copies the payload, fills what depends on the mode, and tells what becomes of the packet. */
-static inline packet_fate deliver(struct ruk__ep *rep, const struct ruk__evpacket *evp, enum ruk_recvmode mode,
-                                  const frame_view *view, void *buf, size_t len, struct ruk_recv_info *info)
+[[gnu::always_inline]] static inline packet_fate deliver(struct ruk__ep *rep, enum ruk_recvmode mode, frame_view view,
+                                                         void *buf, size_t len, const struct ruk_recv_info *info)
 {
     tov_st64(&rep->rep_num_packets, rep->rep_num_packets + 1);
     if (mode == RUK_RECV_PEEK)
         return PACKET_PEEK;
     size_t count = info->msg_len < len ? info->msg_len : len;
-    ring_copy(&rep->rep_eventq, buf, _eventq_wrap(&rep->rep_eventq, view->start + view->data), count);
+    ring_copy(&rep->rep_eventq, buf, _eventq_wrap(&rep->rep_eventq, view.start + view.data), count);
     return mode == RUK_RECV_PEEK_MSG ? PACKET_PEEK : PACKET_DONE;
 }
 
-/* ALLMULTI and RAW filter modes: addresses from the headers, no channel. */
-static void fill_unfiltered(const struct ruk__evpacket *evp, bool raw, frame_view *view, struct ruk_recv_info *info)
+/* ALLMULTI and RAW filter modes: addresses from the headers, no channel. The offset of what is delivered. */
+[[gnu::noinline]] static uint32_t fill_unfiltered(uint32_t length, bool raw, frame_view view,
+                                                  struct ruk_recv_info *info)
 {
-    const bool is_udp = view->ip->ip_protocol == RUK_IPPROTO_UDP;
+    const bool is_udp = view.ip()->ip_protocol == RUK_IPPROTO_UDP;
     info->chan = nullptr;
     info->chan_context = nullptr;
     info->sin_from.sin_family = AF_INET;
-    info->sin_from.sin_addr.s_addr = view->ip->ip_saddr_be32;
-    info->sin_to.sin_addr.s_addr = view->ip->ip_daddr_be32;
-    info->sin_from.sin_port = is_udp ? view->udp->udp_sport_be16 : 0;
-    info->sin_to.sin_port = is_udp ? view->udp->udp_dport_be16 : 0;
+    info->sin_from.sin_addr.s_addr = view.ip()->ip_saddr_be32;
+    info->sin_to.sin_addr.s_addr = view.ip()->ip_daddr_be32;
+    info->sin_from.sin_port = is_udp ? view.udp()->udp_sport_be16 : 0;
+    info->sin_to.sin_port = is_udp ? view.udp()->udp_dport_be16 : 0;
     if (raw) {
-        info->msg_len = evp->length - RUK_VIEW_PAD;
-        view->data = RUK_VIEW_PAD;
-    } else {
-        info->msg_len = tov_be16(view->udp->udp_len_be16) - 8u;
+        info->msg_len = length - RUK_VIEW_PAD;
+        return RUK_VIEW_PAD;
     }
+    info->msg_len = tov_be16(view.udp()->udp_len_be16) - 8u;
+    return view.data;
 }
 
-static void fill_from_channel(struct ruk__channel *chan, const frame_view *view, struct ruk_recv_info *info)
+static inline void fill_from_channel(struct ruk__channel *chan, frame_view view, struct ruk_recv_info *info)
 {
     info->chan = chan;
     info->chan_context = chan->ch_ucontext;
     info->sin_from.sin_family = AF_INET;
-    info->sin_from.sin_port = view->udp->udp_sport_be16;
-    info->sin_from.sin_addr.s_addr = view->ip->ip_saddr_be32;
+    info->sin_from.sin_port = view.udp()->udp_sport_be16;
+    info->sin_from.sin_addr.s_addr = view.ip()->ip_saddr_be32;
     info->sin_to.sin_family = AF_INET;
-    info->sin_to.sin_port = view->udp->udp_dport_be16;
-    info->sin_to.sin_addr.s_addr = view->ip->ip_daddr_be32;
-    info->msg_len = tov_be16(view->udp->udp_len_be16) - 8u;
+    info->sin_to.sin_port = view.udp()->udp_dport_be16;
+    info->sin_to.sin_addr.s_addr = view.ip()->ip_daddr_be32;
+    info->msg_len = tov_be16(view.udp()->udp_len_be16) - 8u;
 }
 
 /* One packet of the ring: checks it, finds its channel, delivers it. */
-extern "C" int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, enum ruk_recvmode mode, void *buf,
-                               size_t len, struct ruk_recv_info *info)
+[[gnu::always_inline]] static inline packet_fate handle_packet(struct ruk__ep *rep, const packet *p,
+                                                               enum ruk_recvmode mode, void *buf, size_t len,
+                                                               struct ruk_recv_info *info)
 {
     const struct ruk__eventq *evq = &rep->rep_eventq;
     const uint32_t filter_mode = tov_ld32((const uint32_t *)&rep->rep_recvq_filter_mode);
@@ -253,51 +394,55 @@ extern "C" int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, e
 
     /* 1. The headers: in place, or a copy of them where they straddle the ring's end. */
     ruk__eth_generic_hdr copy;
-    frame_view view = {};
-    view.start = _eventq_wrap(evq, (uintptr_t)evp->pkt - RUK_VIEW_PAD);
-    const ruk__eth_generic_hdr *hdr = (const ruk__eth_generic_hdr *)view.start;
+    frame_view view;
+    view.start = _eventq_wrap(evq, (uintptr_t)p->frame - RUK_VIEW_PAD);
+    view.hdr = (const uint8_t *)view.start;
+    view.data = RUK_VIEW_HDRLEN;
     if (__builtin_expect(view.start + sizeof copy > evq->evq_recvq_end, 0)) {
-        ring_copy(evq, &copy, view.start, sizeof copy);
-        hdr = &copy;
+        ring_copy_round(evq, copy.bytes, view.start, sizeof copy);
+        view.hdr = copy.bytes;
     }
 
     /* 2. Untagged or tagged IPv4; anything behind a tag is taken for IPv4. */
-    const uint16_t proto = tov_be16(hdr->eth.eth.eth_proto_be16);
-    if (__builtin_expect(proto == RUK_ETHERTYPE_IPV4, 1)) {
-        view.ip = &hdr->eth.ip;
-        view.udp = &hdr->eth.ul4.udp;
-        view.data = RUK_VIEW_HDRLEN;
-    } else if (proto == RUK_ETHERTYPE_VLAN) {
-        view.ip = &hdr->vlan.ip;
-        view.udp = &hdr->vlan.ul4.udp;
-        view.data = RUK_VIEW_VLAN_HDRLEN;
-    } else if (raw) {
-        info->chan = nullptr;
-        info->chan_context = nullptr;
-        info->msg_len = evp->length - RUK_VIEW_PAD;
-        view.data = RUK_VIEW_PAD;
-        return deliver(rep, evp, mode, &view, buf, len, info);
-    } else {
-        rep->rep_stats.dropped_badproto++;
-        return PACKET_DROP;
+    const uint16_t proto = tov_be16(((const ruk__eth_generic_hdr *)view.hdr)->eth.eth.eth_proto_be16);
+    if (__builtin_expect(proto != RUK_ETHERTYPE_IPV4, 0)) {
+        if (proto == RUK_ETHERTYPE_VLAN) {
+            view.data = RUK_VIEW_VLAN_HDRLEN;
+        } else if (raw) {
+            info->chan = nullptr;
+            info->chan_context = nullptr;
+            info->msg_len = p->length - RUK_VIEW_PAD;
+            view.data = RUK_VIEW_PAD;
+            return deliver(rep, mode, view, buf, len, info);
+        } else {
+            rep->rep_stats.dropped_badproto++;
+            return PACKET_DROP;
+        }
     }
-    if (evp->length < view.data && !raw) {
+    if (__builtin_expect(p->length < view.data && !raw, 0)) {
         rep->rep_stats.dropped_runts++;
         return PACKET_DROP;
     }
 
     /* 3. The channel. */
-    if (__builtin_expect(filter_mode != RUK_RECV_FILTER_NORMAL, 0)) {
-        fill_unfiltered(evp, raw, &view, info);
-    } else {
-        struct ruk__channel *chan = find_channel(rep, evp->tag, &view);
+    if (__builtin_expect(filter_mode == RUK_RECV_FILTER_NORMAL, 1)) {
+        struct ruk__channel *chan = find_channel(rep, p->tag, view);
         if (!chan)
             return PACKET_DROP;
-        fill_from_channel(chan, &view, info);
+        fill_from_channel(chan, view, info);
+    } else {
+        view.data = fill_unfiltered(p->length, raw, view, info);
     }
 
     /* 4. The payload. */
-    return deliver(rep, evp, mode, &view, buf, len, info);
+    return deliver(rep, mode, view, buf, len, info);
+}
+
+extern "C" int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, enum ruk_recvmode mode, void *buf,
+                               size_t len, struct ruk_recv_info *info)
+{
+    const packet p = {0, 0, evp, evp->pkt, evp->tag, evp->length, evp->timestamp, false};
+    return handle_packet(rep, &p, mode, buf, len, info);
 }
 
 /* ------------------------------------------------------------------ waiting and leaving */
@@ -340,7 +485,7 @@ static inline int finish(struct ruk__ep *rep, int rc, bool locked)
 }
 
 /* What an empty queue means: go on (true), or return *rc (false; the endpoint has been left). */
-static bool wait_for_event(struct ruk__ep *rep, enum ruk_recvmode mode, int *rc)
+[[gnu::noinline]] static bool wait_for_event(struct ruk__ep *rep, enum ruk_recvmode mode, int *rc)
 {
     if (state_of(rep) == REP_STATE_NEEDCLOSE) {
         leave(rep);
@@ -391,44 +536,52 @@ static bool wait_for_event(struct ruk__ep *rep, enum ruk_recvmode mode, int *rc)
 }
 
 /* The receive loop: packets go through handle() until one is delivered or the wait ends. */
-template <typename Handle> static inline int receive(struct ruk__ep *rep, enum ruk_recvmode mode, Handle handle)
+template <typename Handle>
+[[gnu::always_inline]] static inline int receive(struct ruk__ep *rep, enum ruk_recvmode mode, Handle handle)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
     ruk__ep_rx_lock(rep);
     enter(rep);
     for (;;) {
-        struct ruk__evpacket *evp = ruk__eventq_first(rep, evq);
-        if (!evp) {
+        packet p;
+        if (__builtin_expect(!next_packet(rep, evq, &p), 0)) {
             int rc;
             if (wait_for_event(rep, mode, &rc))
                 continue;
             return rc;
         }
-        if (__builtin_expect(evp->timestamp == ARISTA_KEYFRAME_MARK, 0)) {
-            arista_get_kf_pkt(rep, evp);
-            ruk__eventq_advance(evq);
+        if (__builtin_expect(p.timestamp == ARISTA_KEYFRAME_MARK, 0)) {
+            arista_get_kf_pkt(rep, p.evp);
+            consume(evq, &p);
             continue;
         }
-        int fate = handle(evp);
-        if (fate == PACKET_PEEK)
+        const packet_fate fate = handle(&p);
+        if (__builtin_expect(fate == PACKET_PEEK, 0))
             return finish(rep, 0, true);
-        ruk__eventq_advance(evq);
-        if (fate == PACKET_DONE)
+        consume(evq, &p);
+        if (__builtin_expect(fate == PACKET_DONE, 1))
             return finish(rep, 0, true);
     }
 }
 
 /* ------------------------------------------------------------------ public calls */
 
+[[gnu::always_inline]] static inline int receive_datagram(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf,
+                                                          size_t len, struct ruk_recv_info *info)
+{
+    return receive(
+        rep, mode, [=](const packet *p) __attribute__((always_inline)) {
+            const packet_fate fate = handle_packet(rep, p, mode, buf, len, info);
+            if (fate != PACKET_PEEK && ruk__api_version > 1)
+                info->timestamp = p->timestamp;
+            return fate;
+        });
+}
+
 extern "C" int ruk__recvpacket(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
                                struct ruk_recv_info *info)
 {
-    return receive(rep, mode, [=](struct ruk__evpacket *evp) {
-        int fate = handle_ruk_uevt(rep, evp, mode, buf, len, info);
-        if (fate != PACKET_PEEK && ruk__api_version > 1)
-            info->timestamp = evp->timestamp;
-        return fate;
-    });
+    return receive_datagram(rep, mode, buf, len, info);
 }
 
 extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void *buf, size_t len,
@@ -437,7 +590,7 @@ extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
     if (!rep || !info || state_of(rep) == REP_STATE_ALLOC)
         return EINVAL;
     tov_st32(&rep->rep_shutdown, 0); /* a shutdown asked for earlier is forgotten */
-    return ruk__recvpacket(rep, recv_mode, buf, len, info);
+    return receive_datagram(rep, recv_mode, buf, len, info);
 }
 
 static inline void copy_frame(const struct ruk__eventq *evq, const struct ruk__evpacket *evp, void *buf)
@@ -449,11 +602,11 @@ extern "C" int ruk_raw_recv(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
 {
     if (state_of(rep) == REP_STATE_ALLOC)
         return EINVAL;
-    return receive(rep, recv_mode, [=](struct ruk__evpacket *evp) {
-        *len = evp->length;
+    return receive(rep, recv_mode, [=](const packet *p) {
+        *len = p->length;
         if (recv_mode == RUK_RECV_PEEK)
             return PACKET_PEEK;
-        copy_frame(&rep->rep_eventq, evp, buf);
+        copy_frame(&rep->rep_eventq, p->evp, buf);
         return recv_mode == RUK_RECV_PEEK_MSG ? PACKET_PEEK : PACKET_DONE;
     });
 }
