@@ -33,3 +33,11 @@ foreach(section 1 3 7 8)
     install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
   endif()
 endforeach()
+
+# Bash finds completions by the name of the command.
+foreach(program rukrun ruk-accept ruk-bench ruk-capture ruk-info ruk-ping ruk-recv ruk-send ruk-top)
+  if(TARGET ${program})
+    install(FILES ${CMAKE_SOURCE_DIR}/completions/ruk.bash RENAME ${program}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  endif()
+endforeach()

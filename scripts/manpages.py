@@ -152,7 +152,7 @@ def program_pages(directory):
         page += ".Pp\nThe program describes its arguments and exit statuses so:\n.Bd -literal\n" + roff(run_help(binary)) + "\n.Ed\n"
         for sub in subcommands:
             page += f".Ss {name} {sub}\n.Bd -literal\n" + roff(run_help(binary, sub)) + "\n.Ed\n"
-        page += ".Sh EXIT STATUS\nAs the description ends: 0 is success, and an error is 2, or 125 of\n.Xr rukrun 1 .\n"
+        page += ".Sh EXIT STATUS\nAs the description ends: 0 is success, and an error is " + ("125" if name == "rukrun" else "2") + ".\n"
         page += ".Sh EXAMPLES\n.Bd -literal\n" + roff(example.strip()) + "\n.Ed\n"
         page += ".Sh SEE ALSO\n" + see_also(see.split() + ["ruk(7)"]) + "\n"
         pages[f"{name}.1"] = page

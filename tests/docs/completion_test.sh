@@ -1,0 +1,66 @@
+#!/bin/bash
+# Completion as bash asks for it: completion_test.sh COMPLETIONS BIN
+set -u
+source "$1" || exit 1
+bin=$2
+failures=0
+
+# reply PROGRAM WORDS...: what is offered for the last of the words.
+reply()
+{
+    COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+    COMPREPLY=()
+    if [[ ${1##*/} == rukrun ]]; then _ruk_complete_rukrun "$1"; else _ruk_complete "$1"; fi
+}
+
+offers()
+{
+    local wanted=$1
+    shift
+    reply "$@"
+    if [[ " ${COMPREPLY[*]} " != *" $wanted "* ]]; then
+        echo "'${*##*/}' does not offer '$wanted': ${COMPREPLY[*]}"
+        failures=$((failures + 1))
+    fi
+}
+
+offers_not()
+{
+    local unwanted=$1
+    shift
+    reply "$@"
+    if [[ " ${COMPREPLY[*]} " == *" $unwanted "* ]]; then
+        echo "'${*##*/}' offers '$unwanted'"
+        failures=$((failures + 1))
+    fi
+}
+
+for program in ruk-info ruk-recv ruk-send ruk-ping ruk-capture ruk-top rukrun; do
+    [[ -x $bin/$program ]] || { [[ $program == ruk-capture ]] && continue; echo "$program is missing"; exit 1; }
+    offers --help "$bin/$program" --
+    offers --version "$bin/$program" --v
+    complete -p "$program" >/dev/null || failures=$((failures + 1))
+done
+
+offers --json "$bin/ruk-recv" --j
+offers_not --json "$bin/ruk-recv" --st
+offers --stats "$bin/ruk-recv" --st
+offers -p "$bin/ruk-recv" -
+offers lo "$bin/ruk-recv" -i l
+offers lo "$bin/ruk-send" --interface ''
+offers spin "$bin/ruk-recv" --wait s
+offers_not block "$bin/ruk-recv" --wait s
+offers raw "$bin/ruk-recv" --filter r
+offers client "$bin/ruk-ping" c
+offers_not server "$bin/ruk-ping" c
+offers --plot "$bin/ruk-ping" client --p
+offers_not --plot "$bin/ruk-ping" server --p
+offers lo "$bin/rukrun" --soft = l
+offers lo "$bin/rukrun" --soft =
+offers exact "$bin/rukrun" --mode = e
+offers wire "$bin/rukrun" --switch = ''
+offers --soft "$bin/rukrun" --s
+offers bash "$bin/rukrun" --soft -- bas
+
+echo "$failures failures"
+((failures == 0))
