@@ -59,6 +59,7 @@ struct Application {
             fd = -1;
         }
         softnic_run(nic);
+        softnic_clear_commands(nic); /* its log of them only grows */
         static uint8_t frame[2048];
         while (softnic_take_sent(nic, 0, frame, sizeof frame) != 0) {
         }
