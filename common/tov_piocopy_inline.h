@@ -59,6 +59,32 @@ static inline tov_wcsum fold64(uint64_t sum)
     return add32(static_cast<uint32_t>(sum), static_cast<uint32_t>(sum >> 32));
 }
 
+/* Four of them. */
+static inline uint64_t add64x4(uint64_t sum, uint64_t a, uint64_t b, uint64_t c, uint64_t d)
+{
+#if defined(__x86_64__)
+    __asm__("addq %1, %0\n\tadcq %2, %0\n\tadcq %3, %0\n\tadcq %4, %0\n\tadcq $0, %0"
+            : "+&r"(sum)
+            : "r"(a), "r"(b), "r"(c), "r"(d)
+            : "cc");
+    return sum;
+#else
+    return add64(add64(add64(add64(sum, a), b), c), d);
+#endif
+}
+
+/* Copies and adds 32 bytes; the last word stored. */
+static inline uint32_t copy32(volatile uint32_t *dst, const uint8_t *from, uint64_t *sum)
+{
+    const uint64_t a = load64(from), b = load64(from + 8), c = load64(from + 16), d = load64(from + 24);
+    store64(dst, a);
+    store64(dst + 2, b);
+    store64(dst + 4, c);
+    store64(dst + 6, d);
+    *sum = add64x4(*sum, a, b, c, d);
+    return static_cast<uint32_t>(d >> 32);
+}
+
 /* Bytes from the source to its next 4-byte boundary, at most len. */
 static inline uint32_t head_bytes(const uint8_t *src, uint32_t len)
 {
@@ -113,15 +139,13 @@ static inline uint32_t tov_piocopy_csum_inline(uintptr_t *to, const uint8_t *fro
 
     /* Two sums, so that neither addition waits for the other. */
     uint64_t wide = sum, other = 0;
-    for (; len >= 32; len -= 32, from += 32, dst += 8) {
-        const uint64_t a = load64(from), b = load64(from + 8), c = load64(from + 16), d = load64(from + 24);
-        store64(dst, a);
-        store64(dst + 2, b);
-        store64(dst + 4, c);
-        store64(dst + 6, d);
-        last = static_cast<uint32_t>(d >> 32);
-        wide = add64(add64(wide, a), c);
-        other = add64(add64(other, b), d);
+    for (; len >= 64; len -= 64, from += 64, dst += 16) {
+        copy32(dst, from, &wide);
+        last = copy32(dst + 8, from + 32, &other);
+    }
+    if (len >= 32) {
+        last = copy32(dst, from, &wide);
+        len -= 32, from += 32, dst += 8;
     }
     sum = fold64(add64(wide, other));
     for (; len >= 4; len -= 4, from += 4) {
