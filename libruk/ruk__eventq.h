@@ -121,7 +121,7 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
 }
 
 /* Frees the current event, len bytes from `event` on, and reports the new position. */
-RUK_EVENTQ_INLINE void _eventq_release(struct ruk__eventq *evq, uintptr_t event, uint32_t len)
+[[gnu::always_inline]] inline void _eventq_release(struct ruk__eventq *evq, uintptr_t event, uint32_t len)
 {
     /* 1. Its slots. */
     const uintptr_t next = event + len;

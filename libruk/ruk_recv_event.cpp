@@ -22,7 +22,8 @@
 [[gnu::always_inline]] static inline void copy_out(uint8_t *to, const uint8_t *from, size_t n)
 {
     if (__builtin_expect(n < 16 || n > SMALL_COPY, 0)) {
-        memcpy(to, from, n);
+        if (n != 0)
+            memcpy(to, from, n);
         return;
     }
     const uint8_t *const last_from = from + n - 16;
@@ -44,15 +45,16 @@
         from = evq->evq_recvq_base;
         first = evq->evq_recvq_size;
     }
-    memcpy(dst, (const void *)from, n);
+    if (n != 0)
+        memcpy(dst, (const void *)from, n);
 }
 
-/* Copies n bytes of the ring from a wrapped address on. */
-static inline void ring_copy(const struct ruk__eventq *evq, void *to, uintptr_t from, size_t n)
+/* Copies n bytes of the ring, from an address that may have to be wrapped. */
+[[gnu::always_inline]] static inline void ring_copy(const struct ruk__eventq *evq, void *to, uintptr_t from, size_t n)
 {
-    if (__builtin_expect(n > evq->evq_recvq_end - from, 0))
-        ring_copy_round(evq, (uint8_t *)to, from, n);
-    else if (n != 0)
+    if (__builtin_expect(from + n > evq->evq_recvq_end, 0))
+        ring_copy_round(evq, (uint8_t *)to, _eventq_wrap(evq, from), n);
+    else
         copy_out((uint8_t *)to, (const uint8_t *)from, n);
 }
 
@@ -118,9 +120,10 @@ static uint64_t event_time(struct ruk__ep *ep, const volatile nuv_uevt_ruk_t *ue
 
 /*
  * Asks for the lines of an event to come: a ring larger than the cache is never in it. For small events alone: the
- * processor itself runs ahead in the payload of large ones.
+ * processor itself runs ahead in the payload of large ones. (Not a function of its own: the compiler would drop the
+ * call, as it finds no effect in it.)
  */
-static inline void fetch_ahead(const struct ruk__eventq *evq, uintptr_t event)
+[[gnu::always_inline]] static inline void fetch_ahead(const struct ruk__eventq *evq, uintptr_t event)
 {
     const uintptr_t ahead = event + FETCH_AHEAD;
     if (__builtin_expect(ahead + FETCH_LINES * NUV_UEVT_SLOT > evq->evq_recvq_end, 0))
@@ -140,47 +143,57 @@ struct packet {
     bool last; /* of its event */
 };
 
-/* Packet i of the event, at the cursor; returns the next one's place. */
-[[gnu::always_inline]] static inline uintptr_t parse_packet(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t i,
-                                                            uintptr_t cursor, uint32_t *length_pkts)
+/* One packet of the event at the cursor, running position `offset`. */
+[[gnu::always_inline]] static inline void parse_packet(const struct ruk__eventq *evq, uint32_t arista,
+                                                       const volatile nuv_uevt_pkt_t *header, uintptr_t cursor,
+                                                       uint32_t offset, struct ruk__evpacket *next,
+                                                       struct ruk__evpacket *evp)
 {
-    const volatile nuv_uevt_ruk_t *uevt = evq->evq_recvq_state.evs_uevt_cur;
-    struct ruk__evpacket *evp = &evq->evq_recvq_state.evs_pkts[i];
-    const uint16_t length = tov_be16(tov_ld16(&uevt->pkts[i].length));
     evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
-    evp->tag = tov_be16(tov_ld16(&uevt->pkts[i].tag));
-    evp->length = length;
-    evp->offset = (uint16_t)*length_pkts;
+    evp->tag = tov_be16(tov_ld16(&header->tag));
+    evp->length = tov_be16(tov_ld16(&header->length));
+    evp->offset = (uint16_t)offset;
     evp->nfrags = 0;
     evp->timestamp = 0;
-    if (__builtin_expect(ep->arista_control.arct_status != ARISTA_STATUS_DISABLED, 0) &&
-        arista_check_kf_pkt(evq, evp->pkt))
+    if (__builtin_expect(arista != ARISTA_STATUS_DISABLED, 0) && arista_check_kf_pkt(evq, evp->pkt))
         evp->timestamp = ARISTA_KEYFRAME_MARK;
-    evp->evp_next = evp + 1;
-    *length_pkts += length + 4u;
-    return cursor + nuv_uevt_pkt_space(length);
+    evp->evp_next = next;
 }
 
 /* The packets after the first. */
-[[gnu::noinline]] static void parse_further(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt,
-                                            uintptr_t cursor, uint32_t length_pkts)
+[[gnu::noinline]] static void parse_further(struct ruk__eventq *evq, uint32_t arista, uint32_t pkt_cnt,
+                                            uintptr_t cursor)
 {
-    for (uint32_t i = 1; i < pkt_cnt; i++)
-        cursor = parse_packet(ep, evq, i, cursor, &length_pkts);
-    evq->evq_recvq_state.evs_length_pkts = (uint16_t)length_pkts;
+    struct ruk__event_state *evs = &evq->evq_recvq_state;
+    uint32_t length_pkts = evs->evs_length_pkts;
+    for (uint32_t i = 1; i < pkt_cnt; i++) {
+        struct ruk__evpacket *evp = &evs->evs_pkts[i];
+        cursor += nuv_uevt_pkt_space(evp[-1].length);
+        parse_packet(evq, arista, &evs->evs_uevt_cur->pkts[i], cursor, length_pkts, i + 1 < pkt_cnt ? evp + 1 : nullptr,
+                     evp);
+        length_pkts += evp->length + 4u;
+    }
+    evs->evs_length_pkts = (uint16_t)length_pkts;
 }
 
-/* Parses the event at the current position into *p, its first packet. False when there is none. */
-[[gnu::always_inline]] static inline bool process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, packet *p)
+/* The times of the packets of an event, where a clock counts. */
+[[gnu::noinline]] static void date_packets(struct ruk__ep *ep, struct ruk__event_state *evs, uint32_t arista)
+{
+    if (arista >= ARISTA_STATUS_ACTIVE)
+        ruk__arista_calc_pkt_timestamps(ep, evs->evs_pkts);
+    else if (evs->evs_timestamp != 0)
+        ruk__clk_calc_pkt_timestamps(evs);
+}
+
+/* Parses the event of pkt_cnt packets at the current position into *p, its first one. */
+[[gnu::always_inline]] static inline void process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt,
+                                                       packet *p)
 {
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
     const uint32_t arista = ep->arista_control.arct_status;
 
     /* 1. The header; it is read before the event is known to be complete. */
-    const uint32_t pkt_cnt = tov_ld8_acq(&uevt->pkt_cnt);
-    if (pkt_cnt == 0)
-        return false;
     const uint16_t length = _uevt_length(uevt);
     evs->evs_length = length;
     evs->evs_pkt_cur = evs->evs_pkts;
@@ -189,64 +202,60 @@ struct packet {
         fetch_ahead(evq, (uintptr_t)uevt);
 
     /* 2. The event's own time, where the adapter's clock counts. */
-    uint64_t time = 0;
-    if (__builtin_expect(arista < ARISTA_STATUS_ACTIVE, 1)) {
-        if (ep->rep_timestamping_enabled)
-            time = event_time(ep, uevt);
-        evs->evs_timestamp = time;
-    }
+    const bool adapter_time = ep->rep_timestamping_enabled && arista < ARISTA_STATUS_ACTIVE;
+    if (__builtin_expect(arista < ARISTA_STATUS_ACTIVE, 1))
+        evs->evs_timestamp = adapter_time ? event_time(ep, uevt) : 0;
 
     /* 3. The packets. */
-    uint32_t length_pkts = 0;
-    const uintptr_t further = parse_packet(ep, evq, 0, (uintptr_t)uevt + tov_ld8(&uevt->offset), &length_pkts);
-    evs->evs_length_pkts = (uint16_t)length_pkts;
+    const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
+    struct ruk__evpacket *first = evs->evs_pkts;
+    parse_packet(evq, arista, &uevt->pkts[0], cursor, 0, pkt_cnt > 1 ? first + 1 : nullptr, first);
+    evs->evs_length_pkts = (uint16_t)(first->length + 4u);
+    *p = {(uintptr_t)uevt, length, first, first->pkt, first->tag, first->length, first->timestamp, pkt_cnt == 1};
     if (pkt_cnt > 1)
-        parse_further(ep, evq, pkt_cnt, further, length_pkts);
-    evs->evs_pkts[pkt_cnt - 1].evp_next = nullptr;
+        parse_further(evq, arista, pkt_cnt, cursor);
 
     /* 4. Their times. */
-    if (__builtin_expect(arista >= ARISTA_STATUS_ACTIVE, 0))
-        ruk__arista_calc_pkt_timestamps(ep, evs->evs_pkts);
-    else if (time != 0)
-        ruk__clk_calc_pkt_timestamps(evs);
-    *p = {(uintptr_t)uevt,
-          length,
-          evs->evs_pkts,
-          evs->evs_pkts[0].pkt,
-          evs->evs_pkts[0].tag,
-          evs->evs_pkts[0].length,
-          evs->evs_pkts[0].timestamp,
-          pkt_cnt == 1};
+    if (__builtin_expect(adapter_time || arista >= ARISTA_STATUS_ACTIVE, 0)) {
+        date_packets(ep, evs, arista);
+        p->timestamp = first->timestamp;
+        p->length = first->length;
+    }
 
     /* 5. Nothing is handed out before the firmware has written all of it. */
-    _eventq_wait_completion(_eventq_crcbyte(evq, uevt, length));
-    return true;
+    _eventq_wait_completion((const volatile uint8_t *)_eventq_wrap(evq, (uintptr_t)uevt + length - 1));
 }
 
 extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq)
 {
     packet p;
-    return process_uevt(ep, evq, &p) ? evq->evq_recvq_state.evs_pkt_cur : nullptr;
+    const uint32_t pkt_cnt = _eventq_present(evq);
+    if (pkt_cnt == 0)
+        return nullptr;
+    process_uevt(ep, evq, pkt_cnt, &p);
+    return evq->evq_recvq_state.evs_pkt_cur;
 }
 
 /* The next packet to receive; false when there is none. */
 [[gnu::always_inline]] static inline bool next_packet(struct ruk__ep *ep, struct ruk__eventq *evq, packet *p)
 {
     const struct ruk__event_state *evs = &evq->evq_recvq_state;
-    if (_eventq_present(evq) == 0)
-        return false;
     struct ruk__evpacket *evp = evs->evs_pkt_cur;
-    if (!evp)
-        return process_uevt(ep, evq, p);
-    *p = {(uintptr_t)evs->evs_uevt_cur, evs->evs_length, evp, evp->pkt, evp->tag, evp->length, evp->timestamp,
-          evp->evp_next == nullptr};
+    const uint32_t pkt_cnt = _eventq_present(evq);
+    if (__builtin_expect(pkt_cnt == 0, 0))
+        return false;
+    if (__builtin_expect(!evp, 1))
+        process_uevt(ep, evq, pkt_cnt, p);
+    else
+        *p = {(uintptr_t)evs->evs_uevt_cur, evs->evs_length, evp, evp->pkt, evp->tag, evp->length, evp->timestamp,
+              evp->evp_next == nullptr};
     return true;
 }
 
 /* Consumes it, as ruk__eventq_advance() does. */
 [[gnu::always_inline]] static inline void consume(struct ruk__eventq *evq, const packet *p)
 {
-    if (!p->last) {
+    if (__builtin_expect(!p->last, 0)) {
         evq->evq_recvq_state.evs_pkt_cur = p->evp->evp_next;
         return;
     }
@@ -346,7 +355,7 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
     if (mode == RUK_RECV_PEEK)
         return PACKET_PEEK;
     size_t count = info->msg_len < len ? info->msg_len : len;
-    ring_copy(&rep->rep_eventq, buf, _eventq_wrap(&rep->rep_eventq, view.start + view.data), count);
+    ring_copy(&rep->rep_eventq, buf, view.start + view.data, count);
     return mode == RUK_RECV_PEEK_MSG ? PACKET_PEEK : PACKET_DONE;
 }
 
@@ -395,10 +404,11 @@ static inline void fill_from_channel(struct ruk__channel *chan, frame_view view,
     /* 1. The headers: in place, or a copy of them where they straddle the ring's end. */
     ruk__eth_generic_hdr copy;
     frame_view view;
-    view.start = _eventq_wrap(evq, (uintptr_t)p->frame - RUK_VIEW_PAD);
+    view.start = (uintptr_t)p->frame - RUK_VIEW_PAD;
     view.hdr = (const uint8_t *)view.start;
     view.data = RUK_VIEW_HDRLEN;
     if (__builtin_expect(view.start + sizeof copy > evq->evq_recvq_end, 0)) {
+        view.start = _eventq_wrap(evq, view.start);
         ring_copy_round(evq, copy.bytes, view.start, sizeof copy);
         view.hdr = copy.bytes;
     }
@@ -449,14 +459,16 @@ extern "C" int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, e
 
 /*
  * rep_inuse is changed under the receive lock, but for the sleeper that a shutdown sends home without it; hence
- * atomic where there are locks. Both return the new count.
+ * atomic where there are locks. Entering takes the lock; leaving returns the new count and keeps it.
  */
 static inline void enter(struct ruk__ep *rep)
 {
-    if (rep->rep_rx_lockp)
+    if (__builtin_expect(rep->rep_rx_lockp != nullptr, 0)) {
+        ruk__ep_rx_lock(rep);
         __atomic_add_fetch(&rep->rep_inuse, 1, __ATOMIC_SEQ_CST);
-    else
+    } else {
         rep->rep_inuse++;
+    }
 }
 
 static inline uint32_t leave(struct ruk__ep *rep)
@@ -540,7 +552,6 @@ template <typename Handle>
 [[gnu::always_inline]] static inline int receive(struct ruk__ep *rep, enum ruk_recvmode mode, Handle handle)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
-    ruk__ep_rx_lock(rep);
     enter(rep);
     for (;;) {
         packet p;
@@ -550,12 +561,11 @@ template <typename Handle>
                 continue;
             return rc;
         }
-        if (__builtin_expect(p.timestamp == ARISTA_KEYFRAME_MARK, 0)) {
+        packet_fate fate = PACKET_DROP;
+        if (__builtin_expect(p.timestamp == ARISTA_KEYFRAME_MARK, 0))
             arista_get_kf_pkt(rep, p.evp);
-            consume(evq, &p);
-            continue;
-        }
-        const packet_fate fate = handle(&p);
+        else
+            fate = handle(&p);
         if (__builtin_expect(fate == PACKET_PEEK, 0))
             return finish(rep, 0, true);
         consume(evq, &p);
@@ -595,7 +605,7 @@ extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
 
 static inline void copy_frame(const struct ruk__eventq *evq, const struct ruk__evpacket *evp, void *buf)
 {
-    ring_copy(evq, buf, _eventq_wrap(evq, (uintptr_t)evp->pkt), evp->length);
+    ring_copy(evq, buf, (uintptr_t)evp->pkt, evp->length);
 }
 
 extern "C" int ruk_raw_recv(ruk_device_t rep, enum ruk_recvmode recv_mode, void *buf, size_t *len, uint64_t *timestamp)
