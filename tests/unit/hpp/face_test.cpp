@@ -1,0 +1,346 @@
+/*
+ * The C++ face: owners, errors of both kinds, payloads and times, with an adapter behind it.
+ */
+#include "ruk.hpp"
+
+#include "send_rig.h"
+
+#include <array>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <type_traits>
+
+namespace {
+
+using namespace send_rig;
+using namespace std::string_view_literals;
+
+template <typename T>
+constexpr bool move_only = std::is_nothrow_move_constructible_v<T> &&std::is_nothrow_move_assignable_v<T> &&
+                           !std::is_copy_constructible_v<T> && !std::is_copy_assignable_v<T>;
+static_assert(move_only<ruk::endpoint> && move_only<ruk::channel> && move_only<ruk::send_handle>);
+static_assert(sizeof(ruk::endpoint) == sizeof(void *) && sizeof(ruk::channel) == sizeof(void *) &&
+              sizeof(ruk::send_handle) == sizeof(void *));
+
+/* 10.77.0.1 on an adapter, nothing opened yet. */
+class Face : public SendTest {
+protected:
+    void SetUp() override
+    {
+        softnic_board_config_t config;
+        softnic_board_defaults(&config, 0);
+        nic = softnic_create(&config, 1, 1700000000000000000u);
+        ASSERT_EQ(softnic_attach(nic), 0);
+        ruk::init();
+    }
+    ruk::endpoint opened(int flags = ruk::open_flags::thread_safe)
+    {
+        return ruk::endpoint::open(ruk::ip("10.77.0.1"), flags);
+    }
+    unsigned claimed() { return static_cast<unsigned>(__builtin_popcountll(softnic_claimed(nic, 0))); }
+
+    void arrive(const std::string &text, uint16_t from_port = 4000, uint16_t to_port = 5000)
+    {
+        const auto high = [](size_t n) { return static_cast<uint8_t>(n >> 8); };
+        const auto low = [](size_t n) { return static_cast<uint8_t>(n); };
+        const size_t udp = 8 + text.size(), total = 20 + udp;
+        Bytes frame = unhex("026f78000001 020000000002 0800 4500");
+        for (const uint8_t byte :
+             {high(total),  low(total),  uint8_t{0}, uint8_t{0},  uint8_t{0x40},   uint8_t{0},     uint8_t{64},
+              uint8_t{17},  uint8_t{0},  uint8_t{0}, uint8_t{10}, uint8_t{77},     uint8_t{0},     uint8_t{2},
+              uint8_t{10},  uint8_t{77}, uint8_t{0}, uint8_t{1},  high(from_port), low(from_port), high(to_port),
+              low(to_port), high(udp),   low(udp),   uint8_t{0},  uint8_t{0}})
+            frame.push_back(byte);
+        frame.insert(frame.end(), text.begin(), text.end());
+        softnic_inject(nic, 0, frame.data(), frame.size());
+        softnic_run(nic);
+    }
+
+    std::array<std::byte, 64> room{};
+};
+
+std::string text_of(std::span<const std::byte> bytes)
+{
+    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+}
+
+std::string text_of(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
+
+int error_of(const std::function<void()> &call)
+{
+    try {
+        call();
+    } catch (const std::system_error &e) {
+        EXPECT_EQ(e.code().category(), std::generic_category());
+        return e.code().value();
+    }
+    return 0;
+}
+
+TEST_F(Face, Endpoint_LeavesItsScope_IsClosed)
+{
+    {
+        ruk::endpoint endpoint = opened();
+        EXPECT_TRUE(endpoint);
+        EXPECT_EQ(claimed(), 1u);
+    }
+    EXPECT_EQ(claimed(), 0u);
+}
+
+TEST_F(Face, Endpoint_Moved_IsClosedOnceByItsLastOwner)
+{
+    ruk::endpoint first = opened();
+    const ruk_device_t handle = first.get();
+    ruk::endpoint second = std::move(first);
+    EXPECT_EQ(second.get(), handle);
+    EXPECT_FALSE(first); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(claimed(), 1u);
+    second = opened();
+    EXPECT_EQ(claimed(), 1u);
+    ruk::endpoint &same = second;
+    second = std::move(same);
+    EXPECT_TRUE(second);
+    second.reset();
+    EXPECT_EQ(claimed(), 0u);
+}
+
+TEST_F(Face, Endpoint_Released_StaysOpen)
+{
+    ruk_device_t handle = opened().release();
+    EXPECT_EQ(claimed(), 1u);
+    EXPECT_EQ(ruk_close(handle), 0);
+}
+
+TEST_F(Face, OpenOfAForeignAddress_ToldAsCodeAndAsException)
+{
+    std::error_code ec;
+    EXPECT_FALSE(ruk::endpoint::open(ruk::ip("10.99.0.1"), 0, ec));
+    EXPECT_EQ(ec, std::errc::no_such_device);
+    EXPECT_EQ(error_of([] { (void)ruk::endpoint::open(ruk::ip("10.99.0.1")); }), ENODEV);
+}
+
+TEST_F(Face, OpenOfAnUnknownName_ToldAsCodeAndAsException)
+{
+    std::error_code ec;
+    EXPECT_FALSE(ruk::endpoint::open_if("nowhere0", 0, ec));
+    EXPECT_EQ(ec.value(), ENXIO);
+    EXPECT_EQ(error_of([] { (void)ruk::endpoint::open_if("nowhere0"); }), ENXIO);
+}
+
+TEST_F(Face, Code_OfAnEarlierError_IsClearedBySuccess)
+{
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    ruk::endpoint endpoint = ruk::endpoint::open(ruk::ip("10.77.0.1"), 0, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_TRUE(endpoint);
+}
+
+TEST_F(Face, Address_TextThatIsNone_IsRefused)
+{
+    std::error_code ec;
+    ruk::ip("10.77.0", ec);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([] { ruk::ip("oxel0"); }), EINVAL);
+    const sockaddr_in sin = ruk::address("10.77.0.2", 0x1234);
+    EXPECT_EQ(sin.sin_family, AF_INET);
+    EXPECT_EQ(sin.sin_addr.s_addr, htonl(0x0a4d0002));
+    EXPECT_EQ(sin.sin_port, htons(0x1234));
+}
+
+TEST_F(Face, Channel_Bound_TellsItsAddressAndIsUnboundAtItsEnd)
+{
+    ruk::endpoint endpoint = opened();
+    {
+        ruk::channel channel = endpoint.bind(5000);
+        EXPECT_EQ(channel.address().sin_port, htons(5000));
+        EXPECT_EQ(channel.address().sin_addr.s_addr, htonl(0x0a4d0001));
+        EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0001, 5000, 0, 17), 1);
+    }
+    EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0001, 5000, 0, 17), 0);
+}
+
+TEST_F(Face, BindWhoseFilterIsRefused_ToldAsCodeAndAsException)
+{
+    softnic_fail_steering(nic, 0, ENOSPC);
+    {
+        ruk::endpoint endpoint = opened();
+        std::error_code ec;
+        EXPECT_FALSE(endpoint.bind(5000, 0, nullptr, ec));
+        EXPECT_EQ(ec.value(), ENOSPC);
+    }
+    ruk::endpoint endpoint = opened();
+    EXPECT_EQ(error_of([&] { (void)endpoint.bind(5000); }), ENOSPC);
+    softnic_fail_steering(nic, 0, 0);
+}
+
+TEST_F(Face, Datagram_Arrives_WithItsPayloadAddressesAndContext)
+{
+    int context = 0;
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000, ruk::bind_flags::none, &context);
+    arrive("hello");
+    const ruk::datagram d = endpoint.receive(room);
+    EXPECT_EQ(text_of(d.data), "hello");
+    EXPECT_EQ(d.length, 5u);
+    EXPECT_FALSE(d.truncated());
+    EXPECT_EQ(d.from.sin_port, htons(4000));
+    EXPECT_EQ(d.from.sin_addr.s_addr, htonl(0x0a4d0002));
+    EXPECT_EQ(d.to.sin_port, htons(5000));
+    EXPECT_EQ(d.context, &context);
+    EXPECT_EQ(d.channel, channel.get());
+    EXPECT_FALSE(d.time);
+}
+
+TEST_F(Face, Datagram_OnADatedEndpoint_HasItsTime)
+{
+    using namespace std::chrono_literals;
+    ruk::endpoint endpoint = opened(ruk::open_flags::hw_timestamping);
+    ruk::channel channel = endpoint.bind(5000);
+    softnic_advance(nic, 1000000000);
+    arrive("x");
+    const ruk::datagram d = endpoint.receive(room);
+    ASSERT_TRUE(d.time);
+    const auto expected = ruk::time_point(1700000001000000000ns);
+    EXPECT_LT(*d.time > expected ? *d.time - expected : expected - *d.time, 1us);
+    const ruk::clock_reading clocks = endpoint.clocks();
+    EXPECT_LT(clocks.host > expected ? clocks.host - expected : expected - clocks.host, 1us);
+}
+
+TEST_F(Face, Datagram_LargerThanTheBuffer_IsCutAndSaysSo)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    arrive("a longer text");
+    const ruk::datagram d = endpoint.receive(std::span(room).first(8));
+    EXPECT_EQ(text_of(d.data), "a longer");
+    EXPECT_EQ(d.length, 13u);
+    EXPECT_TRUE(d.truncated());
+}
+
+TEST_F(Face, EmptyQueue_TryReceiveGivesNothing_ReceiveAnError)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    EXPECT_FALSE(endpoint.try_receive(room, ec));
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(endpoint.try_receive(room));
+    endpoint.receive(room, ruk::wait::none, ec);
+    EXPECT_EQ(ec, std::errc::resource_unavailable_try_again);
+    EXPECT_EQ(error_of([&] { endpoint.receive(room, ruk::wait::none); }), EAGAIN);
+    arrive("now");
+    const auto d = endpoint.try_receive(room);
+    ASSERT_TRUE(d);
+    EXPECT_EQ(text_of(d->data), "now");
+}
+
+TEST_F(Face, DisabledEndpoint_ReceivesOnceEnabled)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
+    EXPECT_EQ(error_of([&] { (void)endpoint.try_receive(room); }), EINVAL);
+    endpoint.enable();
+    EXPECT_EQ(error_of([&] { endpoint.enable(); }), EINVAL);
+    ruk::channel channel = endpoint.bind(5000);
+    arrive("on");
+    EXPECT_TRUE(endpoint.try_receive(room));
+}
+
+TEST_F(Face, Attributes_Changed_AreReadBack)
+{
+    ruk::endpoint endpoint = opened();
+    endpoint.set_filter(ruk::filter::raw);
+    EXPECT_EQ(endpoint.attributes().recvq_filter_mode, 2u);
+    ruk_device_attrs attrs = endpoint.attributes();
+    attrs.hw_timestamping = 1;
+    endpoint.set_attributes(attrs);
+    EXPECT_EQ(endpoint.attributes().hw_timestamping, 1u);
+}
+
+TEST_F(Face, Send_OnAHandleAndToAnAddress_LeavesTheAdapter)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle handle = channel.connect(ruk::address("10.77.0.2", 6000));
+    handle.send("text"sv);
+    Datagram d = sent_datagram();
+    EXPECT_EQ(text_of(d.payload), "text");
+    EXPECT_EQ(d.dst, "10.77.0.2:6000");
+    EXPECT_EQ(d.src, "10.77.0.1:5000");
+
+    const std::array<uint16_t, 2> numbers = {0x6261, 0x6463};
+    EXPECT_TRUE(handle.try_send(std::span(numbers)));
+    EXPECT_EQ(text_of(sent_datagram().payload), "abcd");
+
+    channel.send_to(ruk::address("10.77.0.2", 6001), "other"sv);
+    d = sent_datagram();
+    EXPECT_EQ(text_of(d.payload), "other");
+    EXPECT_EQ(d.dst, "10.77.0.2:6001");
+}
+
+TEST_F(Face, SendHandle_LeavesItsScope_IsGoneFromItsChannel)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    {
+        ruk::send_handle first = channel.connect(ruk::address("10.77.0.2", 6000));
+        ruk::send_handle second = std::move(first);
+        EXPECT_EQ(handles(channel.get()), 1u);
+        second.send("x"sv);
+        EXPECT_EQ(text_of(sent_datagram().payload), "x");
+    }
+    EXPECT_EQ(handles(channel.get()), 0u);
+}
+
+TEST_F(Face, Connect_WithATimeToLive_SendsWithIt)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle handle = channel.connect(ruk::address("10.77.0.2", 6000), 7);
+    handle.send("x"sv);
+    EXPECT_EQ(sent_datagram().ttl, 7u);
+}
+
+TEST_F(Face, ConnectWithoutARoute_ToldAsCodeAndAsException)
+{
+    host.routes = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    const sockaddr_in far = ruk::address("192.0.2.1", 6000);
+    std::error_code ec;
+    EXPECT_FALSE(channel.connect(far, ec));
+    EXPECT_EQ(ec, std::errc::host_unreachable);
+    EXPECT_EQ(error_of([&] { (void)channel.connect(far); }), EHOSTUNREACH);
+    channel.send_to(far, "x"sv, ec);
+    EXPECT_EQ(ec, std::errc::host_unreachable);
+    EXPECT_EQ(error_of([&] { channel.send_to(far, "x"sv); }), EHOSTUNREACH);
+}
+
+TEST_F(Face, Group_JoinedAndLeft_IsSteeredMeanwhile)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    const in_addr group = ruk::ip("239.1.1.1");
+    channel.join(group);
+    EXPECT_EQ(softnic_steered(nic, 0, 0xef010101, 5000, 0, 17), 1);
+    channel.leave(group);
+    EXPECT_EQ(softnic_steered(nic, 0, 0xef010101, 5000, 0, 17), 0);
+    std::error_code ec;
+    channel.leave(group, ec);
+    EXPECT_EQ(ec, std::errc::address_not_available);
+    EXPECT_EQ(error_of([&] { channel.join(ruk::ip("10.0.0.1")); }), EINVAL);
+}
+
+TEST_F(Face, BlockThatTheKernelRefuses_HasTheKernelsReason)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    host.sockets.setsockopt = [](int, int, int, const void *, socklen_t) {
+        errno = EADDRNOTAVAIL;
+        return -1;
+    };
+    std::error_code ec;
+    channel.block(ruk::ip("239.1.1.1"), ruk::ip("10.77.0.2"), ec);
+    EXPECT_EQ(ec, std::errc::address_not_available);
+}
+
+} // namespace
