@@ -149,9 +149,10 @@ struct packet {
                                                        uint32_t offset, struct ruk__evpacket *next,
                                                        struct ruk__evpacket *evp)
 {
+    const uint16_t tag = tov_be16(tov_ld16(&header->tag)), length = tov_be16(tov_ld16(&header->length));
     evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
-    evp->tag = tov_be16(tov_ld16(&header->tag));
-    evp->length = tov_be16(tov_ld16(&header->length));
+    evp->tag = tag;
+    evp->length = length;
     evp->offset = (uint16_t)offset;
     evp->nfrags = 0;
     evp->timestamp = 0;
@@ -198,13 +199,15 @@ struct packet {
     evs->evs_length = length;
     evs->evs_pkt_cur = evs->evs_pkts;
     evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
-    if (length <= FETCH_LINES * NUV_UEVT_SLOT)
+    if (__builtin_expect(length <= FETCH_LINES * NUV_UEVT_SLOT, 1))
         fetch_ahead(evq, (uintptr_t)uevt);
 
     /* 2. The event's own time, where the adapter's clock counts. */
-    const bool adapter_time = ep->rep_timestamping_enabled && arista < ARISTA_STATUS_ACTIVE;
-    if (__builtin_expect(arista < ARISTA_STATUS_ACTIVE, 1))
-        evs->evs_timestamp = adapter_time ? event_time(ep, uevt) : 0;
+    const bool dated = arista >= ARISTA_STATUS_ACTIVE || ep->rep_timestamping_enabled;
+    if (__builtin_expect(!dated, 1))
+        evs->evs_timestamp = 0;
+    else if (arista < ARISTA_STATUS_ACTIVE)
+        evs->evs_timestamp = event_time(ep, uevt);
 
     /* 3. The packets. */
     const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
@@ -216,7 +219,7 @@ struct packet {
         parse_further(evq, arista, pkt_cnt, cursor);
 
     /* 4. Their times. */
-    if (__builtin_expect(adapter_time || arista >= ARISTA_STATUS_ACTIVE, 0)) {
+    if (__builtin_expect(dated, 0)) {
         date_packets(ep, evs, arista);
         p->timestamp = first->timestamp;
         p->length = first->length;
