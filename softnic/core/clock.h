@@ -11,6 +11,7 @@ namespace softnic {
 struct Now {
     uint64_t mono_ns = 0; // a clock that never steps: what the adapter's oscillator runs beside
     uint64_t real_ns = 0; // the host's real-time clock
+    bool of_arrival = false; // when a frame arrived, where the port knows that, and not when it was looked at
 };
 
 struct ClockConfig {

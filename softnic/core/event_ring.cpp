@@ -14,6 +14,8 @@ constexpr uint32_t kMaxBatch = 0xFFFF / NUV_UEVT_SLOT * NUV_UEVT_SLOT;
 // The part of the last frame that a hardware-order event shows late, and what stands there until then.
 constexpr uint32_t kLateBytes = 8;
 constexpr uint8_t kNotYet = 0xEE;
+// Frames that came further apart do not share an event: it has one time for all.
+constexpr uint64_t kTogetherNs = 50000;
 
 constexpr uint32_t whole_slots(uint32_t bytes) { return (bytes + NUV_UEVT_SLOT - 1) / NUV_UEVT_SLOT * NUV_UEVT_SLOT; }
 
@@ -79,8 +81,9 @@ bool EventRing::append(const uint8_t *frame, uint32_t len, uint16_t tag, bool ha
         return false;
     }
     const uint32_t space = nuv_uevt_pkt_space(length);
+    const bool apart = now.of_arrival && arrived_ns_ != 0 && now.mono_ns > arrived_ns_ + kTogetherNs;
     if (open_packets_ != 0 &&
-        (open_packets_ >= max_packets_ || whole_slots(open_bytes_ + space) > std::min(kMaxBatch, size_)))
+        (apart || open_packets_ >= max_packets_ || whole_slots(open_bytes_ + space) > std::min(kMaxBatch, size_)))
         publish(now);
     const uint32_t start = open_packets_ != 0 ? open_bytes_ : kHeader;
     if (!fits(whole_slots(start + space))) {
@@ -99,6 +102,7 @@ bool EventRing::append(const uint8_t *frame, uint32_t len, uint16_t tag, bool ha
     open_pkts_[open_packets_].length = tov_be16(static_cast<uint16_t>(length));
     open_pkts_[open_packets_].tag = tov_be16(tag);
     open_packets_++;
+    arrived_ns_ = now.of_arrival ? now.mono_ns : 0;
     open_bytes_ = start + space;
     last_frame_at_ = at;
     last_frame_len_ = length;
@@ -110,7 +114,8 @@ bool EventRing::publish(Now now)
     if (open_packets_ == 0)
         return false;
     const uint32_t batch_len = whole_slots(open_bytes_);
-    const uint64_t ticks = clock_.ticks(now.mono_ns);
+    // An event's time is that of its last frame: the consumer dates the others back from there.
+    const uint64_t ticks = clock_.ticks(arrived_ns_ != 0 ? arrived_ns_ : now.mono_ns);
     uint8_t *slot = base_ + head_;
     uint8_t *last_byte = base_ + wrap(head_ + batch_len - 1);
 
@@ -145,6 +150,7 @@ bool EventRing::publish(Now now)
     counters_.delivered += open_packets_;
     counters_.events++;
     open_packets_ = 0;
+    arrived_ns_ = 0;
     used_ += batch_len;
     counters_.high_water = std::max<uint64_t>(counters_.high_water, used_);
     lengths_.push_back(static_cast<uint16_t>(batch_len));

@@ -96,6 +96,7 @@ private:
     uint64_t last_bad_flow_ = kNoPosition, last_bad_doorbell_ = kNoPosition;
 
     unsigned open_packets_ = 0;
+    uint64_t arrived_ns_ = 0; // of the last frame in the event being filled; 0 = not known
     uint32_t open_bytes_ = 0; // header and packet slots so far
     uint32_t last_frame_at_ = 0, last_frame_len_ = 0;
     nuv_uevt_pkt_t open_pkts_[NUV_UEVT_MAX_PKTS] = {};

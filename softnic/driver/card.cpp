@@ -686,6 +686,16 @@ void Card::raw_deliver(const RxFrame &frame, Now now)
 
 // ---------------------------------------------------------------- firmware
 
+// When a frame came in, which is earlier than it is looked at when the firmware was busy or kept waiting.
+static Now arrival(const RxFrame &frame, Now now)
+{
+    constexpr int64_t most = 1000000000; // further away only when somebody set the host's clock
+    const auto age = static_cast<int64_t>(now.real_ns - frame.arrival_ns);
+    if (frame.arrival_ns == 0 || age > most || age < -most)
+        return now;
+    return Now{now.mono_ns - static_cast<uint64_t>(age), frame.arrival_ns, true};
+}
+
 unsigned Card::receive_frames(unsigned max, Now *now)
 {
     unsigned n = 0;
@@ -693,9 +703,10 @@ unsigned Card::receive_frames(unsigned max, Now *now)
     for (; n < max && port_->receive(&frame); n++) {
         if (n == 0)
             *now = runner_->now();
-        board_.receive(frame.data, frame.len, *now);
+        const Now at = arrival(frame, *now);
+        board_.receive(frame.data, frame.len, at);
         if (!raws_.empty())
-            raw_deliver(frame, *now);
+            raw_deliver(frame, at);
     }
     return n;
 }

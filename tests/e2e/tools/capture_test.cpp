@@ -198,16 +198,13 @@ TEST_F(CaptureTool, SameTraffic_CapturedByTcpdump_HasTheSameFramesInOrder)
     std::vector<Frame> expected = frames_of(contents(theirs), 0x0800);
     ASSERT_EQ(captured.size(), static_cast<size_t>(datagrams));
     ASSERT_EQ(expected.size(), static_cast<size_t>(datagrams));
-    std::vector<uint64_t> apart;
     for (int i = 0; i < datagrams; i++) {
         Frame &frame = expected[i];
         if (frame.bytes.size() < 60) // a card receives no shorter ones; the cable of this lab does not pad
             frame.bytes.resize(60);
         EXPECT_TRUE(captured[i].bytes == frame.bytes) << "frame " << i;
-        apart.push_back(std::max(captured[i].time_ns, frame.time_ns) - std::min(captured[i].time_ns, frame.time_ns));
+        EXPECT_LT(std::max(captured[i].time_ns, frame.time_ns) - std::min(captured[i].time_ns, frame.time_ns),
+                  1'000'000u)
+            << "frame " << i;
     }
-    // Both date a frame when they get to it: on a busy machine single ones are late.
-    std::sort(apart.begin(), apart.end());
-    EXPECT_LT(apart[datagrams / 2], 1'000'000u);
-    RecordProperty("worst_ns_apart", std::to_string(apart.back()));
 }

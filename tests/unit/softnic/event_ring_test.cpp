@@ -72,6 +72,34 @@ TEST_F(EventRingTest, AttachedRing_AnyOldContents_EverySlotIsFree)
     }
 }
 
+TEST_F(EventRingTest, FramesOfKnownArrival_PublishedLater_EventHasTheTimeOfTheLast)
+{
+    const Bytes f = pattern(14);
+    ASSERT_TRUE(ring.append(f.data(), 14, 3, false, Now{1000 + 0x11, 0, true}));
+    ASSERT_TRUE(ring.append(f.data(), 14, 3, false, Now{1000 + 0x33, 0, true})); // 34 ns later
+    ASSERT_TRUE(ring.publish(Now{1000000, 1000000}));
+    EXPECT_EQ(ring_bytes[30], 2); // one event
+    EXPECT_EQ(Bytes(ring_bytes.begin(), ring_bytes.begin() + 8),
+              (Bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88 + 0x33}));
+}
+
+TEST_F(EventRingTest, FramesThatCameApart_TakenTogether_EachHasAnEventOfItsOwnTime)
+{
+    const Bytes f = pattern(14);
+    ASSERT_TRUE(ring.append(f.data(), 14, 3, false, Now{1000, 0, true}));
+    ASSERT_TRUE(ring.append(f.data(), 14, 3, false, Now{1000 + 50000, 0, true})); // still together
+    ASSERT_TRUE(ring.append(f.data(), 14, 3, false, Now{1000 + 50000 + 50001, 0, true}));
+    ASSERT_TRUE(ring.publish(Now{1000000, 1000000}));
+    EXPECT_EQ(ring_bytes[30], 2);
+    EXPECT_EQ(ring.unconsumed(), 2u);
+    const size_t second = static_cast<size_t>(ring_bytes[28] << 8 | ring_bytes[29]);
+    EXPECT_EQ(ring_bytes[second + 30], 1);
+    // 100001 ticks of 1 ns after 0x1122334455667788: ...6777FE29
+    EXPECT_EQ(Bytes(ring_bytes.begin() + static_cast<ptrdiff_t>(second),
+                    ring_bytes.begin() + static_cast<ptrdiff_t>(second) + 8),
+              (Bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66 + 1, 0xFE, 0x29}));
+}
+
 TEST_F(EventRingTest, EmptyRing_OneFrame_IsWrittenAsTheFormatSays)
 {
     // 14 bytes and a check sequence of 0xCBF43926's kind: CRC-32 of 01 02 .. 0e is 0x63ffbe21 (zlib).
