@@ -39,7 +39,8 @@ protected:
 
 TEST_F(Examples, Usage_WithoutArguments_IsTold)
 {
-    for (const char *name : {"receive", "send", "multicast_source", "timestamps", "capture", "threads", "epoll"}) {
+    for (const char *name :
+         {"receive", "send", "multicast_source", "timestamps", "capture", "threads", "epoll", "cplusplus"}) {
         auto program = lab.start(lab.adapter, {path(name)});
         EXPECT_TRUE(program->finish());
         EXPECT_TRUE(program->exited_with(2)) << name << *program;
@@ -54,6 +55,19 @@ TEST_F(Examples, Receive_PrintsSenderAndPayload)
     std::string line;
     send_until_line(*program, peer, "hello", "10.77.0.1", &line);
     EXPECT_EQ(line, "10.77.0.2:40000 hello");
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(Examples, CPlusPlus_SendsBackWhatItReceives)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = example("cplusplus", {"oxel0", "5000", "1"});
+    std::string line;
+    send_until_line(*program, peer, "hello", "10.77.0.1", &line);
+    EXPECT_EQ(line, "5 bytes, dated");
+    const std::string got = peer.receive();
+    EXPECT_EQ(got.substr(got.find(' ') + 1), "hello");
     EXPECT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
