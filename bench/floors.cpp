@@ -162,6 +162,19 @@ inline uint64_t add(uint64_t sum, uint64_t v)
     return __builtin_add_overflow(sum, v, &result) ? result + 1 : result;
 }
 
+inline uint64_t add4(uint64_t sum, uint64_t a, uint64_t b, uint64_t c, uint64_t d)
+{
+#if defined(__x86_64__)
+    __asm__("addq %1, %0; adcq %2, %0; adcq %3, %0; adcq %4, %0; adcq $0, %0"
+            : "+&r"(sum)
+            : "r"(a), "r"(b), "r"(c), "r"(d)
+            : "cc");
+    return sum;
+#else
+    return add(add(add(add(sum, a), b), c), d);
+#endif
+}
+
 /* A sum of any width down to 16 bits. */
 inline uint16_t fold(uint64_t sum)
 {
@@ -172,24 +185,33 @@ inline uint16_t fold(uint64_t sum)
     return uint16_t(s + (s >> 16));
 }
 
+inline uint64_t copy32(uint32_t *to, const uint8_t *from, uint64_t sum)
+{
+    const uint64_t a = load64(from), b = load64(from + 8), c = load64(from + 16), d = load64(from + 24);
+    tov_st32(to, uint32_t(a));
+    tov_st32(to + 1, uint32_t(a >> 32));
+    tov_st32(to + 2, uint32_t(b));
+    tov_st32(to + 3, uint32_t(b >> 32));
+    tov_st32(to + 4, uint32_t(c));
+    tov_st32(to + 5, uint32_t(c >> 32));
+    tov_st32(to + 6, uint32_t(d));
+    tov_st32(to + 7, uint32_t(d >> 32));
+    return add4(sum, a, b, c, d);
+}
+
 /* Payloads begin on a word, as the measured ones do. Two sums, so that neither waits for the other. */
 inline uint64_t copy_and_sum(uint32_t *to, const uint8_t *from, size_t len)
 {
     uint64_t even = 0, odd = 0;
     size_t i = 0;
-    for (; i + 32 <= len; i += 32, to += 8) {
-        const uint64_t a = load64(from + i), b = load64(from + i + 8);
-        const uint64_t c = load64(from + i + 16), d = load64(from + i + 24);
-        tov_st32(to, uint32_t(a));
-        tov_st32(to + 1, uint32_t(a >> 32));
-        tov_st32(to + 2, uint32_t(b));
-        tov_st32(to + 3, uint32_t(b >> 32));
-        tov_st32(to + 4, uint32_t(c));
-        tov_st32(to + 5, uint32_t(c >> 32));
-        tov_st32(to + 6, uint32_t(d));
-        tov_st32(to + 7, uint32_t(d >> 32));
-        even = add(add(even, a), c);
-        odd = add(add(odd, b), d);
+    for (; i + 64 <= len; i += 64, to += 16) {
+        even = copy32(to, from + i, even);
+        odd = copy32(to + 8, from + i + 32, odd);
+    }
+    if (i + 32 <= len) {
+        even = copy32(to, from + i, even);
+        i += 32;
+        to += 8;
     }
     for (; i + 4 <= len; i += 4) {
         const uint32_t a = load32(from + i);
