@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #define ARP_RETRIES          1000
 #define ARP_RETRIES_NONBLOCK 1
@@ -14,13 +13,10 @@
 /* Sum of the six bytes of port and address. */
 static int bucket_of(const struct sockaddr_in *sin)
 {
-    uint8_t bytes[6];
-    memcpy(bytes, &sin->sin_port, 2);
-    memcpy(bytes + 2, &sin->sin_addr, 4);
-    int sum = 0;
-    for (uint8_t byte : bytes)
-        sum += byte;
-    return sum % RUK_SEND_BUCKETS;
+    /* Two bytes at a time: neither half of a sum of three overflows into the other. */
+    const uint32_t addr = sin->sin_addr.s_addr, port = sin->sin_port;
+    const uint32_t halves = (addr & 0x00FF00FF) + ((addr >> 8) & 0x00FF00FF) + (port & 0xFF) + (port >> 8);
+    return (int)(((halves >> 16) + halves) % RUK_SEND_BUCKETS);
 }
 
 /* The handle that the channel keeps for a destination, or null. */
