@@ -67,7 +67,7 @@ private:
     uint16_t taken_ = 0;
 };
 
-struct alignas(64) BareRing {
+struct BareRing {
     struct alignas(128) Slot {
         uint8_t bytes[message];
         alignas(64) std::atomic<uint32_t> number{0};
