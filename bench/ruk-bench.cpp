@@ -211,7 +211,8 @@ int main(int argc, char **argv)
     bool as_json_text = false, tiny = false;
     std::vector<std::string> only;
     CLI::App app("Measures what libruk costs: nanoseconds a datagram, each case in turn with the least that could do "
-                 "the same");
+                 "the same",
+                 "ruk-bench");
     app.set_version_flag("--version", "ruk-bench " RUK_VERSION);
     app.add_flag("--json", as_json_text, "Result as one JSON object");
     app.add_flag("--tiny", tiny, "A moment of each case: shows that they run, measures nothing");

@@ -9,8 +9,8 @@ namespace softnic {
 
 // The moment at which something happens, handed into the core by whoever drives it.
 struct Now {
-    uint64_t mono_ns = 0; // a clock that never steps: what the adapter's oscillator runs beside
-    uint64_t real_ns = 0; // the host's real-time clock
+    uint64_t mono_ns = 0;    // a clock that never steps: what the adapter's oscillator runs beside
+    uint64_t real_ns = 0;    // the host's real-time clock
     bool of_arrival = false; // when a frame arrived, where the port knows that, and not when it was looked at
 };
 
