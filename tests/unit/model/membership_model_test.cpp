@@ -301,8 +301,9 @@ private:
         c.handle = handle;
         c.port = endpoint_->port_of(handle);
         c.flags = flags;
-        if (port != 0)
+        if (port != 0) {
             ASSERT_EQ(c.port, port);
+        }
         const int number = next_channel_++;
         int error = 0;
         const bool deferred = owned >= 0 && (flags & RUK_BIND_NO_UNICAST) == 0;
@@ -493,8 +494,9 @@ private:
             ruk_send_t handle = nullptr;
             ASSERT_EQ(ruk_send_connect(c.handle, &to, 0, 0, &handle), 0);
             ASSERT_EQ(ruk_send(handle, payload.data(), static_cast<int>(payload.size()), 0), 0);
-            if (random_.one_in(2))
+            if (random_.one_in(2)) {
                 ASSERT_EQ(ruk_send_disconnect(handle), 0);
+            }
         } else {
             ASSERT_EQ(ruk_sendto(c.handle, &to, payload.data(), static_cast<int>(payload.size()), 0), 0);
         }
