@@ -55,8 +55,9 @@ TEST_F(ReplayTool, CapturedFeed_ArrivesInOrderAtItsPaceAndFaster)
         EXPECT_TRUE(program->exited_with(0)) << *program;
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         EXPECT_GE(seconds, 0.4 / speed);
-        if (speed == 8)
+        if (speed == 8) {
             EXPECT_LT(seconds, 0.4);
+        }
     }
 }
 
