@@ -15,6 +15,11 @@ if(RUK_32BIT)
   add_compile_definitions(_FILE_OFFSET_BITS=64)
 endif()
 
+if(RUK_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
+
 if(RUK_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
