@@ -24,13 +24,14 @@ std::vector<std::string> names_in(const std::string &directory)
     return names;
 }
 
-bool is_ledger(const std::string &link)
+std::string target_of(const std::string &link)
 {
     char target[64];
     const ssize_t n = readlink(link.c_str(), target, sizeof(target));
-    const std::string wanted = std::string("/memfd:") + kLedgerName;
-    return n > 0 && std::string(target, static_cast<size_t>(n)).starts_with(wanted);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
 }
+
+bool is_ledger(const std::string &link) { return target_of(link).starts_with(std::string("/memfd:") + kLedgerName); }
 
 bool read_page(const std::string &path, LedgerPage *page)
 {
@@ -54,8 +55,11 @@ bool read_page(const std::string &path, LedgerPage *page)
 std::vector<LiveLedger> find_ledgers()
 {
     std::vector<LiveLedger> found;
+    const std::string network = target_of("/proc/self/ns/net");
     for (const std::string &pid : names_in("/proc")) {
         const std::string process = "/proc/" + pid;
+        if (target_of(process + "/ns/net") != network)
+            continue; // its interfaces are not ours, whatever they are called
         for (const std::string &fd : names_in(process + "/fd")) {
             const std::string link = process + "/fd/" + fd;
             LiveLedger ledger = {atoi(pid.c_str()), {}, {}};

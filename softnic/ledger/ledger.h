@@ -76,7 +76,7 @@ struct LiveLedger {
     LedgerPage page;
 };
 
-// Of all processes that the caller may look into, by process and board.
+// Of all processes in the caller's network namespace that it may look into, by process and board.
 std::vector<LiveLedger> find_ledgers();
 
 } // namespace softnic

@@ -137,6 +137,16 @@ TEST_F(Ledger, RunningReceiver_Top_ShowsRatesAndRing)
     EXPECT_EQ(text->out().find('\033'), std::string::npos); // not to a terminal
 }
 
+TEST_F(Ledger, AdapterOfAnotherHost_Info_DoesNotShowIt)
+{
+    auto program = receiver({"-p", "5000"});
+    board_with(0);
+    auto elsewhere = lab.start(lab.peer, {bin("ruk-info"), "--stats", "--json"});
+    EXPECT_TRUE(elsewhere->finish());
+    EXPECT_TRUE(elsewhere->exited_with(1));
+    EXPECT_EQ(elsewhere->out(), "{\"ledgers\":[]}\n");
+}
+
 TEST_F(Ledger, ProgramThatWasKilled_Info_NoLongerFindsIt)
 {
     auto program = receiver({"-p", "5000"});
