@@ -163,12 +163,17 @@ std::vector<softnic::LiveLedger> own_ledgers()
     return ledgers;
 }
 
+std::string drop_text(const Drop &d)
+{
+    return fmt::format("{} ({}): {}: {}; {}", d.reason, d.where, d.count, d.meaning, d.remedy);
+}
+
 void put_drops(const std::vector<Drop> &drops)
 {
     if (!drops.empty())
         put_line("drops:");
-    for (const Drop &d : drops)
-        put_line(fmt::format("\t{} ({}): {}: {}; {}", d.reason, d.where, d.count, d.meaning, d.remedy));
+    for (const Drop &drop : drops)
+        put_line("\t" + drop_text(drop));
 }
 
 } // namespace tools

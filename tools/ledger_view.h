@@ -28,6 +28,9 @@ std::vector<Drop> library_drops(const std::vector<std::pair<std::string, uint64_
 /* Those of a board of the software adapter. */
 std::vector<Drop> adapter_drops(const softnic::LedgerPage &page);
 
+/* "ring_full (endpoint 0): 12: <meaning>; <remedy>" */
+std::string drop_text(const Drop &drop);
+
 /* Prints "drops:" and a line for each; nothing when there is none. */
 void put_drops(const std::vector<Drop> &drops);
 

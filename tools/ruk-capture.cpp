@@ -2,6 +2,7 @@
  * ruk-capture: writes every frame that an adapter receives to a pcap file with nanosecond times.
  */
 #include "common.h"
+#include "ledger_view.h"
 
 #include <CLI/CLI.hpp>
 
@@ -225,6 +226,11 @@ int capture(const Options &opt)
     file.flush();
     drops = interface_drops(endpoint.interface().name) - drops;
     note(fmt::format("{} frames captured, {} dropped by the interface", frames, drops));
+    /* What the software adapter lost on the way, where that is the adapter. */
+    for (const softnic::LiveLedger &ledger : own_ledgers())
+        for (const Drop &drop : adapter_drops(ledger.page))
+            if (drop.reason != "unmatched")
+                note(drop_text(drop));
     return opt.count && frames < *opt.count ? exit_incomplete : exit_ok;
 }
 

@@ -208,3 +208,72 @@ TEST_F(CaptureTool, SameTraffic_CapturedByTcpdump_HasTheSameFramesInOrder)
             << "frame " << i;
     }
 }
+
+TEST_F(CaptureTool, ReaderThatDoesNotRead_FramesLostInTheRing_AreReportedExactly)
+{
+    const std::string ledger = scratch_.file("ledger");
+    auto program =
+        lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-capture"), "-i", "oxel0", "-w", "-"},
+                  {"RUK_SOFTNIC_RECVQ=16384", "RUK_SOFTNIC_STATS=" + ledger});
+    ASSERT_TRUE(program->wait_for_err("capturing on oxel0")) << program->err();
+    // Nobody reads the pipe: the program stands still at its end, and the ring fills behind it.
+    KernelSocket peer(lab, lab.peer, 40000);
+    for (int i = 0; i < 1000; i++)
+        peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
+    program->signal(SIGINT);
+    ASSERT_TRUE(program->finish()) << program->err(); // reads it all
+    EXPECT_TRUE(program->exited_with(0)) << program->err();
+    const nlohmann::json endpoint = nlohmann::json::parse(contents(ledger))["boards"][0]["endpoints"][0];
+    const uint64_t lost = endpoint["ring_full"], delivered = endpoint["delivered"];
+    EXPECT_GT(lost, 0u);
+    EXPECT_EQ(endpoint["steered"], lost + delivered);
+    EXPECT_NE(program->err().find("ruk-capture: ring_full (endpoint 0): " + std::to_string(lost) +
+                                  ": frames for which the event ring had no room: the application did not keep up"),
+              std::string::npos)
+        << program->err();
+}
+
+TEST_F(CaptureTool, Address_ChoosesTheInterface_AndTermEndsItCleanly)
+{
+    const std::string file = scratch_.file("out.pcap");
+    auto program = soft({"ruk-capture", "-a", "10.77.0.1", "-w", file});
+    ASSERT_TRUE(program->wait_for_err("capturing on oxel0")) << *program;
+    put_frame(experimental, "x");
+    await(file, experimental);
+    program->signal(SIGTERM);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(frames_of(contents(file), experimental).size(), 1u);
+}
+
+TEST_F(CaptureTool, FileThatCannotBeWritten_IsNamed)
+{
+    const std::string file = scratch_.file("no/such/directory.pcap");
+    auto program = soft({"ruk-capture", "-i", "oxel0", "-w", file});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(2)) << *program;
+    EXPECT_EQ(program->err(), "ruk-capture: cannot write " + file + ": No such file or directory\n");
+}
+
+TEST_F(CaptureTool, StandardOutputThatIsATerminal_IsRefused)
+{
+    auto program = lab.start(lab.adapter, {"script", "-q", "-e", "-c",
+                                           bin("rukrun") + " --soft=oxel0 -- " + bin("ruk-capture") + " -i oxel0 -w -",
+                                           "/dev/null"});
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(2)) << *program;
+    EXPECT_NE(program->out().find("a capture is no text for a terminal"), std::string::npos) << *program;
+}
+
+TEST_F(CaptureTool, StandardOutput_IsReadByTcpdump)
+{
+    auto program = lab.start(lab.adapter, {"sh", "-c",
+                                           bin("rukrun") + " --soft=oxel0 -- " + bin("ruk-capture") +
+                                               " -i oxel0 -w - -n 3 -t 20 | tcpdump -n -r -"});
+    ASSERT_TRUE(program->wait_for_err("capturing on oxel0")) << *program;
+    KernelSocket peer(lab, lab.peer, 40000);
+    for (int i = 0; i < 3; i++)
+        peer.send(std::string(100, 'x'), "10.77.0.1", 5000);
+    EXPECT_TRUE(program->finish());
+    EXPECT_NE(program->out().find("10.77.0.2.40000 > 10.77.0.1.5000: UDP, length 100"), std::string::npos) << *program;
+}
