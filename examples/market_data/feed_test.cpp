@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr uint16_t port = 26400;
+uint16_t port; /* of the feed: the host's choice, so that several tests can run at once */
 constexpr uint64_t start_ns = 1700000000000000000;
 constexpr uint64_t microsecond = 1000;
 
@@ -67,7 +67,10 @@ protected:
         ASSERT_EQ(ruk_init(RUK_API_VERSION), 0);
         const in_addr loopback = {htonl(INADDR_LOOPBACK)};
         ASSERT_EQ(ruk_open(&loopback, RUK_OPEN_HW_TIMESTAMPING, &dev), 0);
-        ASSERT_EQ(ruk_bind(dev, 0, port, nullptr, &channel), 0);
+        ASSERT_EQ(ruk_bind(dev, 0, 0, nullptr, &channel), 0);
+        sockaddr_in bound;
+        ASSERT_EQ(ruk_getaddress(channel, &bound), 0);
+        port = ntohs(bound.sin_port);
     }
     void TearDown() override
     {
