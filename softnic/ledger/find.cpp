@@ -61,7 +61,7 @@ std::vector<LiveLedger> find_ledgers()
         if (target_of(process + "/ns/net") != network)
             continue; // its interfaces are not ours, whatever they are called
         for (const std::string &fd : names_in(process + "/fd")) {
-            const std::string link = process + "/fd/" + fd;
+            const std::string link = std::string(process).append("/fd/").append(fd);
             LiveLedger ledger = {atoi(pid.c_str()), {}, {}};
             if (!is_ledger(link) || !read_page(link, &ledger.page))
                 continue;
