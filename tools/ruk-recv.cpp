@@ -79,6 +79,11 @@ std::vector<Group> parse_groups(const std::vector<std::string> &texts)
     std::set<std::string> seen;
     for (const std::string &text : texts) {
         Group group = parse_group(text);
+        for (const Group &earlier : groups)
+            if (group.source && earlier.source && group.group.s_addr == earlier.group.s_addr &&
+                group.source->s_addr == __builtin_bswap32(earlier.source->s_addr))
+                fail("group {}: the library cannot tell source {} from {}, whose bytes mirror it",
+                     addr_text(group.group), addr_text(*group.source), addr_text(*earlier.source));
         if (!seen.insert(group_text(group)).second)
             fail("group {} is given twice", group_text(group));
         (group.source ? some_source : any_source).insert(group.group.s_addr);

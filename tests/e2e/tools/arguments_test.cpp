@@ -145,6 +145,10 @@ TEST(ToolArguments, Receive_GroupTwice_IsRefused)
     EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1@10.0.0.1 -g 239.1.1.1@10.0.0.1").status, 2);
     EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1@10.0.0.1 -g 239.1.1.1").out,
               "ruk-recv: group 239.1.1.1 is given both with and without a source\n");
+    // The library takes the second for the first.
+    EXPECT_EQ(run("ruk-recv -i lo -p 5000 -g 239.1.1.1@10.0.0.9 -g 239.1.1.1@9.0.0.10").out,
+              "ruk-recv: group 239.1.1.1: the library cannot tell source 9.0.0.10 from 10.0.0.9, whose bytes mirror "
+              "it\n");
 }
 
 TEST(ToolArguments, Receive_GroupThatIsNone_IsRefused)
