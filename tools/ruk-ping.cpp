@@ -179,15 +179,17 @@ public:
         result_.late = 0;
 
         std::vector<ThreadUse> before = thread_use();
-        int64_t start = monotonic_ns();
+        /* The end first: time lost between the two readings must not add requests. */
         int64_t end = deadline_after(opt_.seconds);
+        int64_t start = monotonic_ns();
         for (uint64_t i = 0; i < opt_.count && !given_up(); i++) {
-            wait_until(start + static_cast<int64_t>(static_cast<double>(i) * opt_.interval_us * 1000));
-            exchange(true);
-            if (end != no_deadline && monotonic_ns() >= end) {
+            int64_t due = start + static_cast<int64_t>(static_cast<double>(i) * opt_.interval_us * 1000);
+            wait_until(std::min(due, end));
+            if (monotonic_ns() >= end) {
                 result_.time_ran_out = true;
                 break;
             }
+            exchange(true);
         }
         result_.elapsed_ns = monotonic_ns() - start;
         note_threads(before);
