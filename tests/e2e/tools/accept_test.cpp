@@ -1,4 +1,5 @@
 // ruk-accept: its whole run, on the software adapter.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <csignal>
@@ -29,6 +30,8 @@ TEST_F(AcceptTool, SoftwareAdapter_EveryProbeRunsAndIsAsExpected)
     auto run = soft({"ruk-accept", "run", "-i", "oxel0", "10.77.0.2", "--minutes", "0.02", "--json", "-o", file});
     ASSERT_TRUE(run->finish(120000)) << *run;
     EXPECT_TRUE(run->exited_with(0)) << *run;
+    expect_schema("ruk-accept", run->out());
+    expect_schema("ruk-accept", contents(file));
     const json report = parse(run->out());
     EXPECT_EQ(report["result"], "as expected");
     const char *const probes[] = {"endpoints",  "delivery",      "event_order",      "coalescing", "poll",
@@ -72,6 +75,7 @@ TEST_F(AcceptTool, WireThatLosesFrames_DeliveryDiffers)
         soft({"ruk-accept", "run", "-i", "oxel0", "10.77.0.2", "--minutes", "0.02", "--json", "--only", "delivery"});
     ASSERT_TRUE(run->finish(120000)) << *run;
     EXPECT_TRUE(run->exited_with(1)) << *run;
+    expect_schema("ruk-accept", run->out());
     const json report = parse(run->out());
     EXPECT_EQ(report["result"], "differs");
     ASSERT_EQ(report["probes"].size(), 1u);

@@ -1,4 +1,5 @@
 // ruk-capture over the software adapter: the file, byte by byte.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <algorithm>
@@ -223,6 +224,7 @@ TEST_F(CaptureTool, ReaderThatDoesNotRead_FramesLostInTheRing_AreReportedExactly
     program->signal(SIGINT);
     ASSERT_TRUE(program->finish()) << program->err(); // reads it all
     EXPECT_TRUE(program->exited_with(0)) << program->err();
+    expect_schema("rukrun-stats", contents(ledger));
     const nlohmann::json endpoint = nlohmann::json::parse(contents(ledger))["boards"][0]["endpoints"][0];
     const uint64_t lost = endpoint["ring_full"], delivered = endpoint["delivered"];
     EXPECT_GT(lost, 0u);

@@ -1,4 +1,5 @@
 // ruk-info --doctor: each of its findings is provoked on a host that the test made.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <algorithm>
@@ -19,6 +20,7 @@ protected:
         auto program = soft(command);
         EXPECT_TRUE(program->finish()) << *program;
         status_ = program->status();
+        expect_schema("ruk-info-doctor", program->out());
         return parse(program->out());
     }
 

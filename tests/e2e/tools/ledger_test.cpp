@@ -1,4 +1,5 @@
 // The ledger: where every frame went, seen by ruk-recv itself and by ruk-info and ruk-top from outside.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <csignal>
@@ -61,6 +62,7 @@ TEST_F(Ledger, NoAdapterRunning_Info_SaysSoWithStatus1)
     auto as_json = run({"ruk-info", "--stats", "--json"});
     EXPECT_TRUE(as_json->exited_with(1));
     EXPECT_EQ(as_json->out(), "{\"ledgers\":[]}\n");
+    expect_schema("ruk-info-stats", as_json->out());
     auto top = run({"ruk-top", "-n", "1"});
     EXPECT_TRUE(top->exited_with(1));
 }
@@ -75,6 +77,7 @@ TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
         put_frame(0x88b5, "for nobody"); // an experimental EtherType
     const json board = board_with(7);
     expect_sums(board);
+    expect_schema("ruk-info-stats", json{{"ledgers", {board}}}.dump());
     EXPECT_EQ(board["program"], "ruk-recv");
     EXPECT_EQ(board["interface"], "oxel0");
     EXPECT_EQ(board["board"], 0);
@@ -90,6 +93,7 @@ TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
     std::string last, line;
     while (program->read_line(&line))
         last = line;
+    expect_schema("ruk-recv-stats", last);
     const json end = parse(last);
     EXPECT_EQ(end["stats"]["delivered"], 7);
     ASSERT_EQ(end["adapters"].size(), 1u);
@@ -118,11 +122,13 @@ TEST_F(Ledger, RunningReceiver_Top_ShowsRatesAndRing)
     auto top = lab.start(lab.adapter, {bin("ruk-top"), "-n", "2", "-d", "0.5", "--json"});
     std::string line;
     ASSERT_TRUE(top->read_line(&line)) << *top;
+    expect_schema("ruk-top", line);
     const json first = parse(line);
     EXPECT_FALSE(first["ledgers"][0]["endpoints"][0].contains("delivered_per_second"));
     for (int i = 0; i < 100; i++)
         peer.send("abc", "10.77.0.1", 5000);
     ASSERT_TRUE(top->read_line(&line)) << *top;
+    expect_schema("ruk-top", line);
     const json endpoint = parse(line)["ledgers"][0]["endpoints"][0];
     EXPECT_TRUE(top->finish());
     EXPECT_TRUE(top->exited_with(0));

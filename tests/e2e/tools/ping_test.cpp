@@ -1,4 +1,5 @@
 // ruk-ping: libruk and kernel sockets in either role.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <chrono>
@@ -25,6 +26,7 @@ protected:
         EXPECT_TRUE(client.exited_with(0)) << client;
         const auto result = nlohmann::ordered_json::parse(client.out(), nullptr, false);
         ASSERT_TRUE(result.is_object()) << client;
+        expect_schema("ruk-ping", client.out());
         EXPECT_EQ(result["via"], via);
         EXPECT_EQ(result["sent"], count);
         EXPECT_EQ(result["answered"], count);
@@ -83,8 +85,10 @@ TEST_F(PingTool, Server_OverLibruk_AnswersAKernelClient)
 
 TEST_F(PingTool, Client_WithNobodyThere_SaysSoAndEndsWithStatusOne)
 {
-    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "1000", "--timeout", "20"});
+    auto client =
+        soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "1000", "--timeout", "20", "--json"});
     EXPECT_TRUE(client->finish()) << *client;
+    expect_schema("ruk-ping", client->out());
     EXPECT_TRUE(client->exited_with(1)) << *client;
     EXPECT_NE(client->err().find("no request was answered"), std::string::npos) << *client;
 }

@@ -1,4 +1,5 @@
 // ruk-recv and ruk-info over the software adapter: what a user sees of datagrams from a kernel socket.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <chrono>
@@ -47,6 +48,7 @@ TEST_F(ReceiveTool, Json_DatagramFromAKernelSocket_IsOneObjectALine)
                            R"("timestamp_ns":([0-9]{19}),"payload":"616263","timestamp_source":"adapter"\})");
     std::smatch match;
     ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
+    expect_schema("ruk-recv", line);
     // Host time: within a minute of now.
     EXPECT_NEAR(static_cast<double>(std::stoull(match[1])) / 1e9, static_cast<double>(time(nullptr)), 60);
     EXPECT_TRUE(program->finish());
@@ -172,7 +174,9 @@ TEST_F(ReceiveTool, LengthNoDatagramCanHave_IsShownAsMalformedWithoutBytes)
     KernelSocket peer(lab, lab.peer, 40000);
     auto program = receiver({"-p", "5000", "-n", "1", "-t", "20", "--json", "--stats"});
     put_frame(0x0800, datagram_with_length_field(4)); // 4 - 8 wraps
-    json line = parse(next_line(*program));
+    const std::string printed = next_line(*program);
+    expect_schema("ruk-recv", printed);
+    const json line = parse(printed);
     EXPECT_EQ(line["len"], 4294967292u);
     EXPECT_EQ(line["malformed"], true);
     EXPECT_FALSE(line.contains("payload"));
@@ -286,6 +290,21 @@ TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_IsShownAsFrame)
     EXPECT_TRUE(program->finish());
 }
 
+TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_HasNullForThemInJson)
+{
+    auto program = receiver({"--filter", "raw", "-t", "20", "--json"});
+    put_frame(0x88b5, "experimental");
+    std::string line;
+    do // other frames of the host may come too
+        ASSERT_TRUE(program->read_line(&line)) << *program;
+    while (line.find("6578706572696d656e74616c") == std::string::npos);
+    expect_schema("ruk-recv", line);
+    EXPECT_TRUE(parse(line)["from"].is_null()) << line;
+    EXPECT_TRUE(parse(line)["to"].is_null()) << line;
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+}
+
 // Over a bridge, which hands frames to other stations up only while somebody asks it to.
 TEST_F(ReceiveTool, RawFilter_FrameToAnotherStation_IsShown_AndTheInterfaceIsAsBeforeWhenTheProgramIsKilled)
 {
@@ -342,6 +361,7 @@ TEST_F(ReceiveTool, Info_ShowsBoardAndInterface)
     auto program = soft({"ruk-info", "--json"});
     ASSERT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(0)) << *program;
+    expect_schema("ruk-info", program->out());
     const json info = parse(program->out());
     EXPECT_EQ(info["driver"]["interface"], "4.0");
     ASSERT_EQ(info["boards"].size(), 1u);

@@ -1,4 +1,5 @@
 // ruk-send over the software adapter, seen by a kernel socket on the other host.
+#include "schema.h"
 #include "tool_lab.h"
 
 #include <csignal>
@@ -82,6 +83,7 @@ TEST_F(SendTool, StandardInput_LineThatFitsNoFrame_IsRefusedAndCounted)
     KernelSocket peer(lab, lab.peer, 40000);
     auto program = send_input("short\n" + std::string(1473, 'x') + "\n" + std::string(1472, 'y') + "\n", "--json");
     EXPECT_TRUE(program->exited_with(1)) << *program;
+    expect_schema("ruk-send", program->out());
     const json summary = parse(program->out());
     EXPECT_EQ(summary["sent"], 2);
     EXPECT_EQ(summary["bytes"], 1477);
@@ -124,6 +126,7 @@ TEST_F(SendTool, Rate_SpacesTheDatagrams)
     KernelSocket peer(lab, lab.peer, 40000);
     auto program = send({"-m", "x", "-n", "11", "-r", "20", "--json"});
     EXPECT_TRUE(program->exited_with(0)) << *program;
+    expect_schema("ruk-send", program->out());
     const json summary = parse(program->out());
     EXPECT_EQ(summary["sent"], 11);
     EXPECT_GE(summary["seconds"], 0.5); // ten gaps of 50 ms
