@@ -47,6 +47,7 @@ struct Effort {
 
 void add_receive_cases(std::vector<Case> &cases, Effort effort);
 void add_send_cases(std::vector<Case> &cases, Effort effort);
+void add_face_cases(std::vector<Case> &cases, Effort effort);
 void add_pair_case(std::vector<Case> &cases, Effort effort);
 void add_kernel_cases(std::vector<Case> &cases, Effort effort);
 void add_veth_case(std::vector<Case> &cases, Effort effort);

@@ -228,6 +228,7 @@ int main(int argc, char **argv)
     const Effort effort{tiny ? 0.01 : 1.0};
     add_receive_cases(cases, effort);
     add_send_cases(cases, effort);
+    add_face_cases(cases, effort);
     add_pair_case(cases, effort);
     add_kernel_cases(cases, effort);
     add_veth_case(cases, effort);

@@ -22,9 +22,9 @@ try {
     std::array<std::byte, 1500> buffer;
     for (long left = argc > 3 ? atol(argv[3]) : -1; left != 0; left--) {
         const ruk::datagram datagram = endpoint.receive(buffer, ruk::wait::sleep);
-        printf("%zu bytes%s\n", datagram.data.size(), datagram.time ? ", dated" : "");
+        printf("%zu bytes%s\n", datagram.data().size(), datagram.time() ? ", dated" : "");
         fflush(stdout);
-        channel.send_to(datagram.from, datagram.data);
+        channel.send_to(datagram.from(), datagram.data());
     }
     return 0;
 } catch (const std::system_error &error) {

@@ -1,6 +1,7 @@
 /*
  * A C++20 face over ruk.h: owners that may be moved, std::span payloads, std::chrono times, and each error as an
- * exception or as a std::error_code. Everything is inline and holds one handle: a call costs what the C call does.
+ * exception or as a std::error_code. Everything is inline, an owner holds one handle, and a datagram is the record that
+ * the library fills: sending and receiving cost what the C calls do.
  *
  *     ruk::init();
  *     auto endpoint = ruk::endpoint::open_if("oxel0", ruk::open_flags::thread_safe);
@@ -8,8 +9,8 @@
  *     auto to = channel.connect(ruk::address("192.168.1.2", 5000));
  *     to.send("hello"sv);
  *
- * Each operation comes twice: with a trailing std::error_code it never throws and sets that, cleared on success;
- * without, it throws std::system_error. Codes are errno values of the generic category.
+ * Each operation comes twice: with a std::error_code it never throws and sets that, cleared on success; without, it
+ * throws std::system_error. Codes are errno values of the generic category.
  *
  * Lifetimes are those of ruk.h: an endpoint outlives its channels, a channel its send handles. Declared in this
  * order, or as members in this order, they are. Threads: as in ruk.h.
@@ -21,11 +22,12 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -41,13 +43,33 @@ namespace detail {
 /* Some calls give negated errno values, and blocking a source gives -1 with errno. */
 inline std::error_code code(int rc) noexcept { return {rc < 0 ? -rc : rc, std::generic_category()}; }
 
+inline std::error_code code_or_errno(int rc) noexcept { return code(rc == -1 ? errno : rc); }
+
+[[noreturn, gnu::cold, gnu::noinline]] inline void fail(const std::error_code &ec, const char *what)
+{
+    throw std::system_error(ec, what);
+}
+[[noreturn, gnu::cold, gnu::noinline]] inline void fail(int rc, const char *what) { fail(code(rc), what); }
+
 inline void raise(const std::error_code &ec, const char *what)
 {
     if (ec) [[unlikely]]
-        throw std::system_error(ec, what);
+        fail(ec, what);
 }
 
-inline std::error_code code_or_errno(int rc) noexcept { return code(rc == -1 ? errno : rc); }
+/* For calls that are worth it: no error_code is touched while all goes well, since making one calls a function. */
+inline void check(int rc, const char *what)
+{
+    if (rc != 0) [[unlikely]]
+        fail(rc, what);
+}
+inline void set(std::error_code &ec, int rc) noexcept
+{
+    if (rc != 0) [[unlikely]]
+        ec = code(rc);
+    else if (ec) [[unlikely]]
+        ec.clear();
+}
 
 } // namespace detail
 
@@ -82,6 +104,9 @@ inline sockaddr_in address(in_addr addr, uint16_t port) noexcept
 }
 inline sockaddr_in address(const char *text, uint16_t port) { return address(ip(text), port); }
 
+/* A hardware address of six bytes. */
+using mac_address = std::array<uint8_t, 6>;
+
 /* ------------------------------------------------------------------ flags */
 
 namespace open_flags {
@@ -98,6 +123,11 @@ inline constexpr int kernel = RUK_BIND_KERNEL;
 inline constexpr int no_unicast = RUK_BIND_NO_UNICAST;
 inline constexpr int broadcast = RUK_BIND_BROADCAST;
 } // namespace bind_flags
+
+namespace send_flags {
+inline constexpr int none = 0;
+inline constexpr int nonblock = RUK_NONBLOCK;
+} // namespace send_flags
 
 enum class wait { spin = RUK_RECV_DEFAULT, none = RUK_RECV_NONBLOCK, sleep = RUK_RECV_BLOCK };
 
@@ -120,15 +150,59 @@ private:
     std::span<const std::byte> bytes_;
 };
 
-struct datagram {
-    std::span<std::byte> data; /* what of it is in the buffer */
-    uint32_t length = 0;       /* its full length as the UDP header tells it */
-    sockaddr_in from{}, to{};
-    std::optional<time_point> time; /* when it arrived, when that is known */
-    ruk_channel_t channel = nullptr;
-    void *context = nullptr;
+/* A datagram that was received; its payload lies in the buffer that it was received into. */
+class datagram {
+public:
+    datagram() noexcept : info_() {}
 
-    bool truncated() const noexcept { return length > data.size(); }
+    /* What of it is in the buffer. */
+    std::span<std::byte> data() const noexcept
+    {
+        return buffer_.first(std::min<size_t>(buffer_.size(), info_.msg_len));
+    }
+    /* Its full length as the UDP header tells it. */
+    uint32_t length() const noexcept { return info_.msg_len; }
+    bool truncated() const noexcept { return length() > buffer_.size(); }
+
+    const sockaddr_in &from() const noexcept { return info_.sin_from; }
+    const sockaddr_in &to() const noexcept { return info_.sin_to; }
+    /* When it arrived, when that is known. */
+    std::optional<time_point> time() const noexcept
+    {
+        if (info_.timestamp == 0)
+            return std::nullopt;
+        return time_point(std::chrono::nanoseconds(info_.timestamp));
+    }
+    /* Null in the filter modes other than normal. */
+    ruk_channel_t channel() const noexcept { return info_.chan; }
+    void *context() const noexcept { return info_.chan_context; }
+    const ruk_recv_info &info() const noexcept { return info_; }
+
+private:
+    friend class endpoint;
+    explicit datagram(std::span<std::byte> buffer) noexcept : buffer_(buffer) {} /* the library fills the record */
+
+    std::span<std::byte> buffer_;
+    ruk_recv_info info_;
+};
+
+/* Frames are never cut, so that a buffer for them holds the largest of any adapter. */
+inline constexpr size_t frame_capacity = 65536;
+using frame_buffer = std::span<std::byte, frame_capacity>;
+
+/* A whole frame, with the 4-byte trailer. */
+struct frame {
+    std::span<std::byte> data;
+    std::optional<time_point> time; /* not of a switch's keyframes either */
+    int tag = 0;                    /* of the filter that it matched */
+};
+
+/* What a filter without a channel lets in. */
+struct filter_rule {
+    in_addr to{};
+    uint16_t port = 0;          /* host byte order */
+    int protocol = IPPROTO_UDP; /* 17, 6 or 253 */
+    uint16_t vlan = 0;          /* tag control word, host byte order; 0: none */
 };
 
 /* ------------------------------------------------------------------ initialisation */
@@ -171,28 +245,22 @@ public:
     /* Waits for room. */
     void send(payload data, std::error_code &ec) noexcept
     {
-        ec = detail::code(ruk_send(handle_, data.data(), data.size(), 0));
+        detail::set(ec, ruk_send(handle_, data.data(), data.size(), 0));
     }
-    void send(payload data)
-    {
-        std::error_code ec;
-        send(data, ec);
-        detail::raise(ec, "ruk_send");
-    }
+    void send(payload data) { detail::check(ruk_send(handle_, data.data(), data.size(), 0), "ruk_send"); }
 
     /* False when there is no room, which is no error. */
     [[nodiscard]] bool try_send(payload data, std::error_code &ec) noexcept
     {
         const int rc = ruk_send(handle_, data.data(), data.size(), RUK_NONBLOCK);
-        ec = detail::code(rc == EAGAIN ? 0 : rc);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
         return rc == 0;
     }
     [[nodiscard]] bool try_send(payload data)
     {
-        std::error_code ec;
-        const bool sent = try_send(data, ec);
-        detail::raise(ec, "ruk_send");
-        return sent;
+        const int rc = ruk_send(handle_, data.data(), data.size(), RUK_NONBLOCK);
+        detail::check(rc == EAGAIN ? 0 : rc, "ruk_send");
+        return rc == 0;
     }
 
 private:
@@ -240,30 +308,42 @@ public:
         return sin;
     }
 
-    /* ttl 0 takes the library's. */
-    send_handle connect(const sockaddr_in &to, std::error_code &ec, int ttl = 0) noexcept
+    /* ttl 0 takes the library's; with send_flags::nonblock EAGAIN when ARP is not answered yet. */
+    send_handle connect(const sockaddr_in &to, std::error_code &ec, int ttl = 0, int flags = send_flags::none) noexcept
     {
         ruk_send_t handle = nullptr;
-        ec = detail::code(ruk_send_connect(handle_, &to, 0, ttl, &handle));
+        ec = detail::code(ruk_send_connect(handle_, &to, flags, ttl, &handle));
         return send_handle(ec ? nullptr : handle);
     }
-    send_handle connect(const sockaddr_in &to, int ttl = 0)
+    send_handle connect(const sockaddr_in &to, int ttl = 0, int flags = send_flags::none)
     {
         std::error_code ec;
-        send_handle handle = connect(to, ec, ttl);
+        send_handle handle = connect(to, ec, ttl, flags);
         detail::raise(ec, "ruk_send_connect");
         return handle;
     }
 
     void send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
     {
-        ec = detail::code(ruk_sendto(handle_, &to, data.data(), data.size(), 0));
+        detail::set(ec, ruk_sendto(handle_, &to, data.data(), data.size(), 0));
     }
     void send_to(const sockaddr_in &to, payload data)
     {
-        std::error_code ec;
-        send_to(to, data, ec);
-        detail::raise(ec, "ruk_sendto");
+        detail::check(ruk_sendto(handle_, &to, data.data(), data.size(), 0), "ruk_sendto");
+    }
+
+    /* False when there is no room, or ARP is not answered yet, which is no error. */
+    [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
+    {
+        const int rc = ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        return rc == 0;
+    }
+    [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data)
+    {
+        const int rc = ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK);
+        detail::check(rc == EAGAIN ? 0 : rc, "ruk_sendto");
+        return rc == 0;
     }
 
     void join(in_addr group, std::error_code &ec) noexcept
@@ -379,6 +459,21 @@ public:
         return e;
     }
 
+    /* By the adapter's permanent MAC address. */
+    static endpoint open(mac_address mac, in_addr interface_addr, int flags, std::error_code &ec) noexcept
+    {
+        ruk_device_t handle = nullptr;
+        ec = detail::code(ruk_open_by_perm_mac(mac.data(), &interface_addr, flags, &handle));
+        return opened(handle, ec);
+    }
+    static endpoint open(mac_address mac, in_addr interface_addr, int flags = open_flags::none)
+    {
+        std::error_code ec;
+        endpoint e = open(mac, interface_addr, flags, ec);
+        detail::raise(ec, "ruk_open_by_perm_mac");
+        return e;
+    }
+
     explicit operator bool() const noexcept { return handle_ != nullptr; }
     ruk_device_t get() const noexcept { return handle_; }
     ruk_device_t release() noexcept { return std::exchange(handle_, nullptr); }
@@ -408,6 +503,30 @@ public:
         set_filter(mode, ec);
         detail::raise(ec, "ruk_set_filter_mode");
     }
+    /* A filter without a channel, for frames that are received raw. Of the flags only bind_flags::kernel. */
+    void add_filter(const filter_rule &rule, uint16_t tag, int flags, std::error_code &ec) noexcept
+    {
+        ec = detail::code(
+            ruk_filter_add(handle_, rule.protocol, htons(rule.vlan), rule.to.s_addr, htons(rule.port), tag, flags));
+    }
+    void add_filter(const filter_rule &rule, uint16_t tag, int flags = bind_flags::none)
+    {
+        std::error_code ec;
+        add_filter(rule, tag, flags, ec);
+        detail::raise(ec, "ruk_filter_add");
+    }
+    void remove_filter(const filter_rule &rule, uint16_t tag, std::error_code &ec) noexcept
+    {
+        ec = detail::code(
+            ruk_filter_del(handle_, rule.protocol, htons(rule.vlan), rule.to.s_addr, htons(rule.port), tag));
+    }
+    void remove_filter(const filter_rule &rule, uint16_t tag)
+    {
+        std::error_code ec;
+        remove_filter(rule, tag, ec);
+        detail::raise(ec, "ruk_filter_del");
+    }
+
     ruk_device_attrs attributes() const noexcept
     {
         ruk_device_attrs attrs{};
@@ -472,37 +591,102 @@ public:
     /* EAGAIN when nothing waits and wait::none was asked for; EINTR after a shutdown. */
     datagram receive(std::span<std::byte> buffer, wait how, std::error_code &ec) noexcept
     {
-        ruk_recv_info info;
-        ec = detail::code(ruk_recvfrom(handle_, static_cast<ruk_recvmode>(how), buffer.data(), buffer.size(), &info));
-        if (ec)
-            return {};
-        return taken(buffer, info);
+        datagram d(buffer);
+        const int rc = take(static_cast<ruk_recvmode>(how), d);
+        detail::set(ec, rc);
+        if (rc != 0) [[unlikely]]
+            d = {};
+        return d;
     }
     datagram receive(std::span<std::byte> buffer, wait how = wait::spin)
     {
-        std::error_code ec;
-        datagram d = receive(buffer, how, ec);
-        detail::raise(ec, "ruk_recvfrom");
+        datagram d(buffer);
+        detail::check(take(static_cast<ruk_recvmode>(how), d), "ruk_recvfrom");
         return d;
     }
 
     /* Nothing when no datagram waits, which is no error. */
     std::optional<datagram> try_receive(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
-        ruk_recv_info info;
-        const int rc = ruk_recvfrom(handle_, RUK_RECV_NONBLOCK, buffer.data(), buffer.size(), &info);
-        ec = detail::code(rc == EAGAIN ? 0 : rc);
-        if (rc != 0)
-            return std::nullopt;
-        return taken(buffer, info);
+        return take_if_any(RUK_RECV_NONBLOCK, buffer, ec);
     }
-    std::optional<datagram> try_receive(std::span<std::byte> buffer)
+    std::optional<datagram> try_receive(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_NONBLOCK, buffer); }
+
+    /* The next datagram, which stays there; without a buffer all but its payload. */
+    std::optional<datagram> peek(std::error_code &ec) noexcept { return take_if_any(RUK_RECV_PEEK, {}, ec); }
+    std::optional<datagram> peek() { return take_if_any(RUK_RECV_PEEK, {}); }
+    std::optional<datagram> peek(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
-        std::error_code ec;
-        std::optional<datagram> d = try_receive(buffer, ec);
-        detail::raise(ec, "ruk_recvfrom");
-        return d;
+        return take_if_any(RUK_RECV_PEEK_MSG, buffer, ec);
     }
+    std::optional<datagram> peek(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_PEEK_MSG, buffer); }
+
+    /* Whole frames, of filters without a channel or in the raw filter mode; waits as receive() does. */
+    std::span<std::byte> receive_frame(frame_buffer buffer, wait how, std::error_code &ec) noexcept
+    {
+        size_t length = 0;
+        detail::set(ec, ruk_raw_recv(handle_, static_cast<ruk_recvmode>(how), buffer.data(), &length, nullptr));
+        return buffer.first(length);
+    }
+    std::span<std::byte> receive_frame(frame_buffer buffer, wait how = wait::spin)
+    {
+        size_t length = 0;
+        detail::check(ruk_raw_recv(handle_, static_cast<ruk_recvmode>(how), buffer.data(), &length, nullptr),
+                      "ruk_raw_recv");
+        return buffer.first(length);
+    }
+
+    /* With time and tag, without lock or waiting: for endpoints that one thread reads. */
+    std::optional<frame> try_receive_frame(frame_buffer buffer, std::error_code &ec) noexcept
+    {
+        std::optional<frame> f;
+        const int rc = take_frame(buffer, f);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        return f;
+    }
+    std::optional<frame> try_receive_frame(frame_buffer buffer)
+    {
+        std::optional<frame> f;
+        const int rc = take_frame(buffer, f);
+        detail::check(rc == EAGAIN ? 0 : rc, "ruk_raw_recv_nb");
+        return f;
+    }
+
+    /* Whether a frame waits. Takes no lock. */
+    bool frame_waits(std::error_code &ec) const noexcept
+    {
+        const int rc = ruk_raw_recv_peek(handle_);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        return rc == 0;
+    }
+    bool frame_waits() const
+    {
+        const int rc = ruk_raw_recv_peek(handle_);
+        detail::check(rc == EAGAIN ? 0 : rc, "ruk_raw_recv_peek");
+        return rc == 0;
+    }
+
+    /*
+     * A frame with a header of the caller's, as ruk_raw_send() has it; on a thread-safe endpoint the caller holds its
+     * lock. False when there is no room and send_flags::nonblock was given, which is no error.
+     */
+    bool send_frame(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data, int flags,
+                    std::error_code &ec) noexcept
+    {
+        const int rc = post(header, header_sum, checksum_offset, data, flags);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        return rc == 0;
+    }
+    bool send_frame(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data,
+                    int flags = send_flags::none)
+    {
+        const int rc = post(header, header_sum, checksum_offset, data, flags);
+        detail::check(rc == EAGAIN ? 0 : rc, "ruk_raw_send");
+        return rc == 0;
+    }
+
+    /* The counters, on standard output. */
+    void print_counters(bool non_zero = false) const noexcept { ruk_dump_stats(handle_, non_zero ? 1 : 0); }
 
 private:
     /* An open that fails for want of memory may hand out an endpoint, which is closed here. */
@@ -514,21 +698,112 @@ private:
         return e;
     }
 
-    static datagram taken(std::span<std::byte> buffer, const ruk_recv_info &info) noexcept
+    int take(ruk_recvmode mode, datagram &d) noexcept
     {
-        datagram d;
-        d.data = buffer.first(std::min<size_t>(buffer.size(), info.msg_len));
-        d.length = info.msg_len;
-        d.from = info.sin_from;
-        d.to = info.sin_to;
-        if (info.timestamp != 0)
-            d.time = time_point(std::chrono::nanoseconds(info.timestamp));
-        d.channel = info.chan;
-        d.context = info.chan_context;
+        return ruk_recvfrom(handle_, mode, d.buffer_.data(), d.buffer_.size(), &d.info_);
+    }
+    std::optional<datagram> take_if_any(ruk_recvmode mode, std::span<std::byte> buffer, std::error_code &ec) noexcept
+    {
+        std::optional<datagram> d(datagram{buffer});
+        const int rc = take(mode, *d);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        if (rc != 0)
+            d.reset();
+        return d;
+    }
+    std::optional<datagram> take_if_any(ruk_recvmode mode, std::span<std::byte> buffer)
+    {
+        std::optional<datagram> d(datagram{buffer});
+        const int rc = take(mode, *d);
+        if (rc != 0) {
+            detail::check(rc == EAGAIN ? 0 : rc, "ruk_recvfrom");
+            d.reset();
+        }
         return d;
     }
 
+    int take_frame(frame_buffer buffer, std::optional<frame> &f) noexcept
+    {
+        constexpr uint64_t keyframe = ~uint64_t{0};
+        size_t length = 0;
+        uint64_t time = 0;
+        int tag = 0;
+        const int rc = ruk_raw_recv_nb(handle_, buffer.data(), &length, &time, &tag);
+        if (rc == 0) {
+            f = frame{buffer.first(length), std::nullopt, tag};
+            if (time != 0 && time != keyframe)
+                f->time = time_point(std::chrono::nanoseconds(time));
+        }
+        return rc;
+    }
+
+    int post(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data, int flags) noexcept
+    {
+        return ruk_raw_send(handle_, header.data(), static_cast<int>(header.size()), header_sum, checksum_offset,
+                            static_cast<const uint8_t *>(data.data()), data.size(), flags);
+    }
+
     ruk_device_t handle_ = nullptr;
+};
+
+/* ------------------------------------------------------------------ interfaces */
+
+/* The host's IPv4 addresses on adapters: a range of tov_ifaddrs. */
+class interface_list {
+public:
+    class iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = tov_ifaddrs;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const tov_ifaddrs *;
+        using reference = const tov_ifaddrs &;
+
+        iterator() noexcept = default;
+        explicit iterator(const tov_ifaddrs *at) noexcept : at_(at) {}
+        reference operator*() const noexcept { return *at_; }
+        pointer operator->() const noexcept { return at_; }
+        iterator &operator++() noexcept
+        {
+            at_ = at_->tov_ifa_next;
+            return *this;
+        }
+        iterator operator++(int) noexcept
+        {
+            const iterator before = *this;
+            ++*this;
+            return before;
+        }
+        bool operator==(const iterator &) const noexcept = default;
+
+    private:
+        const tov_ifaddrs *at_ = nullptr;
+    };
+
+    explicit interface_list(std::error_code &ec) noexcept { ec = detail::code(tov_getifaddrs(&head_, 1, &count_)); }
+    interface_list()
+    {
+        const int rc = tov_getifaddrs(&head_, 1, &count_);
+        detail::check(rc, "tov_getifaddrs");
+    }
+    interface_list(interface_list &&other) noexcept
+        : head_(std::exchange(other.head_, nullptr)), count_(std::exchange(other.count_, 0))
+    {}
+    interface_list &operator=(interface_list &&other) noexcept
+    {
+        std::swap(head_, other.head_);
+        std::swap(count_, other.count_);
+        return *this;
+    }
+    ~interface_list() { tov_freeifaddrs(head_); }
+
+    iterator begin() const noexcept { return iterator(head_); }
+    iterator end() const noexcept { return iterator(); }
+    size_t size() const noexcept { return static_cast<size_t>(count_); }
+
+private:
+    tov_ifaddrs *head_ = nullptr;
+    int count_ = 0;
 };
 
 } // namespace ruk

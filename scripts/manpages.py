@@ -6,6 +6,7 @@ docs/man/programs.txt and what each program says with --help; section 7 is writt
     manpages.py check [BIN]       the same without writing: status 1 when a page is not current
     manpages.py lint              mandoc -Tlint; every warning counts
     manpages.py exports           every exported operation has a page
+    manpages.py face              ruk.hpp has every operation of ruk.h
     manpages.py compile CC CXX    compiles the example of each page, as the page shows it
 """
 
@@ -207,6 +208,15 @@ def exports(_):
     return 1 if missing or not names else 0
 
 
+def face(_):
+    """Operations between the library's own sources, with two underscores, and the utilities are not for it."""
+    used = set(re.findall(r"\bruk_\w+(?=\()", re.sub(r"/\*.*?\*/", "", read("libruk/ruk.hpp"), flags=re.S)))
+    names = {n for n, (header, _) in prototypes().items() if header == "ruk.h" and re.match(r"ruk_(?!_)", n)}
+    for name in sorted(names - used):
+        print(f"ruk.hpp has nothing for {name}()")
+    return 1 if names - used or len(names) < 30 else 0
+
+
 def compile_examples(arguments):
     cc, cxx = arguments
     status = compiled = 0
@@ -239,7 +249,7 @@ def compile_examples(arguments):
     return status if compiled else 1
 
 
-COMMANDS = {"update": update, "check": check, "lint": lint, "exports": exports, "compile": compile_examples}
+COMMANDS = {"update": update, "check": check, "lint": lint, "exports": exports, "face": face, "compile": compile_examples}
 
 if __name__ == "__main__":
     if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:

@@ -57,6 +57,7 @@ protected:
     }
 
     std::array<std::byte, 64> room{};
+    std::array<std::byte, ruk::frame_capacity> frame_room{};
 };
 
 std::string text_of(std::span<const std::byte> bytes)
@@ -127,6 +128,41 @@ TEST_F(Face, OpenOfAnUnknownName_ToldAsCodeAndAsException)
     EXPECT_EQ(error_of([] { (void)ruk::endpoint::open_if("nowhere0"); }), ENXIO);
 }
 
+TEST_F(Face, OpenByTheAdaptersMacAddress_AsCodeAndAsException)
+{
+    const ruk::mac_address mac = {0x02, 0x6f, 0x78, 0, 0, 1}, other = {0x02, 0x6f, 0x78, 0, 0, 9};
+    {
+        ruk::endpoint endpoint = ruk::endpoint::open(mac, ruk::ip("10.77.0.1"));
+        EXPECT_EQ(claimed(), 1u);
+        ruk::channel channel = endpoint.bind(5000);
+        EXPECT_EQ(channel.address().sin_addr.s_addr, htonl(0x0a4d0001));
+    }
+    EXPECT_EQ(claimed(), 0u);
+    std::error_code ec;
+    EXPECT_FALSE(ruk::endpoint::open(other, ruk::ip("10.77.0.1"), 0, ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { (void)ruk::endpoint::open(other, ruk::ip("10.77.0.1")); }), EINVAL);
+}
+
+TEST_F(Face, Interfaces_AreThoseOnTheAdapter)
+{
+    const ruk::interface_list list;
+    std::vector<std::string> names;
+    for (const tov_ifaddrs &i : list)
+        names.emplace_back(i.tov_ifa_name);
+    EXPECT_EQ(names, (std::vector<std::string>{"oxel0", "vlan7"}));
+    EXPECT_EQ(list.size(), 2u);
+}
+
+TEST_F(Face, Counters_ArePrinted)
+{
+    ruk::endpoint endpoint = opened();
+    testing::internal::CaptureStdout();
+    endpoint.print_counters();
+    fflush(stdout);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("dropped_nosock"), std::string::npos);
+}
+
 TEST_F(Face, Code_OfAnEarlierError_IsClearedBySuccess)
 {
     std::error_code ec = std::make_error_code(std::errc::io_error);
@@ -180,15 +216,15 @@ TEST_F(Face, Datagram_Arrives_WithItsPayloadAddressesAndContext)
     ruk::channel channel = endpoint.bind(5000, ruk::bind_flags::none, &context);
     arrive("hello");
     const ruk::datagram d = endpoint.receive(room);
-    EXPECT_EQ(text_of(d.data), "hello");
-    EXPECT_EQ(d.length, 5u);
+    EXPECT_EQ(text_of(d.data()), "hello");
+    EXPECT_EQ(d.length(), 5u);
     EXPECT_FALSE(d.truncated());
-    EXPECT_EQ(d.from.sin_port, htons(4000));
-    EXPECT_EQ(d.from.sin_addr.s_addr, htonl(0x0a4d0002));
-    EXPECT_EQ(d.to.sin_port, htons(5000));
-    EXPECT_EQ(d.context, &context);
-    EXPECT_EQ(d.channel, channel.get());
-    EXPECT_FALSE(d.time);
+    EXPECT_EQ(d.from().sin_port, htons(4000));
+    EXPECT_EQ(d.from().sin_addr.s_addr, htonl(0x0a4d0002));
+    EXPECT_EQ(d.to().sin_port, htons(5000));
+    EXPECT_EQ(d.context(), &context);
+    EXPECT_EQ(d.channel(), channel.get());
+    EXPECT_FALSE(d.time());
 }
 
 TEST_F(Face, Datagram_OnADatedEndpoint_HasItsTime)
@@ -199,9 +235,9 @@ TEST_F(Face, Datagram_OnADatedEndpoint_HasItsTime)
     softnic_advance(nic, 1000000000);
     arrive("x");
     const ruk::datagram d = endpoint.receive(room);
-    ASSERT_TRUE(d.time);
+    ASSERT_TRUE(d.time());
     const auto expected = ruk::time_point(1700000001000000000ns);
-    EXPECT_LT(*d.time > expected ? *d.time - expected : expected - *d.time, 1us);
+    EXPECT_LT(*d.time() > expected ? *d.time() - expected : expected - *d.time(), 1us);
     const ruk::clock_reading clocks = endpoint.clocks();
     EXPECT_LT(clocks.host > expected ? clocks.host - expected : expected - clocks.host, 1us);
 }
@@ -212,8 +248,8 @@ TEST_F(Face, Datagram_LargerThanTheBuffer_IsCutAndSaysSo)
     ruk::channel channel = endpoint.bind(5000);
     arrive("a longer text");
     const ruk::datagram d = endpoint.receive(std::span(room).first(8));
-    EXPECT_EQ(text_of(d.data), "a longer");
-    EXPECT_EQ(d.length, 13u);
+    EXPECT_EQ(text_of(d.data()), "a longer");
+    EXPECT_EQ(d.length(), 13u);
     EXPECT_TRUE(d.truncated());
 }
 
@@ -231,7 +267,104 @@ TEST_F(Face, EmptyQueue_TryReceiveGivesNothing_ReceiveAnError)
     arrive("now");
     const auto d = endpoint.try_receive(room);
     ASSERT_TRUE(d);
-    EXPECT_EQ(text_of(d->data), "now");
+    EXPECT_EQ(text_of(d->data()), "now");
+}
+
+TEST_F(Face, Error_OfReceive_GivesAnEmptyDatagram)
+{
+    ruk::endpoint endpoint = opened();
+    std::error_code ec;
+    const ruk::datagram d = endpoint.receive(room, ruk::wait::none, ec);
+    EXPECT_TRUE(ec);
+    EXPECT_EQ(d.length(), 0u);
+    EXPECT_TRUE(d.data().empty());
+    EXPECT_EQ(d.channel(), nullptr);
+    EXPECT_FALSE(d.time());
+}
+
+TEST_F(Face, Peek_TellsOfTheNextDatagramAndLeavesIt)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    EXPECT_FALSE(endpoint.peek());
+    EXPECT_FALSE(endpoint.peek(ec));
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(endpoint.peek(room));
+    EXPECT_FALSE(endpoint.peek(room, ec));
+    arrive("first");
+    arrive("second");
+    const auto told = endpoint.peek();
+    ASSERT_TRUE(told);
+    EXPECT_EQ(told->length(), 5u);
+    EXPECT_EQ(told->from().sin_port, htons(4000));
+    EXPECT_TRUE(told->data().empty());
+    const auto copied = endpoint.peek(room);
+    ASSERT_TRUE(copied);
+    EXPECT_EQ(text_of(copied->data()), "first");
+    EXPECT_EQ(text_of(endpoint.receive(room).data()), "first");
+    EXPECT_EQ(text_of(endpoint.receive(room).data()), "second");
+    EXPECT_FALSE(endpoint.peek());
+}
+
+TEST_F(Face, Frame_InTheRawMode_IsWholeWithItsTrailer)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    endpoint.set_filter(ruk::filter::raw);
+    EXPECT_FALSE(endpoint.frame_waits());
+    EXPECT_FALSE(endpoint.try_receive_frame(frame_room));
+    EXPECT_EQ(error_of([&] { endpoint.receive_frame(frame_room, ruk::wait::none); }), EAGAIN);
+    std::error_code ec;
+    EXPECT_TRUE(endpoint.receive_frame(frame_room, ruk::wait::none, ec).empty());
+    EXPECT_EQ(ec, std::errc::resource_unavailable_try_again);
+
+    const std::string text(40, 'x');
+    arrive(text);
+    arrive(text);
+    EXPECT_TRUE(endpoint.frame_waits(ec));
+    EXPECT_FALSE(ec);
+    const auto f = endpoint.try_receive_frame(frame_room);
+    ASSERT_TRUE(f);
+    EXPECT_EQ(f->data.size(), 14u + 20 + 8 + 40 + 4);
+    EXPECT_EQ(f->data[12], std::byte{0x08});
+    EXPECT_EQ(text_of(f->data.subspan(42, 40)), text);
+    EXPECT_FALSE(f->time);
+    const auto second = endpoint.receive_frame(frame_room);
+    EXPECT_EQ(second.size(), 86u);
+    EXPECT_EQ(text_of(second.subspan(42, 40)), text);
+}
+
+TEST_F(Face, Frame_OfADatedEndpoint_HasItsTime)
+{
+    using namespace std::chrono_literals;
+    ruk::endpoint endpoint = opened(ruk::open_flags::hw_timestamping);
+    endpoint.set_filter(ruk::filter::raw);
+    softnic_advance(nic, 1000000000);
+    arrive("x");
+    const auto f = endpoint.try_receive_frame(frame_room);
+    ASSERT_TRUE(f && f->time);
+    const auto expected = ruk::time_point(1700000001000000000ns);
+    EXPECT_LT(*f->time > expected ? *f->time - expected : expected - *f->time, 1us);
+}
+
+TEST_F(Face, Filter_WithoutAChannel_TagsItsFrames)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    const ruk::filter_rule rule = {.to = ruk::ip("10.77.0.1"), .port = 7000};
+    endpoint.add_filter(rule, 3000);
+    EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0001, 7000, 0, 17), 1);
+    arrive("tagged", 4000, 7000);
+    std::error_code ec;
+    const auto f = endpoint.try_receive_frame(frame_room, ec);
+    ASSERT_TRUE(f);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(f->tag, 3000);
+    endpoint.remove_filter(rule, 3000);
+    EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0001, 7000, 0, 17), 0);
+    const ruk::filter_rule other = {.to = rule.to, .port = 7000, .protocol = 1};
+    EXPECT_EQ(error_of([&] { endpoint.add_filter(other, 3000); }), EINVAL);
+    endpoint.remove_filter(other, 3000, ec);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
 }
 
 TEST_F(Face, DisabledEndpoint_ReceivesOnceEnabled)
@@ -275,6 +408,56 @@ TEST_F(Face, Send_OnAHandleAndToAnAddress_LeavesTheAdapter)
     d = sent_datagram();
     EXPECT_EQ(text_of(d.payload), "other");
     EXPECT_EQ(d.dst, "10.77.0.2:6001");
+}
+
+TEST_F(Face, TrySendTo_LeavesTheAdapter_AndTellsOfOtherErrors)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    EXPECT_TRUE(channel.try_send_to(ruk::address("10.77.0.2", 6000), "text"sv));
+    EXPECT_EQ(text_of(sent_datagram().payload), "text");
+    std::error_code ec;
+    EXPECT_TRUE(channel.try_send_to(ruk::address("10.77.0.2", 6000), "more"sv, ec));
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(text_of(sent_datagram().payload), "more");
+    const sockaddr_in silent = ruk::address("10.77.0.99", 6000); // nobody answers to ARP
+    EXPECT_FALSE(channel.try_send_to(silent, "x"sv, ec));
+    EXPECT_EQ(ec, std::errc::address_not_available);
+    EXPECT_EQ(error_of([&] { (void)channel.try_send_to(silent, "x"sv); }), EADDRNOTAVAIL);
+}
+
+TEST_F(Face, NoRoom_TrySendSaysSoWithoutAnError)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle handle = channel.connect(ruk::address("10.77.0.2", 6000));
+    const std::array<std::byte, 1400> large{};
+    std::error_code ec;
+    int sent = 0; // the adapter takes none of them
+    while (sent < 10000 && handle.try_send(std::span(large), ec))
+        sent++;
+    EXPECT_GT(sent, 0);
+    EXPECT_LT(sent, 10000);
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(handle.try_send(std::span(large)));
+    EXPECT_FALSE(channel.try_send_to(ruk::address("10.77.0.2", 6000), std::span(large)));
+}
+
+TEST_F(Face, FrameWithAHeaderOfItsOwn_LeavesTheAdapter)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    Bytes header = unhex("020000000002 026f78000001 88b5 0102");
+    EXPECT_TRUE(endpoint.send_frame(header, 0, 0, "payload of an experimental protocol, long enough"sv));
+    const std::vector<Bytes> frames = sent();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(Bytes(frames[0].begin(), frames[0].begin() + 16), header);
+    EXPECT_EQ(text_of(Bytes(frames[0].begin() + 16, frames[0].end())),
+              "payload of an experimental protocol, long enough");
+    std::error_code ec;
+    ruk::endpoint disabled = opened(ruk::open_flags::disabled);
+    EXPECT_FALSE(disabled.send_frame(header, 0, 0, "x"sv, ruk::send_flags::nonblock, ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { disabled.send_frame(header, 0, 0, "x"sv); }), EINVAL);
 }
 
 TEST_F(Face, SendHandle_LeavesItsScope_IsGoneFromItsChannel)

@@ -1,0 +1,154 @@
+/*
+ * What the C++ face costs over the C calls: instructions a datagram, counted by stepping through both. Unlike times,
+ * they are the same on a busy machine.
+ */
+#include "face_cost.h"
+
+#include "cases.h"
+#include "memory_endpoint.h"
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <gtest/gtest.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace face_cost;
+using bench::MemoryEndpoint;
+
+constexpr unsigned few = 8;
+
+/* Instructions of a call in a child process; 0 when it did not come to its end. */
+uint64_t instructions(const std::function<void()> &call)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(1);
+        raise(SIGSTOP);
+        call();
+        raise(SIGSTOP);
+        _exit(0);
+    }
+    int status = 0;
+    uint64_t steps = 0;
+    bool ended = false;
+    if (waitpid(child, &status, 0) == child && WIFSTOPPED(status) && WSTOPSIG(status) == SIGSTOP)
+        while (!ended && ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr) == 0 &&
+               waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+            steps++;
+            ended = WSTOPSIG(status) == SIGSTOP;
+            if (!ended && WSTOPSIG(status) != SIGTRAP)
+                break;
+        }
+    if (child > 0 && WIFSTOPPED(status)) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    return ended ? steps : 0;
+}
+
+/* Of one step, without what stands around all of them. */
+uint64_t each(const std::function<void()> &step)
+{
+    const auto several = [&](unsigned n) {
+        return [&step, n] {
+            for (unsigned i = 0; i < n; i++)
+                step();
+        };
+    };
+    step(); /* so that functions of other objects are bound, and their pages there */
+    const uint64_t once = instructions(several(few)), twice = instructions(several(2 * few));
+    EXPECT_NE(once, 0u);
+    EXPECT_EQ((twice - once) % few, 0u) << "steps differ";
+    return (twice - once) / few;
+}
+
+/* An endpoint over memory with datagrams in its ring, and owners of its handles. */
+struct Bench {
+    Bench()
+    {
+        for (unsigned i = 0; i < 2 * few + 1; i++)
+            memory.ring.write_event(1, 64, memory.tag(), memory.port());
+    }
+    /* The handles are the memory endpoint's. */
+    ~Bench()
+    {
+        (void)endpoint.release();
+        (void)channel.release();
+        (void)handle.release();
+    }
+    Bench(const Bench &) = delete;
+    Bench &operator=(const Bench &) = delete;
+
+    MemoryEndpoint memory;
+    ruk::endpoint endpoint{memory.device()};
+    ruk::channel channel{memory.channel()};
+    ruk::send_handle handle{memory.connected()};
+    sockaddr_in to = MemoryEndpoint::destination();
+    std::error_code ec;
+    uint16_t completed = 0;
+    std::byte bytes[2048] = {};
+};
+
+using Step = std::function<uint64_t(Bench &)>;
+
+/* Instructions of a step, each on an endpoint of its own. */
+uint64_t cost(const Step &step)
+{
+    Bench bench;
+    volatile uint64_t result = 0;
+    return each([&] { result = step(bench); });
+}
+
+/* The same with every request completed before the next. */
+uint64_t cost_of_sending(const std::function<void(Bench &)> &send)
+{
+    return cost([&](Bench &b) {
+        b.memory.complete(b.completed++);
+        send(b);
+        return uint64_t{0};
+    });
+}
+
+void expect_at_most(uint64_t surplus, uint64_t c, uint64_t face)
+{
+    ASSERT_GT(c, 100u); /* the call itself was stepped through */
+    printf("C: %llu instructions, C++: %llu\n", static_cast<unsigned long long>(c),
+           static_cast<unsigned long long>(face));
+    EXPECT_LE(face, c + surplus);
+}
+
+TEST(FaceCost, Receive_IsTheCall)
+{
+    const uint64_t c = cost([](Bench &b) { return c_receive(b.memory.device(), b.bytes, sizeof b.bytes); });
+    expect_at_most(10, c, cost([](Bench &b) { return face_receive(b.endpoint, b.bytes, sizeof b.bytes); }));
+    expect_at_most(22, c,
+                   cost([](Bench &b) { return face_receive_with_code(b.endpoint, b.bytes, sizeof b.bytes, b.ec); }));
+}
+
+TEST(FaceCost, TryReceive_IsTheCall)
+{
+    const uint64_t c = cost([](Bench &b) { return c_poll(b.memory.device(), b.bytes, sizeof b.bytes); });
+    expect_at_most(10, c, cost([](Bench &b) { return face_poll(b.endpoint, b.bytes, sizeof b.bytes); }));
+}
+
+TEST(FaceCost, Send_IsTheCall)
+{
+    const uint64_t c = cost_of_sending([](Bench &b) { c_send(b.memory.connected(), b.bytes, 64); });
+    expect_at_most(4, c, cost_of_sending([](Bench &b) { face_send(b.handle, b.bytes, 64); }));
+    expect_at_most(12, c, cost_of_sending([](Bench &b) { face_send_with_code(b.handle, b.bytes, 64, b.ec); }));
+}
+
+TEST(FaceCost, SendTo_IsTheCall)
+{
+    const uint64_t c = cost_of_sending([](Bench &b) { c_send_to(b.memory.channel(), b.to, b.bytes, 64); });
+    expect_at_most(4, c, cost_of_sending([](Bench &b) { face_send_to(b.channel, b.to, b.bytes, 64); }));
+}
+
+} // namespace
