@@ -500,12 +500,15 @@ extern "C" int ruk_mcast_block_source(ruk_channel_t ch, const struct in_addr *jo
     struct ip_mreq_source mreq;
     if (!make_source_request(ch, join_addr, block_addr, &mreq))
         return EINVAL;
-    int rc = tov_setsockopt(ch->ch_fd, IPPROTO_IP, IP_BLOCK_SOURCE, &mreq, sizeof mreq);
-    if (rc != 0)
-        return rc;
+    /* The record comes first: a block that the kernel has taken on could not be told of without one. */
     struct ruk__mreq_blocked *blocked = (struct ruk__mreq_blocked *)calloc(1, sizeof *blocked);
     if (!blocked)
         return ENOMEM;
+    int rc = tov_setsockopt(ch->ch_fd, IPPROTO_IP, IP_BLOCK_SOURCE, &mreq, sizeof mreq);
+    if (rc != 0) {
+        free(blocked);
+        return rc;
+    }
     blocked->data = mreq;
     TAILQ_INSERT_TAIL(&ch->ch_mreq_blocked, blocked, mreq_link);
     return 0;

@@ -380,7 +380,8 @@ extern "C" int ruk__piocopy_test(ruk_device_t rep, int iterations, uint32_t len,
     release(rep, req); /* the record stays in the in-flight queue */
 
     const uint64_t nsecs_per_sec = UINT64_C(1000000000);
-    uint64_t elapsed_ns = cycles * nsecs_per_sec / tov_cycles_per_second();
+    const uint64_t rate = tov_cycles_per_second(); /* 0 when the host's clock stood still as it was found */
+    uint64_t elapsed_ns = rate ? cycles * nsecs_per_sec / rate : 0;
     *t_nsecs = elapsed_ns / (uint64_t)iterations;
     *bw_MB = (nsecs_per_sec * (uint64_t)iterations * len / (elapsed_ns ? elapsed_ns : 1)) >> 20;
     return 0;

@@ -534,6 +534,7 @@ TEST_F(BlockedSourceTest, RecordCannotBeAllocated_OutOfMemory)
     AllocFault fault(1);
     EXPECT_EQ(change(ruk_mcast_block_source, ch, "239.1.2.3", "10.0.0.9"), ENOMEM);
     EXPECT_EQ(blocked(ch), Lines{});
+    EXPECT_EQ(options(), Lines{}) << "a block at the kernel that nobody knows of";
 }
 
 TEST_F(BlockedSourceTest, Unbind_RecordsReleased)
