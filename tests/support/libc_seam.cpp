@@ -28,6 +28,7 @@ int __real_clock_gettime(clockid_t clock, struct timespec *ts);
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t n, size_t size);
 void *__real_realloc(void *p, size_t size);
+void __real_free(void *p);
 
 int __wrap_open(const char *path, int flags, ...);
 int __wrap_open64(const char *path, int flags, ...);
@@ -47,6 +48,7 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec *ts);
 void *__wrap_malloc(size_t size);
 void *__wrap_calloc(size_t n, size_t size);
 void *__wrap_realloc(void *p, size_t size);
+void __wrap_free(void *p);
 }
 
 namespace test_support {
@@ -59,13 +61,22 @@ LibcHooks &libc_hooks()
 
 namespace {
 thread_local AllocFault *alloc_fault;
+thread_local AllocWatch *alloc_watch;
 
 bool allocation_fails()
 {
-    if (!alloc_fault || !alloc_fault->fails_now())
+    const bool refused = alloc_watch && alloc_watch->refuses();
+    if (!refused && (!alloc_fault || !alloc_fault->fails_now()))
         return false;
     errno = ENOMEM;
     return true;
+}
+
+void *watched(void *block, size_t size)
+{
+    if (alloc_watch && block)
+        alloc_watch->taken(block, size);
+    return block;
 }
 } // namespace
 
@@ -81,6 +92,10 @@ bool AllocFault::fails_now()
     calls_++;
     return nth_ != 0 && calls_ >= nth_ && calls_ - nth_ < howmany_;
 }
+
+AllocWatch::AllocWatch() : outer_(alloc_watch) { alloc_watch = this; }
+
+AllocWatch::~AllocWatch() { alloc_watch = outer_; }
 
 namespace real {
 int open(const char *path, int flags, mode_t mode) { return __real_open(path, flags, mode); }
@@ -217,14 +232,29 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec *ts)
     return __real_clock_gettime(clock, ts);
 }
 
-void *__wrap_malloc(size_t size) { return test_support::allocation_fails() ? nullptr : __real_malloc(size); }
+void *__wrap_malloc(size_t size)
+{
+    return test_support::allocation_fails() ? nullptr : test_support::watched(__real_malloc(size), size);
+}
 
 void *__wrap_calloc(size_t n, size_t size)
 {
-    return test_support::allocation_fails() ? nullptr : __real_calloc(n, size);
+    return test_support::allocation_fails() ? nullptr : test_support::watched(__real_calloc(n, size), n * size);
 }
 
 void *__wrap_realloc(void *p, size_t size)
 {
-    return test_support::allocation_fails() ? nullptr : __real_realloc(p, size);
+    if (test_support::allocation_fails())
+        return nullptr;
+    void *moved = __real_realloc(p, size);
+    if (test_support::alloc_watch && moved && p)
+        test_support::alloc_watch->given_back(p); // as a number: the block itself is gone. NOLINT
+    return test_support::watched(moved, size);
+}
+
+void __wrap_free(void *p)
+{
+    if (test_support::alloc_watch && p)
+        test_support::alloc_watch->given_back(p);
+    __real_free(p);
 }

@@ -9,6 +9,8 @@
  *
  *     AllocFault fault(2);                                // the scope's second allocation on this thread fails
  *     EXPECT_EQ(tov_get_nicinfo(&list, &n), ENOMEM);
+ *
+ * An AllocWatch sees each block of memory come and go, and may refuse it.
  */
 #pragma once
 
@@ -88,6 +90,24 @@ private:
     unsigned howmany_;
     unsigned calls_ = 0;
     AllocFault *outer_;
+};
+
+/*
+ * Told of every malloc, calloc, realloc and free of this thread from linked-in code (not operator new) while alive;
+ * the one made last on the thread is the one that is told.
+ */
+class AllocWatch {
+public:
+    AllocWatch();
+    virtual ~AllocWatch();
+    AllocWatch(const AllocWatch &) = delete;
+    AllocWatch &operator=(const AllocWatch &) = delete;
+    virtual bool refuses() = 0; /* asked first; true makes the call fail with ENOMEM */
+    virtual void taken(void *block, size_t size) = 0;
+    virtual void given_back(void *block) = 0; /* not null */
+
+private:
+    AllocWatch *outer_;
 };
 
 } // namespace test_support

@@ -1,0 +1,165 @@
+/* Every call of every operation to host, driver and allocator fails once, and for good. */
+#include "sweep.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace fault;
+
+class FaultSweep : public testing::Test {
+protected:
+    /* A network of its own where that is to be had: groups are then joined on nobody else's loopback. */
+    static void SetUpTestSuite()
+    {
+        if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
+            return;
+        struct ifreq lo = {};
+        strcpy(lo.ifr_name, "lo");
+        lo.ifr_flags = IFF_UP | IFF_RUNNING;
+        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        EXPECT_EQ(ioctl(fd, SIOCSIFFLAGS, &lo), 0);
+        close(fd);
+    }
+};
+
+TEST_F(FaultSweep, EveryCallOfEveryOperation_Fails_ResultAsSaid_NothingLeft_WorksAgain)
+{
+    unsigned failures = 0, calls = 0;
+    size_t findings = 0;
+    for (const Operation &op : operations()) {
+        const Report report = sweep(op);
+        for (const std::string &finding : report.findings)
+            ADD_FAILURE() << finding;
+        printf("%-60s %3u calls %5u failures\n", op.name.c_str(), report.calls, report.failures);
+        calls += report.calls;
+        failures += report.failures;
+        findings += report.findings.size();
+    }
+    printf("fault sweep: %zu operations x %u injected failures (of %u calls), %zu findings\n", operations().size(),
+           failures, calls, findings);
+    /* So that a list or a seam that has come undone does not pass. */
+    EXPECT_GE(operations().size(), 70u);
+    EXPECT_GE(calls, 300u);
+    EXPECT_GE(failures, 5000u);
+}
+
+/* ------------------------------------------------------------------ the sweep notices */
+
+/* Opens a device file, with a flaw where that fails. */
+Operation flawed(const std::function<int(World &, int error)> &flaw)
+{
+    Operation op;
+    op.name = "flawed";
+    op.run = [flaw](World &w) {
+        const int fd = open("/dev/oxelB0", O_RDWR);
+        if (fd < 0)
+            return flaw(w, errno);
+        close(fd);
+        return 0;
+    };
+    return op;
+}
+
+void expect_found(const Operation &op, const std::string &what)
+{
+    const Report report = sweep(op);
+    EXPECT_EQ(report.calls, 2u); /* open and close */
+    ASSERT_FALSE(report.findings.empty()) << what;
+    EXPECT_NE(report.findings.front().find(what), std::string::npos) << report.findings.front();
+}
+
+TEST_F(FaultSweep, OperationWithoutFlaw_NothingFound)
+{
+    Operation op = flawed([](World &, int error) { return error; });
+    op.answers = {{"close", 1, ignored}};
+    EXPECT_EQ(sweep(op).findings, std::vector<std::string>{});
+}
+
+TEST_F(FaultSweep, WrongResult_Found)
+{
+    expect_found(flawed([](World &, int) { return EINVAL; }), "result EINVAL, should be result EMFILE");
+}
+
+TEST_F(FaultSweep, FailureThatIsHidden_Found)
+{
+    expect_found(flawed([](World &, int) { return 0; }), "result 0, should be result EMFILE");
+}
+
+TEST_F(FaultSweep, MemoryLeft_Found)
+{
+    static std::vector<void *> left;
+    expect_found(flawed([](World &, int error) {
+                     left.push_back(malloc(77));
+                     return error;
+                 }),
+                 "left: memory of 77 bytes");
+    for (void *block : left)
+        free(block);
+}
+
+TEST_F(FaultSweep, DescriptorLeft_Found)
+{
+    static std::vector<int> left;
+    expect_found(flawed([](World &, int error) {
+                     left.push_back(socket(AF_INET, SOCK_DGRAM, 0));
+                     return error;
+                 }),
+                 "left: descriptor socket");
+    for (int fd : left)
+        close(fd);
+}
+
+TEST_F(FaultSweep, MappingLeft_Found)
+{
+    static std::vector<void *> left;
+    expect_found(flawed([](World &, int error) {
+                     left.push_back(mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+                     return error;
+                 }),
+                 "left: mapping of 4096 bytes");
+    for (void *at : left)
+        munmap(at, 4096);
+}
+
+TEST_F(FaultSweep, MembershipLeft_Found)
+{
+    static std::vector<int> left;
+    expect_found(flawed([](World &, int error) {
+                     left.push_back(socket(AF_INET, SOCK_DGRAM, 0));
+                     const struct ip_mreq mreq = {group_address(), {htonl(HOST)}};
+                     EXPECT_EQ(setsockopt(left.back(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof mreq), 0);
+                     return error;
+                 }),
+                 "left: membership");
+    for (int fd : left)
+        close(fd);
+}
+
+TEST_F(FaultSweep, RefusesToBeTriedAgain_Found)
+{
+    static bool broken;
+    broken = false;
+    Operation op = flawed([](World &, int error) {
+        broken = true;
+        return error;
+    });
+    auto run = op.run;
+    op.run = [run](World &w) { return broken ? EIO : run(w); };
+    op.prepare = [](World &) { broken = false; };
+    expect_found(op, "tried again: result 5");
+}
+
+TEST_F(FaultSweep, RuleThatFitsNoCall_Found)
+{
+    Operation op = flawed([](World &, int error) { return error; });
+    op.answers = {{"close", 1, ignored}, {"mmap", 1, ignored}};
+    expect_found(op, "the rule for \"mmap\" 1 fits no call");
+}
+
+} // namespace

@@ -1,0 +1,233 @@
+#include "world.h"
+#include "tov.h"
+
+#include <algorithm>
+#include <dirent.h>
+#include <fstream>
+#include <unistd.h>
+
+namespace fault {
+
+namespace {
+
+std::vector<std::string> lines_of(const char *path, const char *only = nullptr)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
+        if (!only || line.find(only) != std::string::npos)
+            lines.push_back(line);
+    return lines;
+}
+
+size_t entries_of(const char *path, const std::function<void(const char *)> &each = {})
+{
+    size_t n = 0;
+    DIR *dir = opendir(path);
+    if (!dir)
+        return 0;
+    while (struct dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] == '.' || atoi(entry->d_name) == dirfd(dir))
+            continue;
+        n++;
+        if (each)
+            each(entry->d_name);
+    }
+    closedir(dir);
+    return n;
+}
+
+/* Lines of one list that the other lacks; both sorted. */
+std::string difference(const char *what, const std::vector<std::string> &here, const std::vector<std::string> &there)
+{
+    std::vector<std::string> more, fewer;
+    std::set_difference(here.begin(), here.end(), there.begin(), there.end(), std::back_inserter(more));
+    std::set_difference(there.begin(), there.end(), here.begin(), here.end(), std::back_inserter(fewer));
+    std::string text;
+    for (const std::string &line : more)
+        text += std::string("  left: ") + what + " " + line + "\n";
+    for (const std::string &line : fewer)
+        text += std::string("  gone: ") + what + " " + line + "\n";
+    return text;
+}
+
+} // namespace
+
+Holdings Holdings::now()
+{
+    Holdings h = without_mappings();
+    for (const std::string &line : lines_of("/proc/self/maps", "memfd:"))
+        h.shared.push_back(line.substr(line.find('/')));
+    std::sort(h.shared.begin(), h.shared.end());
+    return h;
+}
+
+Holdings Holdings::without_mappings()
+{
+    Holdings h;
+    entries_of("/proc/self/fd", [&](const char *name) {
+        char target[256];
+        const std::string link = std::string("/proc/self/fd/") + name;
+        const ssize_t n = readlink(link.c_str(), target, sizeof target);
+        std::string kind(target, n > 0 ? static_cast<size_t>(n) : 0);
+        if (kind.find("memfd:") == std::string::npos || kind.find("memfd:routes") != std::string::npos)
+            h.descriptors.push_back(kind.substr(0, kind.find('['))); /* numbers of sockets differ each time */
+    });
+    /* Of the operations' group alone, which nobody else joins: users of it, not how long ago; its sources. */
+    for (const std::string &line : lines_of("/proc/net/igmp", "07014DEF"))
+        h.memberships.push_back(line.substr(0, line.find(':') - 1));
+    for (const std::string &line : lines_of("/proc/net/mcfilter", "0xef4d0107"))
+        h.memberships.push_back(line);
+    h.threads = entries_of("/proc/self/task");
+    std::sort(h.descriptors.begin(), h.descriptors.end());
+    std::sort(h.memberships.begin(), h.memberships.end());
+    return h;
+}
+
+bool Holdings::operator==(const Holdings &other) const
+{
+    return descriptors == other.descriptors && shared == other.shared && memberships == other.memberships &&
+           threads == other.threads;
+}
+
+std::string Holdings::minus(const Holdings &other) const
+{
+    return difference("descriptor", descriptors, other.descriptors) + difference("mapping", shared, other.shared) +
+           difference("membership", memberships, other.memberships) +
+           (threads != other.threads ? "  threads: " + std::to_string(threads) + "\n" : "");
+}
+
+/* The wire's own initialisation of the library comes before the faults. */
+World::World(const BoardChange &change)
+    : wire([&](softnic_board_config_t &board) {
+          board.endpoints = 2;
+          board.recvq_size = 16384; /* less to map: worlds come by the thousand */
+          board.sendq_size = 4096;
+          if (change)
+              change(board);
+      })
+{
+    auto &sockets = wire.host.sockets;
+    sockets.sendto = [this](int, const void *, size_t n, int, const struct sockaddr *, socklen_t) {
+        prompts++;
+        if (answers_a_prompt)
+            know_neighbour();
+        return static_cast<ssize_t>(n);
+    };
+    sockets.select = [](int, fd_set *, fd_set *, fd_set *, struct timeval *) { return 0; };
+}
+
+/* A wait for events brings a datagram, one for time passes at once. */
+bool World::answer_waits()
+{
+    hooks->poll = [this](struct pollfd *fds, nfds_t, int) {
+        arrive();
+        fds[0].revents = POLLIN;
+        return 1;
+    };
+    hooks->usleep = [this](useconds_t usecs) {
+        clock.tv_usec += static_cast<suseconds_t>(usecs);
+        clock.tv_sec += clock.tv_usec / 1000000;
+        clock.tv_usec %= 1000000;
+        return 0;
+    };
+    hooks->gettimeofday = [this](struct timeval *tv) {
+        *tv = clock;
+        return 0;
+    };
+    return true;
+}
+
+World::~World() { release(); }
+
+void World::release()
+{
+    seam.disarm();
+    close();
+    seam.library([&] {
+        if (raw) {
+            close_raw_handle();
+            oxel_raw_close_endpoint(raw);
+        }
+        tov_freeifaddrs(list);
+    });
+    raw = nullptr;
+    list = nullptr;
+}
+
+void World::open(int flags)
+{
+    seam.library([&] {
+        in_addr addr = {htonl(HOST)};
+        ASSERT_EQ(ruk_open(&addr, flags, &dev), 0);
+    });
+}
+
+void World::bind(int flags)
+{
+    seam.library([&] { ASSERT_EQ(ruk_bind(dev, flags, 0, this, &ch), 0); });
+}
+
+void World::know_neighbour()
+{
+    wire.host.arp.clear();
+    wire.host.arp.push_back({"127.0.0.2", {0x02, 0, 0, 0, 0, 2}});
+}
+
+void World::route() { wire.host.add_route("oxel0", "127.0.0.0", "0.0.0.0", "255.0.0.0"); }
+
+void World::arrive()
+{
+    sockaddr_in sin = {};
+    ASSERT_EQ(ruk_getaddress(ch, &sin), 0);
+    wire.inject(adapter_rig::frame_for(ntohs(sin.sin_port), {'a', 'b', 'c'}));
+    softnic_run(wire.nic);
+}
+
+void World::connect()
+{
+    const sockaddr_in sin = peer_address();
+    seam.library([&] { ASSERT_EQ(ruk_send_connect(ch, &sin, 0, 0, &handle), 0); });
+}
+
+void World::fill()
+{
+    seam.library([&] {
+        int rc = 0;
+        for (int i = 0; rc == 0 && i < 1000; i++)
+            rc = ruk_send(handle, buf, 64, RUK_NONBLOCK);
+        ASSERT_EQ(rc, EAGAIN);
+    });
+}
+
+void World::close()
+{
+    seam.library([&] {
+        if (soft != -1)
+            tov_close(soft);
+        if (dev)
+            ruk_close(dev);
+    });
+    soft = -1;
+    dev = nullptr;
+    ch = second = nullptr;
+    handle = nullptr;
+}
+
+void World::close_raw_handle()
+{
+    seam.library([&] { tov_close(oxel_raw_handle(raw)); });
+}
+
+struct sockaddr_in peer_address()
+{
+    struct sockaddr_in sin = {};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(5001);
+    sin.sin_addr.s_addr = htonl(PEER);
+    return sin;
+}
+
+struct in_addr group_address() { return {htonl(0xef4d0107)}; /* 239.77.1.7 */ }
+
+} // namespace fault
