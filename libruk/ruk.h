@@ -49,14 +49,15 @@ typedef struct {
  * RUK_DEBUG and RUK_IP_VERBOSE and checks the versions of caller and driver. A later call only confirms the
  * version.
  * Errors: EINVAL another version than before, or a major version that is not 0 (a message says so); ENOENT,
- * ENODEV, EACCES, EBUSY no adapter can be opened; ENXIO the driver's interface version is another one.
+ * ENODEV, EACCES, EBUSY no adapter can be opened; ENXIO the driver's interface version is another one; those of the
+ * driver.
  */
 int ruk_init(uint16_t api_version);
 
 /* The same for launchers and wrappers: the first open then prints the banner. */
 int ruk__init(uint16_t api_version);
 
-/* Reads both clocks. On an error of the driver *t is all zero. Takes no lock. */
+/* Reads both clocks. Takes no lock. Errors: those of the driver; *t is then all zero. */
 int ruk_getticks(ruk_device_t dev, ruk_ticks_t *t);
 
 /*
@@ -84,12 +85,12 @@ void ruk__assertion_failed(const char *expr, int line, const char *file);
  * name, or by the adapter's permanent MAC address (6 bytes). On success *dev_out is the endpoint, which the
  * caller closes with ruk_close(); on an error *dev_out is untouched, but for an ENOMEM from reading the
  * routes, when *dev_out is set and to be closed.
- * Errors: EINVAL a null argument, the library is not initialised, no adapter of that MAC address; ENODEV no
- * such local adapter address; EBUSY every endpoint is taken; ENOMEM; errno of the endpoint's kernel socket;
- * errors of the driver. ruk_open_if(): ENXIO no interface of that name, a negative errno value when asking
- * the host failed.
  * ruk_open() and ruk_open_if() end the process with status 1 when two of the host's addresses lie on one
  * subnet of an adapter, unless RUK_IP_ACCELERATION or RUK_BYPASS_CHECK is set.
+ * Errors: EINVAL a null argument, the library is not initialised (not asked by ruk_open_by_perm_mac), no adapter of
+ * that MAC address, a region that cannot be mapped; ENODEV no such local adapter address; EBUSY every endpoint is
+ * taken; ENOMEM; errno of the endpoint's kernel socket; those of the driver. ruk_open_if(): ENXIO no interface of that
+ * name; a negative errno value when asking the host failed.
  */
 int ruk_open(const struct in_addr *interface_addr, int flags, ruk_device_t *dev_out);
 int ruk_open_if(const char *ifname, int flags, ruk_device_t *dev_out);
@@ -115,16 +116,20 @@ int ruk_device_get_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
 /*
  * Sets hw_timestamping at once; sends mode and queue size to the driver when the mode changes or the endpoint
  * is still disabled, so that a new queue size takes effect only before ruk_device_enable(). Takes the
- * endpoint lock. Errors: those of the driver (the timestamping change stays).
+ * endpoint lock, and ends the process when the driver has taken them but does not tell them again.
+ * Errors: those of the driver (the timestamping change stays).
  */
 int ruk_device_set_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
 
-/* Sets up the queues of an endpoint opened disabled. Takes the endpoint lock. EINVAL it is not; ENOMEM; driver. */
+/*
+ * Sets up the queues of an endpoint opened disabled. Takes the endpoint lock.
+ * Errors: EINVAL it is not disabled, a region that cannot be mapped; ENOMEM; those of the driver.
+ */
 int ruk_device_enable(ruk_device_t dev);
 
 /*
  * Asks waiting receive calls to return EINTR: spinning ones at once, sleeping ones within a second.
- * ruk_recvfrom() forgets a request made before it was called. how is not used. EINVAL for a null endpoint.
+ * ruk_recvfrom() forgets a request made before it was called. how is not used. Errors: EINVAL a null endpoint.
  */
 int ruk_shutdown(ruk_device_t dev, int how);
 
@@ -145,14 +150,15 @@ int ruk_close(ruk_device_t dev);
  * Bind a UDP port (host byte order; 0 lets the host choose) on the endpoint's address, or on another address
  * of the same adapter. A kernel socket is bound beside the channel. Take the endpoint lock.
  * Errors: EINVAL a null argument, or an address that is not on the endpoint's adapter (on a thread-safe
- * endpoint the endpoint lock then stays held); EADDRINUSE and others of the kernel socket; EAGAIN, ENOMEM no
- * filter tag; ENOMEM; those of the driver.
+ * endpoint the endpoint lock then stays held); EADDRINUSE and others of the kernel socket; -1 with errno when it
+ * refuses an option that a flag asks for; EAGAIN no filter tag until some are out of use; ENOMEM, also no filter tag;
+ * those of the driver.
  */
 int ruk_bind(ruk_device_t dev, int flags, int port, void *context, ruk_channel_t *handle_out);
 int ruk_bind_addr(ruk_device_t dev, const struct in_addr *interface_addr, int flags, int port, void *context,
                   ruk_channel_t *handle_out);
 
-/* The bound address and port. EINVAL for a null channel. Takes no lock. */
+/* The bound address and port. Takes no lock. Errors: EINVAL a null channel. */
 int ruk_getaddress(ruk_channel_t ch, struct sockaddr_in *sin);
 
 /*
@@ -170,7 +176,7 @@ int ruk_set_filter_mode(ruk_device_t dev, enum ruk_filter_mode mode);
 /*
  * Unbinds the channel with its groups, filters, send handles and kernel socket; the handle is invalid
  * afterwards. Another channel that shares its address and port inherits the traffic. Takes the endpoint lock.
- * EINVAL for a null channel.
+ * Errors: EINVAL a null channel.
  */
 int ruk_unbind(ruk_channel_t ch);
 
@@ -178,9 +184,11 @@ int ruk_unbind(ruk_channel_t ch);
 
 /*
  * Join and leave groups on a channel, from any source or from one. Take the endpoint lock.
- * Errors: EINVAL a null argument, not a group, a zero source to leave; EEXIST joined already; EADDRNOTAVAIL
- * not joined; EAGAIN, ENOMEM no filter tag; errno of the kernel socket; those of the driver.
- * ruk_mcast_leave_source() drops the kernel's whole membership of the group.
+ * ruk_mcast_leave_source() drops the kernel's whole membership of the group, and its source must not be null. A filter
+ * that the driver does not give back ends the process.
+ * Errors: EINVAL a null argument, not a group, a zero source to leave. ruk_mcast_join(), ruk_mcast_join_source():
+ * EEXIST joined already; EAGAIN, ENOMEM no filter tag, as for a bind; errno of the kernel socket; those of the driver.
+ * ruk_mcast_leave(), ruk_mcast_leave_source(): EADDRNOTAVAIL not joined.
  */
 int ruk_mcast_join(ruk_channel_t ch, const struct in_addr *addr, void *unused);
 int ruk_mcast_join_source(ruk_channel_t ch, const struct in_addr *addr, const struct in_addr *src);
@@ -225,8 +233,9 @@ int ruk_recvfrom(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_
 /*
  * Whole frames, with the 4-byte trailer. buf must hold the largest frame; *len receives the length.
  * ruk_raw_recv() takes the receive lock and never writes *timestamp; the other two take no lock and are for an
- * endpoint that one thread reads. timestamp and tag of ruk_raw_recv_nb() may be null.
- * Errors: as ruk_recvfrom(), whose modes ruk_raw_recv() has; EAGAIN nothing waits; EINVAL a disabled endpoint.
+ * endpoint that one thread reads. timestamp and tag of ruk_raw_recv_nb() may be null; endpoint and len may not.
+ * Errors: EAGAIN nothing waits; EINVAL a disabled endpoint. ruk_raw_recv(): those of ruk_recvfrom(), whose modes it
+ * has.
  */
 int ruk_raw_recv(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_t *len, uint64_t *timestamp);
 int ruk_raw_recv_nb(ruk_device_t dev, void *buf, size_t *len, uint64_t *timestamp, int *tag);
@@ -242,12 +251,14 @@ void ruk_dump_stats(ruk_device_t dev, int non_zero);
 /*
  * Makes a send handle for a destination: resolves its next hop and prepares the frame's header. ttl 0 takes
  * 64, or 1 for a group; at most 64. Takes the endpoint lock, and drops it while the kernel is asked.
- * Errors, stored in errno too: EINVAL a bad argument or a destination on this very adapter; EHOSTUNREACH no
- * route; EADDRNOTAVAIL no answer to ARP; ENXIO (EAGAIN with RUK_NONBLOCK); ENOMEM; others of the host.
+ * With RUK_NONBLOCK in flags the kernel's ARP table is asked twice, without it a thousand times.
+ * Errors, stored in errno too: EINVAL a null or zero destination, a ttl out of range, a destination on this very
+ * adapter; EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP; ENXIO (EAGAIN with RUK_NONBLOCK) the host's
+ * interfaces cannot be listed; ENOMEM; others of the host; those of the driver.
  */
 int ruk_send_connect(ruk_channel_t ch, const struct sockaddr_in *sin, int flags, int ttl, ruk_send_t *dhsend_o);
 
-/* Ends a handle. ENOTCONN, in errno too, for a handle without a channel. Takes the endpoint lock. */
+/* Ends a handle. Takes the endpoint lock. Errors, stored in errno too: ENOTCONN a handle without a channel. */
 int ruk_send_disconnect(ruk_send_t dhs);
 
 /*
@@ -257,13 +268,16 @@ int ruk_send_disconnect(ruk_send_t dhs);
  */
 int ruk_send(ruk_send_t dhs, const void *buf, int paylen, int flags);
 
-/* Sends one datagram to an address through a handle that the channel keeps. Errors of both calls above. */
+/*
+ * Sends one datagram to an address through a handle that the channel keeps.
+ * Errors: those of ruk_send_connect() and ruk_send().
+ */
 int ruk_sendto(ruk_channel_t ch, const struct sockaddr_in *sin, const void *buf, int len, int flags);
 
 /*
  * Sends a frame with a header of the caller's (1 to 56 bytes); the caller holds the endpoint lock. chksum_hdr
  * is the partial sum of what the UDP checksum covers besides the payload; the checksum is stored at
- * chksum_offset of the header when that is above 0. Errors as ruk_send().
+ * chksum_offset of the header when that is above 0. Errors: those of ruk_send().
  */
 int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr, int chksum_offset,
                  const uint8_t *buffer, int paylen, int flags);
@@ -271,16 +285,18 @@ int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr
 /*
  * Measures the copy into the adapter: iterations copies of len bytes (rounded up to 4, at most 2048).
  * *t_nsecs receives ns a copy and *bw_MB MiB a second. The request record it takes stays among those in
- * flight. EINVAL bad arguments or a disabled endpoint; EBUSY no room.
+ * flight. Errors: EINVAL no iterations, more than 2048 bytes, a disabled endpoint; EBUSY no room.
  */
 int ruk__piocopy_test(ruk_device_t dev, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs, uint64_t *bw_MB);
 
-/* Tells the driver that a software endpoint has data to send; d is its device handle. Errors of the driver. */
+/* Tells the driver that a software endpoint has data to send; d is its device handle. Errors: those of the driver. */
 int ruk__post_soft_data(tov_handle_t d);
 
 /*
  * The MAC address (6 bytes) of the next hop to dst_ip_be32; src_ip_addr_be32 is not used. The caller holds
- * the endpoint lock. Errors as ruk_send_connect().
+ * the endpoint lock.
+ * Errors: EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP; ENXIO the host's interfaces cannot be listed; others
+ * of the host; those of the driver.
  */
 int ruk__resolve_mac(ruk_device_t dev, uint32_t src_ip_addr_be32, uint32_t dst_ip_addr_be32, uint8_t *mac);
 

@@ -308,7 +308,7 @@ public:
         return sin;
     }
 
-    /* ttl 0 takes the library's; with send_flags::nonblock EAGAIN when ARP is not answered yet. */
+    /* ttl 0 takes the library's; with send_flags::nonblock ARP is asked twice, not a thousand times. */
     send_handle connect(const sockaddr_in &to, std::error_code &ec, int ttl = 0, int flags = send_flags::none) noexcept
     {
         ruk_send_t handle = nullptr;
@@ -332,7 +332,7 @@ public:
         detail::check(ruk_sendto(handle_, &to, data.data(), data.size(), 0), "ruk_sendto");
     }
 
-    /* False when there is no room, or ARP is not answered yet, which is no error. */
+    /* False when there is no room, which is no error. ARP is asked twice at most. */
     [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
     {
         const int rc = ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK);
