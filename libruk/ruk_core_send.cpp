@@ -268,7 +268,7 @@ static inline void post_untagged(nuv_ureq_t *slot, const struct ruk__hdrinfo *in
                                  uint16_t udp_check, uint32_t data_offset, uint16_t paylen, enum ruk_req_type type)
 {
     const uint32_t *words = info->ureq->words;
-    const uint32_t ver_tos = 0x45, ttl_proto = (uint32_t)info->ip_ttl | (uint32_t)info->ip_proto << 8;
+    const uint32_t ver_tos = load16(info->ureq->bytes + 20), ttl_proto = load16(info->ureq->bytes + 28);
     tov_st32(&slot->words[0], tov_be32(data_offset));
     tov_st32(&slot->words[1], words[1] | tov_be16(paylen));
     tov_st32(&slot->words[2], words[2]);

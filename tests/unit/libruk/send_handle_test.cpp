@@ -2,6 +2,7 @@
 #include "send_rig.h"
 
 #include <random>
+#include <set>
 #include <thread>
 
 namespace {
@@ -215,6 +216,21 @@ protected:
         complete();
         return d;
     }
+    /* Header bytes of the template: 86, 87, 88, ... */
+    void fill_template(unsigned length)
+    {
+        for (unsigned i = 6; i < 6 + length; i++)
+            dhs->dhs_peer_hdrinfo.ureq->bytes[i] = static_cast<uint8_t>(0x80 + i);
+    }
+    /* The PIO request has them, but for the halves of a word at those offsets. */
+    void expect_template_but(const std::set<unsigned> &halves, unsigned length)
+    {
+        const Bytes request = slot(PIO);
+        for (unsigned i = 6; i < 6 + length; i++)
+            if (!halves.count(i & ~1u)) {
+                EXPECT_EQ(request[i], 0x80 + i) << "byte " << i;
+            }
+    }
     ruk_channel_t ch = nullptr;
     ruk_send_t dhs = nullptr;
 };
@@ -257,6 +273,27 @@ TEST_F(HandleTest, Empty_HeaderAlone)
     EXPECT_EQ(Bytes(request.begin(), request.begin() + 48),
               unhex("00000000 0000 020000000002 026f78000001 0800 "
                     "4500 001c 0000 4000 4011 3cce 7f000001 7f000002 1388 1389 0008 dac9"));
+}
+
+/* All of the header is the template's as it stands, but for lengths and checksums. */
+TEST_F(HandleTest, Untagged_TemplateOfOtherBytes_RequestCarriesThem)
+{
+    start();
+    fill_template(42);
+    ASSERT_EQ(ruk_send(dhs, buffer, 3, 0), 0);
+    expect_template_but({22, 30, 44, 46}, 42);
+    EXPECT_EQ(window(PIO * 256 + 22, 2), unhex("001f"));
+    EXPECT_EQ(window(PIO * 256 + 44, 2), unhex("000b"));
+}
+
+TEST_F(HandleTest, Tagged_TemplateOfOtherBytes_RequestCarriesThem)
+{
+    start(1400, 16, 0xe007);
+    fill_template(46);
+    ASSERT_EQ(ruk_send(dhs, buffer, 3, 0), 0);
+    expect_template_but({26, 34, 48}, 46);
+    EXPECT_EQ(window(PIO * 256 + 26, 2), unhex("001f"));
+    EXPECT_EQ(window(PIO * 256 + 48, 2), unhex("000b"));
 }
 
 TEST_F(HandleTest, EveryAlignmentAndLength_BothChecksumsGood)
