@@ -27,9 +27,10 @@ std::vector<uint8_t> payload(uint32_t number, int size)
     return bytes;
 }
 
-std::string send_request(uint16_t port, uint32_t count, int size, uint32_t gap_us, const std::string &group)
+std::string send_request(uint16_t port, uint32_t count, int size, uint32_t gap_us, uint32_t first,
+                         const std::string &group)
 {
-    return fmt::format("send {} {} {} {} {}", port, count, size, gap_us, group);
+    return fmt::format("send {} {} {} {} {} {}", port, count, size, gap_us, first, group);
 }
 
 namespace {
@@ -50,16 +51,16 @@ void serve_request(int fd, in_addr own, const std::string &text, sockaddr_in to,
 {
     std::istringstream words(text);
     std::string verb, group;
-    uint32_t port = 0, count = 0, gap_us = 0;
+    uint32_t port = 0, count = 0, gap_us = 0, first = 0;
     int size = 0;
-    if (!(words >> verb >> port >> count >> size >> gap_us) || verb != "send" || port > 65535 || size > 1472)
+    if (!(words >> verb >> port >> count >> size >> gap_us >> first) || verb != "send" || port > 65535 || size > 1472)
         return;
     if (words >> group && inet_pton(AF_INET, group.c_str(), &to.sin_addr) == 1)
         setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &own, sizeof own);
     to.sin_port = htons(static_cast<uint16_t>(port));
     int64_t due = monotonic_ns();
     for (uint32_t n = 0; n < count && !stop.requested(); n++) {
-        const std::vector<uint8_t> bytes = payload(n, size);
+        const std::vector<uint8_t> bytes = payload(first + n, size);
         while (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0 &&
                errno == ENOBUFS)
             usleep(100);
