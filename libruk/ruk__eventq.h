@@ -136,15 +136,17 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
 
     /* 2. The position. */
     const uintptr_t current = wraps ? next - evq->evq_recvq_size : next;
-    evq->evq_recvq_offset = current - evq->evq_recvq_base;
-    evq->evq_recvq_flow += len;
+    const uintptr_t offset = current - evq->evq_recvq_base;
+    const uint64_t consumed = evq->evq_recvq_flow + len;
+    evq->evq_recvq_offset = offset;
+    evq->evq_recvq_flow = consumed;
     _eventq_set_current(&evq->evq_recvq_state, current);
 
     /* 3. Report it: the cleared slots must be visible before the writer sees them as free. */
     oxel_flow_window_t *flow = evq->evq_flow;
     const uint32_t desc = flow->flow_desc + 1;
-    const uint32_t units = (uint32_t)(evq->evq_recvq_flow >> 12);
-    tov_st64_rel(&flow->flow_data_off, evq->evq_recvq_offset);
+    const uint32_t units = (uint32_t)(consumed >> 12);
+    tov_st64_rel(&flow->flow_data_off, offset);
     tov_st32_rel(&flow->flow_desc, desc);
     tov_st32_rel(&flow->flow_data, units);
 
