@@ -128,8 +128,7 @@ private:
         put32(header, uint32_t(ticks_ >> 32));
         put32(header + 4, uint32_t(ticks_));
         for (unsigned i = 0; i < packets; ++i) {
-            put16(header + 8 + 4 * i, uint16_t(length));
-            put16(header + 10 + 4 * i, tag);
+            put32(header + 8 + 4 * i, uint32_t(length) << 16 | tag);
         }
         put16(header + 28, uint16_t(bytes));
         header[31] = sizeof(nuv_uevt_ruk_t);
