@@ -13,6 +13,10 @@ foreach(dir LIBDIR INCLUDEDIR)
 endforeach()
 configure_file(${CMAKE_SOURCE_DIR}/cmake/ruk.pc.in ${CMAKE_BINARY_DIR}/ruk.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/ruk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(RUK_BUILD_SOFTNIC)
+  configure_file(${CMAKE_SOURCE_DIR}/cmake/ruk-softnic.pc.in ${CMAKE_BINARY_DIR}/ruk-softnic.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/ruk-softnic.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
 
 # The version file refuses users of another word size; -m32 came after CMake had looked at the compiler.
 if(RUK_32BIT)

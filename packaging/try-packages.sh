@@ -29,9 +29,19 @@ mount --rbind --make-rslave /sys "$root/sys" 2>/dev/null || true
 mount --bind /dev "$root/dev"
 inside() { chroot "$root" env DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
 
+
+# Everything but what apt and dpkg keep about packages, and caches that others keep.
+files() {
+    inside find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /tmp -o -path /var/lib/apt -o -path /var/lib/dpkg \
+        -o -path /var/cache -o -path /var/log \) -prune -o -print | sort
+}
+
 inside apt-get update -qq
-inside apt-get install -y -qq --no-install-recommends gcc libc6-dev pkg-config iproute2 >/dev/null 2>&1
-inside find / -xdev -path /proc -prune -o -path /sys -prune -o -path /tmp -prune -o -path /var -prune -o -print | sort >"$packages/before"
+# What users have already: compilers, man, and a test library.
+inside apt-get install -y -qq --no-install-recommends g++ libc6-dev pkg-config cmake make iproute2 man-db bash-completion \
+    libgtest-dev >/dev/null 2>&1
+inside rm -f /etc/ld.so.cache && inside ldconfig
+files >"$packages/before"
 
 echo "Installing ..."
 rm -rf "$root/tmp/debs"
@@ -51,12 +61,42 @@ int main(void)
     return rc;
 }
 C
-inside sh -euc '
+mkdir -p "$root/tmp/cmake-user"
+cat >"$root/tmp/cmake-user/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(user LANGUAGES C CXX)
+find_package(ruk 0.1 REQUIRED)
+add_executable(shared ../use.c)
+target_link_libraries(shared PRIVATE ruk::ruk)
+add_executable(static ../use.c)
+target_link_libraries(static PRIVATE ruk::ruk_static)
+CMAKE
+cp -r "$(dirname "${BASH_SOURCE[0]}")/../examples/market_data" "$root/tmp/"
+inside bash -euc '
     cd /tmp
     gcc -Wall -Werror use.c -o use-shared $(pkg-config --cflags --libs ruk)
     gcc -Wall -Werror use.c -o use-static $(pkg-config --cflags ruk) -l:libruk.a
+    for example in /usr/share/doc/libruk-dev/examples/*.c; do
+        gcc -Wall -Wextra -Werror "$example" -o "example-$(basename "$example" .c)" $(pkg-config --cflags --libs ruk) -pthread
+    done
+    g++ -std=c++20 -Wall -Wextra -Werror /usr/share/doc/libruk-dev/examples/cplusplus.cpp -o example-cplusplus \
+        $(pkg-config --cflags --libs ruk)
+    g++ -std=c++20 market_data/*.cpp -o market-data-test $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main
+    ./market-data-test --gtest_brief=1
+    cmake -S cmake-user -B cmake-build >/dev/null
+    cmake --build cmake-build >/dev/null
+
     ruk-info --version
-    for name in rukrun ruk-recv ruk-send ruk-ping ruk-capture ruk-top; do $name --help >/dev/null; done
+    for name in rukrun $(cd /usr/bin && ls -d ruk-*); do
+        $name --help >/dev/null
+        man -w "$name" >/dev/null
+        ( . /usr/share/bash-completion/completions/$name && complete -p $name >/dev/null )
+    done
+    test "$(man -w 3 ruk_open_if)" = "$(man -w 3 ruk_open)"
+    for page in ruk_recvfrom ruk_send_connect ruk_mcast_join_source tov_getifaddrs; do
+        MANPAGER=cat man 3 $page | grep -q "EXAMPLES"
+    done
+    for page in ruk ruk-timestamps ruk-environment ruk-softnic; do MANPAGER=cat man 7 $page | grep -q "SEE ALSO"; done
     ! ldd use-static | grep -q libruk
     unshare -n sh -euc "
         ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0
@@ -64,20 +104,28 @@ inside sh -euc '
         ip link set oxel0 up
         ip link set peer0 up
         ip link set lo up
-        rukrun --soft -- ./use-shared
-        rukrun --soft -- ./use-static
+        for program in ./use-shared ./use-static cmake-build/shared cmake-build/static; do
+            rukrun --soft -- \$program
+        done
         rukrun --soft -- ruk-info
         rukrun --soft -- ruk-send -i oxel0 10.77.0.255:9 -m broadcast -n 3
         rukrun --soft -- ruk-recv -i oxel0 -p 5000 -t 0.2
+        rukrun --soft -- ./example-send oxel0 10.77.0.255 9 text
+        rukrun --soft -- ruk-info --doctor >doctor || test \$? -eq 1
+        ! grep -q ^failure doctor
     "
 '
 
 echo "Removing ..."
 inside apt-get purge -y -qq libruk0 libruk-dev ruk-tools ruk-softnic >/dev/null 2>&1
 inside apt-get autoremove -y -qq --purge >/dev/null 2>&1
-inside find / -xdev -path /proc -prune -o -path /sys -prune -o -path /tmp -prune -o -path /var -prune -o -print | sort >"$packages/after"
-if left=$(comm -13 "$packages/before" "$packages/after" | grep -v -E '^/(etc/ld.so.cache|root)' | grep .); then
+files >"$packages/after"
+if left=$(comm -13 "$packages/before" "$packages/after" | grep -v '^/root' | grep .); then
     echo "left behind: $left"
+    exit 1
+fi
+if left=$(inside dpkg-query -W -f '${Package} ${db:Status-Status}\n' | grep -E '^(lib)?ruk' | grep -v 'not-installed'); then
+    echo "dpkg still knows: $left"
     exit 1
 fi
 echo "packages: ok"
