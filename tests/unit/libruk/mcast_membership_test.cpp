@@ -217,7 +217,29 @@ TEST_F(MembershipTest, JoinSource_AdapterRefuses_SourceMembershipUndone)
     StreamCapture streams;
     EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), ENOSPC);
     EXPECT_EQ(options(), (Lines{join_one + group1 + interface1 + source1, drop_one + group1 + interface1 + source1}));
+    EXPECT_TRUE(kernel.memberships.empty());
     EXPECT_TRUE(TAILQ_EMPTY(&ch->ch_tag_multiq));
+    struct ruk__tag_entry *entry = &dev->rep_tag_table[0][1];
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq).back(), entry) << "free at once: no event can name it";
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq).size(), 127u);
+    EXPECT_EQ(entry->tage_channel, nullptr);
+    EXPECT_EQ(entry->tage_src_ip_addr, 0x0A000009u) << "the source stays in the free entry";
+    EXPECT_TRUE(lock_is_free());
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0) << "nothing is left of the first try";
+    EXPECT_EQ(driver.filters.back().tag, 2);
+}
+
+/* What the undo itself meets is nobody's business. */
+TEST_F(MembershipTest, JoinSource_AdapterAndKernelRefuse_AdaptersErrorReturned)
+{
+    ruk_channel_t ch = bind();
+    driver.fail(OXEL_RX_FILTER, 1, ENOSPC);
+    host.sockets.fail(Slot::setsockopt, 2, EIO);
+    StreamCapture streams;
+    EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), ENOSPC);
+    EXPECT_EQ(streams.err().find("Ignoring"), std::string::npos);
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq).size(), 127u);
+    EXPECT_TRUE(lock_is_free());
 }
 
 TEST_F(MembershipTest, JoinSource_KernelRefuses_ErrnoAndTagGivenBack)
@@ -226,7 +248,30 @@ TEST_F(MembershipTest, JoinSource_KernelRefuses_ErrnoAndTagGivenBack)
     host.sockets.fail(Slot::setsockopt, 1, EADDRNOTAVAIL);
     EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), EADDRNOTAVAIL);
     EXPECT_EQ(entries_of(dev->rep_tag_filterq).size(), 127u);
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq).back(), &dev->rep_tag_table[0][1]);
     EXPECT_EQ(driver.trace, Lines{});
+    EXPECT_TRUE(TAILQ_EMPTY(&ch->ch_tag_multiq));
+    EXPECT_TRUE(lock_is_free());
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    EXPECT_EQ(driver.filters.back().tag, 2);
+}
+
+/* As with the plain join: success without a membership, and the entry on no queue. */
+TEST_F(MembershipTest, JoinSource_KernelRefusesWithoutErrno_SuccessWithoutMembership)
+{
+    ruk_channel_t ch = bind();
+    auto answer = host.sockets.setsockopt;
+    host.sockets.setsockopt = [](int, int, int, const void *, socklen_t) {
+        errno = 0;
+        return -1;
+    };
+    EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    host.sockets.setsockopt = answer;
+    EXPECT_EQ(driver.trace, Lines{});
+    EXPECT_TRUE(TAILQ_EMPTY(&ch->ch_tag_multiq));
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq).size(), 126u) << "neither linked nor released";
+    EXPECT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), EADDRNOTAVAIL);
+    EXPECT_TRUE(lock_is_free());
 }
 
 /* An entry remembers the source of its last use: only a join of one source writes it. */
@@ -298,16 +343,46 @@ TEST_F(MembershipTest, JoinTwiceThenUnbound_ProcessEnds)
     }
 }
 
-/* The stored source is compared in host order with the given one in network order. */
-TEST_F(MembershipTest, JoinSourceTwice_FoundOnlyWhenItReadsTheSameInBothOrders)
+/*
+ * The library's own test for a duplicate compares the stored source in host order with the given one in network order:
+ * it misses the same source given twice. A kernel that takes the second join leaves two entries and two filters.
+ */
+TEST_F(MembershipTest, JoinSourceTwice_MissedByTheLibrary_SecondFilterWhereTheKernelTakesIt)
 {
     ruk_channel_t ch = bind();
     ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
-    EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0) << "joined again, with a second filter";
+    EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0) << "this kernel does not count sources";
     EXPECT_EQ(tags_of(ch->ch_tag_multiq), (std::vector<int>{1, 2}));
     EXPECT_EQ(driver.filters.size(), 3u);
+}
+
+/* Linux itself knows the source: its refusal is the result, and neither filter nor tag is taken. */
+TEST_F(MembershipTest, JoinSourceTwice_MissedByTheLibrary_RefusedByTheHostsKernel)
+{
+    kernel.real = true;
+    ruk_channel_t ch = bind(0);
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    driver.take_trace();
+    EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), EADDRNOTAVAIL);
+    EXPECT_EQ(driver.trace, Lines{});
+    EXPECT_EQ(tags_of(ch->ch_tag_multiq), std::vector<int>{1});
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq).back(), &dev->rep_tag_table[0][2]);
+    EXPECT_TRUE(lock_is_free());
+}
+
+/* A source whose octets read the same in both orders is found, before the kernel is asked. */
+TEST_F(MembershipTest, JoinSourceTwice_SourceReadsTheSameInBothOrders_Exists)
+{
+    ruk_channel_t ch = bind();
     ASSERT_EQ(join_source(ch, "239.1.2.3", "9.0.0.9"), 0);
-    ChildResult child = run_in_child([&] { return join_source(ch, "239.1.2.3", "9.0.0.9"); });
+    ChildResult child = run_in_child([&] {
+        host.sockets.clear();
+        const int rc = join_source(ch, "239.1.2.3", "9.0.0.9");
+        EXPECT_EQ(options(), Lines{});
+        EXPECT_EQ(entries_of(dev->rep_tag_filterq).back(), &dev->rep_tag_table[0][1]) << "free, and the channel's";
+        EXPECT_TRUE(lock_is_free());
+        return rc;
+    });
     EXPECT_TRUE(child.exited_with(EEXIST)) << child;
 }
 
@@ -399,6 +474,26 @@ TEST_F(MembershipTest, LeaveSource_EntryOfThatSource_WholeMembershipDropped)
     StreamCapture streams;
     EXPECT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), 0);
     EXPECT_EQ(streams.err(), "Ignoring error from IP_MULTICAST_DROP_MEMBERSHIP: Cannot assign requested address\n");
+}
+
+/* The one pointer without a test: it is read as soon as channel and group have passed. */
+TEST_F(MembershipTest, LeaveSource_NullSource_ReadWithoutATest)
+{
+    ruk_channel_t ch = bind();
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    struct in_addr group = in_addr_of("239.1.2.3"), no_group = in_addr_of("10.1.2.3");
+    ChildResult child = run_in_child([&] {
+        struct sigaction faulted = {};
+        faulted.sa_flags = SA_SIGINFO;
+        faulted.sa_sigaction = [](int, siginfo_t *info, void *) { _exit(info->si_addr == nullptr ? 42 : 43); };
+        sigaction(SIGSEGV, &faulted, nullptr);
+        return ruk_mcast_leave_source(ch, &group, nullptr);
+    });
+    EXPECT_TRUE(child.exited_with(42) || child.err.find("null pointer") != std::string::npos /* a checked build */)
+        << "a read at address 0: " << child;
+    EXPECT_EQ(ruk_mcast_leave_source(nullptr, &group, nullptr), EINVAL);
+    EXPECT_EQ(ruk_mcast_leave_source(ch, nullptr, nullptr), EINVAL);
+    EXPECT_EQ(ruk_mcast_leave_source(ch, &no_group, nullptr), EINVAL);
 }
 
 TEST_F(MembershipTest, Leave_KernelRefusesTheDrop_SaidAndTheRestGoesOn)
