@@ -1,11 +1,11 @@
 #include "memory.h"
 
+#include "offload.h"
+
 #include <algorithm>
 #include <cerrno>
 
 namespace softnic {
-
-constexpr size_t kMinFrame = 60;
 
 void MemoryPort::inject(const uint8_t *frame, size_t len, uint64_t arrival_ns)
 {
@@ -88,7 +88,7 @@ int MemoryPort::send(const uint8_t *frame, size_t len)
         return send_error_;
     }
     sent_.emplace_back(frame, frame + len);
-    sent_.back().resize(std::max(len, kMinFrame));
+    sent_.back().resize(std::max<size_t>(len, kMinFrame));
     counters_.sent++;
     return 0;
 }

@@ -1,5 +1,7 @@
 #include "offload.h"
 
+#include "nuv_events.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -64,6 +66,16 @@ bool complete_checksum(uint8_t *frame, uint32_t len, uint32_t start, uint32_t of
     return true;
 }
 
+uint32_t pad_frame(uint8_t *frame, uint32_t len, uint32_t trailer)
+{
+    if (len >= kMinFrame + trailer)
+        return len;
+    const uint32_t end = len - trailer;
+    memmove(frame + kMinFrame, frame + end, trailer);
+    memset(frame + end, 0, kMinFrame - end);
+    return kMinFrame + trailer;
+}
+
 bool ends_inside_datagram(const uint8_t *frame, uint32_t len)
 {
     if (len < kEthHeader)
@@ -123,7 +135,7 @@ uint8_t *Segmenter::next(uint32_t *len)
     const uint32_t payload = std::min(segment_payload_, len_ - payload_at_);
     const bool first = payload_at_ == headers_, last = payload == len_ - payload_at_;
     *len = headers_ + payload;
-    segment_.resize(kVlanTag + std::max(*len, kMinFrame));
+    segment_.resize(kVlanTag + std::max(*len, kMinFrame + NUV_UEVT_FCS_LEN)); // to be padded in place
     uint8_t *frame = segment_.data() + kVlanTag;
     memcpy(frame, frame_, headers_);
     memcpy(frame + headers_, frame_ + payload_at_, payload);

@@ -9,6 +9,10 @@ namespace softnic {
 
 constexpr uint32_t kMinFrame = 60; // shortest frame on the wire, without check sequence
 
+// Pads a short frame where senders do: behind its last byte, before the trailer that it may have already. The buffer
+// has room for kMinFrame and the trailer; the length afterwards.
+uint32_t pad_frame(uint8_t *frame, uint32_t len, uint32_t trailer);
+
 // Stores the Internet checksum of frame[start..len) at start + offset, where the sum of the pseudo header is
 // already. False when these positions are not inside the frame.
 bool complete_checksum(uint8_t *frame, uint32_t len, uint32_t start, uint32_t offset);

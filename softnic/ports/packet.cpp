@@ -2,6 +2,7 @@
 
 #include "../driver/sys.h"
 #include "fork_guard.h"
+#include "nuv_events.h"
 #include "offload.h"
 #include "steer.h"
 
@@ -94,6 +95,7 @@ private:
 
 class PacketPort final : public Port {
 public:
+    explicit PacketPort(uint32_t trailer) : trailer_(trailer) {}
     ~PacketPort() override
     {
         if (ring_ != nullptr)
@@ -128,6 +130,7 @@ private:
     bool hand_out(uint8_t *data, uint32_t len, RxFrame *frame);
     bool next_segment(RxFrame *frame);
 
+    const uint32_t trailer_; // bytes that end each frame on the wire and are none of it
     std::string ifname_;
     int ifindex_ = 0;
     Socket rx_, tx_;
@@ -347,7 +350,7 @@ bool PacketPort::next_segment(RxFrame *frame)
 // Before data there is room for a tag, behind it for padding.
 bool PacketPort::hand_out(uint8_t *data, uint32_t len, RxFrame *frame)
 {
-    if (len < kMinFrame && ends_inside_datagram(data, len)) {
+    if (len < trailer_ || (len < kMinFrame + trailer_ && ends_inside_datagram(data, len - trailer_))) {
         malformed_.add();
         return false;
     }
@@ -358,12 +361,8 @@ bool PacketPort::hand_out(uint8_t *data, uint32_t len, RxFrame *frame)
         memcpy(data + 2 * ETH_ALEN, tag, sizeof(tag));
         len += kVlanTag;
     }
-    if (len < kMinFrame) {
-        memset(data + len, 0, kMinFrame - len);
-        len = kMinFrame;
-    }
     frame->data = data;
-    frame->len = len;
+    frame->len = pad_frame(data, len, trailer_);
     frame->arrival_ns = arrival_.ns;
     received_.add();
     return true;
@@ -374,9 +373,8 @@ int PacketPort::send(const uint8_t *frame, size_t len)
     uint8_t padded[kMinFrame];
     if (len < kMinFrame) {
         memcpy(padded, frame, len);
-        memset(padded + len, 0, kMinFrame - len);
+        len = pad_frame(padded, static_cast<uint32_t>(len), 0);
         frame = padded;
-        len = kMinFrame;
     }
     ssize_t n;
     do {
@@ -438,9 +436,9 @@ PortCounters PacketPort::counters() const
 
 } // namespace
 
-std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error)
+std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error, bool trailer_on_wire)
 {
-    auto port = std::make_unique<PacketPort>();
+    auto port = std::make_unique<PacketPort>(trailer_on_wire ? NUV_UEVT_FCS_LEN : 0);
     std::string why;
     if (port->open(ifname, &why))
         return port;

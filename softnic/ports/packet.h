@@ -17,6 +17,8 @@ namespace softnic {
 //
 // receive(), send() and steer() may run on different threads, each on one at a time; link_up() and counters() on
 // any. A child process must not use an inherited port.
-std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error);
+//
+// With trailer_on_wire each frame ends in a 4-byte trailer already, which padding must not follow.
+std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error, bool trailer_on_wire = false);
 
 } // namespace softnic

@@ -1,5 +1,8 @@
 #include "pcap.h"
 
+#include "nuv_events.h"
+#include "offload.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -13,7 +16,6 @@ constexpr uint32_t kMicroseconds = 0xa1b2c3d4, kNanoseconds = 0xa1b23c4d, kNextG
 constexpr size_t kFileHeader = 24, kRecordHeader = 16;
 constexpr uint32_t kEthernet = 1;
 constexpr uint32_t kLongestFrame = 262144;
-constexpr size_t kShortestFrame = 60; // without check sequence, as an adapter sees it
 
 uint32_t swap(uint32_t v) { return __builtin_bswap32(v); }
 
@@ -26,14 +28,14 @@ uint32_t PcapReader::number(const uint8_t *bytes) const
     return swapped_ ? swap(v) : v;
 }
 
-std::unique_ptr<PcapReader> PcapReader::open(const std::string &path, std::string *error)
+std::unique_ptr<PcapReader> PcapReader::open(const std::string &path, std::string *error, bool trailer_on_wire)
 {
     FILE *file = fopen(path.c_str(), "rbe");
     if (file == nullptr) {
         *error = path + ": " + strerror(errno);
         return nullptr;
     }
-    std::unique_ptr<PcapReader> reader(new PcapReader(file));
+    std::unique_ptr<PcapReader> reader(new PcapReader(file, trailer_on_wire ? NUV_UEVT_FCS_LEN : 0));
     uint8_t header[kFileHeader];
     if (fread(header, sizeof(header), 1, file) != 1) {
         *error = path + " is no capture file: it is too short";
@@ -72,11 +74,12 @@ bool PcapReader::next(uint64_t *time_ns, std::vector<uint8_t> *frame)
         frame->resize(kept);
         if (kept != 0 && fread(frame->data(), kept, 1, file_) != 1)
             return false;
-        if (kept < whole || kept == 0) {
+        if (kept < whole || kept == 0 || kept < trailer_) {
             passed_over_++;
             continue;
         }
-        frame->resize(std::max<size_t>(kept, kShortestFrame));
+        frame->resize(std::max(kept, kMinFrame + trailer_));
+        frame->resize(pad_frame(frame->data(), kept, trailer_));
         *time_ns = number(header) * UINT64_C(1000000000) + uint64_t{number(header + 4)} * tick_ns_;
         return true;
     }

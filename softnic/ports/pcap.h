@@ -16,8 +16,9 @@ namespace softnic {
 // nanoseconds, of Ethernet frames.
 class PcapReader {
 public:
-    // Null with the reason in *error.
-    static std::unique_ptr<PcapReader> open(const std::string &path, std::string *error);
+    // Null with the reason in *error. With trailer_on_wire the file's frames end in a 4-byte trailer, as those of a
+    // timestamping switch do.
+    static std::unique_ptr<PcapReader> open(const std::string &path, std::string *error, bool trailer_on_wire = false);
     ~PcapReader();
     PcapReader(const PcapReader &) = delete;
     PcapReader &operator=(const PcapReader &) = delete;
@@ -29,10 +30,11 @@ public:
     uint64_t passed_over() const { return passed_over_; }
 
 private:
-    explicit PcapReader(FILE *file) : file_(file) {}
+    PcapReader(FILE *file, uint32_t trailer) : file_(file), trailer_(trailer) {}
     uint32_t number(const uint8_t *bytes) const;
 
     FILE *file_;
+    uint32_t trailer_;
     bool swapped_ = false;
     uint32_t tick_ns_ = 1000; // of the fraction of a second
     uint64_t passed_over_ = 0;

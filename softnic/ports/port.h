@@ -8,7 +8,8 @@
 namespace softnic {
 
 // A received frame: from the destination MAC address to the last payload byte, VLAN tag in place, checksums
-// complete, padded to at least 60 bytes, without a frame check sequence. Valid until the next receive().
+// complete, padded to at least 60 bytes, without a frame check sequence; or with the 4-byte trailer behind all that,
+// when frames have theirs on arrival. Valid until the next receive().
 struct RxFrame {
     const uint8_t *data = nullptr;
     uint32_t len = 0;

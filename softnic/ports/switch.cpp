@@ -1,7 +1,9 @@
 #include "switch.h"
 
 #include "../driver/sys.h"
+#include "offload.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 #include <cmath>
@@ -174,6 +176,7 @@ uint32_t SwitchModel::stamp_word(uint64_t now_ns) const
 std::vector<uint8_t> SwitchModel::stamped(const uint8_t *frame, uint32_t len, uint64_t now_ns) const
 {
     std::vector<uint8_t> out(frame, frame + len);
+    out.resize(std::max(len, kMinFrame));
     append(&out, stamp_word(now_ns), kStampBytes);
     return out;
 }

@@ -53,7 +53,7 @@ public:
     // The keyframe that is due by now, with its stamp; empty when it is lost or none is due.
     std::vector<uint8_t> keyframe(uint64_t now_ns);
 
-    // A frame with its stamp behind it.
+    // A frame, padded to the shortest of the wire, with its stamp behind it.
     std::vector<uint8_t> stamped(const uint8_t *frame, uint32_t len, uint64_t now_ns) const;
 
 private:

@@ -147,13 +147,20 @@ CardConfig card_config(const std::string &interface, const HostInterface &host, 
     return config;
 }
 
+// Whether frames come with a switch's trailer on.
+bool trailer_on_wire()
+{
+    const char *text = setting("RUK_SOFTNIC_SWITCH");
+    return text != nullptr && strcmp(text, "wire") == 0;
+}
+
 // Puts the switch that is asked for in front of a port. False when the settings make no sense.
 bool add_switch(std::unique_ptr<Port> *port, CardConfig *config)
 {
     const char *text = setting("RUK_SOFTNIC_SWITCH");
     if (text == nullptr)
         return true;
-    if (strcmp(text, "wire") == 0) {
+    if (trailer_on_wire()) {
         config->board.trailer_on_wire = true;
         return true;
     }
@@ -186,7 +193,7 @@ bool add_replay(std::unique_ptr<Port> *port)
         complain("RUK_SOFTNIC_REPLAY: " + error);
         return false;
     }
-    std::unique_ptr<PcapReader> file = PcapReader::open(path, &error);
+    std::unique_ptr<PcapReader> file = PcapReader::open(path, &error, trailer_on_wire());
     if (!file) {
         complain(error);
         return false;
@@ -215,7 +222,7 @@ Driver *make_live_driver()
         std::string error = "no such interface";
         std::unique_ptr<Port> port;
         if (look_up(name, &host))
-            port = make_packet_port(name, &error);
+            port = make_packet_port(name, &error, trailer_on_wire());
         if (!port) {
             complain(std::string(name).append(": ").append(error));
             continue;

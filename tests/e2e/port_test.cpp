@@ -274,6 +274,37 @@ TEST_F(PacketPortTest, ShortFrame_HandedOut_PaddedWithZeroesToSixty)
     EXPECT_EQ(next(), arp);
 }
 
+TEST_F(PacketPortTest, ShortFrameWithATrailer_HandedOut_PaddedBeforeTheTrailer)
+{
+    std::string error;
+    port = softnic::make_packet_port(lab.adapter.ifname, &error, true);
+    ASSERT_TRUE(port) << error;
+    for (const uint32_t tag : {0u, 0x81000005u})
+        for (size_t size = 1; size <= 20; size++) {
+            UdpFrame frame;
+            if (tag != 0)
+                frame.tags = {tag};
+            frame.payload.assign(size, 'x');
+            Bytes expected = frame.bytes();
+            Bytes with_trailer = expected;
+            put32(&with_trailer, 0xDEADBEEF);
+            inject(with_trailer);
+            expected.resize(std::max<size_t>(expected.size(), 60));
+            put32(&expected, 0xDEADBEEF);
+            EXPECT_EQ(next(), expected) << size;
+        }
+    // A datagram whose last bytes would be taken for the trailer.
+    UdpFrame without;
+    without.payload = "abcdefgh";
+    inject(without.bytes());
+    without.payload.assign(18, 'y');
+    Bytes whole = without.bytes();
+    put32(&whole, 0x01020304);
+    inject(whole);
+    EXPECT_EQ(next(), whole);
+    EXPECT_EQ(port->counters().rx_malformed, 1u);
+}
+
 TEST_F(PacketPortTest, DatagramCutOffByTheFramesEnd_Arrives_CountedNotPadded)
 {
     UdpFrame frame;

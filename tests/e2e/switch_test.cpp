@@ -32,7 +32,7 @@ const Bytes kKeyframe = {
 };
 constexpr uint64_t kClock = 2000000000, kUtc = 1700000000000000000;
 
-// A UDP datagram that ends in the word; the payload keeps the frame above the size that is padded.
+// A UDP datagram's frame with the word right behind the payload, as short as that leaves it.
 Bytes stamped_frame(const std::string &payload, uint32_t word)
 {
     UdpFrame frame;
@@ -151,11 +151,16 @@ protected:
     // Sends the n-th datagram with that word and reads what the program prints.
     void expect_dated(Program &program, int n, uint32_t word, uint64_t time, const std::string &source)
     {
-        put_on_wire(stamped_frame(text_of(n), word));
+        expect_dated(program, text_of(n), word, time, source);
+    }
+    void expect_dated(Program &program, const std::string &payload, uint32_t word, uint64_t time,
+                      const std::string &source)
+    {
+        put_on_wire(stamped_frame(payload, word));
         std::string line;
-        ASSERT_TRUE(read_datagram(program, &line)) << "datagram " << n << program;
+        ASSERT_TRUE(read_datagram(program, &line)) << payload << program;
         const json object = parse(line);
-        EXPECT_EQ(object.at("payload"), hex(text_of(n)));
+        EXPECT_EQ(object.at("payload"), hex(payload));
         EXPECT_EQ(object.at("timestamp_ns").get<uint64_t>(), time) << line;
         EXPECT_EQ(object.at("timestamp_source"), source) << line;
     }
@@ -235,6 +240,19 @@ TEST_F(SwitchTest, WireBeforeFirstKeyframe_NoTime_AfterIt_ExactlyTheFormulasTime
                                   "dropped frm 5, neg_adj_events 0]"),
               std::string::npos)
         << *program;
+}
+
+// Frames below the wire's least are padded, and the stamp is what ends them all the same.
+TEST_F(SwitchTest, WireShortDatagrams_DatedByTheirStampsAsWell)
+{
+    auto program = receiver_behind("wire");
+    begin_times(*program, kKeyframe);
+    uint32_t ticks = 0;
+    for (size_t size = 0; size <= 20; size++) {
+        ticks += 700; // 2000 ns
+        expect_dated(*program, std::string(size, 's'), word_of(kClock + ticks), kUtc + ticks * 20 / 7, "switch");
+    }
+    expect_no_more(*program);
 }
 
 TEST_F(SwitchTest, WireStampBeforeTheKeyframes_TimeNeverGoesBack)
@@ -343,6 +361,10 @@ TEST_F(SwitchTest, CaptureKeepingTrailers_FilesLastFourBytesAreTheSwitchsWord)
         const std::string frame = captured(file, text_of(0)).frame;
         ASSERT_FALSE(frame.empty()) << *program;
         EXPECT_EQ(hex(frame.substr(42)), hex(text_of(0)) + (keep ? "deadbe7f" : ""));
+        put_on_wire(stamped_frame("short", 0xDEADBE7E));
+        const std::string padded = captured(file, "short").frame;
+        ASSERT_FALSE(padded.empty()) << *program;
+        EXPECT_EQ(hex(padded.substr(42)), hex("short" + std::string(13, 0)) + (keep ? "deadbe7e" : ""));
     }
 }
 

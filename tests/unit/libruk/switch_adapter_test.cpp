@@ -413,11 +413,11 @@ TEST(SteppedSwitch, SetWhileFramesWait_TheyAreStampedToo)
     wire.inject(frame_for(port, text("later")));
     softnic_run(wire.nic);
     uint8_t frame[2048];
-    size_t len = 0;
+    size_t len = 0; /* both are padded to 60 bytes before they are stamped */
     ASSERT_EQ(ruk_raw_recv_nb(ep.dev, frame, &len, nullptr, nullptr), 0);
-    EXPECT_EQ(Bytes(frame + 42, frame + len), text("waiting") + be32(0));
+    EXPECT_EQ(Bytes(frame + 42, frame + len), text("waiting") + Bytes(11, 0) + be32(0));
     ASSERT_EQ(ruk_raw_recv_nb(ep.dev, frame, &len, nullptr, nullptr), 0);
-    EXPECT_EQ(Bytes(frame + 42, frame + len), text("later") + be32(0x2468ac78));
+    EXPECT_EQ(Bytes(frame + 42, frame + len), text("later") + Bytes(13, 0) + be32(0x2468ac78));
 }
 
 TEST(SteppedSwitch, OtherBoard_KnowsNothingOfIt)

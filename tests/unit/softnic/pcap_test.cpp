@@ -85,6 +85,32 @@ TEST(Pcap, BigEndianNanoseconds_FrameAndTime)
     EXPECT_EQ(bytes, frame(7, 14) + frame(0, 46)); // padded as on the wire
 }
 
+TEST(Pcap, ShortFramesThatEndInATrailer_PaddedBeforeIt)
+{
+    const Bytes trailer = {0xde, 0xad, 0xbe, 0xef};
+    Bytes records = kHeader;
+    for (const uint8_t size : {3, 18, 63, 64, 65}) { // the first has no room for a trailer
+        Bytes record = kRecord;
+        record[8] = record[12] = size;
+        records = records + record + (size < 4 ? frame(7, size) : frame(7, size - 4) + trailer);
+    }
+    const File file(records);
+    std::string error;
+    const auto reader = PcapReader::open(file.name(), &error, true);
+    ASSERT_NE(reader, nullptr) << error;
+    uint64_t time_ns;
+    Bytes bytes;
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(bytes, frame(7, 14) + frame(0, 46) + trailer);
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(bytes, frame(7, 59) + frame(0, 1) + trailer);
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(bytes, frame(7, 60) + trailer);
+    ASSERT_TRUE(reader->next(&time_ns, &bytes));
+    EXPECT_EQ(bytes, frame(7, 61) + trailer);
+    EXPECT_EQ(reader->passed_over(), 1u);
+}
+
 TEST(Pcap, FrameOfWhichOnlyTheBeginningWasKept_IsPassedOverAndCounted)
 {
     Bytes cut = kRecord;

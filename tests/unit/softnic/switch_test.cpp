@@ -78,6 +78,19 @@ TEST(SwitchModel, StampWord_LeavesBit7OutAndWrapsAt31Bits)
     EXPECT_EQ(model.stamp_word(kStart + 0x80000081), 0x101u);
 }
 
+TEST(SwitchModel, ShortFrame_PaddedBeforeItsStamp)
+{
+    SwitchModel model(options_of("rate=1000000000"), kStart);
+    const Bytes stamp = {0x24, 0x68, 0xAC, 0x78};
+    for (const size_t size : {14, 42, 59, 60, 61}) {
+        const Bytes frame(size, 0xAB);
+        Bytes expected = frame;
+        expected.resize(std::max<size_t>(size, 60));
+        expected.insert(expected.end(), stamp.begin(), stamp.end());
+        EXPECT_EQ(model.stamped(frame.data(), static_cast<uint32_t>(size), kStart + 0x12345678), expected) << size;
+    }
+}
+
 TEST(SwitchModel, Ticks_StayExactOverADay)
 {
     SwitchModel model(options_of(""), kStart);
