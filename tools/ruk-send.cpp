@@ -193,7 +193,7 @@ public:
 
     void show(const Tally &tally)
     {
-        if (!shown_ || (++calls_ & 0xff) != 0)
+        if (!shown_)
             return;
         int64_t now = monotonic_ns();
         if (now < next_)
@@ -214,7 +214,6 @@ private:
     std::optional<uint64_t> count_;
     bool shown_;
     bool drawn_ = false;
-    unsigned calls_ = 0;
     int64_t next_ = monotonic_ns() + second_ns;
 };
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <sched.h>
 #include <sstream>
 
 using namespace tool_test;
@@ -19,6 +20,17 @@ protected:
         auto server = lab.start(lab.peer, {bin("ruk-ping"), "server", "--kernel", "-i", "peer0", "-p", "7000"});
         EXPECT_TRUE(server->wait_for_err("answering on 10.77.0.2:7000")) << *server;
         return server;
+    }
+
+    static std::vector<int> allowed_processors()
+    {
+        std::vector<int> processors;
+        cpu_set_t set;
+        EXPECT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+        for (int i = 0; i < CPU_SETSIZE; i++)
+            if (CPU_ISSET(static_cast<size_t>(i), &set))
+                processors.push_back(i);
+        return processors;
     }
 
     static void expect_complete(const test_support::Program &client, const std::string &via, size_t count)
@@ -215,4 +227,53 @@ TEST_F(PingTool, Placement_MoreSpinnersThanProcessors_IsWarnedOf)
               2);
     EXPECT_EQ(counted, static_cast<size_t>(processors));
     EXPECT_GT(spinners, counted);
+}
+
+TEST_F(PingTool, Cpu_ClientRunsOnThatProcessor)
+{
+    auto server = kernel_server();
+    for (const int processor : allowed_processors()) {
+        const std::string number = std::to_string(processor);
+        auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "30", "--warmup", "2",
+                            "--json", "--cpu", number});
+        EXPECT_TRUE(client->finish()) << *client;
+        expect_complete(*client, "libruk", 30);
+        size_t measuring = 0;
+        const json threads = parse(client->out())["threads"];
+        for (const json &thread : threads)
+            if (thread["name"] == "ruk-ping") {
+                measuring++;
+                EXPECT_EQ(thread["processor"], processor) << client->out();
+            }
+        EXPECT_EQ(measuring, 1u) << client->out();
+        EXPECT_NE(client->err().find("on processor " + number + " "), std::string::npos) << *client;
+        if (processor >= 3)
+            break; // enough of them
+    }
+}
+
+TEST_F(PingTool, Cpu_ServerStaysOnThatProcessor)
+{
+    const int processor = allowed_processors().back();
+    auto server = lab.start(lab.peer, {bin("ruk-ping"), "server", "--kernel", "-i", "peer0", "-p", "7000", "--cpu",
+                                       std::to_string(processor)});
+    ASSERT_TRUE(server->wait_for_err("answering on 10.77.0.2:7000")) << *server;
+    cpu_set_t allowed;
+    ASSERT_EQ(sched_getaffinity(server->pid(), sizeof allowed, &allowed), 0);
+    EXPECT_EQ(CPU_COUNT(&allowed), 1);
+    EXPECT_TRUE(CPU_ISSET(static_cast<size_t>(processor), &allowed));
+}
+
+TEST_F(PingTool, Cpu_ProcessorThatIsNotThere_IsRefused)
+{
+    for (const char *role : {"client", "server"}) {
+        std::vector<std::string> command = {bin("ruk-ping"), role, "--kernel", "-i", "oxel0", "--cpu", "1023"};
+        for (const char *more : std::string(role) == "client" ? std::vector<const char *>{"10.77.0.2:7000"}
+                                                              : std::vector<const char *>{"-p", "7000"})
+            command.push_back(more);
+        auto program = lab.start(lab.adapter, command);
+        EXPECT_TRUE(program->finish()) << *program;
+        EXPECT_TRUE(program->exited_with(2)) << *program;
+        EXPECT_EQ(program->err(), "ruk-ping: cannot run on processor 1023: Invalid argument\n");
+    }
 }
