@@ -5,10 +5,17 @@
 #include "shim/devices.h"
 #include "shim/firmware.h"
 
+#include "child.h"
+
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <thread>
 
 namespace softnic_test {
@@ -37,6 +44,13 @@ public:
         (void)!read(fd_, &count, sizeof(count));
         return MemoryPort::receive(frame); // one that came in between
     }
+    int steer(const SteerKey &key, bool install) override
+    {
+        if (on_steer)
+            on_steer(key, install);
+        return MemoryPort::steer(key, install);
+    }
+    std::function<void(const SteerKey &key, bool install)> on_steer;
 
 private:
     int fd_;
@@ -68,9 +82,10 @@ private:
     int fd_;
 };
 
-class FirmwareTest : public testing::Test {
-protected:
-    void SetUp() override
+// An adapter of one board, attached, with its firmware running.
+class LiveAdapter {
+public:
+    explicit LiveAdapter(Port &port)
     {
         CardConfig config;
         config.readable_grace_ns = 2000;
@@ -81,21 +96,60 @@ protected:
             return source;
         };
         std::vector<std::unique_ptr<Card>> cards;
-        cards.push_back(std::make_unique<Card>(config, port_, runner_));
+        cards.push_back(std::make_unique<Card>(config, port, runner_));
         card_ = cards.back().get();
-        ASSERT_EQ(card_->power_up(), 0);
+        EXPECT_EQ(card_->power_up(), 0);
         driver_ = std::make_unique<Driver>(std::move(cards));
-        ASSERT_EQ(attach_driver(driver_.get()), 0);
+        EXPECT_EQ(attach_driver(driver_.get()), 0);
         firmware_ = std::make_unique<Firmware>(*card_, FirmwareOptions{});
-        ASSERT_EQ(firmware_->start(), 0);
+        EXPECT_EQ(firmware_->start(), 0);
     }
-
-    void TearDown() override
+    ~LiveAdapter()
     {
         driver_->close_all();
         firmware_.reset();
         detach_driver(driver_.get());
     }
+    Card &card() { return *card_; }
+    Firmware &firmware() { return *firmware_; }
+    void post(const nuv_ureq_t &r) { source_->post(r); }
+
+private:
+    LiveRunner runner_;
+    Card *card_ = nullptr;
+    PostedByHand *source_ = nullptr;
+    std::unique_ptr<Driver> driver_;
+    std::unique_ptr<Firmware> firmware_;
+};
+
+void refuse_userfaultfd()
+{
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_userfaultfd, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog filter = {sizeof program / sizeof *program, program};
+    EXPECT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+    EXPECT_EQ(syscall(SYS_userfaultfd, 0), -1);
+}
+
+bool eventually(const std::function<bool()> &condition)
+{
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(100us);
+    }
+    return true;
+}
+
+class FirmwareTest : public testing::Test {
+protected:
+    void SetUp() override { adapter_ = std::make_unique<LiveAdapter>(port_); }
 
     // Times that the firmware's thread gave its processor up by itself.
     static long switches()
@@ -115,23 +169,8 @@ protected:
     }
     static std::vector<int> thread_ids();
 
-    static bool eventually(const std::function<bool()> &condition)
-    {
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > end)
-                return false;
-            std::this_thread::sleep_for(100us);
-        }
-        return true;
-    }
-
-    LiveRunner runner_;
     WakingPort port_;
-    Card *card_ = nullptr;
-    PostedByHand *source_ = nullptr;
-    std::unique_ptr<Driver> driver_;
-    std::unique_ptr<Firmware> firmware_;
+    std::unique_ptr<LiveAdapter> adapter_;
 };
 
 std::vector<int> FirmwareTest::thread_ids()
@@ -213,6 +252,127 @@ TEST_F(FirmwareTest, UnconsumedEvents_CostNoWakeUpsWhereTheConsumerCanBeWatched)
     munmap(page, 4096);
 }
 
+// Hosts and containers refuse userfaultfd: a watch that cannot be had is no watch, and leaves nothing behind.
+TEST(ConsumerWatchRefused, EveryCall_IsHarmless)
+{
+    const test_support::ChildResult child = test_support::run_in_child([] {
+        refuse_userfaultfd();
+        void *page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        const auto open_files = [] {
+            return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                 std::filesystem::directory_iterator());
+        };
+        const auto before = open_files();
+        {
+            ConsumerWatch watch;
+            EXPECT_FALSE(watch.watch(page, 4096));
+            EXPECT_FALSE(watch.arm());
+            EXPECT_EQ(watch.wake_fd(), -1);
+            watch.disarm();
+        }
+        EXPECT_EQ(open_files(), before);
+        *static_cast<volatile char *>(page) = 1; // nobody holds the page up
+        return 0;
+    });
+    EXPECT_TRUE(child.exited_with(0)) << child;
+}
+
+// The firmware then looks again after a while: what an application consumes is seen all the same.
+TEST(ConsumerWatchRefused, EventsUnconsumed_DescriptorFollowsWhatIsConsumed)
+{
+    const test_support::ChildResult child = test_support::run_in_child([] {
+        refuse_userfaultfd();
+        WakingPort port;
+        LiveAdapter adapter(port);
+        Device dev;
+        EXPECT_EQ(dev.set_up(), 0);
+        EXPECT_EQ(dev.filter(3), 0);
+        for (int round = 0; round < 3; round++) {
+            for (int i = 0; i < 10; i++)
+                port.arrive(make_frame());
+            pollfd p = {dev.fd, POLLIN, 0};
+            EXPECT_EQ(poll(&p, 1, 10000), 1);
+            std::this_thread::sleep_for(100ms); // the firmware has nothing else to do
+            EXPECT_TRUE(readable(dev.fd));
+            size_t taken = 0;
+            EXPECT_TRUE(eventually([&] { return (taken += dev.take_tags().size()) == 10; }));
+            EXPECT_TRUE(eventually([&] { return !readable(dev.fd); }));
+        }
+        dev.unmap();
+        dev.close_now();
+        return 0;
+    });
+    EXPECT_TRUE(child.exited_with(0)) << child;
+}
+
+// ------------------------------------------------------------ who has the frames when filters come and go
+
+// Each change of the steering, and whether the adapter delivers such frames at that moment: they may be seen twice,
+// but there must always be somebody who takes them.
+class SteeringOrder : public FirmwareTest {
+protected:
+    void SetUp() override
+    {
+        FirmwareTest::SetUp();
+        port_.on_steer = [this](const SteerKey &key, bool install) {
+            const auto *filters = adapter_->card().board().filters().find(key);
+            changes.push_back((install ? "from the host " : "to the host ") + std::to_string(key.port) +
+                              (filters != nullptr && !filters->empty() ? ", delivered" : ", not delivered"));
+        };
+    }
+    void TearDown() override { port_.on_steer = nullptr; }
+    std::vector<std::string> taken()
+    {
+        std::vector<std::string> all;
+        all.swap(changes);
+        return all;
+    }
+    std::vector<std::string> changes;
+};
+using Changes = std::vector<std::string>;
+
+TEST_F(SteeringOrder, FilterComesAndGoes_AdapterDeliversBeforeAndAfterTheHostDoesNot)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(3), 0);
+    EXPECT_EQ(taken(), Changes{"from the host 5000, delivered"});
+    ASSERT_EQ(dev.unfilter(3), 0);
+    EXPECT_EQ(taken(), Changes{"to the host 5000, delivered"});
+    EXPECT_TRUE(port_.steered().empty());
+}
+
+TEST_F(SteeringOrder, EndpointCloses_HostHasItsFramesBackBeforeTheAdapterStops)
+{
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(3), 0);
+    ASSERT_EQ(dev.filter(4, 0x0A4D0001, 5001), 0);
+    taken();
+    dev.unmap();
+    dev.close_now();
+    EXPECT_EQ(taken(), (Changes{"to the host 5000, delivered", "to the host 5001, delivered"}));
+    EXPECT_TRUE(port_.steered().empty());
+}
+
+TEST_F(SteeringOrder, EndpointClosesWhileAnotherHasTheFilterToo_HostGetsNothing_UntilThatOneCloses)
+{
+    Device one, other;
+    ASSERT_EQ(one.set_up(0), 0);
+    ASSERT_EQ(other.set_up(1), 0);
+    ASSERT_EQ(one.filter(3), 0);
+    ASSERT_EQ(other.filter(3), 0);
+    taken();
+    one.unmap();
+    one.close_now();
+    EXPECT_EQ(taken(), Changes{});
+    EXPECT_EQ(port_.steered().size(), 1u);
+    other.unmap();
+    other.close_now();
+    EXPECT_EQ(taken(), Changes{"to the host 5000, delivered"});
+    EXPECT_TRUE(port_.steered().empty());
+}
+
 TEST_F(FirmwareTest, PostedRequests_LeaveAlsoFromSleep)
 {
     Device dev;
@@ -222,7 +382,7 @@ TEST_F(FirmwareTest, PostedRequests_LeaveAlsoFromSleep)
     r.bytes[63] = 13;
     for (unsigned i = 1; i <= 50; i++) {
         std::this_thread::sleep_for(i % 3 == 0 ? 1ms : 0ms);
-        source_->post(r);
+        adapter_->post(r);
         int32_t timeo = -1;
         ASSERT_EQ(command(dev.fd, OXEL_WAIT_SEND_COMPLETION, &timeo), 0);
         ASSERT_EQ(dev.completions(), i);
@@ -249,8 +409,8 @@ TEST_F(FirmwareTest, Stop_SendsWhatHasBeenPosted)
     r.bytes[62] = 42;
     r.bytes[63] = 13;
     for (int i = 0; i < 60; i++)
-        source_->post(r);
-    firmware_->stop();
+        adapter_->post(r);
+    adapter_->firmware().stop();
     EXPECT_EQ(port_.sent_waiting(), 60u);
 }
 
