@@ -29,6 +29,7 @@ import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SOURCES = ("libruk", "common")
+COPIED = SOURCES + ("softnic", "tests", "bench")
 LEAST_PERCENT = 90
 
 # The programs likeliest to notice, by the beginning of the file's name; the others follow, quick ones first.
@@ -105,6 +106,9 @@ class Mutant:
         """Which ones come first: by seed and by the text, lines of the same text by their order."""
         told = "\0".join([str(seed), self.name, self.before, self.after, str(twin)])
         return hashlib.sha256(told.encode()).hexdigest()
+
+    def which(self):
+        return (self.name, self.kind, *self.told()[1:])
 
     def told(self):
         return [self.name, " ".join(self.before.split()), " ".join(self.after.split())]
@@ -218,6 +222,9 @@ def number(digits, suffix):
 # ------------------------------------------------------------------------------------------------------------- build
 
 
+PLACE = "\1"  # in commands, where the tree's path comes
+
+
 class Failure(Exception):
     pass
 
@@ -227,6 +234,7 @@ class Program:
         self.target, self.name, self.command = target, os.path.basename(target), command
         self.objects = [w for w in command.split() if w.endswith(".o") and "/test_support.dir/" not in w]
         self.seconds = 0.0
+        self.members = set()  # of the library's archive that are in it
 
 
 class Workshop:
@@ -234,10 +242,11 @@ class Workshop:
 
     def __init__(self, build, scratch):
         self.build, self.scratch = os.path.realpath(build), scratch
-        self.tree = os.path.join(scratch, "tree")
-        for part in SOURCES + ("softnic", "tests", "bench"):
-            shutil.copytree(os.path.join(ROOT, part), os.path.join(self.tree, part), symlinks=True,
-                            ignore=shutil.ignore_patterns("corpus"))
+        self.tree, self.whole = os.path.join(scratch, "tree"), os.path.join(scratch, "whole")
+        for tree in (self.tree, self.whole):
+            for part in COPIED:
+                shutil.copytree(os.path.join(ROOT, part), os.path.join(tree, part), symlinks=True,
+                                ignore=shutil.ignore_patterns("corpus"))
         self.environment = dict(os.environ, CCACHE_DISABLE="1", TMPDIR=scratch, LC_ALL="C")
         self.base = {}
         self.compile_commands = {}
@@ -276,8 +285,8 @@ class Workshop:
                     dependents.setdefault(path, []).append(current)
         return dependents
 
-    def compile(self, target, output):
-        """Whether it compiles, from the copy."""
+    def compile(self, target, output, tree):
+        """Whether it compiles, from one of the copies; both give the same names to the compiler."""
         if target not in self.compile_commands:
             command = shlex.split(self.ninja("-t", "commands", "-s", target).strip().splitlines()[-1])
             words, skip = [], False
@@ -289,18 +298,19 @@ class Workshop:
                 elif w not in ("-MD", "-Werror", "-c") and not re.match(r"-g\d?$", w):
                     words.append(self.into_copy(w))
             self.compile_commands[target] = words[:1] + ["-w", "-g0"] + words[1:] + ["-c"]
-        done = subprocess.run([*self.compile_commands[target], "-o", output], cwd=self.build, env=self.environment,
+        words = [w.replace(PLACE, tree) for w in self.compile_commands[target]]
+        done = subprocess.run([*words, f"-ffile-prefix-map={tree}=.", "-o", output], cwd=self.build, env=self.environment,
                               capture_output=True, timeout=300)  # fmt: skip
         return done.returncode == 0
 
     def into_copy(self, word):
         prefix, path = re.match(r"(-I|-isystem)?(.*)", word, re.DOTALL).groups()
-        for part in SOURCES + ("softnic", "tests", "bench"):
+        for part in COPIED:
             own = os.path.join(ROOT, part)
             if "/" in path and not path.startswith("-"):
                 full = os.path.normpath(os.path.join(self.build, path))
                 if full == own or full.startswith(own + "/"):
-                    return (prefix or "") + self.tree + full[len(ROOT) :]
+                    return (prefix or "") + PLACE + full[len(ROOT) :]
         return word
 
     def object_path(self, kind, target):
@@ -309,10 +319,10 @@ class Workshop:
         return path
 
     def unchanged(self, target):
-        """The object as it is without a mistake; compiled when first asked for, the copy being whole."""
+        """The object as it is without a mistake; compiled when first asked for."""
         if target not in self.base:
             path = self.object_path("base", target)
-            if not self.compile(target, path):
+            if not self.compile(target, path, self.whole):
                 raise Failure(f"{target} does not compile")
             self.base[target] = path
         return self.base[target]
@@ -332,10 +342,12 @@ class Workshop:
         words = shlex.split(command)
         words = [archive if w == "lib/libruk.a" else replaced.get(w, w) for w in words]
         words[words.index("-o") + 1] = output
-        done = subprocess.run(words + self.lld, cwd=self.build, env=self.environment, capture_output=True, text=True,
+        done = subprocess.run(words + self.lld + ["-Wl,--trace"], cwd=self.build, env=self.environment, capture_output=True, text=True,
                               timeout=300)  # fmt: skip
         if done.returncode:
             raise Failure(f"{program.name} does not link: {done.stderr[:500]}")
+        if not program.members:
+            program.members = set(re.findall(r"libruk\.a\((\w+\.cpp\.o)\)", done.stdout)) or {"none"}
         return output
 
     def order(self, name):
@@ -403,29 +415,26 @@ def attempt(shop, mutant):
     # A source that a test program includes is part of that program; a header is, of the programs that are about it.
     if not mutant.name.endswith(".cpp"):
         own = [t for t in own for p in shop.programs if p.name in likely and t in p.objects]
-    own_compared = mutant.name.endswith(".cpp") or not library
-    for t in library + (own if own_compared else []):
-        shop.unchanged(t)
     changed, replaced = [], {}
     try:
         with open(path, "w", encoding="utf-8") as file:
             file.write(original[: mutant.start] + mutant.new + original[mutant.end :])
 
-        def make(target):
+        def make(target, compare):
             output = shop.object_path("mutant", target)
-            if not shop.compile(target, output):
+            if not shop.compile(target, output, shop.tree):
                 return None
-            if target not in shop.base:
+            if not compare:
                 return True
             with open(output, "rb") as a, open(shop.unchanged(target), "rb") as b:
                 return a.read() != b.read()
 
-        def make_all(some):
+        def make_all(some, compare=True):
             """Targets whose code changed, or None when one does not compile; the first alone, for most fail there."""
             different = []
             for group in (some[:1], some[1:]):
                 with concurrent.futures.ThreadPoolExecutor(shop.jobs) as pool:
-                    for target, result in zip(group, pool.map(make, group)):
+                    for target, result in zip(group, pool.map(make, group, [compare] * len(group))):
                         if result is None:
                             return None
                         if result:
@@ -444,16 +453,16 @@ def attempt(shop, mutant):
         elif not different:
             more = make_all(own)
             if more is None:
-                return "killed", "a test program does not compile" if library else "discarded"
+                return "discarded", "does not compile"
             replaced = {t: shop.object_path("mutant", t) for t in more}
         if not changed and not replaced:
             return "discarded", "same code"
         result = run_all(shop, mutant, changed, replaced)
         if result[0] == "survived" and not mutant.name.endswith(".cpp") and not replaced:
             # The tests so far stood on the header as it was. Those about it see it changed, too.
-            more = make_all(own)
+            more = make_all(own, compare=False)
             if more is None:
-                return "killed", "a test program does not compile: checked formats"
+                return "discarded", "a test program does not compile"
             replaced = {t: shop.object_path("mutant", t) for t in more}
             if replaced:
                 result = run_all(shop, mutant, changed, replaced)
@@ -465,9 +474,10 @@ def attempt(shop, mutant):
 
 def run_all(shop, mutant, changed, replaced):
     archive = shop.archive(changed)
+    members = {os.path.basename(c) for c in changed}
     for p in shop.order(mutant.name):
-        if not changed and not any(o in replaced for o in p.objects):
-            continue
+        if not members & p.members and not any(o in replaced for o in p.objects):
+            continue  # nothing of it is in there
         try:
             program = shop.link(p, archive, replaced)
         except Failure:
@@ -500,7 +510,8 @@ def main():
     parser.add_argument("--explained", action="store_true", help="only those that are explained as survivors")
     parser.add_argument("--list", action="store_true", help="only say what would be tried")
     parser.add_argument("--jobs", type=int, default=2, help="compilers at once")
-    parser.add_argument("--results", help="a file that takes a line for each, as they come")
+    parser.add_argument("--results", help="a file that takes a line for each, as they come; what is in it is not redone")
+    parser.add_argument("--again", action="store_true", help="with --results: redo those that survived, and only those")
     options = parser.parse_args()
     sys.stdout.reconfigure(line_buffering=True)
 
@@ -523,7 +534,16 @@ def main():
         return 0
 
     began = time.monotonic()
-    results = open(options.results, "w", encoding="utf-8") if options.results else None
+    earlier = {}
+    if options.results and os.path.exists(options.results):
+        with open(options.results, encoding="utf-8") as file:
+            for line in file:
+                result, how, _, place, *told = line.rstrip("\n").split("\t")
+                earlier.setdefault((place.split(":")[0], *told), []).append((result, how))
+    if options.again:
+        drawn = [m for m in drawn if any(r == "survived" for r, _ in earlier.get(m.which(), []))]
+        earlier = {}
+    results = open(options.results, "a", encoding="utf-8") if options.results and not options.again else None
     killed, survivors, discarded, done = 0, [], 0, 0
     with tempfile.TemporaryDirectory(prefix="mutants.") as scratch:
         shop = Workshop(options.build, scratch)
@@ -541,9 +561,13 @@ def main():
             if done == options.count:
                 break
             start = time.monotonic()
-            result, how = attempt(shop, m)
-            line = "\t".join([result, how, f"{time.monotonic() - start:.1f}", f"{m.name}:{m.line}", m.kind, *m.told()[1:]])
-            if results:
+            before = earlier.get(m.which())
+            if before:
+                result, how = before.pop(0)
+            else:
+                result, how = attempt(shop, m)
+            line = "\t".join([result, how, f"{time.monotonic() - start:.1f}", f"{m.name}:{m.line}", *m.which()[1:]])
+            if results and before is None:
                 results.write(line + "\n")
                 results.flush()
             if result == "discarded":
@@ -565,7 +589,7 @@ def main():
     print(f"\n{done} mutants: {killed} killed, {len(survivors)} survived ({len(survivors) - unexplained} explained), "
           f"{percent:.1f} % noticed; {discarded} others did not compile or changed no code; "
           f"{time.monotonic() - began:.0f} s")  # fmt: skip
-    if done < options.count and not options.explained:
+    if done < options.count and not options.explained and not options.again:
         print(f"mutants: only {done} of {options.count} could be made", file=sys.stderr)
         return 1
     return 0 if percent >= LEAST_PERCENT else 1
