@@ -35,8 +35,8 @@ offers_not()
     fi
 }
 
-for program in ruk-info ruk-recv ruk-send ruk-ping ruk-capture ruk-top rukrun; do
-    [[ -x $bin/$program ]] || { [[ $program == ruk-capture ]] && continue; echo "$program is missing"; exit 1; }
+for program in ruk-accept ruk-bench ruk-capture ruk-info ruk-ping ruk-recv ruk-send ruk-top rukrun; do
+    [[ -x $bin/$program ]] || { echo "$program is missing"; exit 1; }
     offers --help "$bin/$program" --
     offers --version "$bin/$program" --v
     complete -p "$program" >/dev/null || failures=$((failures + 1))
@@ -53,6 +53,9 @@ offers_not block "$bin/ruk-recv" --wait s
 offers raw "$bin/ruk-recv" --filter r
 offers client "$bin/ruk-ping" c
 offers_not server "$bin/ruk-ping" c
+offers run "$bin/ruk-accept" r
+offers --minutes "$bin/ruk-accept" run --m
+offers --tiny "$bin/ruk-bench" --t
 offers --plot "$bin/ruk-ping" client --p
 offers_not --plot "$bin/ruk-ping" server --p
 offers lo "$bin/rukrun" --soft = l

@@ -1,7 +1,7 @@
 #!/bin/bash
-# --help, --version and usage errors of every program: statuses_test.sh BIN VERSION
+# --help, --version and usage errors of every program and subcommand: statuses_test.sh BIN VERSION ROOT
 set -u
-bin=$1 version=$2
+bin=$1 version=$2 root=$3
 failures=0 programs=0
 
 complain()
@@ -29,6 +29,28 @@ for path in "$bin"/ruk-* "$bin"/rukrun; do
     [[ -z $output ]] || complain "$name --no-such-option writes to standard output"
 done
 
-((programs >= 6)) || complain "only $programs programs"
-echo "$programs programs, $failures failures"
+# What has a page is there, and what is there has a page; each page tells the statuses.
+while read -r name subcommands; do
+    [[ -x $bin/$name ]] || complain "$name is missing"
+    grep -q '^\.Sh EXIT STATUS' "$root/man/$name.1" || complain "$name(1) tells no exit status"
+    programs=$((programs - 1))
+    for subcommand in $subcommands; do
+        help=$("$bin/$name" "$subcommand" --help 2>/dev/null) || complain "$name $subcommand --help: status $?"
+        [[ $help == *[Uu]sage:* ]] || complain "$name $subcommand --help tells no usage"
+        "$bin/$name" "$subcommand" --no-such-option >/dev/null 2>&1
+        status=$?
+        ((status == 2)) || complain "$name $subcommand --no-such-option: status $status"
+    done
+done < <(sed -n 's/^= //p' "$root/docs/man/programs.txt")
+((programs == 0)) || complain "$programs programs without a page"
+
+# Control sequences go to terminals alone.
+on_terminal=$(script -qec "'$bin/ruk-top' -n 1" /dev/null </dev/null)
+[[ $on_terminal == *$'\e['* ]] || complain "ruk-top does not redraw a terminal"
+[[ $("$bin/ruk-top" -n 1) != *$'\e['* ]] || complain "ruk-top writes control sequences to a pipe"
+for command in "ruk-info" "ruk-info --doctor" "ruk-info --stats" "ruk-top -n 1"; do
+    [[ $("$bin"/$command 2>&1) != *$'\e['* ]] || complain "$command writes control sequences to a pipe"
+done
+
+echo "$failures failures"
 ((failures == 0))

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sys/timex.h>
 
 using namespace tool_test;
 using nlohmann::json;
@@ -24,6 +25,25 @@ protected:
         return parse(program->out());
     }
 
+    // The same without an adapter, in a mount namespace that a shell script has prepared. `run` stands before ruk-info.
+    json examine_after(const std::string &script, const std::string &run = "")
+    {
+        auto program = lab.start(lab.adapter, {"unshare", "-m", "sh", "-euc",
+                                               script + "\nexec " + run + " " + bin("ruk-info") + " --doctor --json"});
+        EXPECT_TRUE(program->finish()) << *program;
+        status_ = program->status();
+        expect_schema("ruk-info-doctor", program->out());
+        return parse(program->out());
+    }
+
+    // A line for examine_after() that puts a text in the place of a file.
+    std::string pretend(const std::string &file, const std::string &text)
+    {
+        const std::string made = scratch_.file("pretended" + std::to_string(pretended_++));
+        std::ofstream(made) << text << "\n";
+        return "mount --bind " + made + " " + file + "\n";
+    }
+
     // The worst finding of a check, "" when it was not made.
     static json worst(const json &report, const std::string &check)
     {
@@ -39,7 +59,27 @@ protected:
     }
 
     int status_ = -1;
+
+private:
+    ScratchDir scratch_;
+    int pretended_ = 0;
 };
+
+// Device files that are ordinary ones.
+const char *const plain_device_files = "mount -t tmpfs none /dev; : >/dev/oxelA0; : >/dev/oxelB0\n";
+
+// Takes all four watchpoints of its thread, and hands the thread on.
+const char *const without_watchpoints = R"(python3 -c '
+import ctypes, os, struct, sys
+libc = ctypes.CDLL(None)
+memory = ctypes.create_string_buffer(64)
+address = ctypes.addressof(memory) + 7 & ~7
+for i in range(4):
+    attr = struct.pack("IIQQQQQIIQQ", 5, 128, 0, 1, 0, 0, 1 << 5 | 1 << 6, 0, 2, address + 8 * i, 8)
+    libc.syscall(298, ctypes.create_string_buffer(attr, 128), 0, -1, -1, 0)
+    # Kept over the exec.
+os.execv(sys.argv[1], sys.argv[1:])
+')";
 
 } // namespace
 
@@ -131,6 +171,92 @@ TEST_F(Doctor, InterfaceOnNoAdapter_IsAFailureThatSaysSo)
               "lo is on no adapter, or has no IPv4 address: sockets there are not accelerated");
     EXPECT_EQ(status_, 2);
     EXPECT_EQ(worst(examine({"-i", "nowhere"}), "address")["found"], "there is no interface nowhere");
+}
+
+TEST_F(Doctor, DeviceFileThatMayNotBeOpened_IsAFailureThatNamesThePermission)
+{
+    const json report = examine_after(std::string(plain_device_files) + "chmod 000 /dev/oxelA0 /dev/oxelB0",
+                                      "setpriv --bounding-set=-dac_override,-dac_read_search");
+    EXPECT_EQ(worst(report, "device_files")["status"], "failure");
+    EXPECT_EQ(worst(report, "device_files")["found"], "/dev/oxelB* cannot be opened: Permission denied");
+    EXPECT_EQ(worst(report, "device_files")["remedy"], "give this user read and write permission on /dev/oxelB*");
+    EXPECT_EQ(status_, 2);
+}
+
+TEST_F(Doctor, DriverThatTellsNoVersion_IsAFailure)
+{
+    const json report = examine_after(plain_device_files);
+    EXPECT_EQ(worst(report, "device_files")["status"], "ok");
+    EXPECT_EQ(worst(report, "driver_interface")["status"], "failure");
+    EXPECT_EQ(status_, 2);
+}
+
+TEST_F(Doctor, NoRouteOverTheInterface_IsAWarning)
+{
+    lab.run(lab.adapter, "ip route flush dev oxel0");
+    EXPECT_EQ(worst(examine(), "routes")["found"], "oxel0: the kernel has no route over it, so nothing can be sent");
+    EXPECT_EQ(status_, 1);
+}
+
+TEST_F(Doctor, SmallSocketBuffers_AreAWarning)
+{
+    const json report = examine_after(pretend("/proc/sys/net/core/rmem_max", "65536"));
+    EXPECT_EQ(worst(report, "socket_buffer")["status"], "warning");
+    EXPECT_EQ(worst(report, "socket_buffer")["found"], "kernel sockets hold 65536 bytes at most");
+    EXPECT_EQ(worst(examine_after(pretend("/proc/sys/net/core/rmem_max", "4194304")), "socket_buffer")["status"], "ok");
+}
+
+TEST_F(Doctor, PrivilegesThatTheSoftwareAdapterMisses_AreWarnings)
+{
+    const json report = examine_after("", "setpriv --bounding-set=-net_raw");
+    EXPECT_EQ(worst(report, "packet_socket")["status"], "warning");
+    EXPECT_EQ(worst(report, "packet_socket")["found"], "packet sockets are refused: Operation not permitted");
+}
+
+TEST_F(Doctor, WatchpointsThatAreTaken_AreAWarning)
+{
+    const json found = worst(examine_after("", without_watchpoints), "watchpoints");
+    EXPECT_EQ(found["status"], "warning");
+    EXPECT_EQ(found["found"].get<std::string>().find("hardware watchpoints are refused: "), 0u) << found;
+}
+
+TEST_F(Doctor, OneProcessor_IsAWarning)
+{
+    const json report =
+        examine_after("processor=$(taskset -pc $$ | sed 's/.*: //;s/[,-].*//')", "taskset -c $processor");
+    EXPECT_EQ(worst(report, "processors")["status"], "warning");
+}
+
+TEST_F(Doctor, GovernorOtherThanPerformance_IsAWarning)
+{
+    const std::string cpu = "/sys/devices/system/cpu";
+    const auto governed = [&](const std::string &governor) {
+        return worst(examine_after("mount -t tmpfs none " + cpu + "\nmkdir -p " + cpu + "/cpu0/cpufreq " + cpu +
+                                   "/cpufreq\necho " + governor + " >" + cpu + "/cpu0/cpufreq/scaling_governor"),
+                     "governor");
+    };
+    EXPECT_EQ(governed("powersave")["found"], "processors run under the governor 'powersave'");
+    EXPECT_EQ(governed("powersave")["status"], "warning");
+    EXPECT_EQ(governed("performance")["status"], "ok");
+}
+
+TEST_F(Doctor, ClockThatIsSlowOrChangesItsRate_IsAWarning)
+{
+    const std::string source = "/sys/devices/system/clocksource/clocksource0/current_clocksource";
+    const auto clock = [&](const char *name, const char *flags) {
+        return worst(examine_after(pretend(source, name) + pretend("/proc/cpuinfo", flags)), "clock");
+    };
+    EXPECT_EQ(clock("tsc", "flags : fpu constant_tsc")["status"], "ok");
+    EXPECT_EQ(clock("hpet", "flags : fpu constant_tsc")["found"],
+              "the kernel's clock source is hpet: reading the time is slow");
+    EXPECT_EQ(clock("tsc", "flags : fpu")["status"], "warning");
+}
+
+TEST_F(Doctor, ClockSync_IsAsTheKernelTells)
+{
+    timex state = {};
+    ASSERT_GE(adjtimex(&state), 0);
+    EXPECT_EQ(worst(examine_after(""), "clock_sync")["status"], (state.status & STA_UNSYNC) != 0 ? "warning" : "ok");
 }
 
 TEST_F(Doctor, InterfaceWithoutWhatToShow_IsAUsageError)
