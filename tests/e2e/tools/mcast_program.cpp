@@ -1,7 +1,7 @@
 /*
- * Memberships in numbers, through libruk: "ADDRESS GROUPS" joins so many groups on one channel, leaves them, joins
- * them again; then takes filter tags by joins until one is refused, gives all back, and takes them again. A line of
- * output each; it waits for a line of input between them.
+ * Memberships in numbers, through libruk: "ADDRESS GROUPS [SOURCE]" joins so many groups on one channel, leaves them,
+ * joins them again; then takes filter tags by joins until one is refused, gives all back, and takes them again. A line
+ * of output each; it waits for a line of input between them. With SOURCE joins and leaves are of that source alone.
  */
 #include "ruk.h"
 
@@ -12,6 +12,8 @@
 #include <cstring>
 
 namespace {
+
+const in_addr *source; // null = any
 
 in_addr group(unsigned n) { return {htonl(0xef010000u + n)}; } // 239.1.0.0 and on
 
@@ -30,7 +32,9 @@ unsigned join(ruk_channel_t channel, unsigned from, unsigned count, int *rc)
     *rc = 0;
     for (; n < count; n++) {
         const in_addr addr = group(from + n);
-        if ((*rc = ruk_mcast_join(channel, &addr, nullptr)) != 0)
+        *rc =
+            source != nullptr ? ruk_mcast_join_source(channel, &addr, source) : ruk_mcast_join(channel, &addr, nullptr);
+        if (*rc != 0)
             break;
     }
     return n;
@@ -41,7 +45,8 @@ unsigned leave(ruk_channel_t channel, unsigned from, unsigned count)
     unsigned left = 0;
     for (unsigned n = 0; n < count; n++) {
         const in_addr addr = group(from + n);
-        left += ruk_mcast_leave(channel, &addr) == 0;
+        left +=
+            (source != nullptr ? ruk_mcast_leave_source(channel, &addr, source) : ruk_mcast_leave(channel, &addr)) == 0;
     }
     return left;
 }
@@ -50,10 +55,14 @@ unsigned leave(ruk_channel_t channel, unsigned from, unsigned count)
 
 int main(int argc, char **argv)
 {
-    if (argc != 3)
+    if (argc != 3 && argc != 4)
         return 2;
-    in_addr addr;
+    in_addr addr, one;
     inet_pton(AF_INET, argv[1], &addr);
+    if (argc == 4) {
+        inet_pton(AF_INET, argv[3], &one);
+        source = &one;
+    }
     const auto groups = static_cast<unsigned>(atoi(argv[2]));
     ruk_device_t dev;
     ruk_channel_t channel;
