@@ -9,7 +9,10 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+#include <utility>
 
 using namespace recv_rig;
 using namespace test_support;
@@ -320,6 +323,96 @@ TEST(SwitchSummary, NoMemoryForIt_ClosedWithout)
     EXPECT_EQ(rig.close(), 0);
     EXPECT_EQ(streams.err(), "");
     EXPECT_TRUE(rig.closed());
+}
+
+namespace {
+
+/* The blocks of that size, in the order in which they were taken, and which of them were given back. */
+class Blocks : public AllocWatch {
+public:
+    explicit Blocks(size_t size) : size_(size) {}
+    bool refuses() override { return false; }
+    void taken(void *block, size_t size) override
+    {
+        if (size == size_)
+            blocks.push_back({block, false});
+    }
+    void given_back(void *block) override
+    {
+        for (auto &b : blocks)
+            if (b.first == block)
+                b.second = true;
+    }
+    std::vector<std::pair<void *, bool>> blocks;
+
+private:
+    size_t size_;
+};
+
+} // namespace
+
+TEST(SwitchSummary, VerboseOrNot_ComposedInTwoBuffersOfWhichTheFirstIsGivenBack)
+{
+    for (int verbose : {0, 1}) {
+        RigEndpoint rig;
+        rig.ep->arista_control.arct_status = ARISTA_STATUS_ACTIVE;
+        rig.ep->arista_control.arct_stats.arst_kfrecv = 77;
+        Scoped<int> v(__ruk_verbose, verbose);
+        StreamCapture streams;
+        std::vector<std::pair<void *, bool>> blocks;
+        {
+            Blocks watch(512);
+            rig.close();
+            blocks = watch.blocks;
+        }
+        ASSERT_EQ(blocks.size(), 2u) << verbose;
+        EXPECT_TRUE(blocks[0].second);
+        ASSERT_FALSE(blocks[1].second);
+        EXPECT_STREQ(static_cast<char *>(blocks[1].first),
+                     "Arista stats: KF [recv 77, flips 0, shortages 0, malformed 0] "
+                     "Sw [ptp out of sync. 0, unsupp. 0, dropped frm 0, neg_adj_events 0]");
+        free(blocks[1].first);
+    }
+}
+
+TEST(SwitchSummary, FeatureOff_NoBuffers)
+{
+    RigEndpoint rig;
+    Scoped<int> v(__ruk_verbose, 1);
+    Blocks watch(512);
+    rig.close();
+    EXPECT_EQ(watch.blocks.size(), 0u);
+}
+
+TEST(SwitchSummary, StandardErrorBuffered_FlushedAtOnce)
+{
+    RigEndpoint rig;
+    rig.ep->arista_control.arct_status = ARISTA_STATUS_ACTIVE;
+    Scoped<int> v(__ruk_verbose, 1);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    fflush(stderr);
+    const int saved = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    static char buffer[4096];
+    setvbuf(stderr, buffer, _IOFBF, sizeof buffer);
+    const auto arrived = [&] {
+        char bytes[4096];
+        const ssize_t n = read(ends[0], bytes, sizeof bytes);
+        return std::string(bytes, n > 0 ? static_cast<size_t>(n) : 0);
+    };
+    fputs("before; ", stderr);
+    const std::string early = arrived();
+    rig.close();
+    const std::string late = arrived();
+    fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    setvbuf(stderr, nullptr, _IONBF, 0);
+    for (int fd : {saved, ends[0], ends[1]})
+        close(fd);
+    EXPECT_EQ(early, ""); /* it is buffered */
+    EXPECT_EQ(late, "before; Arista stats: KF [recv 0, flips 0, shortages 0, malformed 0] "
+                    "Sw [ptp out of sync. 0, unsupp. 0, dropped frm 0, neg_adj_events 0]\n");
 }
 
 /* ------------------------------------------------------------------ the records */
