@@ -461,3 +461,24 @@ TEST(KeyframeStates, RawReceive_FollowsThemToo)
     EXPECT_EQ(streams.err(), "7: Arista switch timestamp feature disabled by the switch \n");
     EXPECT_EQ(rig.ctl().arct_status, ARISTA_STATUS_CHANGEDMODE);
 }
+
+TEST(KeyframeMalformed, RawReceive_CountedReportedAndNotHandedOut)
+{
+    Rig rig(ARISTA_STATUS_ACTIVE);
+    Keyframe longer;
+    longer.extra = 1;
+    UdpFrame next;
+    next.payload = text("the next frame");
+    rig.ring.put({{longer.bytes(), 0}});
+    rig.ring.put({{next.bytes(), 0}});
+    uint8_t buf[2048];
+    size_t len = 0;
+    StreamCapture streams;
+    EXPECT_EQ(ruk_raw_recv(rig.ep, RUK_RECV_NONBLOCK, buf, &len, nullptr), 0);
+    EXPECT_EQ(Bytes(buf + 42, buf + len), text("the next frame")); /* its last four bytes were taken for a stamp */
+    EXPECT_EQ(streams.err(), "---: Arista switch sent malformed IP PROTO 253 packet, expected=84 got=85.\n");
+    EXPECT_EQ(rig.ctl().arct_stats.arst_kfmalformed, 1u);
+    EXPECT_EQ(rig.ctl().arct_stats.arst_kfmalformedlen, 85u);
+    EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 0u);
+    EXPECT_EQ(rig.ctl().arct_status, ARISTA_STATUS_ACTIVE);
+}
