@@ -75,9 +75,19 @@ bool parse_mode(const std::string &value, SwitchOptions *options)
     return true;
 }
 
+bool parse_ptp_lost(const std::string &value, SwitchOptions *options)
+{
+    std::string from, to;
+    SwitchOptions::Span span;
+    if (!split(value, '-', &from, &to) || !to_ns(from, &span.from_ns) || !to_ns(to, &span.to_ns) ||
+        span.from_ns > span.to_ns)
+        return false;
+    options->ptp_lost.push_back(span);
+    return true;
+}
+
 bool parse_option(const std::string &key, const std::string &value, SwitchOptions *options)
 {
-    std::string a, b;
     if (key == "rate")
         return to_u64(value, &options->rate_hz) && options->rate_hz != 0;
     if (key == "interval") {
@@ -90,8 +100,7 @@ bool parse_option(const std::string &key, const std::string &value, SwitchOption
     if (key == "skew")
         return parse_skew(value, options);
     if (key == "ptp-lost")
-        return split(value, '-', &a, &b) && to_ns(a, &options->ptp_lost_from_ns) &&
-               to_ns(b, &options->ptp_lost_to_ns) && options->ptp_lost_from_ns <= options->ptp_lost_to_ns;
+        return parse_ptp_lost(value, options);
     if (key == "lose")
         return parse_loss(value, options);
     if (key == "mode")
@@ -192,7 +201,9 @@ std::vector<uint8_t> SwitchModel::keyframe(uint64_t now_ns)
     }
 
     const uint64_t since = now_ns - start_ns_;
-    const bool synced = since < options_.ptp_lost_from_ns || since >= options_.ptp_lost_to_ns;
+    const bool synced =
+        std::none_of(options_.ptp_lost.begin(), options_.ptp_lost.end(),
+                     [&](const SwitchOptions::Span &lost) { return since >= lost.from_ns && since < lost.to_ns; });
     uint8_t mode = kModeAppended;
     for (const SwitchOptions::ModeChange &change : options_.modes)
         if (since >= change.at_ns)

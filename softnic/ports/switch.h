@@ -19,11 +19,13 @@ struct SwitchOptions {
     uint64_t interval_ns = 1000000000; // between keyframes; 0 = none are sent
     uint64_t skew_numerator = 0;       // with a denominator: keyframes carry both; the clock's true rate is
     uint64_t skew_denominator = 0;     // then rate_hz * numerator / denominator
-    uint64_t ptp_lost_from_ns = 0;     // keyframes carry no sync time in this span after the start ...
-    uint64_t ptp_lost_to_ns = 0;       // ... which is empty when both are equal
-    double keyframe_loss = 0;          // chance of a keyframe to be lost, 0 to 1
-    uint32_t dst_ip = 0x01010100;      // keyframes' destination, host byte order
-    uint64_t seed = 1;                 // of the losses
+    struct Span {
+        uint64_t from_ns, to_ns; // after the start; the end is not part of it
+    };
+    std::vector<Span> ptp_lost;   // keyframes carry no sync time in these
+    double keyframe_loss = 0;     // chance of a keyframe to be lost, 0 to 1
+    uint32_t dst_ip = 0x01010100; // keyframes' destination, host byte order
+    uint64_t seed = 1;            // of the losses
     struct ModeChange {
         uint64_t at_ns; // after the start
         uint8_t mode;   // announced from then on; 1 is the appended form that receivers support
@@ -32,7 +34,8 @@ struct SwitchOptions {
 };
 
 // Reads "key=value,..." into options. Keys: rate=HZ, interval=MS, skew=NUM/DEN, ptp-lost=FROM-TO (seconds after
-// the start), lose=CHANCE, mode=N@SECONDS (repeatable), dst=ADDRESS, seed=N. False with the reason in *error.
+// the start, repeatable), lose=CHANCE, mode=N@SECONDS (repeatable), dst=ADDRESS, seed=N. False with the reason in
+// *error.
 bool parse_switch_options(const std::string &text, SwitchOptions *options, std::string *error);
 
 // The switch's clock and keyframes alone; time is an argument.

@@ -121,6 +121,16 @@ TEST(SwitchModel, PtpLost_KeyframesOfThatSpanHaveNoSyncTime)
     }
 }
 
+TEST(SwitchModel, PtpLostTwice_EachSpanCounts)
+{
+    SwitchModel model(options_of("ptp-lost=1-2,ptp-lost=4-6"), kStart);
+    const bool lost[] = {false, true, false, false, true, true, false};
+    for (uint64_t second = 0; second < 7; second++) {
+        const uint64_t now = kStart + second * kSecond;
+        EXPECT_EQ(big_endian(model.keyframe(now), kSyncAt, 8), lost[second] ? 0 : now) << second;
+    }
+}
+
 TEST(SwitchModel, ModeChanges_AnnouncedFromTheirTimesOn)
 {
     SwitchModel model(options_of("mode=2@1,mode=1@3"), kStart);
