@@ -41,6 +41,18 @@ std::vector<Frame> frames_of(const std::string &file, uint16_t ether_type)
     return frames;
 }
 
+/* An Ethernet frame's check sequence, bit by bit as the polynomial is divided; its low byte goes first. */
+uint32_t check_sequence(const std::string &frame)
+{
+    uint32_t rest = 0xffffffff;
+    for (const char c : frame)
+        for (int bit = 0; bit < 8; bit++) {
+            const bool odd = ((rest ^ (static_cast<uint8_t>(c) >> bit)) & 1) != 0;
+            rest = rest >> 1 ^ (odd ? 0xedb88320 : 0);
+        }
+    return ~rest;
+}
+
 class CaptureTool : public ToolTest {
 protected:
     std::unique_ptr<test_support::Program> capture(const std::vector<std::string> &options)
@@ -97,6 +109,7 @@ TEST_F(CaptureTool, File_HasNanosecondMagicAndWholeFramesWhileItGrows)
 
 TEST_F(CaptureTool, KeepTrailer_AddsTheFourBytesOfTheCheckSequence)
 {
+    EXPECT_EQ(check_sequence("123456789"), 0xcbf43926u); // its well-known value
     const std::string file = scratch_.file("out.pcap");
     auto program = capture({"-w", file, "-t", "30", "--keep-trailer"});
     put_frame(experimental, std::string(46, 'p'));
@@ -104,7 +117,12 @@ TEST_F(CaptureTool, KeepTrailer_AddsTheFourBytesOfTheCheckSequence)
     const std::vector<Frame> frames = frames_of(contents(file), experimental);
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(frames[0].len, 64u);
-    EXPECT_EQ(frames[0].bytes.substr(0, 60), expected_frame(std::string(46, 'p')));
+    const std::string frame = expected_frame(std::string(46, 'p'));
+    const uint32_t check = check_sequence(frame);
+    EXPECT_EQ(frames[0].bytes.substr(0, 60), frame);
+    EXPECT_EQ(frames[0].bytes.substr(60),
+              std::string({static_cast<char>(check), static_cast<char>(check >> 8), static_cast<char>(check >> 16),
+                           static_cast<char>(check >> 24)}));
 }
 
 TEST_F(CaptureTool, Snaplen_CutsWhatIsKeptNotTheLength)
