@@ -363,6 +363,30 @@ TEST(SteppedSwitch, ClockWrappedSinceTheKeyframe_TimeOfTheFrameBefore)
     EXPECT_EQ(b.time_now(), START + 10 * SECOND);
 }
 
+/* A frame whole wraps behind the keyframe is dated by the rest, and nothing tells. */
+TEST(SteppedSwitch, SparseTrafficLongAfterTheKeyframe_SixSecondsEarlyAndNotRaised)
+{
+    Behind b("interval=100000");
+    EXPECT_EQ(b.pass(0), "");
+    EXPECT_EQ(b.pass(SECOND), "");
+    EXPECT_EQ(b.time_now(), START + SECOND);
+    EXPECT_EQ(b.pass(8 * SECOND), "");
+    /* 3150000000 - 2^31 = 1002516352 ticks, 2864332434.29 ns, to a multiple of 256 */
+    EXPECT_EQ(b.time_now(), START + 2864332544);
+    EXPECT_EQ(b.ep.dev->arista_control.arct_stats.arst_neg_adj_event, 0u);
+    EXPECT_EQ(b.ep.dev->arista_control.arct_stats.arst_flips, 0u);
+}
+
+TEST(SteppedSwitch, WrapWithNoFrameSinceTheKeyframe_TheKeyframesTimeAndNotCounted)
+{
+    Behind b("interval=5000");
+    EXPECT_EQ(b.pass(0), "");
+    EXPECT_EQ(b.pass(5 * SECOND), "");
+    EXPECT_EQ(b.pass(2 * SECOND), ""); /* the clock, at 5 s 1750000000, has wrapped at 6.14 s */
+    EXPECT_EQ(b.time_now(), START + 5 * SECOND);
+    EXPECT_EQ(b.ep.dev->arista_control.arct_stats.arst_neg_adj_event, 0u);
+}
+
 TEST(SteppedSwitch, SameSeed_SameRun)
 {
     const auto run = [](const char *options) {
