@@ -430,7 +430,7 @@ static int read_driver_params(struct ruk__ep *rep)
         return rc;
     rep->rep_dmasend_threshold = params.dmasend_threshold;
     rep->rep_recvq_size = params.recvq_size;
-    rep->rep_recvq_filter_mode = (enum ruk_filter_mode)params.recvq_filter_mode;
+    tov_st32((uint32_t *)&rep->rep_recvq_filter_mode, params.recvq_filter_mode); /* a receiver may be reading it */
     return 0;
 }
 
@@ -613,7 +613,7 @@ extern "C" int ruk_device_set_attrs(ruk_device_t dev, struct ruk_device_attrs *a
 {
     int rc = 0;
     ruk__ep_lock(dev);
-    dev->rep_timestamping_enabled = attrs->hw_timestamping != 0;
+    tov_st32(&dev->rep_timestamping_enabled, attrs->hw_timestamping != 0); /* a receiver may be reading it */
     if (attrs->recvq_filter_mode != (uint32_t)dev->rep_recvq_filter_mode || dev->rep_state == REP_STATE_ALLOC)
         rc = send_attrs(dev, attrs);
     if (rc == 0) {

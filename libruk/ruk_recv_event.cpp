@@ -222,7 +222,7 @@ struct packet {
         fetch_ahead((uintptr_t)uevt);
 
     /* 2. The event's own time, where the adapter's clock counts. */
-    const bool dated = arista >= ARISTA_STATUS_ACTIVE || ep->rep_timestamping_enabled;
+    const bool dated = arista >= ARISTA_STATUS_ACTIVE || tov_ld32(&ep->rep_timestamping_enabled) != 0;
     if (__builtin_expect(!dated, 1))
         evs->evs_timestamp = 0;
     else if (arista < ARISTA_STATUS_ACTIVE)
@@ -749,7 +749,7 @@ extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
     /* A few tests: what they lead to saves the registers that it needs, and no more. */
     const struct ruk__event_state *evs = &rep->rep_eventq.evq_recvq_state;
     const uint32_t pkt_cnt = is_plain(rep, recv_mode) ? _eventq_present(&rep->rep_eventq) : 0;
-    if (__builtin_expect(pkt_cnt == 1 && !evs->evs_pkt_cur && !rep->rep_timestamping_enabled &&
+    if (__builtin_expect(pkt_cnt == 1 && !evs->evs_pkt_cur && tov_ld32(&rep->rep_timestamping_enabled) == 0 &&
                              rep->arista_control.arct_status == ARISTA_STATUS_DISABLED,
                          1))
         return receive_single(rep, recv_mode, buf, len, info);
