@@ -1,0 +1,111 @@
+#include "rig.h"
+#include "ruk_core.h"
+#include "tov.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace threads {
+
+Adapter::Adapter()
+{
+    softnic_board_config_t config;
+    softnic_board_defaults(&config, 0);
+    config.one_address = 1;
+    config.endpoints = 4;
+    config.recvq_size = 65536;
+    config.manual_sends = 1; /* requests are posted over here, faster than a firmware that looks for them can read */
+    nic = softnic_create(&config, 1, 1700000000000000000);
+    EXPECT_EQ(softnic_attach(nic), 0);
+    host = std::make_unique<PlainHost>(config.mac);
+    EXPECT_EQ(ruk_init(RUK_API_VERSION), 0);
+    tov_cycles_per_second(); /* found once, by whoever is first */
+}
+
+Adapter::~Adapter() { softnic_destroy(nic); }
+
+void Adapter::deliver(uint32_t to, uint16_t port) const
+{
+    recv_rig::UdpFrame frame;
+    frame.src = PEER;
+    frame.dst = to;
+    frame.dport = port;
+    frame.payload = {'a', 'b', 'c'};
+    const recv_rig::Bytes bytes = frame.bytes();
+    softnic_inject(nic, 0, bytes.data(), bytes.size() - 4);
+    softnic_run(nic);
+}
+
+ruk_device_t open_endpoint(int flags)
+{
+    in_addr addr = {htonl(HOST)};
+    ruk_device_t dev = nullptr;
+    EXPECT_EQ(ruk_open(&addr, flags, &dev), 0);
+    return dev;
+}
+
+Shared::Shared(const Adapter &a) : adapter(a), dev(open_endpoint())
+{
+    EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 0, this, &ch), 0);
+    sockaddr_in sin = {};
+    EXPECT_EQ(ruk_getaddress(ch, &sin), 0);
+    port = ntohs(sin.sin_port);
+    for (int side = 0; side < 2; side++) {
+        const in_addr group = group_of(side + 2);
+        EXPECT_EQ(ruk_bind(dev, 0, 0, nullptr, &own[side]), 0);
+        EXPECT_EQ(ruk_mcast_join(own[side], &group, nullptr), 0);
+    }
+    const sockaddr_in to = peer_address(0);
+    EXPECT_EQ(ruk_send_connect(ch, &to, 0, 0, &handle), 0);
+    EXPECT_EQ(oxel_raw_open_endpoint(0, &raw, TOV_PRODUCT), 0);
+    EXPECT_EQ(ruk__open_soft(dev, &soft), 0);
+}
+
+Shared::~Shared()
+{
+    tov_close(soft);
+    tov_close(oxel_raw_handle(raw));
+    oxel_raw_close_endpoint(raw);
+    EXPECT_EQ(ruk_close(dev), 0);
+}
+
+void Shared::deliver() const { adapter.deliver(HOST, port); }
+
+void Shared::settle()
+{
+    uint8_t buf[2048];
+    size_t len;
+    while (ruk_raw_recv_nb(dev, buf, &len, nullptr, nullptr) == 0) {
+    }
+    EXPECT_EQ(ruk_set_filter_mode(dev, RUK_RECV_FILTER_NORMAL), 0);
+    ruk__try_send_completion(dev);
+    unsigned left = 0;
+    struct ruk__request *req;
+    STAILQ_FOREACH(req, &dev->rep_sreq_inflightq, req_link)
+    left++;
+    softnic_bump_completions(adapter.nic, 0, dev->rep_epid, left);
+    ruk__try_send_completion(dev);
+}
+
+void pause(int i)
+{
+    if (i < PATIENCE)
+        __builtin_ia32_pause();
+    else
+        usleep(20);
+}
+
+struct sockaddr_in peer_address(int side)
+{
+    struct sockaddr_in sin = {};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(static_cast<uint16_t>(5001 + side));
+    sin.sin_addr.s_addr = htonl(PEER);
+    return sin;
+}
+
+struct in_addr group_of(int side) { return {htonl(0xef4d0200u + static_cast<uint32_t>(side))}; }
+
+} // namespace threads

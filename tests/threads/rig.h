@@ -1,0 +1,63 @@
+/* An adapter and one thread-safe endpoint for two threads. */
+#pragma once
+
+#include "oxel_raw.h"
+#include "plain_host.h"
+#include "recv_frames.h"
+#include "ruk.h"
+#include "scoped_env.h"
+#include "softnic.h"
+
+#include <memory>
+
+namespace threads {
+
+constexpr uint32_t HOST = 0x7f000001;
+constexpr uint32_t PEER = 0x7f000002;
+
+/* The adapter; its memory and the library's are one, so that the thread checker sees both sides. */
+struct Adapter {
+    Adapter();
+    ~Adapter();
+    Adapter(const Adapter &) = delete;
+    Adapter &operator=(const Adapter &) = delete;
+
+    /* A datagram, which then lies in the ring. */
+    void deliver(uint32_t to, uint16_t port) const;
+
+    test_support::ScopedEnv no_check{"RUK_IP_ACCELERATION", "1"};
+    softnic_t *nic = nullptr;
+    std::unique_ptr<PlainHost> host;
+};
+
+ruk_device_t open_endpoint(int flags = RUK_OPEN_THREAD_SAFE);
+
+/* What two threads share, and what each of them (0 or 1) has to itself. */
+struct Shared {
+    explicit Shared(const Adapter &adapter);
+    ~Shared();
+    Shared(const Shared &) = delete;
+    Shared &operator=(const Shared &) = delete;
+
+    void deliver() const; /* to the channel */
+    void settle();        /* with both threads at rest: nothing to receive, nothing in flight */
+
+    const Adapter &adapter;
+    ruk_device_t dev;
+    ruk_channel_t ch = nullptr;
+    ruk_channel_t own[2] = {};
+    ruk_send_t handle = nullptr;
+    oxel_raw_endpoint_t raw = nullptr;
+    tov_handle_t soft = -1;
+    uint16_t port = 0;
+};
+
+/* In a loop that waits for another thread: sleeps from the PATIENCE-th time on, so that a loaded machine runs that one.
+ */
+constexpr int PATIENCE = 200;
+void pause(int i);
+
+struct sockaddr_in peer_address(int side);
+struct in_addr group_of(int side);
+
+} // namespace threads
