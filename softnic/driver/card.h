@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -88,14 +89,27 @@ public:
         waiting_.fetch_add(1, std::memory_order_relaxed);
         mutex_.lock();
         waiting_.fetch_sub(1, std::memory_order_relaxed);
+        holder_.store(pthread_self(), std::memory_order_relaxed);
     }
-    bool try_lock() { return mutex_.try_lock(); }
-    void unlock() { mutex_.unlock(); }
+    bool try_lock()
+    {
+        const bool taken = mutex_.try_lock();
+        if (taken)
+            holder_.store(pthread_self(), std::memory_order_relaxed);
+        return taken;
+    }
+    void unlock()
+    {
+        holder_.store(pthread_t(), std::memory_order_relaxed);
+        mutex_.unlock();
+    }
     bool wanted() const { return waiting_.load(std::memory_order_relaxed) != 0; }
+    bool held_by_this_thread() const { return holder_.load(std::memory_order_relaxed) == pthread_self(); }
 
 private:
     std::mutex mutex_;
     std::atomic<unsigned> waiting_{0};
+    std::atomic<pthread_t> holder_{};
 };
 
 class Card;
