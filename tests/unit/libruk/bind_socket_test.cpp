@@ -134,6 +134,19 @@ TEST_F(SockbindTest, PortTaken_ClosedAndErrno)
     ::close(first);
 }
 
+TEST_F(SockbindTest, CloseChangesErrno_ErrnoStaysTheRefusals)
+{
+    sockets.fail(Slot::setsockopt, 1, EPERM);
+    sockets.close = [this](int s) {
+        const int rc = sockets.next_close(s);
+        errno = EIO;
+        return rc;
+    };
+    EXPECT_EQ(sockbind("127.0.0.1", 0, 0x12), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(sockets.count(Slot::close), 1u);
+}
+
 TEST_F(SockbindTest, PortSharedByWillingSockets)
 {
     ASSERT_EQ(sockbind("127.0.0.1", 0, 0x2), 0);
