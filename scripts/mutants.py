@@ -297,7 +297,9 @@ class Workshop:
                     skip = True
                 elif w not in ("-MD", "-Werror", "-c") and not re.match(r"-g\d?$", w):
                     words.append(self.into_copy(w))
-            self.compile_commands[target] = words[:1] + ["-w", "-g0"] + words[1:] + ["-c"]
+            # Tests need not be fast, and they are large.
+            level = [] if target.startswith("libruk/") else ["-O0"]
+            self.compile_commands[target] = words[:1] + ["-w", "-g0"] + words[1:] + level + ["-c"]
         words = [w.replace(PLACE, tree) for w in self.compile_commands[target]]
         done = subprocess.run([*words, f"-ffile-prefix-map={tree}=.", "-o", output], cwd=self.build, env=self.environment,
                               capture_output=True, timeout=300)  # fmt: skip
@@ -411,10 +413,10 @@ def attempt(shop, mutant):
     targets = shop.dependents.get(mutant.name, [])
     library = [t for t in targets if t.startswith("libruk/")]
     own = [t for t in targets if not t.startswith("libruk/")]
-    likely = {p.name for p in shop.order(mutant.name)[:3]}
-    # A source that a test program includes is part of that program; a header is, of the programs that are about it.
+    # A source that a test program includes is part of that program; a header is, of the program that is about it.
     if not mutant.name.endswith(".cpp"):
-        own = [t for t in own for p in shop.programs if p.name in likely and t in p.objects]
+        about = shop.order(mutant.name)[0]
+        own = [t for t in own if t in about.objects]
     changed, replaced = [], {}
     try:
         with open(path, "w", encoding="utf-8") as file:
@@ -596,6 +598,7 @@ def main():
 
 
 if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # the copies go, too
     try:
         sys.exit(main())
     except Failure as failure:
