@@ -510,7 +510,7 @@ void softnic_board_counters(softnic_t *nic, unsigned board, softnic_board_counte
     if (Card *card = card_of(nic, board)) {
         std::lock_guard guard(card->lock());
         const BoardCounters &c = card->board().counters();
-        *out = {c.arrived, c.matched, c.unmatched, c.malformed};
+        *out = {c.arrived, c.matched, c.unmatched, c.malformed, card->raw_dropped()};
     }
 }
 

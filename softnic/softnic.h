@@ -236,6 +236,8 @@ typedef struct softnic_board_counters {
     uint64_t matched;   /* meant for at least one endpoint */
     uint64_t unmatched; /* no endpoint wanted it */
     uint64_t malformed; /* shorter than a header or longer than an event can hold */
+    /* Copies for raw endpoints, which get one of every frame besides: dropped, since 256 were not fetched. */
+    uint64_t raw_dropped;
 } softnic_board_counters_t;
 
 typedef struct softnic_endpoint_counters {

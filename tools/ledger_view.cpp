@@ -40,6 +40,8 @@ constexpr Explanation interface_reasons[] = {
 constexpr Explanation board_reasons[] = {
     {"unmatched", "frames that no endpoint asked for: the kernel's", "none: they went their usual way"},
     {"malformed", "frames too short or too long for any event", "look for a damaged sender"},
+    {"raw_dropped", "frames for a raw endpoint that had 256 waiting already",
+     "call oxel_raw_next_event() more often, from a thread of its own"},
 };
 
 constexpr Explanation endpoint_reasons[] = {
@@ -83,6 +85,7 @@ std::vector<Drop> adapter_drops(const softnic::LedgerPage &page)
     add(drops, interface_reasons, "tx_errors", "interface", page.tx_errors);
     add(drops, board_reasons, "unmatched", "board", page.unmatched);
     add(drops, board_reasons, "malformed", "board", page.malformed);
+    add(drops, board_reasons, "raw_dropped", "board", page.raw_dropped);
     for (unsigned ep = 0; ep < page.endpoints; ep++) {
         const softnic::LedgerEndpoint &e = page.endpoint[ep];
         const std::string where = fmt::format("endpoint {}", ep);

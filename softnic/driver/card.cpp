@@ -670,7 +670,7 @@ void Card::raw_deliver(const RxFrame &frame, Now now)
 {
     for (Handle *handle : raws_) {
         if (handle->raw_frames >= kRawMaxFrames) {
-            handle->raw_dropped++;
+            raw_dropped_++;
             continue;
         }
         Handle::RawEvent event;

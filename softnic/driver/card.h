@@ -77,8 +77,7 @@ struct Handle {
     };
     std::deque<RawEvent> raw_events;
     unsigned raw_pending = 0; // completions not yet fetched
-    unsigned raw_frames = 0;
-    uint64_t raw_dropped = 0;
+    unsigned raw_frames = 0;  // frames not yet fetched
 };
 
 // Held by whoever touches a card. The firmware gives way to commands that wait for it.
@@ -171,6 +170,7 @@ public:
     void unmapping(const void *addr, size_t len); // the application is about to unmap that
     void *map(Handle &handle, void *addr, size_t len, int prot, int flags, uint64_t offset); // errno when MAP_FAILED
     int wait_send(std::unique_lock<CardLock> &lock, Handle &handle, int32_t timeout_ms);
+    uint64_t raw_dropped() const { return raw_dropped_; }
     int raw_send(Handle &handle, const oxel_raw_send_t &send);
     int raw_next_event(std::unique_lock<CardLock> &lock, Handle &handle, oxel_raw_next_event_t *event);
 
@@ -268,6 +268,7 @@ private:
     Region compcnt_; // completion counters
     std::vector<Claim> claims_;
     std::vector<Handle *> raws_;
+    uint64_t raw_dropped_ = 0;      // of all handles, closed ones too
     std::vector<SteerKey> steered_; // sorted: taken from the host
     bool promiscuous_ = false;      // the port is
     std::vector<uint8_t> frame_;    // of the request being served

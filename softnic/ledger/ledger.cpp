@@ -91,6 +91,7 @@ std::string ledger_json(const LedgerPage &page)
         board.number("matched", page.matched);
         board.number("unmatched", page.unmatched);
         board.number("malformed", page.malformed);
+        board.number("raw_dropped", page.raw_dropped);
         board.value("endpoints") += '[';
         for (unsigned ep = 0; ep < page.endpoints; ep++) {
             if (ep != 0)

@@ -10,7 +10,7 @@
 namespace softnic {
 
 constexpr char kLedgerName[] = "softnic-ledger";      // of the memfd
-constexpr uint64_t kLedgerMagic = 0x3152474c4b555253; // "SRUKLGR1"
+constexpr uint64_t kLedgerMagic = 0x3252474c4b555253; // "SRUKLGR2"
 constexpr unsigned kLedgerEndpoints = 64;
 
 // Written by the firmware, read by anybody. All numbers count since the board was made.
@@ -58,10 +58,11 @@ struct LedgerPage {
     uint64_t matched;
     uint64_t unmatched;
     uint64_t malformed;
+    uint64_t raw_dropped; // copies for raw endpoints, which held as many as they may
     LedgerEndpoint endpoint[kLedgerEndpoints];
 };
 static_assert(offsetof(LedgerPage, sequence) == 32 && offsetof(LedgerPage, received) == 48 &&
-              offsetof(LedgerPage, endpoint) == 120 && sizeof(LedgerPage) == 120 + 64 * 152);
+              offsetof(LedgerPage, endpoint) == 128 && sizeof(LedgerPage) == 128 + 64 * 152);
 
 // A consistent copy of a page that is being written. False when it is none, or changes faster than it can be read.
 bool copy_ledger(const void *page, LedgerPage *copy);

@@ -28,6 +28,7 @@ void take_ledger(Card &card, unsigned board, LedgerPage *page)
     page->matched = b.matched;
     page->unmatched = b.unmatched;
     page->malformed = b.malformed;
+    page->raw_dropped = card.raw_dropped();
     for (unsigned ep = 0; ep < page->endpoints; ep++) {
         const EndpointCounters c = card.board().endpoint_counters(ep);
         LedgerEndpoint &e = page->endpoint[ep];

@@ -161,6 +161,26 @@ TEST(Raw, FramesThatNobodyFetches_AreHeldToALimit)
     while (next_event(raw.fd).rc == 0)
         n++;
     EXPECT_EQ(n, 256);
+    EXPECT_EQ(nic.board_counters().raw_dropped, 44u);
+}
+
+TEST(Raw, SeveralHandles_EachHasItsOwnLimitAndTheirLossesAreAddedUp)
+{
+    Nic nic;
+    Device busy;
+    ASSERT_EQ(command(busy.fd, OXEL_RAW_OPEN), 0);
+    {
+        Device idle;
+        ASSERT_EQ(command(idle.fd, OXEL_RAW_OPEN), 0);
+        for (int i = 0; i < 260; i++) {
+            nic.inject(make_frame());
+            softnic_run(nic);
+            ASSERT_EQ(next_event(busy.fd).rc, 0);
+        }
+        EXPECT_EQ(nic.board_counters().raw_dropped, 4u);
+    }
+    EXPECT_EQ(nic.board_counters().raw_dropped, 4u) << "a closed handle's losses stay in the account";
+    EXPECT_EQ(nic.board_counters().arrived, 260u);
 }
 
 TEST(Raw, CloseWhileAThreadWaits_EndsTheWait)
