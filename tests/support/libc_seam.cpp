@@ -55,7 +55,8 @@ namespace test_support {
 
 LibcHooks &libc_hooks()
 {
-    static LibcHooks hooks;
+    /* Never destroyed: a process that exit() ends goes on calling libc. */
+    static LibcHooks &hooks = *new LibcHooks;
     return hooks;
 }
 
