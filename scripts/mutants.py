@@ -183,10 +183,10 @@ def mutants_of(name, text):
             run = []
             continue
         start, end, indentation = s
-        rest = masked[end:].lstrip()
+        last = masked[end:].lstrip("\x00 \n") == "" or re.match(r"[\x00 \n]*\n\}", masked[end:])
         statement = masked[start:end]
         is_return = re.match(r"return\b", statement)
-        if not (is_return and rest.startswith("}")) and not DECLARATION.match(statement):
+        if not (last if is_return else DECLARATION.match(statement)):
             add(start, end, ";" + "\n" * text.count("\n", start, end), "dropped")
         if is_return or re.match(r"(?:break|continue)\b", statement):
             run = []
