@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <ctime>
+#include <map>
+#include <poll.h>
 
 using namespace tool_test;
 using nlohmann::json;
@@ -199,6 +201,24 @@ std::vector<Captured> captured(const std::string &file)
         at += 16 + header[2];
     }
     return frames;
+}
+
+uint64_t big_endian(const std::string &bytes, size_t at, size_t n)
+{
+    uint64_t value = 0;
+    for (size_t i = at; i < at + n; i++)
+        value = value << 8 | static_cast<uint8_t>(bytes.at(i));
+    return value;
+}
+
+// The keyframes among them, without their stamps.
+std::vector<std::string> captured_keyframes(const std::string &file)
+{
+    std::vector<std::string> keyframes;
+    for (const Captured &frame : captured(file))
+        if (frame.frame.size() >= 80 && big_endian(frame.frame, 12, 2) == 0x0800 && frame.frame[23] == '\xfd')
+            keyframes.push_back(frame.frame);
+    return keyframes;
 }
 
 // The first that holds the text, waited for.
@@ -491,4 +511,144 @@ TEST_F(SwitchTest, EveryFrameAskedFor_DatedOnesComeWithoutTheirStampAndKeyframes
         usleep(20000);
     }
     FAIL() << "the keyframe was not taken" << *program;
+}
+
+// To the host that is 10.77.0.1 itself, so that its stack can have the keyframe as well.
+TEST_F(SwitchTest, KeyframesForTheKernelToo_ItsSocketsGetThemOnlyWhenAskedFor)
+{
+    Bytes keyframe = kKeyframe;
+    const uint8_t host[] = {10, 77, 0, 1};
+    std::copy(host, host + 4, keyframe.begin() + 30);
+    const auto sum = static_cast<uint16_t>(~ones_sum(keyframe, 14, 34));
+    keyframe[24] = static_cast<uint8_t>(sum >> 8);
+    keyframe[25] = static_cast<uint8_t>(sum);
+
+    int fd = -1;
+    lab.on(lab.adapter, [&] { fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, 253); });
+    ASSERT_GE(fd, 0) << strerror(errno);
+    for (const bool wanted : {true, false}) {
+        lines_ = 0;
+        auto program = receiver_behind("wire", {kOn, "OXEL_ARISTA_PARAM_KF_DST_IP=10.77.0.1",
+                                                std::string("OXEL_ARISTA_PARAM_KF_KERNDUP=") + (wanted ? "1" : "0")});
+        begin_times(*program, keyframe); // the library has it in either case
+        char packet[256];
+        if (wanted) {
+            pollfd waiting = {fd, POLLIN, 0};
+            ASSERT_EQ(poll(&waiting, 1, 10000), 1);
+            ASSERT_EQ(recv(fd, packet, sizeof(packet), 0), 66);
+            EXPECT_EQ(std::string(packet + 20, 46), std::string(keyframe.begin() + 34, keyframe.begin() + 80));
+        } else {
+            usleep(100000);
+        }
+        EXPECT_EQ(recv(fd, packet, sizeof(packet), MSG_DONTWAIT), -1) << wanted;
+        expect_no_more(*program);
+    }
+    close(fd);
+}
+
+// The keyframe filter is for untagged frames: tagged ones come where every frame is asked for.
+TEST_F(SwitchTest, TaggedKeyframes_TakenAmongAllFramesAndNotByTheFilter)
+{
+    Bytes tagged(kKeyframe.begin(), kKeyframe.begin() + 12);
+    put32(&tagged, 0x81000005);
+    tagged.insert(tagged.end(), kKeyframe.begin() + 12, kKeyframe.begin() + 80);
+    ASSERT_EQ(tagged.size(), 84u); // the last fields are where the stamp would be
+    {
+        auto program = receiver_behind("wire");
+        put_on_wire(tagged);
+        for (int n = 0; n < 5; n++)
+            expect_dated(*program, n, word_of(kClock), 0, "none");
+        expect_no_more(*program);
+    }
+    auto program = behind(
+        "wire", {"ruk-recv", "-a", lab.adapter.address, "-p", "5000", "--filter", "raw", "-t", "60", "--json"}, {kOn});
+    ASSERT_TRUE(program->wait_for_err("listening")) << *program;
+    put_on_wire(tagged);
+    std::string line;
+    for (int n = 0; n < 500; n++) {
+        put_on_wire(stamped_frame(text_of(n), word_of(kClock + 7)));
+        do
+            ASSERT_TRUE(read_datagram(*program, &line)) << *program;
+        while (parse(line).at("payload").get<std::string>().find(hex("datagram")) != 84);
+        if (parse(line).at("timestamp_source") == "switch")
+            break;
+        usleep(20000);
+    }
+    EXPECT_EQ(parse(line).at("timestamp_source"), "switch") << *program;
+    EXPECT_EQ(parse(line).at("timestamp_ns").get<uint64_t>(), kUtc + 20);
+    put32(&tagged, 0);
+    put_on_wire(tagged);
+    EXPECT_TRUE(program->wait_for_err("---: Arista switch sent malformed IP PROTO 253 packet, expected=84 got=88.\n"))
+        << *program;
+}
+
+// Its options, as the keyframes on the wire have them.
+TEST_F(SwitchTest, ModelWithOptions_KeyframesAreWhatTheySay)
+{
+    ScratchDir scratch;
+    const std::string file = scratch.file("out.pcap");
+    auto program = behind("model,interval=50,rate=1000000000,skew=999/1000,dst=10.9.8.7,ptp-lost=0-1,ptp-lost=3-4,"
+                          "mode=2@3.5,mode=1@4.5",
+                          {"ruk-capture", "-i", "oxel0", "-w", file, "-t", "60"}, {});
+    ASSERT_TRUE(program->wait_for_err("capturing on oxel0")) << *program;
+    // Ticks are nanoseconds, one in a thousand left out: the clock is the time since the start.
+    const auto since_start = [](const std::string &keyframe) { return big_endian(keyframe, 34, 8) * 1000 / 999; };
+    std::vector<std::string> keyframes;
+    for (int i = 0; i < 800 && (keyframes.empty() || since_start(keyframes.back()) < 5000000000); i++) {
+        usleep(25000);
+        keyframes = captured_keyframes(file);
+    }
+    bool synced = false, lost = false, appended = false, overwriting = false;
+    uint64_t before = 0;
+    for (const std::string &keyframe : keyframes) {
+        ASSERT_EQ(keyframe.size(), 96u);
+        EXPECT_EQ(big_endian(keyframe, 30, 4), 0x0A090807u);
+        EXPECT_EQ(big_endian(keyframe, 58, 8), 999u);
+        EXPECT_EQ(big_endian(keyframe, 66, 8), 1000u);
+        const uint64_t since = since_start(keyframe), utc = big_endian(keyframe, 42, 8);
+        const uint64_t start = utc - since, first = big_endian(keyframes[0], 42, 8) - since_start(keyframes[0]);
+        EXPECT_LE(start > first ? start - first : first - start, 3u); // the clock runs as UTC does
+        EXPECT_GE(utc, before + 50000000);
+        before = utc;
+        const bool no_sync = big_endian(keyframe, 50, 8) == 0;
+        const uint64_t mode = big_endian(keyframe, 94, 1);
+        const uint64_t ms = (since + 10) / 1000000; // a tick is missing at most
+        EXPECT_EQ(no_sync, ms < 1000 || (ms >= 3000 && ms < 4000)) << since;
+        EXPECT_EQ(mode, ms >= 3500 && ms < 4500 ? 2u : 1u) << since;
+        (no_sync ? lost : synced) = true;
+        (mode == 1 ? appended : overwriting) = true;
+    }
+    EXPECT_TRUE(synced && lost && appended && overwriting) << keyframes.size() << *program;
+}
+
+TEST_F(SwitchTest, ModelLosingHalfTheKeyframes_TheSeedSaysWhich)
+{
+    // How many keyframes come between the losses, for 0, 1, 2 ... of them before: worked out from the generator.
+    const std::map<int, std::vector<int>> expected = {
+        {1, {3, 0, 3, 1, 1, 1, 0, 4, 0, 0, 0, 0, 0, 2, 3, 0, 0, 7, 3, 0, 2, 0, 0, 1, 0, 1, 3, 3, 0, 0}},
+        {7, {0, 0, 2, 0, 0, 0, 0, 0, 0, 6, 3, 0, 0, 2, 0, 1, 1, 0, 0, 2, 1, 0, 2, 0, 0, 0, 5, 0, 0, 1}},
+    };
+    for (const auto &[seed, runs] : expected) {
+        ScratchDir scratch;
+        const std::string file = scratch.file("out.pcap");
+        auto program = behind("model,interval=20,lose=0.5,seed=" + std::to_string(seed),
+                              {"ruk-capture", "-i", "oxel0", "-w", file, "-t", "60"}, {});
+        ASSERT_TRUE(program->wait_for_err("capturing on oxel0")) << *program;
+        const auto losses = [](const std::string &keyframe) { return big_endian(keyframe, 66, 8); };
+        std::vector<std::string> keyframes;
+        for (int i = 0; i < 800 && (keyframes.empty() || losses(keyframes.back()) < 28); i++) {
+            usleep(25000);
+            keyframes = captured_keyframes(file);
+        }
+        ASSERT_FALSE(keyframes.empty()) << *program;
+        std::vector<int> came(runs.size());
+        for (const std::string &keyframe : keyframes)
+            if (losses(keyframe) < came.size())
+                came[losses(keyframe)]++;
+        // Those that were sent before the capture began, or may still come, do not count.
+        const uint64_t from = losses(keyframes.front()) + 1, to = std::min<uint64_t>(losses(keyframes.back()), 28);
+        ASSERT_LT(from, 18u) << *program;
+        for (uint64_t n = from; n < to; n++)
+            EXPECT_EQ(came[n], runs[n]) << "seed " << seed << ", after " << n << " losses";
+    }
 }
