@@ -27,6 +27,21 @@ void expect_sums(const json &board)
     }
 }
 
+// The sums that a text tells: "steered 5 = delivered 3 + ring_full 2". How many there were.
+int expect_sums_of_text(const std::string &text)
+{
+    const std::regex sum(R"(\w+ (\d+) = (\w+ \d+(?: \+ \w+ \d+)*))"), part(R"(\w+ (\d+))");
+    int sums = 0;
+    for (std::sregex_iterator i(text.begin(), text.end(), sum), end; i != end; ++i, ++sums) {
+        const std::string parts = (*i)[2];
+        uint64_t total = 0;
+        for (std::sregex_iterator p(parts.begin(), parts.end(), part); p != end; ++p)
+            total += std::stoull((*p)[1]);
+        EXPECT_EQ(std::stoull((*i)[1]), total) << text;
+    }
+    return sums;
+}
+
 class Ledger : public ToolTest {
 protected:
     std::unique_ptr<test_support::Program> run(std::vector<std::string> command)
@@ -36,6 +51,8 @@ protected:
         EXPECT_TRUE(program->finish()) << *program;
         return program;
     }
+
+    ScratchDir scratch_;
 
     // The board as an outsider sees it, once so many frames have been delivered.
     json board_with(uint64_t delivered)
@@ -99,6 +116,43 @@ TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
     ASSERT_EQ(end["adapters"].size(), 1u);
     expect_sums(end["adapters"][0]);
     EXPECT_EQ(n(end["adapters"][0]["endpoints"][0], "delivered"), 7u);
+}
+
+TEST_F(Ledger, Text_OfAReceiverThatLosesFrames_AddsUpInEveryProgram)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    const std::string file = scratch_.file("stats");
+    auto program = lab.start(
+        lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-recv"), "-i", "oxel0", "-p", "5000", "--stats"},
+        {"RUK_SOFTNIC_RECVQ=16384", "RUK_SOFTNIC_STATS=" + file});
+    ASSERT_TRUE(program->wait_for_err("listening")) << *program;
+    kill(program->pid(), SIGSTOP);
+    for (int i = 0; i < 200; i++)
+        peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
+    put_frame(0x88b5, "for nobody");
+    kill(program->pid(), SIGCONT);
+    for (int attempt = 0; attempt < 200; attempt++) { // all of them have arrived, whatever became of them
+        const json board = parse(run({"ruk-info", "--stats", "--json"})->out()).at("ledgers").at(0);
+        expect_sums(board);
+        if (n(board.at("endpoints").at(0), "steered") + n(board["port"], "rx_dropped") >= 200)
+            break;
+        usleep(20000);
+    }
+    EXPECT_EQ(expect_sums_of_text(run({"ruk-info", "--stats"})->out()), 3);
+    kill(program->pid(), SIGINT);
+    ASSERT_TRUE(program->finish()) << *program;
+    EXPECT_EQ(expect_sums_of_text(program->out().substr(program->out().find("counters:"))), 3);
+
+    // The file that the program leaves, and the drops that were told, name the same losses.
+    expect_schema("rukrun-stats", contents(file));
+    json board = json::parse(contents(file)).at("boards").at(0);
+    expect_sums(board);
+    const json &endpoint = board["endpoints"][0];
+    EXPECT_EQ(n(endpoint, "steered") + n(board["port"], "rx_dropped"), 200u);
+    if (const uint64_t lost = n(endpoint, "ring_full"); lost != 0) {
+        EXPECT_NE(program->out().find("ring_full (endpoint 0): " + std::to_string(lost) + ": "), std::string::npos)
+            << *program;
+    }
 }
 
 TEST_F(Ledger, BurstWhileTheReceiverIsStopped_Info_ShowsTheHighWaterMark)
