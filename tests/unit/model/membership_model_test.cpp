@@ -1,7 +1,10 @@
 /*
- * Random binds, joins, leaves, blocks, sends, receives and unbinds over a stepped adapter with real kernel sockets,
- * against a plain model of tags, filters, memberships and counters. What ends the process or corrupts a queue by
- * design is left out: a group joined twice without sources, a filter refused at bind, a foreign address.
+ * Random binds, joins, leaves, blocks, sends, receives, unbinds and closes over a stepped adapter with real kernel
+ * sockets, against a plain model of tags, filters, memberships and all counters. Closes come in the middle of a run,
+ * with channels bound and datagrams waiting; in some runs the tags run out. What ends the process or corrupts a queue
+ * by design is left out: a group joined twice by the library's reckoning, a filter refused at bind, a foreign address.
+ * That reckoning takes a source for one whose octets run the other way, so that no source here reads the same in both
+ * orders, and none is the mirror of another: both have tests of their own.
  *
  * A run is its seed: RUK_MODEL_SEED replays one, RUK_MODEL_STEPS sets how many steps are made in all.
  */
@@ -26,6 +29,7 @@ using namespace adapter_rig;
 namespace {
 
 constexpr uint32_t kBroadcast = 0xffffffff;
+constexpr uint32_t kSubnetBroadcast = 0x7fffffff; /* of the interface */
 constexpr unsigned kBlock = 128, kMaxBlocks = 31;
 constexpr unsigned long kRxFilter = 0x50EB;
 
@@ -88,7 +92,7 @@ struct Model {
     std::deque<std::deque<Packet>> events;                                  /* what is left of each event that waits */
     std::deque<size_t> event_packets;                                       /* how many each had */
     uint64_t packets = 0;                                                   /* consumed by channels */
-    uint64_t nosock = 0, badfilter = 0;
+    uint64_t nosock = 0, badfilter = 0, broadcast_filtered = 0;
 
     size_t pending() const
     {
@@ -171,8 +175,12 @@ struct Model {
             nosock++;
             return -1;
         }
-        if (e.ip == kBroadcast)
-            return e.channel; /* only broadcasts carry such a tag here */
+        if (e.ip == kBroadcast) {
+            if (p.dst == kBroadcast || p.dst == kSubnetBroadcast)
+                return e.channel;
+            broadcast_filtered++;
+            return -1;
+        }
         if (e.src == 0 && e.ip == p.dst)
             return e.channel;
         if (e.src != 0)
@@ -228,12 +236,17 @@ public:
 
     uint64_t delivered() const { return delivered_; }
     uint64_t refused() const { return refused_; }
+    uint64_t tags_gone() const { return tags_gone_; }       /* joins refused with ENOMEM */
+    uint64_t tags_resting() const { return tags_resting_; } /* and with EAGAIN */
+    uint64_t broadcasts_filtered() const { return broadcasts_filtered_ + model_.broadcast_filtered; }
 
 private:
     ruk_device_t dev() { return endpoint_->dev; }
 
     void step()
     {
+        if (random_.one_in(150))
+            return close_and_open();
         switch (random_.below(14)) {
         case 0:
             return bind();
@@ -257,6 +270,34 @@ private:
         }
     }
 
+    /* All goes, whatever is bound and waits: a new endpoint begins as one that was never used. */
+    void close_and_open()
+    {
+        const auto filters = model_.filters;
+        ASSERT_EQ(ruk_close(std::exchange(endpoint_->dev, nullptr)), 0);
+        ASSERT_EQ(softnic_claimed(wire_.nic, 0), 0u);
+        for (const auto &[key, tags] : filters)
+            ASSERT_FALSE(softnic_steered(wire_.nic, 0, key.first, key.second, 0, 17));
+        broadcasts_filtered_ += model_.broadcast_filtered;
+        model_ = Model{};
+        numbers_.clear();
+        endpoint_ = std::make_unique<Endpoint>(random_.one_in(2) ? RUK_OPEN_THREAD_SAFE : 0);
+        if (random_.one_in(4))
+            leave_few_tags();
+    }
+
+    /* Takes tags away until only some are left, as if other channels had them, so that a run meets the end of them. */
+    void leave_few_tags()
+    {
+        const unsigned left = 3 * 12 + random_.below(6); /* enough for every bind: a join is what fails */
+        for (unsigned n = kBlock * kMaxBlocks - left; n != 0; n--) {
+            struct ruk__tag_entry *entry = nullptr;
+            ASSERT_EQ(ruk__get_tag_entry(dev(), 0, 0, 0, &entry), 0);
+            int error = 0;
+            ASSERT_GE(model_.take(0, 0, &error), 0);
+        }
+    }
+
     int any_channel()
     {
         if (model_.channels.empty())
@@ -272,6 +313,8 @@ private:
     {
         if (model_.channels.size() >= 12)
             return unbind();
+        if (model_.free_queue.size() + kBlock * kMaxBlocks - model_.entries.size() < 2)
+            return; /* joins are what runs out of tags here */
         constexpr int choices[] = {0,
                                    RUK_BIND_REUSE,
                                    RUK_BIND_REUSE,
@@ -387,6 +430,7 @@ private:
         const int e = model_.take(ip, c.port, &expected);
         if (e < 0) {
             ASSERT_EQ(rc, expected);
+            (expected == EAGAIN ? tags_resting_ : tags_gone_)++;
             refused_++;
             return;
         }
@@ -591,9 +635,16 @@ private:
             ASSERT_EQ(ntohl(got.info.sin_to.sin_addr.s_addr), p.dst);
             ASSERT_EQ(ntohs(got.info.sin_to.sin_port), p.port);
         }
+        /* The three that these steps move; all others stay 0. */
+        ruk__epstats expected = {};
+        expected.dropped_nosock = model_.nosock;
+        expected.dropped_badfilter = model_.badfilter;
+        expected.dropped_broadcast_filtered = model_.broadcast_filtered;
         const ruk__epstats &stats = dev()->rep_stats;
         ASSERT_EQ(stats.dropped_nosock, model_.nosock);
         ASSERT_EQ(stats.dropped_badfilter, model_.badfilter);
+        ASSERT_EQ(stats.dropped_broadcast_filtered, model_.broadcast_filtered);
+        ASSERT_EQ(memcmp(&stats, &expected, sizeof stats), 0) << "a counter that nothing here should move";
         ASSERT_EQ(dev()->rep_num_packets, model_.packets);
         ASSERT_EQ(static_cast<size_t>(dev()->rep_tag_cnt) * kBlock, model_.entries.size());
     }
@@ -619,7 +670,7 @@ private:
     std::deque<Packet> on_the_wire_;
     int next_channel_ = 0;
     uint32_t arrived_ = 0;
-    uint64_t delivered_ = 0, refused_ = 0;
+    uint64_t delivered_ = 0, refused_ = 0, tags_gone_ = 0, tags_resting_ = 0, broadcasts_filtered_ = 0;
     size_t most_packets_ = 5;
 };
 
@@ -691,7 +742,7 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
     enter_own_network();
     ASSERT_FALSE(HasFailure());
     const size_t descriptors = open_descriptors();
-    uint64_t made = 0, delivered = 0, refused = 0;
+    uint64_t made = 0, delivered = 0, refused = 0, tags_gone = 0, tags_resting = 0, broadcasts_filtered = 0;
     for (uint64_t seed = first; made < steps && !HasFailure(); seed++) {
         SCOPED_TRACE("replay with RUK_MODEL_SEED=" + std::to_string(seed));
         {
@@ -700,6 +751,9 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
             episode.run(kSteps);
             delivered += episode.delivered();
             refused += episode.refused();
+            tags_gone += episode.tags_gone();
+            tags_resting += episode.tags_resting();
+            broadcasts_filtered += episode.broadcasts_filtered();
         }
         made += kSteps;
         if (HasFailure())
@@ -713,4 +767,8 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
            static_cast<unsigned long long>(delivered), static_cast<unsigned long long>(refused));
     EXPECT_GT(delivered, made / 5);
     EXPECT_GT(refused, made / 50);
+    if (made >= 200000) {
+        EXPECT_GT(tags_gone, 0u);
+        EXPECT_GT(tags_resting, 0u);
+    }
 }
