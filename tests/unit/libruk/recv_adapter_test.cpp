@@ -1,6 +1,7 @@
 /* Receiving through the public calls, from the wire of a stepped adapter to the caller's buffer. */
 #include "adapter_rig.h"
 #include "capture.h"
+#include "ruk_core.h"
 
 #include <cerrno>
 #include <cstring>
@@ -198,6 +199,43 @@ TEST(AdapterReceive, SourceMembership_OneSourceDeliveredTheOtherFiltered)
     StreamCapture streams;
     ruk_dump_stats(ep.dev, 1);
     EXPECT_EQ(streams.out(), "\tdropped_badfilter =            1\n");
+}
+
+/* A plain join or a bind takes over what source its entry had: only that source gets through. */
+TEST(AdapterReceive, EntryOfAFormerSourceMembership_PlainJoinAndBindHearThatSourceAlone)
+{
+    for (bool binds : {false, true}) {
+        Wire wire;
+        Endpoint ep;
+        ruk_channel_t chan = ep.bind();
+        const in_addr former = {htonl(GROUP)}, group = {htonl(GROUP + 1)}, source = {htonl(PEER)};
+        ASSERT_EQ(ruk_mcast_join_source(chan, &former, &source), 0); /* tag 1 */
+        ASSERT_EQ(ruk_mcast_leave_source(chan, &former, &source), 0);
+        for (int i = 0; i < 126; i++) { /* the block's other entries, which are older */
+            struct ruk__tag_entry *entry = nullptr;
+            ASSERT_EQ(ruk__get_tag_entry(ep.dev, 0, 0, 0, &entry), 0);
+        }
+        UdpFrame frame = frame_for(0, pattern(20));
+        if (binds) {
+            chan = ep.bind();
+        } else {
+            ASSERT_EQ(ruk_mcast_join(chan, &group, nullptr), 0);
+            frame.dst = GROUP + 1;
+        }
+        frame.dport = ep.port_of(chan);
+        frame.src = PEER + 1;
+        wire.inject(frame);
+        softnic_run(wire.nic);
+        EXPECT_EQ(recv(ep).rc, EAGAIN) << "another source";
+        EXPECT_EQ(ep.dev->rep_stats.dropped_badfilter, 1u);
+        frame.src = PEER;
+        wire.inject(frame);
+        softnic_run(wire.nic);
+        const Got got = recv(ep);
+        EXPECT_EQ(got.rc, 0);
+        EXPECT_EQ(got.info.chan, chan);
+        EXPECT_EQ(ep.dev->rep_stats.dropped_badfilter, 1u);
+    }
 }
 
 TEST(AdapterReceive, UnboundWithDatagramsWaiting_TheyAreDroppedAndTheTagRests)
