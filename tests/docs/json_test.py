@@ -106,9 +106,11 @@ def main(root, bin_directory):
 
     # What the programs print with an adapter, one of each: that the schemas refuse what is wrong about it.
     endpoint = dict.fromkeys(json_schemas.load("common.json")["$defs"]["endpoint"]["required"], 1) | {"endpoint": 0}
-    port = dict.fromkeys(["received", "rx_dropped", "rx_malformed", "sent", "tx_errors"], 1)
+    definitions = json_schemas.load("common.json")["$defs"]
+    port = dict.fromkeys(definitions["port"]["required"], 1)
     drop = {"reason": "ring_full", "where": "endpoint 0", "count": 1, "meaning": "m", "remedy": "r"}
-    frames = dict.fromkeys(["arrived", "matched", "unmatched", "malformed"], 1)
+    frames = {name: 1 for name in definitions["ledger"]["required"]
+              if definitions["ledger"]["properties"][name].get("$ref") == "#/$defs/count" and name != "board"}
     ledger = {"pid": 1, "program": "p", "board": 0, "interface": "oxel0", "port": port, **frames,
               "endpoints": [endpoint], "drops": [drop]}
     compare("ruk-top", {"ledgers": [ledger]})
