@@ -86,7 +86,12 @@ protected:
                                             "sizes=" + std::to_string(wanted.largest)};
         command.insert(command.begin(), as_user_.begin(), as_user_.end());
         command.insert(command.end(), more.begin(), more.end());
-        return lab.start(lab.adapter, command, {"RUK_SOFTNIC_ENDPOINTS=16", "LD_LIBRARY_PATH=" + programs_ + "/lib"});
+        // A sender built with the address sanitizer has the adapter before the sanitizer's run time.
+        const char *given = getenv("ASAN_OPTIONS");
+        const std::string sanitizer =
+            std::string("ASAN_OPTIONS=") + (given != nullptr ? given : "") + ":verify_asan_link_order=0";
+        return lab.start(lab.adapter, command,
+                         {"RUK_SOFTNIC_ENDPOINTS=16", "LD_LIBRARY_PATH=" + programs_ + "/lib", sanitizer});
     }
 
     // Senders run as a user who may open packet sockets and steer frames, and nothing else; an ordinary user who runs
