@@ -172,7 +172,7 @@ TEST_F(ReceiveChainTest, EverySize_FromKernelSocket_ArrivesWhole)
 
 TEST_F(ReceiveChainTest, HundredThousandOfAllSizes_PacedByReceiver_NoneLostNoneChangedInOrder)
 {
-    const uint32_t count = 100000;
+    const uint32_t count = getenv("RUK_TEST_LONG") ? 1000000 : 100000;
     auto program = receiver({"-p", "5000", "-n", std::to_string(count), "--json"});
     stream(*program, count, 256);
     EXPECT_TRUE(program->finish());
