@@ -32,6 +32,9 @@ SOURCES = ("libruk", "common")
 COPIED = SOURCES + ("softnic", "tests", "bench")
 LEAST_PERCENT = 90
 
+# They count the instructions of a program as it is shipped, which these are not.
+LEFT_OUT = ["tests/hpp_cost_tests"]
+
 # The programs likeliest to notice, by the beginning of the file's name; the others follow, quick ones first.
 LIKELY = {
     "libruk/ruk_init": ["libruk_open_tests"],
@@ -256,7 +259,7 @@ class Workshop:
         for target in programs:
             command = self.ninja("-t", "commands", "-s", target).strip().splitlines()[-1]
             unit = re.search(r" tests/(?:unit|fault|sim|format)/", command)
-            if unit and (" lib/libruk.a" in command or target == "tests/format_test"):
+            if target not in LEFT_OUT and unit and (" lib/libruk.a" in command or target == "tests/format_test"):
                 self.programs.append(Program(target, command))
         if not self.programs:
             raise Failure(f"no unit tests in {self.build}: build it first")
@@ -371,7 +374,7 @@ def run_test(program, scratch, seconds):
     with tempfile.TemporaryDirectory(dir=scratch) as home, open(os.path.join(home, "out"), "w+b") as out:
         child = subprocess.Popen([program, "--gtest_fail_fast", "--gtest_color=no"], cwd=home, stdin=subprocess.DEVNULL,
                                  stdout=out, stderr=out, start_new_session=True, preexec_fn=limits,
-                                 env=dict(os.environ, TMPDIR=home))  # fmt: skip
+                                 env=dict(os.environ, TMPDIR=home, RUK_SIM_SEEDS="100"))  # fmt: skip
         spent = 0.0
         last = time.monotonic()
         try:
