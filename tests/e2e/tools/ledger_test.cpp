@@ -173,17 +173,24 @@ TEST_F(Ledger, RunningReceiver_Top_ShowsRatesAndRing)
 {
     KernelSocket peer(lab, lab.peer, 40000);
     auto program = receiver({"-p", "5000"});
+    board_with(0); // the endpoint is in the ledger a moment after it is there
     auto top = lab.start(lab.adapter, {bin("ruk-top"), "-n", "2", "-d", "0.5", "--json"});
     std::string line;
     ASSERT_TRUE(top->read_line(&line)) << *top;
-    expect_schema("ruk-top", line);
+    const std::string first_line = line; // looked at below: the next look comes in half a second
     const json first = parse(line);
+    ASSERT_EQ(first.at("ledgers").size(), 1u) << line;
+    ASSERT_EQ(first["ledgers"][0].at("endpoints").size(), 1u) << line;
     EXPECT_FALSE(first["ledgers"][0]["endpoints"][0].contains("delivered_per_second"));
     for (int i = 0; i < 100; i++)
         peer.send("abc", "10.77.0.1", 5000);
     ASSERT_TRUE(top->read_line(&line)) << *top;
+    expect_schema("ruk-top", first_line);
     expect_schema("ruk-top", line);
-    const json endpoint = parse(line)["ledgers"][0]["endpoints"][0];
+    const json second = parse(line);
+    ASSERT_EQ(second.at("ledgers").size(), 1u) << line;
+    ASSERT_EQ(second["ledgers"][0].at("endpoints").size(), 1u) << line;
+    const json endpoint = second["ledgers"][0]["endpoints"][0];
     EXPECT_TRUE(top->finish());
     EXPECT_TRUE(top->exited_with(0));
     EXPECT_EQ(n(endpoint, "delivered"), 100u);
