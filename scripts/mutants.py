@@ -154,8 +154,18 @@ def mutants_of(name, text):
 
     # Directives with their continuations, and what the compiler alone reads.
     skipped = [m.span() for m in re.finditer(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*|\bstatic_assert\s*\([^;]*;|\bextern \"C\"|"
-                                             r"\boffsetof\([^;\n]*|__attribute__\s*\(\([^\n]*?\)\)|\balignas\([^)\n]*\)",
+                                             r"\boffsetof\([^;\n]*|__attribute__\s*\(\([^\n]*?\)\)|\balignas\([^)\n]*\)|"
+                                             r"\b__builtin_prefetch\([^;]*;",
                                              masked, flags=re.MULTILINE)]  # fmt: skip
+    # Hints have no effect that a test could see.
+    for m in re.finditer(r"\b__builtin_expect\(", masked):
+        depth, at, comma = 1, m.end(), m.end()
+        while at < len(masked) and depth:
+            depth += {"(": 1, ")": -1}.get(masked[at], 0)
+            if masked[at] == "," and depth == 1:
+                comma = at
+            at += 1
+        skipped.append((comma, at))
 
     def counts(at):
         return not any(a <= at < b for a, b in skipped)

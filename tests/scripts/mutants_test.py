@@ -60,6 +60,13 @@ class Mistakes(unittest.TestCase):
             self.assertNotEqual((line, kind), (6, "dropped"))
             self.assertNotIn((line, kind), ((8, "operator"), (8, "constant")))
 
+    def test_none_in_hints(self):
+        source = "int f(int a)\n{\n    if (__builtin_expect(a > 3, 1)) {\n        __builtin_prefetch(&g[4], 1);\n    }\n}\n"
+        for line, kind, after in changes(source):
+            self.assertEqual(line, 3)
+            self.assertIn(", 1))", after)
+        self.assertIn((3, "constant", "if (__builtin_expect(a > 4, 1)) {"), changes(source))
+
     def test_none_in_the_order_of_what_has_none(self):
         self.assertNotIn((12, "swapped", "p->second = a; p->first = a;"), changes(SOURCE))
         dependent = SOURCE.replace("p->second = a", "p->second = p->first")
