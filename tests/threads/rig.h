@@ -39,7 +39,7 @@ struct Shared {
     Shared(const Shared &) = delete;
     Shared &operator=(const Shared &) = delete;
 
-    void deliver() const; /* to the channel */
+    void deliver() const; /* to the channel, and before it one that no channel takes */
     void settle();        /* with both threads at rest: nothing to receive, nothing in flight */
 
     const Adapter &adapter;
