@@ -10,7 +10,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+/* Where branches are counted: the counts of a process that ends without exit(). */
+extern "C" void __gcov_dump(void) __attribute__((weak));
+
 namespace test_support {
+
+namespace {
+void keep_counts()
+{
+    if (__gcov_dump)
+        __gcov_dump();
+}
+
+void keep_counts_and_die(int signal_number)
+{
+    keep_counts();
+    signal(signal_number, SIG_DFL);
+    raise(signal_number);
+}
+} // namespace
 
 std::ostream &operator<<(std::ostream &os, const ChildResult &result)
 {
@@ -35,10 +53,13 @@ ChildResult run_in_child(const std::function<int()> &piece)
         setrlimit(RLIMIT_CORE, &no_core);
         signal(SIGALRM, SIG_DFL);
         alarm(60);
+        if (__gcov_dump)
+            signal(SIGABRT, keep_counts_and_die);
         dup2(out, STDOUT_FILENO);
         dup2(err, STDERR_FILENO);
         int status = piece();
         fflush(nullptr);
+        keep_counts();
         _exit(testing::Test::HasFailure() ? child_check_failed : status);
     }
 
