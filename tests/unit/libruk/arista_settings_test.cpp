@@ -325,6 +325,20 @@ TEST(SwitchSummary, NoMemoryForIt_ClosedWithout)
     EXPECT_TRUE(rig.closed());
 }
 
+TEST(SwitchSummary, NoMemoryForOneBuffer_ClosedWithout)
+{
+    for (unsigned nth : {1u, 2u}) {
+        RigEndpoint rig;
+        rig.ep->arista_control.arct_status = ARISTA_STATUS_ACTIVE;
+        Scoped<int> v(__ruk_verbose, 1);
+        StreamCapture streams;
+        AllocFault fault(nth, 1);
+        EXPECT_EQ(rig.close(), 0);
+        EXPECT_EQ(streams.err(), "") << nth;
+        EXPECT_TRUE(rig.closed());
+    }
+}
+
 namespace {
 
 /* The blocks of that size, in the order in which they were taken, and which of them were given back. */
