@@ -27,7 +27,7 @@ fi
 files=()
 for kind in "${kinds[@]}"; do
     case $kind in
-    64) stage "64 bit: build and test" 12 scripts/build_and_test.sh 64 build "$results/64.xml" ;;
+    64) stage "64 bit: build and test" 18 scripts/build_and_test.sh 64 build "$results/64.xml" ;;
     32) stage "32 bit: build and test" 8 scripts/build_and_test.sh 32 build-32 "$results/32.xml" ;;
     address)
         stage "address and undefined-behaviour sanitizers: build and test" 13 \
