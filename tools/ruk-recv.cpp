@@ -177,8 +177,8 @@ bool malformed(const Options &opt, const Endpoint &endpoint, const ruk_recv_info
 bool has_addresses(const ruk_recv_info &info) { return info.sin_from.sin_family == AF_INET; }
 
 /*
- * Where the datagram's time comes from. An endpoint that the adapter dates never recognises a switch's keyframes;
- * one that it does not date has times from a switch or none.
+ * Where the datagram's time comes from. An endpoint that the adapter dates does not recognise a switch's keyframes,
+ * as long as the adapter's clock does not stand at 0; one that it does not date has times from a switch or none.
  */
 const char *time_source(const Options &opt, const ruk_recv_info &info)
 {

@@ -390,34 +390,38 @@ TEST(SwitchTime, UnsupportedModeTwice_FramesLoseFourBytesAndATimeTooHighHoldsLat
 
 TEST(SwitchEvent, KeyframeBetweenFrames_FramesOfItsEventDatedByTheOneBefore)
 {
-    Rig rig;
-    UdpFrame frame;
-    frame.payload = text("payload");
-    frame.trailer = word_of(7000);
-    Keyframe kf;
-    kf.asic_time = 7000;
-    kf.utc_time = UTC + 5000000;
-    rig.ring.put({{kf.bytes(), 0}, {frame.bytes(), 0}});
-    frame.trailer = word_of(7007);
-    rig.ring.put({{frame.bytes(), 0}});
-    EXPECT_EQ(rig.recv().info.timestamp, UTC + 20000);
-    EXPECT_EQ(rig.recv().info.timestamp, UTC + 5000020);
+    for (bool locks : {false, true}) {
+        Rig rig(ARISTA_STATUS_ACTIVE, {.ring = 8192, .locks = locks});
+        UdpFrame frame;
+        frame.payload = text("payload");
+        frame.trailer = word_of(7000);
+        Keyframe kf;
+        kf.asic_time = 7000;
+        kf.utc_time = UTC + 5000000;
+        rig.ring.put({{kf.bytes(), 0}, {frame.bytes(), 0}});
+        frame.trailer = word_of(7007);
+        rig.ring.put({{frame.bytes(), 0}});
+        EXPECT_EQ(rig.recv().info.timestamp, UTC + 20000);
+        EXPECT_EQ(rig.recv().info.timestamp, UTC + 5000020);
+    }
 }
 
 TEST(SwitchEvent, FirstKeyframe_FramesOfItsEventUndated)
 {
-    Rig rig(ARISTA_STATUS_INITED);
-    UdpFrame frame;
-    frame.payload = text("payload");
-    frame.trailer = word_of(7000);
-    Keyframe kf;
-    kf.utc_time = UTC;
-    rig.ring.put({{kf.bytes(), 0}, {frame.bytes(), 0}});
-    Received got = rig.recv();
-    EXPECT_EQ(got.rc, 0);
-    EXPECT_EQ(got.info.timestamp, 0u);
-    EXPECT_EQ(rig.ctl().arct_status, ARISTA_STATUS_ACTIVE);
-    EXPECT_EQ(rig.time_of(word_of(7000)), UTC + 20000);
+    for (bool locks : {false, true}) {
+        Rig rig(ARISTA_STATUS_INITED, {.ring = 8192, .locks = locks});
+        UdpFrame frame;
+        frame.payload = text("payload");
+        frame.trailer = word_of(7000);
+        Keyframe kf;
+        kf.utc_time = UTC;
+        rig.ring.put({{kf.bytes(), 0}, {frame.bytes(), 0}});
+        Received got = rig.recv();
+        EXPECT_EQ(got.rc, 0);
+        EXPECT_EQ(got.info.timestamp, 0u);
+        EXPECT_EQ(rig.ctl().arct_status, ARISTA_STATUS_ACTIVE);
+        EXPECT_EQ(rig.time_of(word_of(7000)), UTC + 20000);
+    }
 }
 
 /* ------------------------------------------------------------------ the reference itself */

@@ -22,7 +22,8 @@ struct Rig : RigEndpoint {
     test_support::LibcHookGuard hooks;
     uint64_t now = NOW;
 
-    explicit Rig(arista_tsp_status status, bool skew = false)
+    explicit Rig(arista_tsp_status status, bool skew = false, bool locks = false)
+        : RigEndpoint({.ring = 8192, .locks = locks})
     {
         arista_control &ctl = ep->arista_control;
         ctl.arct_status = status;
@@ -149,19 +150,21 @@ TEST(Keyframe, Ipv6OfProtocol253_ReadAtTheSamePlaces)
 
 TEST(Keyframe, AmongDatagrams_NeverReachesTheCaller)
 {
-    Rig rig(ARISTA_STATUS_INITED);
-    rig.bind(0, 0x0a4d0001, 5000);
-    rig.ring.put({{Keyframe().bytes(), 0}, {udp_frame("one"), 0}, {Keyframe().bytes(), 0}, {udp_frame("two"), 0}});
-    rig.ring.put({{Keyframe().bytes(), 0}});
-    EXPECT_EQ(rig.recv(RUK_RECV_PEEK).info.msg_len, 3u); /* a peek absorbs what stands before, too */
-    EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 1u);
-    EXPECT_EQ(rig.recv(RUK_RECV_DEFAULT).data[0], 'o');
-    EXPECT_EQ(rig.recv(RUK_RECV_BLOCK).data[0], 't');
-    EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 2u);
-    EXPECT_EQ(rig.recv().rc, EAGAIN);
-    EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 3u);
-    EXPECT_EQ(rig.ep->rep_num_packets, 3u); /* the peek counts, keyframes do not */
-    EXPECT_EQ(rig.flow32(0), 2u);
+    for (bool locks : {false, true}) {
+        Rig rig(ARISTA_STATUS_INITED, false, locks);
+        rig.bind(0, 0x0a4d0001, 5000);
+        rig.ring.put({{Keyframe().bytes(), 0}, {udp_frame("one"), 0}, {Keyframe().bytes(), 0}, {udp_frame("two"), 0}});
+        rig.ring.put({{Keyframe().bytes(), 0}});
+        EXPECT_EQ(rig.recv(RUK_RECV_PEEK).info.msg_len, 3u); /* a peek absorbs what stands before, too */
+        EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 1u);
+        EXPECT_EQ(rig.recv(RUK_RECV_DEFAULT).data[0], 'o');
+        EXPECT_EQ(rig.recv(RUK_RECV_BLOCK).data[0], 't');
+        EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 2u);
+        EXPECT_EQ(rig.recv().rc, EAGAIN);
+        EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 3u);
+        EXPECT_EQ(rig.ep->rep_num_packets, 3u); /* the peek counts, keyframes do not */
+        EXPECT_EQ(rig.flow32(0), 2u);
+    }
 }
 
 TEST(Keyframe, FeatureOff_OrdinaryFrame)
