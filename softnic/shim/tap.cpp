@@ -504,10 +504,11 @@ void RequestTap::disarm_idle()
     TapState &tap = *state_;
     if (tap.mode == TapMode::fast && !tap.detached)
         tap.protect(false);
-    if (!tap.sleeping.exchange(false)) {
-        uint64_t count;
-        (void)!read(tap.eventfd, &count, sizeof count);
-    }
+    tap.sleeping.store(false);
+    // Read in any case: whoever ended an earlier sleep may have come to his write only after that sleep was over, and
+    // what nobody reads would end every further sleep at once.
+    uint64_t count;
+    (void)!read(tap.eventfd, &count, sizeof count);
 }
 
 int RequestTap::wake_fd() const { return state_->eventfd; }

@@ -318,6 +318,26 @@ TEST(TapFast, Idle_EmptyPayloadPosted_WakesWithoutHavingUsedTheProcessor)
 TEST(TapExact, Idle_Posted_WakesWithoutHavingUsedTheProcessor) { expect_idle_costs_nothing(TapMode::exact, 14); }
 TEST(TapFallback, Idle_Posted_WakesWithoutHavingUsedTheProcessor) { expect_idle_costs_nothing(TapMode::fallback, 13); }
 
+// A store ends a sleep that is over for another reason by the time the waking write comes.
+TEST(TapIdle, WakeComesAfterTheSleepIsOver_EndsAtMostOneFurtherSleep)
+{
+    for (TapMode mode : {TapMode::fast, TapMode::exact, TapMode::fallback}) {
+        Window window;
+        auto tap = window.tap(mode);
+        ASSERT_EQ(tap->arm_idle(), TapIdle::armed);
+        tap->disarm_idle();
+        const uint64_t one = 1;
+        ASSERT_EQ(write(tap->wake_fd(), &one, sizeof one), ssize_t(sizeof one));
+        struct pollfd wake = {tap->wake_fd(), POLLIN, 0};
+        ASSERT_EQ(tap->arm_idle(), TapIdle::armed);
+        EXPECT_EQ(poll(&wake, 1, 0), 1) << tap_mode_name(mode);
+        tap->disarm_idle();
+        ASSERT_EQ(tap->arm_idle(), TapIdle::armed);
+        EXPECT_EQ(poll(&wake, 1, 0), 0) << tap_mode_name(mode);
+        tap->disarm_idle();
+    }
+}
+
 TEST(TapIdle, RequestWaiting_Arm_RefusesToSleep)
 {
     for (TapMode mode : {TapMode::fast, TapMode::exact, TapMode::fallback})
