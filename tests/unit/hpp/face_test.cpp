@@ -443,6 +443,17 @@ TEST_F(Face, NoRoom_TrySendSaysSoWithoutAnError)
     EXPECT_FALSE(channel.try_send_to(ruk::address("10.77.0.2", 6000), std::span(large)));
 }
 
+TEST_F(Face, EndpointNotEnabled_TrySendTellsTheError)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle handle = channel.connect(ruk::address("10.77.0.2", 6000));
+    std::error_code ec;
+    EXPECT_FALSE(handle.try_send("x"sv, ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { (void)handle.try_send("x"sv); }), EINVAL);
+}
+
 TEST_F(Face, FrameWithAHeaderOfItsOwn_LeavesTheAdapter)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::none);

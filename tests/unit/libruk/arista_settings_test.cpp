@@ -325,27 +325,13 @@ TEST(SwitchSummary, NoMemoryForIt_ClosedWithout)
     EXPECT_TRUE(rig.closed());
 }
 
-TEST(SwitchSummary, NoMemoryForOneBuffer_ClosedWithout)
-{
-    for (unsigned nth : {1u, 2u}) {
-        RigEndpoint rig;
-        rig.ep->arista_control.arct_status = ARISTA_STATUS_ACTIVE;
-        Scoped<int> v(__ruk_verbose, 1);
-        StreamCapture streams;
-        AllocFault fault(nth, 1);
-        EXPECT_EQ(rig.close(), 0);
-        EXPECT_EQ(streams.err(), "") << nth;
-        EXPECT_TRUE(rig.closed());
-    }
-}
-
 namespace {
 
 /* The blocks of that size, in the order in which they were taken, and which of them were given back. */
 class Blocks : public AllocWatch {
 public:
-    explicit Blocks(size_t size) : size_(size) {}
-    bool refuses() override { return false; }
+    explicit Blocks(size_t size, unsigned refused = 0) : size_(size), refused_(refused) {}
+    bool refuses() override { return ++asked_ == refused_; }
     void taken(void *block, size_t size) override
     {
         if (size == size_)
@@ -361,9 +347,30 @@ public:
 
 private:
     size_t size_;
+    unsigned refused_, asked_ = 0; /* the call that fails; 0 for none */
 };
 
 } // namespace
+
+TEST(SwitchSummary, NoMemoryForOneBuffer_ClosedWithout_TheOtherIsGivenBack)
+{
+    for (unsigned refused : {1u, 2u}) {
+        RigEndpoint rig;
+        rig.ep->arista_control.arct_status = ARISTA_STATUS_ACTIVE;
+        Scoped<int> v(__ruk_verbose, 1);
+        StreamCapture streams;
+        std::vector<std::pair<void *, bool>> blocks;
+        {
+            Blocks watch(512, refused);
+            EXPECT_EQ(rig.close(), 0);
+            blocks = watch.blocks;
+        }
+        EXPECT_EQ(streams.err(), "") << refused;
+        EXPECT_TRUE(rig.closed());
+        ASSERT_EQ(blocks.size(), 1u) << refused;
+        EXPECT_TRUE(blocks[0].second) << refused;
+    }
+}
 
 TEST(SwitchSummary, VerboseOrNot_ComposedInTwoBuffersOfWhichTheFirstIsGivenBack)
 {
