@@ -174,7 +174,48 @@ int tap_take_signal(int signo, TapSignalHandler handler)
 
 using namespace softnic;
 
+namespace {
+
+sighandler_t install_handler(int signo, sighandler_t handler, int flags, bool masks_itself)
+{
+    struct sigaction action = {}, old;
+    if (handler == SIG_ERR) {
+        errno = EINVAL;
+        return SIG_ERR;
+    }
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    if (masks_itself)
+        sigaddset(&action.sa_mask, signo);
+    return sigaction(signo, &action, &old) == 0 ? old.sa_handler : SIG_ERR;
+}
+
+// 0, or -1 with EINVAL in errno when there is no such signal.
+int change_one(int how, int signo, sigset_t *before)
+{
+    sigset_t only;
+    sigemptyset(&only);
+    return sigaddset(&only, signo) == 0 ? sigprocmask(how, &only, before) : -1;
+}
+
+// The masks of old, with signals 1 to 32 as the bits of a number.
+int change_mask(int how, int mask)
+{
+    sigset_t set, old;
+    sigemptyset(&set);
+    std::memcpy(&set, &mask, sizeof mask);
+    if (sigprocmask(how, &set, &old) != 0)
+        return -1;
+    std::memcpy(&mask, &old, sizeof mask);
+    return mask;
+}
+
+} // namespace
+
 extern "C" {
+
+// Not in every header.
+sighandler_t bsd_signal(int signo, sighandler_t handler) noexcept;
 
 __attribute__((visibility("default"))) int sigaction(int signo, const struct sigaction *action,
                                                      struct sigaction *old) noexcept
@@ -198,16 +239,55 @@ __attribute__((visibility("default"))) int sigaction(int signo, const struct sig
 
 __attribute__((visibility("default"))) sighandler_t signal(int signo, sighandler_t handler) noexcept
 {
-    struct sigaction action = {}, old;
-    if (handler == SIG_ERR) {
-        errno = EINVAL;
-        return SIG_ERR;
-    }
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    sigaddset(&action.sa_mask, signo);
-    return sigaction(signo, &action, &old) == 0 ? old.sa_handler : SIG_ERR;
+    return install_handler(signo, handler, SA_RESTART, true);
 }
+
+// The C library's own callers of sigaction() do not come through the one above: each name needs its stand-in. A
+// strictly conforming compilation calls the third for signal().
+__attribute__((visibility("default"))) sighandler_t bsd_signal(int signo, sighandler_t handler) noexcept
+{
+    return install_handler(signo, handler, SA_RESTART, true);
+}
+
+__attribute__((visibility("default"))) sighandler_t ssignal(int signo, sighandler_t handler) noexcept
+{
+    return install_handler(signo, handler, SA_RESTART, true);
+}
+
+__attribute__((visibility("default"))) sighandler_t __sysv_signal(int signo, sighandler_t handler) noexcept
+{
+    return install_handler(signo, handler, static_cast<int>(SA_RESETHAND | SA_NODEFER), false);
+}
+
+__attribute__((visibility("default"))) sighandler_t sysv_signal(int signo, sighandler_t handler) noexcept
+{
+    return install_handler(signo, handler, static_cast<int>(SA_RESETHAND | SA_NODEFER), false);
+}
+
+__attribute__((visibility("default"))) int sigignore(int signo) noexcept
+{
+    return install_handler(signo, SIG_IGN, 0, false) == SIG_ERR ? -1 : 0;
+}
+
+__attribute__((visibility("default"))) int sighold(int signo) noexcept { return change_one(SIG_BLOCK, signo, nullptr); }
+
+__attribute__((visibility("default"))) sighandler_t sigset(int signo, sighandler_t handler) noexcept
+{
+    const bool hold = handler == SIG_HOLD;
+    struct sigaction old;
+    sigset_t before;
+    if (sigaction(signo, nullptr, &old) != 0)
+        return SIG_ERR;
+    if (!hold && install_handler(signo, handler, 0, false) == SIG_ERR)
+        return SIG_ERR;
+    if (change_one(hold ? SIG_BLOCK : SIG_UNBLOCK, signo, &before) != 0)
+        return SIG_ERR;
+    return sigismember(&before, signo) == 1 ? SIG_HOLD : old.sa_handler;
+}
+
+__attribute__((visibility("default"))) int sigblock(int mask) noexcept { return change_mask(SIG_BLOCK, mask); }
+
+__attribute__((visibility("default"))) int sigsetmask(int mask) noexcept { return change_mask(SIG_SETMASK, mask); }
 
 __attribute__((visibility("default"))) int pthread_sigmask(int how, const sigset_t *set, sigset_t *old) noexcept
 {

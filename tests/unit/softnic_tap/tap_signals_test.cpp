@@ -14,6 +14,10 @@
 
 #include "tap_test_support.h"
 
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // old programs use what they used
+
+extern "C" sighandler_t bsd_signal(int signo, sighandler_t handler) noexcept; // not in every header
+
 namespace {
 
 using namespace softnic;
@@ -262,6 +266,85 @@ TEST(TapSignals, PostingThreadsBlockAllSignals_NothingLost)
             TrafficPlan plan{.requests = 3000, .threads = 3, .dma_of_ten = 5, .threads_before_tap = true};
             return traffic_is_complete(mode, plan) ? 0 : 1;
         });
+}
+
+// What signal() is, or was, to older and to strictly conforming programs.
+TEST(TapSignals, ProgramInstallsHandlersByOlderNames_BothServed)
+{
+    struct {
+        sighandler_t (*install)(int, sighandler_t);
+        bool once;
+    } const names[] = {{signal, false},     {bsd_signal, false},   {ssignal, false},
+                       {sysv_signal, true}, {__sysv_signal, true}, {sigset, false}};
+    const TrafficPlan few{.requests = 300, .threads = 2, .dma_of_ten = 5};
+    for (const auto &name : names)
+        for (TapMode mode : all_modes)
+            expect_child([&] {
+                take_default_dispositions();
+                Window first;
+                auto tap = first.tap(TapMode::fallback);
+                if (name.install(SIGTRAP, count_trap_plainly) != SIG_DFL ||
+                    name.install(SIGSEGV, count_trap_plainly) != SIG_DFL)
+                    return 1;
+                if (!traffic_is_complete(mode, few) || trap_count != 0)
+                    return 2;
+                raise(SIGTRAP);
+                raise(SIGSEGV);
+                if (trap_count != 2)
+                    return 3;
+                struct sigaction now;
+                if (sigaction(SIGTRAP, nullptr, &now) != 0 ||
+                    now.sa_handler != (name.once ? SIG_DFL : count_trap_plainly))
+                    return 4;
+                if (sigignore(SIGTRAP) != 0 || raise(SIGTRAP) != 0 || trap_count != 2)
+                    return 5;
+                return traffic_is_complete(mode, few) ? 0 : 6;
+            });
+}
+
+TEST(TapSignals, PostingThreadsBlockSignalsByOlderNames_NothingLost)
+{
+    void (*const ways[])() = {[] {
+                                  sighold(SIGTRAP);
+                                  sighold(SIGSEGV);
+                              },
+                              [] { sigblock(-1); }, [] { sigsetmask(-1); },
+                              [] {
+                                  sigset(SIGTRAP, SIG_HOLD);
+                                  sigset(SIGSEGV, SIG_HOLD);
+                              }};
+    for (auto way : ways)
+        for (TapMode mode : all_modes)
+            expect_child([&] {
+                TrafficPlan plan{.requests = 500, .threads = 2, .dma_of_ten = 5, .thread_setup = way};
+                return traffic_is_complete(mode, plan) ? 0 : 1;
+            });
+}
+
+TEST(TapSignals, OtherSignalsHeldByOlderNames_AreHeld)
+{
+    expect_child([] {
+        sigset_t now;
+        const auto held = [&](int signo) {
+            pthread_sigmask(SIG_SETMASK, nullptr, &now);
+            return sigismember(&now, signo) == 1;
+        };
+        const int usr1 = 1 << (SIGUSR1 - 1), usr2 = 1 << (SIGUSR2 - 1);
+        if (sigblock(usr1) != 0 || !held(SIGUSR1))
+            return 1;
+        if (sigsetmask(usr2) != usr1 || held(SIGUSR1) || !held(SIGUSR2))
+            return 2;
+        if (sighold(SIGUSR1) != 0 || !held(SIGUSR1))
+            return 3;
+        if (sigset(SIGUSR1, count_trap_plainly) != SIG_HOLD || held(SIGUSR1))
+            return 4;
+        if (sigset(SIGUSR1, SIG_HOLD) != count_trap_plainly || !held(SIGUSR1))
+            return 5;
+        errno = 0;
+        if (sigset(SIGUSR1, SIG_ERR) != SIG_ERR || errno != EINVAL)
+            return 6;
+        return sighold(9999) == -1 && sigset(9999, SIG_IGN) == SIG_ERR && sigignore(9999) == -1 ? 0 : 7;
+    });
 }
 
 TEST(TapSignals, OtherSignalsBlocked_StayBlocked)
