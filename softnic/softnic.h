@@ -257,6 +257,7 @@ typedef struct softnic_endpoint_counters {
     uint64_t bad_header;    /* requests with header length 0 or above 56, dropped */
     uint64_t bad_payload;   /* requests whose payload lies outside its ring, dropped */
     uint64_t post_overflow; /* requests lost because too many waited */
+    uint64_t lost_requests; /* requests lost before that: stored in the window, not caught there */
 } softnic_endpoint_counters_t;
 
 void softnic_board_counters(softnic_t *nic, unsigned board, softnic_board_counters_t *counters);
