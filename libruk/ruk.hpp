@@ -308,7 +308,7 @@ public:
         return sin;
     }
 
-    /* ttl 0 takes the library's; with send_flags::nonblock ARP is asked twice, not a thousand times. */
+    /* ttl 0 takes the library's; ARP is asked up to 1001 times without a pause, with send_flags::nonblock twice. */
     send_handle connect(const sockaddr_in &to, std::error_code &ec, int ttl = 0, int flags = send_flags::none) noexcept
     {
         ruk_send_t handle = nullptr;
