@@ -14,8 +14,8 @@ README = os.path.join(ROOT, "examples", "README.md")
 START = """# Examples
 
 First programs over `ruk.h`, one thing each. A build of the source tree makes `build/examples/example-*` of them, to be
-run over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/example-receive oxel0 5000`. Where the
-library is installed: `gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, then
+run over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/example-receive oxel0 5000`. Where
+the library is installed: `gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, then
 `rukrun --soft=oxel0 -- ./example-receive oxel0 5000`.
 
 <!-- Made by scripts/examples_readme.py from the heads of the files. -->
