@@ -173,18 +173,20 @@ struct Model {
             badfilter++;
             return -1;
         }
-        if (e.channel < 0) {
-            nosock++;
-            return -1;
-        }
         if (e.ip == kBroadcast) {
+            if (e.channel < 0) {
+                nosock++;
+                return -1;
+            }
             if (p.dst == kBroadcast || p.dst == kSubnetBroadcast)
                 return e.channel;
             broadcast_filtered++;
             return -1;
         }
-        if (e.src == 0 && e.ip == p.dst)
+        if (e.src == 0 && e.ip == p.dst) {
+            nosock += e.channel < 0;
             return e.channel;
+        }
         if (e.src != 0)
             for (int i = p.tag; i >= static_cast<int>(p.tag / kBlock * kBlock); i--)
                 if (entries[i].src == p.src && entries[i].ip == p.dst && entries[i].channel >= 0)
