@@ -28,7 +28,7 @@ files=()
 for kind in "${kinds[@]}"; do
     case $kind in
     64) stage "64 bit: build and test" 18 scripts/build_and_test.sh 64 build "$results/64.xml" ;;
-    32) stage "32 bit: build and test" 8 scripts/build_and_test.sh 32 build-32 "$results/32.xml" ;;
+    32) stage "32 bit: build and test" 14 scripts/build_and_test.sh 32 build-32 "$results/32.xml" ;;
     address)
         stage "address and undefined-behaviour sanitizers: build and test" 13 \
             scripts/build_and_test.sh address build-address "$results/address.xml"

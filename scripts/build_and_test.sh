@@ -16,7 +16,7 @@ in_fixed_layout=()
 options=()
 case $kind in
 64) options+=(-DRUK_BUILD_TESTS=ON -DRUK_BUILD_TOOLS=ON -DRUK_BUILD_BENCH=ON) ;; # a demo's build directory lacks some
-32) options+=(-DRUK_32BIT=ON -DRUK_BUILD_TOOLS=OFF -DRUK_BUILD_BENCH=OFF) ;;
+32) options+=(-DRUK_32BIT=ON -DRUK_BUILD_TOOLS=ON -DRUK_BUILD_BENCH=OFF) ;;
 address | thread)
     options+=("-DRUK_SANITIZE=$kind" -DRUK_BUILD_TOOLS=OFF -DRUK_BUILD_BENCH=OFF)
     if setarch -R true 2>/dev/null; then
