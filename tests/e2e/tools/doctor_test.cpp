@@ -123,7 +123,8 @@ TEST_F(Doctor, TwoAddressesOnOneSubnet_AreAFailure)
 
 TEST_F(Doctor, OtherCardsAddressOnTheSubnet_IsAFailure)
 {
-    lab.run(lab.adapter, "ip link add eth9 type veth peer name eth8; ip addr add 10.77.0.9/24 dev eth9; ip link set eth9 up");
+    lab.run(lab.adapter,
+            "ip link add eth9 type veth peer name eth8; ip addr add 10.77.0.9/24 dev eth9; ip link set eth9 up");
     const json report = examine({"-i", "oxel0"});
     EXPECT_EQ(worst(report, "subnets")["found"],
               "oxel0 (10.77.0.1) and eth9 (10.77.0.9) are on one subnet: an open ends the process");
