@@ -118,6 +118,8 @@ void add_receive_cases(std::vector<Case> &cases, Effort effort)
                      1.08, 1400, "", 0, against_floor(large, many)});
     cases.push_back({"receive_64_five_an_event", "64 B, five datagrams an event, against one", one_thread,
                      Compare::faster, 1, 0, 0, "", 0, against({.packets = 5}, small)});
+    cases.push_back({"receive_1400_five_an_event", "1400 B, five datagrams an event, against one", one_thread,
+                     Compare::none, 0, 0, 1400, "", 0, against({.payload = 1400, .packets = 5}, large)});
     cases.push_back({"receive_64_cold", "64 B, ring not in the cache, against the same fetched ahead", one_thread,
                      Compare::ratio, 1.5, 1.1, 0, "", 0, against_floor({.cold = true}, many)});
     cases.push_back({"receive_1400_cold", "1400 B, ring not in the cache, against the same fetched ahead", one_thread,

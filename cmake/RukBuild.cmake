@@ -18,7 +18,8 @@ endif()
 if(RUK_COVERAGE)
   # Each branch once: of a function that is put in line in many places every copy would count.
   add_compile_options(--coverage -fprofile-update=atomic -fno-inline -Dalways_inline=unused)
-  add_link_options(--coverage)
+  # Children that end without exit() write their counts themselves; nothing else would bring the function in.
+  add_link_options(--coverage -Wl,-u,__gcov_dump)
 endif()
 
 if(RUK_SANITIZE STREQUAL "address")

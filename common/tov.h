@@ -87,6 +87,12 @@ void tov_nic_id_to_macaddr(uint64_t nic_id, uint8_t *macaddr);
 /* Formats "02:11:22:33:44:55", cut to strlen - 1 characters, always terminated. 18 bytes hold it all. */
 void tov_nic_id_to_str(char *str, uint64_t nic_id, uint32_t strlen);
 
+/*
+ * Writes the 6-byte hardware address of the named interface as the kernel reports it.
+ * Errors: errno of socket() or of SIOCGIFHWADDR (ENODEV for an unknown name).
+ */
+int tov_get_macaddr(const char *ifname, uint8_t *mac_addr);
+
 struct tov_nic_info {
     uint32_t boardnum;          /* 0 .. count - 1 */
     uint32_t nic_type;          /* the driver's type code */

@@ -56,12 +56,6 @@ void tov_freeifaddrs(struct tov_ifaddrs *ifa);
 int tov_ifaddr_to_macaddr(uint32_t ipaddr_be32, uint8_t *mac);
 
 /*
- * Writes the 6-byte hardware address of the named interface as the kernel reports it.
- * Errors: errno of socket() or of SIOCGIFHWADDR (ENODEV for an unknown name).
- */
-int tov_get_macaddr(const char *ifname, uint8_t *mac_addr);
-
-/*
  * The 802.1Q tag control word of a VLAN interface in network byte order, taken from its name ("vlan7",
  * "eth2.100"), or 0 when the name designates no VLAN. The priority bits are always 7.
  */

@@ -172,14 +172,15 @@ uint16_t tov_get_vlan_tag(const char *ifname)
     /* 802.1p priority 7 in every tag. */
     const uint16_t priority = 0xe000;
 
-    uint16_t vlan;
-    if (sscanf(ifname, "vlan%hu", &vlan) == 1 && vlan < 4096)
-        return tov_be16(vlan | priority);
+    /* Read wide: a number that does not fit in 16 bits is none of a VLAN, whatever its low bits. */
+    long long number;
+    if (sscanf(ifname, "vlan%lld", &number) == 1 && number >= 0 && number < 4096)
+        return tov_be16(static_cast<uint16_t>(number) | priority);
 
     const char *dot = strchr(ifname, '.');
     if (!dot || dot[1] < '0' || dot[1] > '9')
         return 0;
-    /* The number counts modulo 65536. */
-    vlan = static_cast<uint16_t>(strtol(dot + 1, nullptr, 10));
+    /* Here the number counts modulo 65536. */
+    const uint16_t vlan = static_cast<uint16_t>(strtol(dot + 1, nullptr, 10));
     return vlan > 4095 ? 0 : tov_be16(vlan | priority);
 }

@@ -2,9 +2,10 @@
  * libruk: UDP over IPv4 on the maker's 10-gigabit Ethernet adapters without the kernel's network stack.
  * C11 and C++.
  *
- * Results: every call returns 0 or a positive errno value; the send-handle calls store it in errno too.
- * Errors of the driver pass through unchanged. Addresses and ports are in network byte order unless said
- * otherwise; times are nanoseconds of the host's real-time clock.
+ * Results: every call returns 0 or a positive errno value unless said otherwise; ruk_send_connect(),
+ * ruk_send_disconnect() and the connecting part of ruk_sendto() store theirs in errno too. Errors of the driver pass
+ * through unchanged. Pointers must not be null unless a null is said to be allowed, or to be an error. Addresses and
+ * ports are in network byte order unless said otherwise; times are nanoseconds of the host's real-time clock.
  *
  * Threads: an endpoint opened with RUK_OPEN_THREAD_SAFE may be used from several threads; without that flag
  * it takes no lock at all and the caller serialises every call on it. ruk_shutdown() may be called from any
@@ -47,7 +48,7 @@ typedef struct {
 /*
  * Initialises the library for the process; call it once, before any other thread uses the library. Reads
  * RUK_DEBUG and RUK_IP_VERBOSE and checks the versions of caller and driver. A later call only confirms the
- * version.
+ * version. Version 0 leaves the library uninitialised, though the result is 0.
  * Errors: EINVAL another version than before, or a major version that is not 0 (a message says so); ENOENT,
  * ENODEV, EACCES, EBUSY no adapter can be opened; ENXIO the driver's interface version is another one; those of the
  * driver.
@@ -85,12 +86,16 @@ void ruk__assertion_failed(const char *expr, int line, const char *file);
  * name, or by the adapter's permanent MAC address (6 bytes). On success *dev_out is the endpoint, which the
  * caller closes with ruk_close(); on an error *dev_out is untouched, but for an ENOMEM from reading the
  * routes, when *dev_out is set and to be closed.
- * ruk_open() and ruk_open_if() end the process with status 1 when two of the host's addresses lie on one
- * subnet of an adapter, unless RUK_IP_ACCELERATION or RUK_BYPASS_CHECK is set.
+ * ruk_open() and ruk_open_if() end the process with status 1 when an adapter's address lies on the subnet of another
+ * address of the host, on whatever card, or when the host cannot be asked for that; not with RUK_IP_ACCELERATION or
+ * RUK_BYPASS_CHECK in the environment.
+ * ruk_open_by_perm_mac() takes any address: with one that no interface on an adapter has, nothing can be bound
+ * (ruk_bind() gives EINVAL and keeps the lock) and no route is known.
  * Errors: EINVAL a null argument, the library is not initialised (not asked by ruk_open_by_perm_mac), no adapter of
- * that MAC address, a region that cannot be mapped; ENODEV no such local adapter address; EBUSY every endpoint is
- * taken; ENOMEM; errno of the endpoint's kernel socket; those of the driver. ruk_open_if(): ENXIO no interface of that
- * name; a negative errno value when asking the host failed.
+ * that MAC address, a region that cannot be mapped; ENODEV no such local adapter address, or (all that
+ * ruk_open_by_perm_mac() asks) no adapter interface at all; EBUSY every endpoint is taken; ENOMEM; errno of the
+ * endpoint's kernel socket; those of the driver. ruk_open_if(): ENXIO no interface of that name; a negative errno value
+ * when asking the host failed.
  */
 int ruk_open(const struct in_addr *interface_addr, int flags, ruk_device_t *dev_out);
 int ruk_open_if(const char *ifname, int flags, ruk_device_t *dev_out);
@@ -115,8 +120,8 @@ int ruk_device_get_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
 
 /*
  * Sets hw_timestamping at once; sends mode and queue size to the driver when the mode changes or the endpoint
- * is still disabled, so that a new queue size takes effect only before ruk_device_enable(). Takes the
- * endpoint lock, and ends the process when the driver has taken them but does not tell them again.
+ * is still disabled, so that a new queue size takes effect only before ruk_device_enable(). Unless that fails, it
+ * reads them back in any case, and ends the process when the driver does not tell them. Takes the endpoint lock.
  * Errors: those of the driver (the timestamping change stays).
  */
 int ruk_device_set_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
@@ -134,8 +139,9 @@ int ruk_device_enable(ruk_device_t dev);
 int ruk_shutdown(ruk_device_t dev, int how);
 
 /*
- * Closes the endpoint and unbinds all its channels. When another thread is inside a receive call the close is
- * completed by that call when it returns; a sleeping one is not woken by this. Always 0.
+ * Closes the endpoint and unbinds all its channels, which ends the process as ruk_unbind() may. When another thread is
+ * inside a receive call the close is completed by that call when it returns; a sleeping one is not woken by this.
+ * Always 0.
  */
 int ruk_close(ruk_device_t dev);
 
@@ -148,11 +154,14 @@ int ruk_close(ruk_device_t dev);
 
 /*
  * Bind a UDP port (host byte order; 0 lets the host choose) on the endpoint's address, or on another address
- * of the same adapter. A kernel socket is bound beside the channel. Take the endpoint lock.
- * Errors: EINVAL a null argument, or an address that is not on the endpoint's adapter (on a thread-safe
- * endpoint the endpoint lock then stays held); EADDRINUSE and others of the kernel socket; -1 with errno when it
- * refuses an option that a flag asks for; EAGAIN no filter tag until some are out of use; ENOMEM, also no filter tag;
- * those of the driver.
+ * of the same adapter. A kernel socket is bound beside the channel; where none can be had the channel does without,
+ * keeps port 0 if that was asked, and joins no group. Of a port above 65535 the low 16 bits count. context may be null,
+ * handle_out may not. After an error that comes once a tag is taken (the driver's, ENOMEM, EAGAIN for the broadcast)
+ * close the endpoint: its lists of tags are damaged. Take the endpoint lock.
+ * Errors: EINVAL a null endpoint or interface address, or an address that is not on the endpoint's adapter (on a
+ * thread-safe endpoint the endpoint lock then stays held); EADDRINUSE and others of the kernel socket; -1 with errno
+ * when it refuses an option that a flag asks for; EAGAIN no filter tag until some are out of use; ENOMEM, also no
+ * filter tag; those of the driver.
  */
 int ruk_bind(ruk_device_t dev, int flags, int port, void *context, ruk_channel_t *handle_out);
 int ruk_bind_addr(ruk_device_t dev, const struct in_addr *interface_addr, int flags, int port, void *context,
@@ -175,7 +184,8 @@ int ruk_set_filter_mode(ruk_device_t dev, enum ruk_filter_mode mode);
 
 /*
  * Unbinds the channel with its groups, filters, send handles and kernel socket; the handle is invalid
- * afterwards. Another channel that shares its address and port inherits the traffic. Takes the endpoint lock.
+ * afterwards. Another channel that shares its address and port inherits the traffic. A group's filter that the driver
+ * does not give back, or a group joined twice, ends the process. Takes the endpoint lock.
  * Errors: EINVAL a null channel.
  */
 int ruk_unbind(ruk_channel_t ch);
@@ -185,9 +195,11 @@ int ruk_unbind(ruk_channel_t ch);
 /*
  * Join and leave groups on a channel, from any source or from one. Take the endpoint lock.
  * ruk_mcast_leave_source() drops the kernel's whole membership of the group, and its source must not be null. A filter
- * that the driver does not give back ends the process.
- * Errors: EINVAL a null argument, not a group, a zero source to leave. ruk_mcast_join(), ruk_mcast_join_source():
- * EEXIST joined already; EAGAIN, ENOMEM no filter tag, as for a bind; errno of the kernel socket; those of the driver.
+ * that the driver does not give back ends the process; so does, after an EEXIST, the second release of that group, and
+ * calls for other groups of the channel may not return before.
+ * Errors: EINVAL a null channel, group, or source to join; not a group; a zero source to leave. ruk_mcast_join(),
+ * ruk_mcast_join_source(): EEXIST joined already; EAGAIN, ENOMEM no filter tag, as for a bind; errno of the kernel
+ * socket; those of the driver.
  * ruk_mcast_leave(), ruk_mcast_leave_source(): EADDRNOTAVAIL not joined.
  */
 int ruk_mcast_join(ruk_channel_t ch, const struct in_addr *addr, void *unused);
@@ -226,14 +238,17 @@ struct ruk_recv_info {
  * Receives the next datagram of any channel of the endpoint into buf, cut to len bytes. Frames that fail a
  * check are counted and skipped; no checksum is verified. Takes the receive lock, except while it sleeps.
  * Errors: EINVAL a null endpoint or info, a disabled endpoint, an unknown mode on an empty queue; EAGAIN
- * nothing waits; EINTR shut down; ENXIO the endpoint is being closed; errno of poll().
+ * nothing waits; EINTR shut down, or a signal handler ran while it slept; ENXIO the endpoint is being closed; errno of
+ * poll().
  */
 int ruk_recvfrom(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_t len, struct ruk_recv_info *info);
 
 /*
- * Whole frames, with the 4-byte trailer. buf must hold the largest frame; *len receives the length.
- * ruk_raw_recv() takes the receive lock and never writes *timestamp; the other two take no lock and are for an
- * endpoint that one thread reads. timestamp and tag of ruk_raw_recv_nb() may be null; endpoint and len may not.
+ * Whole frames, with the 4-byte trailer, but for frames that a switch dates, which come without it. buf must hold the
+ * largest frame; *len receives the length. ruk_raw_recv() takes the receive lock and never writes *timestamp; the other
+ * two take no lock, are for an endpoint that one thread reads, and complete no close. timestamp and tag of
+ * ruk_raw_recv_nb() may be null; endpoint and len may not. It hands out a switch's keyframes too, with a time of all
+ * ones.
  * Errors: EAGAIN nothing waits; EINVAL a disabled endpoint. ruk_raw_recv(): those of ruk_recvfrom(), whose modes it
  * has.
  */
@@ -251,33 +266,40 @@ void ruk_dump_stats(ruk_device_t dev, int non_zero);
 /*
  * Makes a send handle for a destination: resolves its next hop and prepares the frame's header. ttl 0 takes
  * 64, or 1 for a group; at most 64. Takes the endpoint lock, and drops it while the kernel is asked.
- * With RUK_NONBLOCK in flags the kernel's ARP table is asked twice, without it a thousand times.
+ * The kernel's ARP table is asked up to 1001 times, with RUK_NONBLOCK in flags twice: one time after the other without
+ * a pause, so that EADDRNOTAVAIL may also mean a neighbour slow to answer. Try again then.
  * Errors, stored in errno too: EINVAL a null or zero destination, a ttl out of range, a destination on this very
- * adapter; EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP; ENXIO (EAGAIN with RUK_NONBLOCK) the host's
+ * adapter; EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP yet; ENXIO (EAGAIN with RUK_NONBLOCK) the host's
  * interfaces cannot be listed; ENOMEM; others of the host; those of the driver.
  */
 int ruk_send_connect(ruk_channel_t ch, const struct sockaddr_in *sin, int flags, int ttl, ruk_send_t *dhsend_o);
 
-/* Ends a handle. Takes the endpoint lock. Errors, stored in errno too: ENOTCONN a handle without a channel. */
+/*
+ * Ends a handle. No thread may be inside a send on it, waiting for room included. Takes the endpoint lock.
+ * Errors, stored in errno too: ENOTCONN a handle without a channel.
+ */
 int ruk_send_disconnect(ruk_send_t dhs);
 
 /*
  * Sends one datagram on a handle; the payload is copied before the call returns. paylen is not checked: the
- * caller keeps it within what a frame can carry. Takes the endpoint lock.
+ * caller keeps it within what a frame can carry. Takes the endpoint lock, and drops it while it waits for room in the
+ * driver: another thread's datagram may overtake. Without RUK_NONBLOCK, one that is longer than its ring waits for
+ * ever.
  * Errors: EAGAIN no room and RUK_NONBLOCK; EINVAL a disabled endpoint; those of the driver.
  */
 int ruk_send(ruk_send_t dhs, const void *buf, int paylen, int flags);
 
 /*
- * Sends one datagram to an address through a handle that the channel keeps.
+ * Sends one datagram to an address through a handle that the channel keeps. errno is written where the handle cannot be
+ * had, not where sending fails.
  * Errors: those of ruk_send_connect() and ruk_send().
  */
 int ruk_sendto(ruk_channel_t ch, const struct sockaddr_in *sin, const void *buf, int len, int flags);
 
 /*
- * Sends a frame with a header of the caller's (1 to 56 bytes); the caller holds the endpoint lock. chksum_hdr
- * is the partial sum of what the UDP checksum covers besides the payload; the checksum is stored at
- * chksum_offset of the header when that is above 0. Errors: those of ruk_send().
+ * Sends a frame with a header of the caller's (1 to 56 bytes); the caller holds the endpoint lock, which is dropped
+ * while this waits for room. chksum_hdr is the partial sum of what the UDP checksum covers besides the payload; the
+ * checksum is stored at chksum_offset of the header when that is above 0. Errors: those of ruk_send().
  */
 int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr, int chksum_offset,
                  const uint8_t *buffer, int paylen, int flags);
@@ -285,30 +307,38 @@ int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr
 /*
  * Measures the copy into the adapter: iterations copies of len bytes (rounded up to 4, at most 2048).
  * *t_nsecs receives ns a copy and *bw_MB MiB a second. The request record it takes stays among those in
- * flight. Errors: EINVAL no iterations, more than 2048 bytes, a disabled endpoint; EBUSY no room.
+ * flight. Takes 0.8 seconds more where tov_cycles_per_second() has to measure. Errors: EINVAL no iterations, more than
+ * 2048 bytes, a disabled endpoint; EBUSY no room.
  */
 int ruk__piocopy_test(ruk_device_t dev, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs, uint64_t *bw_MB);
 
-/* Tells the driver that a software endpoint has data to send; d is its device handle. Errors: those of the driver. */
+/*
+ * Tells the driver that a software endpoint has data to send. d is the handle of the software endpoint itself, as
+ * ruk__open_soft() makes it, which the archive has and the shared library does not; for that of ruk_device_handle() the
+ * software adapter's driver says EINVAL. Errors: those of the driver.
+ */
 int ruk__post_soft_data(tov_handle_t d);
 
 /*
  * The MAC address (6 bytes) of the next hop to dst_ip_be32; src_ip_addr_be32 is not used. The caller holds
- * the endpoint lock.
- * Errors: EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP; ENXIO the host's interfaces cannot be listed; others
- * of the host; those of the driver.
+ * the endpoint lock, which is dropped while the kernel is asked, as often as by ruk_send_connect().
+ * Errors: EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP yet; ENXIO the host's interfaces cannot be listed;
+ * others of the host; those of the driver.
  */
 int ruk__resolve_mac(ruk_device_t dev, uint32_t src_ip_addr_be32, uint32_t dst_ip_addr_be32, uint8_t *mac);
 
 /* ------------------------------------------------------------------ platform utilities */
 
-/* Finds the processor's cycle rate; up to 0.8 seconds unless TOV_CYCLES_PER_SECOND is set. */
+/*
+ * Finds the processor's cycle rate: from TOV_CYCLES_PER_SECOND or else KZ_CYCLES_PER_SECOND in the environment, or by
+ * measuring for 0.8 seconds, at each call again.
+ */
 void tov_cycles_counter_init(void);
 
 /* Cycles a second, found on the first call. */
 tov_cycles_t tov_cycles_per_second(void);
 
-/* select() through the socket-function table. */
+/* select() through the socket-function table, which is empty before ruk_init(), an opening call or tov_getifaddrs(). */
 int tov_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);
 
 TOV_END_DECLS

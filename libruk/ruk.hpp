@@ -9,8 +9,9 @@
  *     auto to = channel.connect(ruk::address("192.168.1.2", 5000));
  *     to.send("hello"sv);
  *
- * Each operation comes twice: with a std::error_code it never throws and sets that, cleared on success; without, it
- * throws std::system_error. Codes are errno values of the generic category.
+ * What can fail comes twice: with a std::error_code it never throws and sets that, cleared on success; without, it
+ * throws std::system_error. Codes are errno values of the generic category. What cannot fail comes once: attributes(),
+ * shutdown(), print_counters(), descriptor(), and address() of an in_addr; address() of a text only throws.
  *
  * Lifetimes are those of ruk.h: an endpoint outlives its channels, a channel its send handles. Declared in this
  * order, or as members in this order, they are. Threads: as in ruk.h.
@@ -40,9 +41,10 @@ namespace ruk {
 
 namespace detail {
 
-/* Some calls give negated errno values, and blocking a source gives -1 with errno. */
+/* Some calls give negated errno values. */
 inline std::error_code code(int rc) noexcept { return {rc < 0 ? -rc : rc, std::generic_category()}; }
 
+/* For calls that hand on the -1 of a call of the kernel's: binding, and blocking and unblocking a source. */
 inline std::error_code code_or_errno(int rc) noexcept { return code(rc == -1 ? errno : rc); }
 
 [[noreturn, gnu::cold, gnu::noinline]] inline void fail(const std::error_code &ec, const char *what)
@@ -308,7 +310,7 @@ public:
         return sin;
     }
 
-    /* ttl 0 takes the library's; with send_flags::nonblock ARP is asked twice, not a thousand times. */
+    /* ttl 0 takes the library's; ARP is asked up to 1001 times without a pause, with send_flags::nonblock twice. */
     send_handle connect(const sockaddr_in &to, std::error_code &ec, int ttl = 0, int flags = send_flags::none) noexcept
     {
         ruk_send_t handle = nullptr;
@@ -332,7 +334,10 @@ public:
         detail::check(ruk_sendto(handle_, &to, data.data(), data.size(), 0), "ruk_sendto");
     }
 
-    /* False when there is no room, which is no error. ARP is asked twice at most. */
+    /*
+     * False when there is no room, which is no error, and in the same way when the host's interfaces cannot be listed
+     * (EAGAIN as well). ARP is asked twice at most.
+     */
     [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
     {
         const int rc = ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK);
@@ -564,7 +569,7 @@ public:
     channel bind(uint16_t port, int flags, void *context, std::error_code &ec) noexcept
     {
         ruk_channel_t handle = nullptr;
-        ec = detail::code(ruk_bind(handle_, flags, port, context, &handle));
+        ec = detail::code_or_errno(ruk_bind(handle_, flags, port, context, &handle));
         return channel(ec ? nullptr : handle);
     }
     channel bind(uint16_t port, int flags = bind_flags::none, void *context = nullptr)
@@ -577,7 +582,7 @@ public:
     channel bind(in_addr interface_addr, uint16_t port, int flags, void *context, std::error_code &ec) noexcept
     {
         ruk_channel_t handle = nullptr;
-        ec = detail::code(ruk_bind_addr(handle_, &interface_addr, flags, port, context, &handle));
+        ec = detail::code_or_errno(ruk_bind_addr(handle_, &interface_addr, flags, port, context, &handle));
         return channel(ec ? nullptr : handle);
     }
     channel bind(in_addr interface_addr, uint16_t port, int flags = bind_flags::none, void *context = nullptr)

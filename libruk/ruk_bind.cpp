@@ -33,6 +33,15 @@ static int set_bind_options(tov_socket_t s, int flags)
     return rc;
 }
 
+/* Closes a socket that did not come up; errno stays what it was, the caller may still ask for it. */
+static int give_up_socket(tov_socket_t s, int result)
+{
+    int cause = errno;
+    tov_closesocket(s);
+    errno = cause;
+    return result;
+}
+
 extern "C" int ruk__sockbind(uint32_t ipaddr_be32, uint16_t *port_be16, int flags, int *fd_o, int is_tcp)
 {
     struct sockaddr_in sin = {};
@@ -45,17 +54,14 @@ extern "C" int ruk__sockbind(uint32_t ipaddr_be32, uint16_t *port_be16, int flag
         return 0; /* the channel does without a kernel socket */
 
     int rc = is_tcp ? 0 : set_bind_options(s, flags);
-    if (rc == 0 && tov_bind(s, (const struct sockaddr *)&sin, sizeof sin) != 0)
-        rc = errno;
+    if (rc != 0)
+        return give_up_socket(s, rc);
+    if (tov_bind(s, (const struct sockaddr *)&sin, sizeof sin) != 0)
+        return give_up_socket(s, errno); /* 0 without a cause: the channel does without a socket then, too */
     tov_socklen_t len = sizeof sin;
-    if (rc == 0)
-        rc = tov_getsockname(s, (struct sockaddr *)&sin, &len);
-    if (rc != 0) {
-        int cause = errno; /* the caller may still ask for it */
-        tov_closesocket(s);
-        errno = cause;
-        return rc;
-    }
+    rc = tov_getsockname(s, (struct sockaddr *)&sin, &len);
+    if (rc != 0)
+        return give_up_socket(s, rc);
     *port_be16 = sin.sin_port;
     *fd_o = s;
     return 0;

@@ -57,7 +57,7 @@
 /* Copies n bytes of the ring, from an address that may have to be wrapped. */
 [[gnu::always_inline]] static inline void ring_copy(const struct ruk__eventq *evq, void *to, uintptr_t from, size_t n)
 {
-    if (__builtin_expect(from + n > evq->evq_recvq_end, 0))
+    if (__builtin_expect((uint64_t)from + n > evq->evq_recvq_end, 0))
         ring_copy_round(evq, (uint8_t *)to, _eventq_wrap(evq, from), n);
     else
         copy_out((uint8_t *)to, (const uint8_t *)from, n);
@@ -323,11 +323,11 @@ struct frame_view {
         rep->rep_stats.dropped_badfilter++;
         return nullptr;
     }
-    if (__builtin_expect(!chan, 0)) {
-        rep->rep_stats.dropped_nosock++; /* an entry out of use */
-        return nullptr;
-    }
     if (entry->tage_ip_addr == RUK_BROADCAST_ADDR) {
+        if (!chan) {
+            rep->rep_stats.dropped_nosock++;
+            return nullptr;
+        }
         if (dst == RUK_BROADCAST_ADDR || view.ip()->ip_daddr_be32 == chan->ch_mif->tov_ifa_bcastaddr)
             return chan;
         rep->rep_stats.dropped_broadcast_filtered++;
@@ -342,6 +342,8 @@ struct frame_view {
                 return chan;
         }
     } else if (entry->tage_ip_addr == dst) {
+        if (!chan)
+            rep->rep_stats.dropped_nosock++; /* an entry out of use */
         return chan;
     }
     rep->rep_stats.dropped_badfilter++;

@@ -71,7 +71,7 @@ target_link_libraries(shared PRIVATE ruk::ruk)
 add_executable(static ../use.c)
 target_link_libraries(static PRIVATE ruk::ruk_static)
 CMAKE
-cp -r "$(dirname "${BASH_SOURCE[0]}")/../examples/market_data" "$root/tmp/"
+cp "$(dirname "${BASH_SOURCE[0]}")/../tests/abi/adapter_consumer.c" "$root/tmp/"
 inside bash -euc '
     cd /tmp
     gcc -Wall -Werror use.c -o use-shared $(pkg-config --cflags --libs ruk)
@@ -81,8 +81,13 @@ inside bash -euc '
     done
     g++ -std=c++20 -Wall -Wextra -Werror /usr/share/doc/libruk-dev/examples/cplusplus.cpp -o example-cplusplus \
         $(pkg-config --cflags --libs ruk)
-    g++ -std=c++20 market_data/*.cpp -o market-data-test $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main
+    g++ -std=c++20 /usr/share/doc/libruk-dev/examples/market_data/*.cpp -o market-data-test $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main
     ./market-data-test --gtest_brief=1
+    gcc -std=gnu11 adapter_consumer.c -o adapter $(pkg-config --cflags --libs ruk-softnic)
+    ./adapter
+    gcc -std=gnu11 -DWITH_CAPTURE adapter_consumer.c -o adapter-capture -lsoftnic_capture -lsoftnic_tap \
+        $(pkg-config --cflags --libs ruk-softnic)
+    ./adapter-capture
     cmake -S cmake-user -B cmake-build >/dev/null
     cmake --build cmake-build >/dev/null
 

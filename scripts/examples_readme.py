@@ -13,8 +13,10 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 README = os.path.join(ROOT, "examples", "README.md")
 START = """# Examples
 
-First programs over [`ruk.h`](../libruk/ruk.h), one thing each. They are built as `build/examples/example-*`, and run
-over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/example-receive oxel0 5000`.
+First programs over `ruk.h`, one thing each. A build of the source tree makes `build/examples/example-*` of them, to be
+run over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/example-receive oxel0 5000`. Where
+the library is installed: `gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, then
+`rukrun --soft=oxel0 -- ./example-receive oxel0 5000`.
 
 <!-- Made by scripts/examples_readme.py from the heads of the files. -->
 
@@ -23,7 +25,8 @@ over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/e
 """
 END = """
 A larger one, [`market_data`](market_data), is a market data handler with a test suite of its own over the linked-in
-software adapter ([`softnic.h`](../softnic/softnic.h)), which loses, delays and reorders datagrams in virtual time.
+software adapter (`softnic.h`), which loses, delays and reorders datagrams in virtual time. Where the library is
+installed: `g++ -std=c++20 market_data/*.cpp $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main`.
 """
 
 

@@ -538,6 +538,7 @@ void softnic_endpoint_counters(softnic_t *nic, unsigned board, unsigned endpoint
     out->bad_header = c.bad_header;
     out->bad_payload = c.bad_payload;
     out->post_overflow = c.post_overflow;
+    out->lost_requests = card->lost_requests(endpoint);
 }
 
 struct softnic_pcap {

@@ -77,8 +77,9 @@ void softnic_detach(softnic_t *nic);
 void softnic_destroy(softnic_t *nic);
 
 /* From the next mapping of a request window on, every request is caught as it is posted. Without this the windows
- * are looked at whenever firmware runs: a request that was overwritten before is lost. To be had from
- * libsoftnic_capture.a, since it handles signals. */
+ * are looked at whenever firmware runs: a request that was overwritten before is lost, and of a request of each of the
+ * two types (payload by PIO, by DMA) that wait then, which was posted first is not known: that order needs this call
+ * too. To be had from libsoftnic_capture.a, which is linked with -lsoftnic_tap, since it handles signals. */
 void softnic_capture_requests(softnic_t *nic);
 
 /* ------------------------------------------------------------------ time */
@@ -257,6 +258,7 @@ typedef struct softnic_endpoint_counters {
     uint64_t bad_header;    /* requests with header length 0 or above 56, dropped */
     uint64_t bad_payload;   /* requests whose payload lies outside its ring, dropped */
     uint64_t post_overflow; /* requests lost because too many waited */
+    uint64_t lost_requests; /* requests lost before that: stored in the window, not caught there */
 } softnic_endpoint_counters_t;
 
 void softnic_board_counters(softnic_t *nic, unsigned board, softnic_board_counters_t *counters);

@@ -13,12 +13,11 @@ using nlohmann::ordered_json;
 
 namespace {
 
-struct Explanation {
+struct Words {
     std::string_view reason, meaning, remedy;
 };
 
-/* The library's other drop counters belong to adapters that check and buffer differently: they stay 0. */
-constexpr Explanation library_reasons[] = {
+constexpr Words library_reasons[] = {
     {"dropped_badproto", "frames neither IPv4 nor VLAN-tagged, let in by the filter mode",
      "none; the normal filter mode keeps them out"},
     {"dropped_badfilter", "datagrams for another port, address or source than the membership's",
@@ -30,41 +29,76 @@ constexpr Explanation library_reasons[] = {
      "compare the sender's netmask with the interface's"},
 };
 
-constexpr Explanation interface_reasons[] = {
-    {"rx_dropped", "frames lost before the adapter saw them: the packet ring was full",
-     "give the adapter's thread a processor of its own (RUK_SOFTNIC_CPU)"},
-    {"rx_malformed", "frames that the interface handed over incomplete", "look at the sender's offload settings"},
-    {"tx_errors", "frames that the interface refused to send", "look at its link, queue length and MTU"},
+/* The library's other drop counters. */
+constexpr Words other_library_reason = {
+    {}, "a counter of adapters that check and buffer differently, which is 0 with this one", "report it"};
+
+/* A counter of the adapter's account that tells of a loss. */
+template <typename Account> struct Reason {
+    uint64_t Account::*counter;
+    Words words;
 };
 
-constexpr Explanation board_reasons[] = {
-    {"unmatched", "frames that no endpoint asked for: the kernel's", "none: they went their usual way"},
-    {"malformed", "frames too short or too long for any event", "look for a damaged sender"},
-    {"raw_dropped", "frames for a raw endpoint that had 256 waiting already",
-     "call oxel_raw_next_event() more often, from a thread of its own"},
+using Page = softnic::LedgerPage;
+constexpr Reason<Page> interface_reasons[] = {
+    {&Page::rx_dropped,
+     {"rx_dropped", "frames lost before the adapter saw them: the packet ring was full",
+      "give the adapter's thread a processor of its own (RUK_SOFTNIC_CPU)"}},
+    {&Page::rx_malformed,
+     {"rx_malformed", "frames that the interface handed over incomplete, or without the trailer that they should bear",
+      "look at the sender's offload settings, and whether the switch adds its trailer (--switch=wire)"}},
+    {&Page::tx_errors,
+     {"tx_errors", "frames that the interface refused to send", "look at its link, queue length and MTU"}},
 };
 
-constexpr Explanation endpoint_reasons[] = {
-    {"disabled", "frames that came while the endpoint's queues were off", "enable the endpoint before binding"},
-    {"ring_full", "frames for which the event ring had no room: the application did not keep up",
-     "receive faster, or ask for a larger ring"},
-    {"oversize", "frames larger than an event", "lower the sender's MTU"},
-    {"send_errors", "datagrams that the interface refused", "look at its link, queue length and MTU"},
-    {"bad_type", "send requests of a kind that is not served", "memory of the request window was damaged"},
-    {"bad_header", "send requests with an impossible header length", "memory of the request window was damaged"},
-    {"bad_payload", "send requests whose payload lies outside its ring", "memory of the request window was damaged"},
-    {"post_overflow", "send requests that came faster than they were taken", "use --mode=exact or report it"},
+constexpr Reason<Page> board_reasons[] = {
+    {&Page::unmatched,
+     {"unmatched", "frames that no endpoint asked for: the kernel's", "none: they went their usual way"}},
+    {&Page::malformed, {"malformed", "frames too short or too long for any event", "look for a damaged sender"}},
+    {&Page::raw_dropped,
+     {"raw_dropped", "frames for a raw endpoint that had 256 waiting already",
+      "call oxel_raw_next_event() more often, from a thread of its own"}},
 };
 
-template <size_t N>
-void add(std::vector<Drop> &drops, const Explanation (&reasons)[N], std::string_view reason, const std::string &where,
+using Queues = softnic::LedgerEndpoint;
+constexpr std::string_view damaged = "memory of the request window was damaged";
+constexpr Reason<Queues> endpoint_reasons[] = {
+    {&Queues::disabled,
+     {"disabled", "frames that came while the endpoint's queues were off", "enable the endpoint before binding"}},
+    {&Queues::ring_full,
+     {"ring_full", "frames for which the event ring had no room: the application did not keep up",
+      "receive faster, or ask for a larger ring"}},
+    {&Queues::oversize, {"oversize", "frames larger than an event", "lower the sender's MTU"}},
+    {&Queues::bad_flow,
+     {"bad_flow", "reports of consumption that cannot be, passed over", "memory of the flow window was damaged"}},
+    {&Queues::send_errors,
+     {"send_errors", "datagrams that the interface refused", "look at its link, queue length and MTU"}},
+    {&Queues::bad_type, {"bad_type", "send requests of a kind that is not served", damaged}},
+    {&Queues::bad_header, {"bad_header", "send requests with an impossible header length", damaged}},
+    {&Queues::bad_payload, {"bad_payload", "send requests whose payload lies outside its ring", damaged}},
+    {&Queues::post_overflow,
+     {"post_overflow", "send requests beyond those that may be in flight",
+      "only a program that writes the request window itself can make them; if yours does not, report it"}},
+    {&Queues::lost_requests,
+     {"lost_requests",
+      "send requests that were posted and not caught: by a thread that blocks SIGTRAP by a system call "
+      "of its own, or by a program that writes the request window itself",
+      "block signals through the C library in threads that send; else report it"}},
+};
+
+void add(std::vector<Drop> &drops, const Words &words, std::string_view reason, const std::string &where,
          uint64_t count)
 {
-    if (count == 0)
-        return;
-    for (const Explanation &e : reasons)
-        if (e.reason == reason)
-            drops.push_back({std::string(reason), where, count, std::string(e.meaning), std::string(e.remedy)});
+    if (count != 0)
+        drops.push_back({std::string(reason), where, count, std::string(words.meaning), std::string(words.remedy)});
+}
+
+template <typename Account, size_t N>
+void add_all(std::vector<Drop> &drops, const Reason<Account> (&reasons)[N], const std::string &where,
+             const Account &account)
+{
+    for (const Reason<Account> &r : reasons)
+        add(drops, r.words, r.words.reason, where, account.*r.counter);
 }
 
 } // namespace
@@ -72,32 +106,25 @@ void add(std::vector<Drop> &drops, const Explanation (&reasons)[N], std::string_
 std::vector<Drop> library_drops(const std::vector<std::pair<std::string, uint64_t>> &counters)
 {
     std::vector<Drop> drops;
-    for (const auto &[name, value] : counters)
-        add(drops, library_reasons, name, "library", value);
+    for (const auto &[name, value] : counters) {
+        if (!name.starts_with("dropped_"))
+            continue;
+        const Words *words = &other_library_reason;
+        for (const Words &known : library_reasons)
+            if (known.reason == name)
+                words = &known;
+        add(drops, *words, name, "library", value);
+    }
     return drops;
 }
 
 std::vector<Drop> adapter_drops(const softnic::LedgerPage &page)
 {
     std::vector<Drop> drops;
-    add(drops, interface_reasons, "rx_dropped", "interface", page.rx_dropped);
-    add(drops, interface_reasons, "rx_malformed", "interface", page.rx_malformed);
-    add(drops, interface_reasons, "tx_errors", "interface", page.tx_errors);
-    add(drops, board_reasons, "unmatched", "board", page.unmatched);
-    add(drops, board_reasons, "malformed", "board", page.malformed);
-    add(drops, board_reasons, "raw_dropped", "board", page.raw_dropped);
-    for (unsigned ep = 0; ep < page.endpoints; ep++) {
-        const softnic::LedgerEndpoint &e = page.endpoint[ep];
-        const std::string where = fmt::format("endpoint {}", ep);
-        add(drops, endpoint_reasons, "disabled", where, e.disabled);
-        add(drops, endpoint_reasons, "ring_full", where, e.ring_full);
-        add(drops, endpoint_reasons, "oversize", where, e.oversize);
-        add(drops, endpoint_reasons, "send_errors", where, e.send_errors);
-        add(drops, endpoint_reasons, "bad_type", where, e.bad_type);
-        add(drops, endpoint_reasons, "bad_header", where, e.bad_header);
-        add(drops, endpoint_reasons, "bad_payload", where, e.bad_payload);
-        add(drops, endpoint_reasons, "post_overflow", where, e.post_overflow);
-    }
+    add_all(drops, interface_reasons, "interface", page);
+    add_all(drops, board_reasons, "board", page);
+    for (unsigned ep = 0; ep < page.endpoints; ep++)
+        add_all(drops, endpoint_reasons, fmt::format("endpoint {}", ep), page.endpoint[ep]);
     return drops;
 }
 

@@ -475,7 +475,7 @@ void *Card::map(Handle &handle, void *addr, size_t len, int prot, int flags, uin
                                                             entry.read_only);
         const MakeRequestSource &make_source = config_.send_setup ? claim.send.make_source : config_.make_source;
         if (at != MAP_FAILED && entry.requests && make_source) {
-            claim.source.reset(); // a further mapping of the window: the latest is the one that posts
+            drop_source(handle.endpoint); // a further mapping of the window: the latest is the one that posts
             claim.source = make_source(at, claim.zreq.data(), whole_pages, endpoint_name(handle.endpoint).c_str());
             windows_[handle.endpoint].store(reinterpret_cast<uintptr_t>(at));
             runner_->kick(*this);
@@ -497,7 +497,19 @@ void Card::drop_watches(unsigned ep)
     Claim &claim = claims_[ep];
     windows_[ep].store(0);
     claim.watch.reset();
-    claim.source.reset();
+    drop_source(ep);
+}
+
+void Card::drop_source(unsigned ep)
+{
+    lost_requests_[ep] = lost_requests(ep);
+    claims_[ep].source.reset();
+}
+
+uint64_t Card::lost_requests(unsigned ep) const
+{
+    const Claim &claim = claims_[ep];
+    return lost_requests_[ep] + (claim.source ? claim.source->lost() : 0);
 }
 
 void Card::gather_requests(unsigned ep)

@@ -171,6 +171,9 @@ public:
     void *map(Handle &handle, void *addr, size_t len, int prot, int flags, uint64_t offset); // errno when MAP_FAILED
     int wait_send(std::unique_lock<CardLock> &lock, Handle &handle, int32_t timeout_ms);
     uint64_t raw_dropped() const { return raw_dropped_; }
+
+    // Requests of an endpoint that were lost on their way to the adapter, since power-up.
+    uint64_t lost_requests(unsigned ep) const;
     int raw_send(Handle &handle, const oxel_raw_send_t &send);
     int raw_next_event(std::unique_lock<CardLock> &lock, Handle &handle, oxel_raw_next_event_t *event);
 
@@ -249,6 +252,7 @@ private:
     std::string endpoint_name(unsigned ep) const { return config_.name + ", endpoint " + std::to_string(ep); }
     std::vector<MapEntry> map_entries(const Claim &claim) const;
     void drop_watches(unsigned ep);
+    void drop_source(unsigned ep);
     void gather_requests(unsigned ep);
     bool send_one(unsigned ep);
     unsigned serve_requests(unsigned max);
@@ -274,8 +278,9 @@ private:
     std::vector<uint8_t> frame_;    // of the request being served
     // By endpoint: the application's mapping that the claim's source serves, 0 when none.
     std::array<std::atomic<uintptr_t>, kMaxEndpoints> windows_{};
-    bool watch_rings_ = false; // events may be unconsumed, or a descriptor readable
-    uint64_t consumed_ = 0;    // events that applications have released
+    std::array<uint64_t, kMaxEndpoints> lost_requests_{}; // by sources that are gone
+    bool watch_rings_ = false;                            // events may be unconsumed, or a descriptor readable
+    uint64_t consumed_ = 0;                               // events that applications have released
     uint64_t clock_published_ = 0;
     uint64_t soft_notifications_ = 0;
 };

@@ -4,6 +4,7 @@
 #include "nuv_requests.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -25,6 +26,7 @@ public:
     virtual Idle arm_idle() = 0;
     virtual void disarm_idle() = 0;
     virtual int wake_fd() const = 0;
+    virtual uint64_t lost() const = 0; // requests posted that pop() will never give
 };
 
 // app: the window as the application is about to get it; alias: the adapter's own mapping. May give null.

@@ -69,6 +69,7 @@ void add_endpoint(std::string *out, const LedgerEndpoint &e)
     o.number("bad_header", e.bad_header);
     o.number("bad_payload", e.bad_payload);
     o.number("post_overflow", e.post_overflow);
+    o.number("lost_requests", e.lost_requests);
 }
 
 } // namespace

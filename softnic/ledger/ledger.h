@@ -10,7 +10,7 @@
 namespace softnic {
 
 constexpr char kLedgerName[] = "softnic-ledger";      // of the memfd
-constexpr uint64_t kLedgerMagic = 0x3252474c4b555253; // "SRUKLGR2"
+constexpr uint64_t kLedgerMagic = 0x3352474c4b555253; // "SRUKLGR3"
 constexpr unsigned kLedgerEndpoints = 64;
 
 // Written by the firmware, read by anybody. All numbers count since the board was made.
@@ -36,9 +36,10 @@ struct LedgerEndpoint {
     uint64_t bad_type;
     uint64_t bad_header;
     uint64_t bad_payload;
-    uint64_t post_overflow; // requests lost before they were taken
+    uint64_t post_overflow; // requests lost before they were taken: more waited than may be in flight
+    uint64_t lost_requests; // requests lost before that, between the store and the adapter
 };
-static_assert(sizeof(LedgerEndpoint) == 152);
+static_assert(sizeof(LedgerEndpoint) == 160);
 
 struct LedgerPage {
     uint64_t magic; // written last when the page is made
@@ -62,7 +63,7 @@ struct LedgerPage {
     LedgerEndpoint endpoint[kLedgerEndpoints];
 };
 static_assert(offsetof(LedgerPage, sequence) == 32 && offsetof(LedgerPage, received) == 48 &&
-              offsetof(LedgerPage, endpoint) == 128 && sizeof(LedgerPage) == 128 + 64 * 152);
+              offsetof(LedgerPage, endpoint) == 128 && sizeof(LedgerPage) == 128 + 64 * 160);
 
 // A consistent copy of a page that is being written. False when it is none, or changes faster than it can be read.
 bool copy_ledger(const void *page, LedgerPage *copy);

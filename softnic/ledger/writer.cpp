@@ -52,6 +52,7 @@ void take_ledger(Card &card, unsigned board, LedgerPage *page)
         e.bad_header = c.bad_header;
         e.bad_payload = c.bad_payload;
         e.post_overflow = c.post_overflow;
+        e.lost_requests = card.lost_requests(ep);
     }
 }
 

@@ -21,6 +21,11 @@ public:
     }
     void disarm_idle() override { tap_->disarm_idle(); }
     int wake_fd() const override { return tap_->wake_fd(); }
+    uint64_t lost() const override
+    {
+        const TapCounters counters = tap_->counters();
+        return counters.async_hits + counters.overflows;
+    }
 
 private:
     std::unique_ptr<RequestTap> tap_;

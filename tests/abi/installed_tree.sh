@@ -78,14 +78,15 @@ fi
 for program in with_shared with_static; do
     "$tree/user/build/$program" || fail "$program failed"
 done
-# The software adapter for users' own tests.
+# The software adapter for users' own tests, as its pkg-config file tells.
+read -ra adapter <<<"$(pkg-config --define-variable=prefix="$prefix" --cflags --libs ruk-softnic)"
 for program in c cxx c_capture; do
-    language=(-x c -std=c11 -D_DEFAULT_SOURCE) compiler=$cc archives=(-lsoftnic)
+    language=(-x c -std=c11 -D_DEFAULT_SOURCE) compiler=$cc archives=()
     [[ $program != cxx ]] || language=(-x c++ -std=c++20) compiler=$cxx
-    [[ $program != c_capture ]] || archives=(-DWITH_CAPTURE -lsoftnic_capture -lsoftnic_tap -lsoftnic)
-    "$compiler" "${flags[@]}" "${language[@]}" "${strict[@]}" -I"$prefix/include" -L"$libdir" -o "$tree/adapter_$program" \
-        "$here/adapter_consumer.c" -x none "${archives[@]}" -lstdc++ -lm -lpthread || fail "libsoftnic does not link"
-    "$tree/adapter_$program" || fail "adapter_$program failed"
+    [[ $program != c_capture ]] || archives=(-DWITH_CAPTURE -lsoftnic_capture -lsoftnic_tap)
+    "$compiler" "${flags[@]}" "${language[@]}" "${strict[@]}" -L"$libdir" -o "$tree/adapter_$program" \
+        "$here/adapter_consumer.c" -x none "${archives[@]}" "${adapter[@]}" || fail "libsoftnic does not link"
+    LD_LIBRARY_PATH=$libdir "$tree/adapter_$program" || fail "adapter_$program failed"
 done
 
 # All programs start where they were installed.

@@ -70,7 +70,8 @@ protected:
     }
 
     std::unique_ptr<Program> start(const std::string &mode, const Expectation &wanted,
-                                   const std::vector<std::string> &more = {})
+                                   const std::vector<std::string> &more = {},
+                                   const std::vector<std::string> &settings = {})
     {
         std::vector<std::string> command = {programs_ + "/bin/rukrun",
                                             "--soft=oxel0",
@@ -90,8 +91,10 @@ protected:
         const char *given = getenv("ASAN_OPTIONS");
         const std::string sanitizer =
             std::string("ASAN_OPTIONS=") + (given != nullptr ? given : "") + ":verify_asan_link_order=0";
-        return lab.start(lab.adapter, command,
-                         {"RUK_SOFTNIC_ENDPOINTS=16", "LD_LIBRARY_PATH=" + programs_ + "/lib", sanitizer});
+        std::vector<std::string> environment = {"RUK_SOFTNIC_ENDPOINTS=16", "LD_LIBRARY_PATH=" + programs_ + "/lib",
+                                                sanitizer};
+        environment.insert(environment.end(), settings.begin(), settings.end());
+        return lab.start(lab.adapter, command, environment);
     }
 
     // Senders run as a user who may open packet sockets and steer frames, and nothing else; an ordinary user who runs
@@ -206,9 +209,10 @@ protected:
     }
 
     std::unique_ptr<Program> expect_all_arrive(const std::string &mode, const Expectation &wanted,
-                                               const std::vector<std::string> &more = {}, int seconds = 60)
+                                               const std::vector<std::string> &more = {}, int seconds = 60,
+                                               const std::vector<std::string> &settings = {})
     {
-        auto program = start(mode, wanted, more);
+        auto program = start(mode, wanted, more, settings);
         receive(wanted, *program, seconds);
         expect_accepted(*program, wanted.threads * wanted.count);
         return program;
@@ -298,6 +302,30 @@ TEST_F(SendModes, InterfaceWithLargeFrames_FastAskedFor_LargePayloadsArrive)
     for (const char *mode : {"fast", "exact", "fallback"}) {
         SCOPED_TRACE(mode);
         expect_all_arrive(mode, {2, 600, 0, 8972}, {"window=6"});
+    }
+}
+
+// A ring has to hold two of the largest payloads in whole pages, and 4096 bytes are all that a request can carry
+// without it.
+TEST_F(SendModes, RingAndThresholdBeyondTheirLimits_LargeFrames_SaidAndAllArrive)
+{
+    lab.run(lab.adapter, "ip link set oxel0 mtu 9000");
+    lab.run(lab.peer, "ip link set peer0 mtu 9000");
+    for (const char *mode : {"exact", "fallback"}) {
+        SCOPED_TRACE(mode);
+        auto program = expect_all_arrive(mode, {2, 300, 0, 8972}, {"window=6"}, 60,
+                                         {"RUK_SOFTNIC_SENDQ=4096", "RUK_SOFTNIC_THRESHOLD=8192"});
+        EXPECT_EQ(occurrences(program->err(), "softnic: RUK_SOFTNIC_SENDQ=4096 is not a number from 24576 to 16777216, "
+                                              "using 262144\n"),
+                  1u)
+            << *program;
+        EXPECT_EQ(occurrences(program->err(),
+                              "softnic: RUK_SOFTNIC_THRESHOLD=8192 is not a number from 0 to 4096, using 1024\n"),
+                  1u)
+            << *program;
+        program = expect_all_arrive(mode, {2, 300, 0, 8972}, {"window=6"}, 60,
+                                    {"RUK_SOFTNIC_SENDQ=24576", "RUK_SOFTNIC_THRESHOLD=4096"});
+        EXPECT_EQ(program->err().find("RUK_SOFTNIC_"), std::string::npos) << *program;
     }
 }
 

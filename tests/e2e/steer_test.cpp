@@ -31,10 +31,10 @@ namespace {
 constexpr uint32_t kAdapter = 0x0A4D0001, kPeer = 0x0A4D0002, kGroup = 0xE0010203;
 constexpr SteerKey kUdp5000 = {kAdapter, 5000, 0, 17};
 
-std::unique_ptr<Port> open_port(const char *ifname)
+std::unique_ptr<Port> open_port(const char *ifname, bool trailer = false)
 {
     std::string error;
-    auto port = softnic::make_packet_port(ifname, &error);
+    auto port = softnic::make_packet_port(ifname, &error, trailer);
     EXPECT_TRUE(port) << error;
     return port;
 }
@@ -174,17 +174,22 @@ protected:
                                  std::string(lab.adapter.ifname) + " priority 0; fwd to mirror0; }; }'");
     }
 
-    void random_frames_split_exactly(uint32_t seed, size_t frames);
+    // With a trailer, frames are to end in four bytes that are none of theirs, and one of eight does not.
+    void random_frames_split_exactly(uint32_t seed, size_t frames, bool trailer = false);
 
     std::unique_ptr<Port> port;
     int sender = -1, receiver = -1;
 };
 
-void SteeringTest::random_frames_split_exactly(uint32_t seed, size_t frames)
+void SteeringTest::random_frames_split_exactly(uint32_t seed, size_t frames, bool trailer)
 {
     SCOPED_TRACE("seed " + std::to_string(seed));
     mirror_what_the_host_sees();
-    auto mirror = open_port("mirror1");
+    if (trailer) {
+        port = open_port(lab.adapter.ifname, trailer);
+        ASSERT_TRUE(port);
+    }
+    auto mirror = open_port("mirror1", trailer);
     ASSERT_TRUE(mirror);
     const std::set<SteerKey> keys = {kUdp5000,
                                      {kAdapter, 0x1300, 0, 17},
@@ -202,8 +207,18 @@ void SteeringTest::random_frames_split_exactly(uint32_t seed, size_t frames)
     const int wire = lab.packet_socket(lab.peer);
     FrameMaker maker(seed);
     std::vector<Bytes> arrived, host_saw;
+    const auto matches = [&keys](const Bytes &frame, size_t len, SteerKey *key) {
+        return softnic::parse_frame_key(frame.data(), static_cast<uint32_t>(len), key) && keys.contains(*key);
+    };
+    const size_t end = trailer ? 4 : 0;
+    size_t taken_unfit = 0; // taken from the host for its key, but its last bytes are where a trailer has to be
     for (size_t sent = 0; sent < frames; sent++) {
-        const Bytes frame = maker.next();
+        Bytes frame = maker.next();
+        if (trailer && maker.below(8) != 0)
+            put32(&frame, 0xDEADBEEF);
+        SteerKey key;
+        if (matches(frame, frame.size(), &key) && !matches(frame, frame.size() - end, &key))
+            taken_unfit++;
         ASSERT_EQ(send(wire, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size())) << strerror(errno);
         if (sent % 64 != 63)
             continue;
@@ -225,7 +240,7 @@ void SteeringTest::random_frames_split_exactly(uint32_t seed, size_t frames)
     std::set<SteerKey> matched;
     for (const Bytes &frame : arrived) {
         SteerKey key;
-        if (softnic::parse_frame_key(frame.data(), static_cast<uint32_t>(frame.size()), &key) && keys.contains(key)) {
+        if (matches(frame, frame.size() - end, &key)) {
             delivered++;
             matched.insert(key);
         } else {
@@ -237,12 +252,14 @@ void SteeringTest::random_frames_split_exactly(uint32_t seed, size_t frames)
         ASSERT_EQ(i < left.size() ? left[i] : Bytes(), i < host_saw.size() ? host_saw[i] : Bytes()) << "frame " << i;
     // None vanished on both ways, those included that cannot be handed out.
     EXPECT_EQ(port->counters().received + port->counters().rx_malformed, frames);
-    EXPECT_EQ(mirror->counters().received + mirror->counters().rx_malformed, frames - delivered);
+    EXPECT_EQ(mirror->counters().received + mirror->counters().rx_malformed, frames - delivered - taken_unfit);
+    EXPECT_GE(port->counters().rx_malformed, taken_unfit);
     EXPECT_EQ(port->counters().rx_dropped, 0u);
     // Each key had its frames, and there was enough that had none.
     EXPECT_EQ(matched.size(), keys.size());
     EXPECT_GT(delivered, frames / 100);
     EXPECT_GT(left.size(), frames / 4);
+    EXPECT_EQ(taken_unfit != 0, trailer);
 }
 
 } // namespace
@@ -351,6 +368,13 @@ TEST_F(SteeringTest, RandomFrames_TakenFromHost_ExactlyThoseThatFiltersMatch)
     const uint32_t seed = std::random_device()();
     printf("seed %u\n", seed);
     random_frames_split_exactly(seed, 20000);
+}
+
+TEST_F(SteeringTest, RandomFramesOfAWireWithTrailers_TakenFromHost_DeliveredOrCounted)
+{
+    const uint32_t seed = std::random_device()();
+    printf("seed %u\n", seed);
+    random_frames_split_exactly(seed, 20000, true);
 }
 
 // As root the tests above run with all rights; here they run as an ordinary user would run them.

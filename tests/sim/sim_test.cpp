@@ -9,6 +9,7 @@
 #include "capture.h"
 #include "libc_seam.h"
 #include "ruk_core.h"
+#include "sanitizer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -845,17 +846,7 @@ uint64_t run(uint64_t seed, Figures &figures)
 }
 
 /* As many seeds as a minute holds. */
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr uint64_t kSeeds = 100;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr uint64_t kSeeds = 100;
-#else
-constexpr uint64_t kSeeds = 1000;
-#endif
-#else
-constexpr uint64_t kSeeds = 1000;
-#endif
+constexpr uint64_t kSeeds = test_support::kSanitized ? 100 : 1000;
 
 /* In a network of the process's own nobody else takes ports, so that they can come from the seed. */
 class Simulations : public testing::Test {

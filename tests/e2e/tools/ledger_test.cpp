@@ -2,7 +2,10 @@
 #include "schema.h"
 #include "tool_lab.h"
 
+#include <algorithm>
 #include <csignal>
+#include <cstring>
+#include <fcntl.h>
 #include <regex>
 
 using namespace tool_test;
@@ -51,6 +54,47 @@ protected:
         EXPECT_TRUE(program->finish()) << *program;
         return program;
     }
+
+    // Fills the pipe that a program prints to: it is blocked as soon as it prints, until somebody reads.
+    static void stop_up(const test_support::Program &program)
+    {
+        const std::string output = "/proc/" + std::to_string(program.pid()) + "/fd/1";
+        const int fd = open(output.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_GE(fd, 0) << strerror(errno);
+        EXPECT_GT(fcntl(fd, F_SETPIPE_SZ, 4096), 0) << strerror(errno);
+        while (write(fd, kFiller, strlen(kFiller)) > 0) {
+        }
+        EXPECT_EQ(errno, EAGAIN);
+        close(fd);
+    }
+    static constexpr char kFiller[] = "filler\n";
+
+    // A receiver whose output is stopped up: its ring fills, and what is left is lost. When this returns all that was
+    // sent has arrived, whatever became of it; the board then.
+    std::unique_ptr<test_support::Program> overflowing_receiver(KernelSocket &peer, json *board,
+                                                                std::vector<std::string> environment = {})
+    {
+        environment.push_back("RUK_SOFTNIC_RECVQ=16384");
+        auto program = lab.start(
+            lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-recv"), "-i", "oxel0", "-p", "5000", "--stats"},
+            environment);
+        EXPECT_TRUE(program->wait_for_err("listening")) << *program;
+        stop_up(*program);
+        for (unsigned i = 0; i < kSent; i++)
+            peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
+        for (int attempt = 0; attempt < 400; attempt++) {
+            *board = parse(run({"ruk-info", "--stats", "--json"})->out()).at("ledgers").at(0);
+            if (n(board->at("endpoints").at(0), "steered") + n(board->at("port"), "rx_dropped") >= kSent &&
+                n(board->at("endpoints").at(0), "pending") == 0)
+                break;
+            usleep(20000);
+        }
+        expect_sums(*board);
+        EXPECT_EQ(n(board->at("endpoints").at(0), "steered") + n(board->at("port"), "rx_dropped"), kSent);
+        EXPECT_GT(n(board->at("endpoints").at(0), "ring_full"), 0u) << *board;
+        return program;
+    }
+    static constexpr unsigned kSent = 200;
 
     ScratchDir scratch_;
 
@@ -122,22 +166,9 @@ TEST_F(Ledger, Text_OfAReceiverThatLosesFrames_AddsUpInEveryProgram)
 {
     KernelSocket peer(lab, lab.peer, 40000);
     const std::string file = scratch_.file("stats");
-    auto program = lab.start(
-        lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-recv"), "-i", "oxel0", "-p", "5000", "--stats"},
-        {"RUK_SOFTNIC_RECVQ=16384", "RUK_SOFTNIC_STATS=" + file});
-    ASSERT_TRUE(program->wait_for_err("listening")) << *program;
-    kill(program->pid(), SIGSTOP);
-    for (int i = 0; i < 200; i++)
-        peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
     put_frame(0x88b5, "for nobody");
-    kill(program->pid(), SIGCONT);
-    for (int attempt = 0; attempt < 200; attempt++) { // all of them have arrived, whatever became of them
-        const json board = parse(run({"ruk-info", "--stats", "--json"})->out()).at("ledgers").at(0);
-        expect_sums(board);
-        if (n(board.at("endpoints").at(0), "steered") + n(board["port"], "rx_dropped") >= 200)
-            break;
-        usleep(20000);
-    }
+    json board;
+    auto program = overflowing_receiver(peer, &board, {"RUK_SOFTNIC_STATS=" + file});
     EXPECT_EQ(expect_sums_of_text(run({"ruk-info", "--stats"})->out()), 3);
     kill(program->pid(), SIGINT);
     ASSERT_TRUE(program->finish()) << *program;
@@ -145,14 +176,14 @@ TEST_F(Ledger, Text_OfAReceiverThatLosesFrames_AddsUpInEveryProgram)
 
     // The file that the program leaves, and the drops that were told, name the same losses.
     expect_schema("rukrun-stats", contents(file));
-    json board = json::parse(contents(file)).at("boards").at(0);
+    board = json::parse(contents(file)).at("boards").at(0);
     expect_sums(board);
     const json &endpoint = board["endpoints"][0];
-    EXPECT_EQ(n(endpoint, "steered") + n(board["port"], "rx_dropped"), 200u);
-    if (const uint64_t lost = n(endpoint, "ring_full"); lost != 0) {
-        EXPECT_NE(program->out().find("ring_full (endpoint 0): " + std::to_string(lost) + ": "), std::string::npos)
-            << *program;
-    }
+    EXPECT_EQ(n(endpoint, "steered") + n(board["port"], "rx_dropped"), kSent);
+    const uint64_t lost = n(endpoint, "ring_full");
+    EXPECT_GT(lost, 0u);
+    EXPECT_NE(program->out().find("ring_full (endpoint 0): " + std::to_string(lost) + ": "), std::string::npos)
+        << *program;
 }
 
 TEST_F(Ledger, BurstWhileTheReceiverIsStopped_Info_ShowsTheHighWaterMark)
@@ -202,6 +233,62 @@ TEST_F(Ledger, RunningReceiver_Top_ShowsRatesAndRing)
     EXPECT_TRUE(
         std::regex_search(text->out(), std::regex(R"(ruk-recv \(process [0-9]+\), board 0 on oxel0: arrived)")));
     EXPECT_EQ(text->out().find('\033'), std::string::npos); // not to a terminal
+}
+
+TEST_F(Ledger, ReceiverThatLosesFrames_TopInText_ShowsRatesRingPeakAndDropsByReason)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    json board;
+    auto program = overflowing_receiver(peer, &board);
+    const uint64_t delivered = n(board["endpoints"][0], "delivered"), lost = n(board["endpoints"][0], "ring_full");
+
+    auto top = lab.start(lab.adapter, {bin("ruk-top"), "-n", "40", "-d", "0.5"});
+    std::string line;
+    // endpoint, received/s, received, dropped, ring, peak, sent/s, sent
+    const std::regex row(R"( +0 +(\S+) +(\d+) +(\d+) +(\d+\.\d)% +(\d+\.\d)% +(\S+) +(\d+))");
+    std::smatch match;
+    const auto next_row = [&] {
+        while (top->read_line(&line))
+            if (std::regex_match(line, match, row))
+                return true;
+        return false;
+    };
+    ASSERT_TRUE(next_row()) << *top;
+    EXPECT_EQ(match[1], "-"); // no rates yet
+    EXPECT_EQ(match[2], std::to_string(delivered));
+    EXPECT_EQ(match[3], std::to_string(lost));
+    EXPECT_GT(std::stod(match[4]), 50) << line;
+    EXPECT_GT(std::stod(match[5]), 50) << line;
+    EXPECT_LE(std::stod(match[5]), 100) << line;
+    EXPECT_GE(std::stod(match[5]), std::stod(match[4])) << line;
+    EXPECT_EQ(match[6], "-");
+    EXPECT_EQ(match[7], "0");
+    const std::string drop = "\tring_full (endpoint 0): " + std::to_string(lost) +
+                             ": frames for which the event ring had no room: the application did not keep up; receive "
+                             "faster, or ask for a larger ring";
+    ASSERT_TRUE(top->wait_for_out(drop)) << *top;
+
+    // Somebody reads it: the ring empties, and more is received.
+    for (uint64_t i = 0; i < delivered; i += line != "filler")
+        ASSERT_TRUE(program->read_line(&line)) << i << *program;
+    constexpr uint64_t more = 10;
+    for (uint64_t i = 0; i < more; i++) {
+        peer.send("abc", "10.77.0.1", 5000);
+        ASSERT_TRUE(program->read_line(&line)) << *program;
+    }
+    double fastest = 0;
+    do {
+        ASSERT_TRUE(next_row()) << *top;
+        fastest = std::max(fastest, std::stod(match[1]));
+    } while (match[2] != std::to_string(delivered + more));
+    EXPECT_GT(fastest, 0) << line;
+    EXPECT_LE(fastest, more / 0.4) << line;
+    EXPECT_EQ(match[3], std::to_string(lost));
+    EXPECT_EQ(match[6], "0") << line;
+    do
+        ASSERT_TRUE(next_row()) << *top;
+    while (match[4] != "0.0");
+    EXPECT_GT(std::stod(match[5]), 50) << "the peak stays: " << line;
 }
 
 TEST_F(Ledger, AdapterOfAnotherHost_Info_DoesNotShowIt)

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <map>
 #include <regex>
 
 using namespace tool_test;
@@ -243,6 +244,32 @@ TEST_F(ReceiveTool, Group_IsReceivedFromTheSourcesAskedFor)
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
+TEST_F(ReceiveTool, AllmultiFilter_GroupNobodyJoined_IsShownWithItAlone)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    in_addr out{};
+    inet_pton(AF_INET, "10.77.0.2", &out);
+    ASSERT_EQ(setsockopt(peer.fd(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out), 0);
+    for (const std::string filter : {"normal", "allmulti"}) {
+        auto program = receiver({"-p", "5000", "--filter", filter, "-t", "20", "--json"});
+        peer.send("to the group", "239.1.1.9", 5000);
+        peer.send("to the host", "10.77.0.1", 5000);
+        if (filter == "allmulti") {
+            json line;
+            do // hosts send to groups of their own, too
+                line = parse(next_line(*program));
+            while (line["payload"] != "746f207468652067726f7570");
+            EXPECT_EQ(line["from"], "10.77.0.2:40000");
+            EXPECT_EQ(line["to"], "239.1.1.9:5000");
+        }
+        const json line = parse(next_line(*program));
+        EXPECT_EQ(line["payload"], "746f2074686520686f7374") << filter;
+        EXPECT_EQ(line["to"], "10.77.0.1:5000") << filter;
+        program->signal(SIGINT);
+        EXPECT_TRUE(program->finish());
+    }
+}
+
 TEST_F(ReceiveTool, Block_OfAJoinedGroup_IsAskedOfTheKernelSocket)
 {
     auto program = receiver({"-p", "5000", "-g", "239.1.1.1", "--block", "239.1.1.1@10.77.0.2", "-t", "20"});
@@ -384,4 +411,54 @@ TEST_F(ReceiveTool, Info_ShowsBoardAndInterface)
     ASSERT_TRUE(text->finish());
     EXPECT_NE(text->out().find("MAC 02:6f:78:00:00:01"), std::string::npos) << *text;
     EXPECT_NE(text->out().find("  oxel0: address 10.77.0.1, netmask 255.255.255.0"), std::string::npos) << *text;
+}
+
+TEST_F(ReceiveTool, Info_VlanInterface_IsShownWithItsTag)
+{
+    // The library takes the tag from the name, so any interface of the adapter's address will do.
+    lab.run(lab.adapter, "ip link add oxel0.5 address 02:6f:78:00:00:01 type veth peer name other5"
+                         " && ip addr add 10.77.5.1/24 dev oxel0.5 && ip link set oxel0.5 up && ip link set other5 up");
+    auto program = soft({"ruk-info", "--json"});
+    ASSERT_TRUE(program->finish());
+    expect_schema("ruk-info", program->out());
+    std::map<std::string, json> tags;
+    const json info = parse(program->out());
+    for (const json &interface : info.at("boards").at(0).at("interfaces"))
+        tags[interface.at("name")] = interface.at("vlan");
+    const std::map<std::string, json> expected = {{"oxel0", nullptr}, {"oxel0.5", 5}};
+    EXPECT_EQ(tags, expected) << *program;
+
+    auto text = soft({"ruk-info"});
+    ASSERT_TRUE(text->finish());
+    EXPECT_TRUE(std::regex_search(text->out(), std::regex("\n  oxel0\\.5: address 10\\.77\\.5\\.1, [^\n]*, VLAN 5\n")))
+        << *text;
+    EXPECT_FALSE(std::regex_search(text->out(), std::regex("\n  oxel0: [^\n]*VLAN"))) << *text;
+}
+
+TEST_F(ReceiveTool, Info_CableUnpluggedAndBack_LinkIsShownDownAndUp)
+{
+    // The kernel tells of a lost carrier when it gets round to it.
+    const auto wait_for_state = [this](const std::string &state) {
+        const auto now = [this] {
+            return json::parse(lab.run(lab.adapter, "ip -j link show dev oxel0")).at(0).at("operstate");
+        };
+        for (int i = 0; i < 400 && now() != state; i++)
+            usleep(25000);
+        ASSERT_EQ(now(), state);
+    };
+    const auto expect_link = [this](const std::string &state) {
+        auto program = soft({"ruk-info", "--json"});
+        ASSERT_TRUE(program->finish());
+        expect_schema("ruk-info", program->out());
+        EXPECT_EQ(parse(program->out()).at("boards").at(0).at("link"), state) << *program;
+        auto text = soft({"ruk-info"});
+        ASSERT_TRUE(text->finish());
+        EXPECT_NE(text->out().find(", link " + state + "\n"), std::string::npos) << *text;
+    };
+    lab.run(lab.peer, "ip link set peer0 down");
+    wait_for_state("DOWN");
+    expect_link("down");
+    lab.run(lab.peer, "ip link set peer0 up");
+    wait_for_state("UP");
+    expect_link("up");
 }

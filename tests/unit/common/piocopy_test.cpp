@@ -349,7 +349,7 @@ TEST(PioCopyStores, NothingAligned_Copied_NoStoreSumZero)
     EXPECT_EQ(told, 0u);
 }
 
-TEST(PioCopyStores, NothingMisaligned_Copied_NothingReadSumZero)
+TEST(PioCopyStores, NothingMisaligned_Copied_NothingReadAWordOfZerosStoredSumZero)
 {
     Fenced memory(4096);
     for (uint32_t misalign = 1; misalign < 4; misalign++) {
@@ -357,6 +357,7 @@ TEST(PioCopyStores, NothingMisaligned_Copied_NothingReadSumZero)
         uint32_t told = 99;
         EXPECT_EQ(tov_piocopy_csum(reinterpret_cast<uintptr_t *>(dst), memory.unreadable() + misalign, 0, &told), 0u);
         EXPECT_EQ(told, misalign);
+        EXPECT_EQ(dst[0], 0u);
         EXPECT_EQ(dst[1], 0xdeadbeefu);
     }
 }

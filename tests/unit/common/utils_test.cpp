@@ -462,6 +462,10 @@ INSTANTIATE_TEST_SUITE_P(
                     /* the first rule does not hold, the second is asked */
                     VlanCase{"vlan4096", -1}, VlanCase{"vlan5000", -1}, VlanCase{"vlan4096.7", 7}, VlanCase{"vlan", -1},
                     VlanCase{"vlanx", -1}, VlanCase{"vlan.12", 12}, VlanCase{"xvlan5", -1}, VlanCase{"Vlan5", -1},
+                    VlanCase{"vlan65541", -1}, VlanCase{"vlan65541.8", 8}, VlanCase{"vlan-65535", -1},
+                    VlanCase{"vlan-65535.9", 9}, VlanCase{"vlan4294967301", -1}, VlanCase{"vlan4294967301.10", 10},
+                    VlanCase{"vlan-1", -1}, VlanCase{"vlan18446744073709551621", -1},
+                    VlanCase{"vlan18446744073709551621.11", 11}, VlanCase{"vlan-18446744073709551611.12", 12},
                     /* number behind the first dot */
                     VlanCase{"eth2.100", 100}, VlanCase{"eth0.4095", 4095}, VlanCase{"eth0.4096", -1},
                     VlanCase{"eth0.0", 0}, VlanCase{"eth0.x", -1}, VlanCase{"eth0", -1}, VlanCase{"", -1},

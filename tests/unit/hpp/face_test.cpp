@@ -37,6 +37,15 @@ protected:
     {
         return ruk::endpoint::open(ruk::ip("10.77.0.1"), flags);
     }
+    /* The last option of a kernel socket, by its number. */
+    int last_option()
+    {
+        int name = 0;
+        for (const SocketCall &call : host.sockets.log())
+            if (call.slot == Slot::setsockopt)
+                name = call.name;
+        return name;
+    }
     unsigned claimed() { return static_cast<unsigned>(__builtin_popcountll(softnic_claimed(nic, 0))); }
 
     void arrive(const std::string &text, uint16_t from_port = 4000, uint16_t to_port = 5000)
@@ -535,6 +544,360 @@ TEST_F(Face, BlockThatTheKernelRefuses_HasTheKernelsReason)
     std::error_code ec;
     channel.block(ruk::ip("239.1.1.1"), ruk::ip("10.77.0.2"), ec);
     EXPECT_EQ(ec, std::errc::address_not_available);
+}
+
+TEST_F(Face, UnblockThatTheKernelRefuses_HasTheKernelsReason)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    const in_addr group = ruk::ip("239.1.1.1"), source = ruk::ip("10.77.0.2");
+    std::error_code ec;
+    host.sockets.fail(Slot::setsockopt, 1, EADDRNOTAVAIL, 4);
+    channel.unblock(group, source, ec);
+    EXPECT_EQ(ec, std::errc::address_not_available);
+    EXPECT_EQ(error_of([&] { channel.unblock(group, source); }), EADDRNOTAVAIL);
+    EXPECT_EQ(error_of([&] { channel.block(group, source); }), EADDRNOTAVAIL);
+    channel.block(group, source, ec);
+    EXPECT_EQ(ec, std::errc::address_not_available);
+    channel.block(group, source, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(last_option(), IP_BLOCK_SOURCE);
+    channel.unblock(group, source);
+    EXPECT_EQ(last_option(), IP_UNBLOCK_SOURCE);
+    channel.block(group, source);
+    channel.unblock(group, source, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_TRUE(TAILQ_EMPTY(&channel.get()->ch_mreq_blocked));
+}
+
+TEST_F(Face, GroupOfOneSource_JoinedAndLeft_IsSteeredMeanwhile)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    const in_addr group = ruk::ip("239.1.1.1"), source = ruk::ip("10.77.0.2"), other = ruk::ip("10.77.0.3");
+    const auto steered = [&] { return softnic_steered(nic, 0, 0xef010101, 5000, 0, 17); };
+    channel.join(group, source);
+    EXPECT_EQ(last_option(), IP_ADD_SOURCE_MEMBERSHIP);
+    EXPECT_EQ(steered(), 1);
+    std::error_code ec;
+    channel.leave(group, other, ec);
+    EXPECT_EQ(ec, std::errc::address_not_available);
+    EXPECT_EQ(error_of([&] { channel.leave(group, other); }), EADDRNOTAVAIL);
+    channel.leave(group, source, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(steered(), 0);
+
+    channel.join(group, source, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(steered(), 1);
+    channel.leave(group, source);
+    EXPECT_EQ(steered(), 0);
+    const in_addr no_group = ruk::ip("10.0.0.1");
+    channel.join(no_group, source, ec);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { channel.join(no_group, source); }), EINVAL);
+    channel.join(group, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(last_option(), IP_ADD_MEMBERSHIP);
+    EXPECT_EQ(error_of([&] { channel.leave(ruk::ip("239.1.1.2")); }), EADDRNOTAVAIL);
+}
+
+/* The library hands the socket's own -1 on here. */
+TEST_F(Face, BindWhoseSocketOptionIsRefused_HasTheKernelsReason)
+{
+    ruk::endpoint endpoint = opened();
+    const in_addr vlan = ruk::ip("10.77.7.1");
+    std::error_code ec;
+    host.sockets.fail(Slot::setsockopt, 1, EACCES, 4);
+    EXPECT_FALSE(endpoint.bind(5000, ruk::bind_flags::reuse, nullptr, ec));
+    EXPECT_EQ(ec, std::errc::permission_denied);
+    EXPECT_EQ(error_of([&] { (void)endpoint.bind(5000, ruk::bind_flags::broadcast); }), EACCES);
+    EXPECT_FALSE(endpoint.bind(vlan, 5000, ruk::bind_flags::reuse, nullptr, ec));
+    EXPECT_EQ(ec, std::errc::permission_denied);
+    EXPECT_EQ(error_of([&] { (void)endpoint.bind(vlan, 5000, ruk::bind_flags::broadcast); }), EACCES);
+    EXPECT_TRUE(endpoint.bind(5000, ruk::bind_flags::reuse, nullptr, ec));
+    EXPECT_FALSE(ec);
+}
+
+TEST_F(Face, BindToAnotherAddressOfTheAdapter_AsCodeAndAsException)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    const in_addr vlan = ruk::ip("10.77.7.1"), foreign = ruk::ip("10.99.0.1");
+    int context = 0;
+    const ruk::channel channel = endpoint.bind(vlan, 5000, ruk::bind_flags::none, &context);
+    EXPECT_EQ(channel.address().sin_addr.s_addr, vlan.s_addr);
+    EXPECT_EQ(channel.get()->ch_ucontext, &context);
+    EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0701, 5000, 7, 17), 1);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    const ruk::channel other = endpoint.bind(vlan, 5001, ruk::bind_flags::none, &context, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(other.address(ec).sin_port, htons(5001));
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(endpoint.bind(foreign, 5000, ruk::bind_flags::none, nullptr, ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { (void)endpoint.bind(foreign, 5000); }), EINVAL);
+}
+
+TEST_F(Face, AddressOfNoChannel_ToldAsCodeAndAsException)
+{
+    const ruk::channel none;
+    std::error_code ec;
+    EXPECT_EQ(none.address(ec).sin_port, 0);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { none.address(); }), EINVAL);
+}
+
+TEST_F(Face, Channel_MovedOnto_IsUnboundAndTheOtherKept)
+{
+    ruk::endpoint endpoint = opened();
+    const auto steered = [&](uint16_t port) { return softnic_steered(nic, 0, 0x0a4d0001, port, 0, 17); };
+    ruk::channel first = endpoint.bind(5000), second = endpoint.bind(5001);
+    const ruk_channel_t handle = second.get();
+    first = std::move(second);
+    EXPECT_EQ(first.get(), handle);
+    EXPECT_FALSE(second); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(steered(5000), 0);
+    EXPECT_EQ(steered(5001), 1);
+    ruk::channel &same = first;
+    first = std::move(same);
+    EXPECT_EQ(first.get(), handle);
+    EXPECT_EQ(steered(5001), 1);
+    EXPECT_EQ(ruk_unbind(first.release()), 0);
+    EXPECT_FALSE(first);
+}
+
+TEST_F(Face, SendHandle_MovedOnto_IsGoneAndTheOtherKept)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle first = channel.connect(ruk::address("10.77.0.2", 6000));
+    ruk::send_handle second = channel.connect(ruk::address("10.77.0.2", 6001));
+    const ruk_send_t handle = second.get();
+    first = std::move(second);
+    EXPECT_EQ(first.get(), handle);
+    EXPECT_FALSE(second); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(handles(channel.get()), 1u);
+    ruk::send_handle &same = first;
+    first = std::move(same);
+    EXPECT_EQ(first.get(), handle);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    first.send("moved"sv, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(sent_datagram().dst, "10.77.0.2:6001");
+    first.reset();
+    EXPECT_EQ(handles(channel.get()), 0u);
+}
+
+TEST_F(Face, SendThatFails_ToldAsCodeAndAsException)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle handle = channel.connect(ruk::address("10.77.0.2", 6000));
+    std::error_code ec;
+    handle.send("x"sv, ec);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { handle.send("x"sv); }), EINVAL);
+}
+
+/* Told as a lack of room is. */
+TEST_F(Face, HostsInterfacesCannotBeListed_TrySendToIsFalseWithoutAnError)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    host.getifaddrs_error = ENXIO;
+    const sockaddr_in unknown = ruk::address("10.77.0.9", 6000);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    StreamCapture streams;
+    EXPECT_FALSE(channel.try_send_to(unknown, "x"sv, ec));
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(channel.try_send_to(unknown, "x"sv));
+    channel.send_to(unknown, "x"sv, ec);
+    EXPECT_EQ(ec.value(), ENXIO) << "which waiting does not turn into a lack of room";
+}
+
+TEST_F(Face, OpenOfAnInterfacesName_AsCodeAndAsException)
+{
+    {
+        const ruk::endpoint endpoint = ruk::endpoint::open_if("vlan7");
+        EXPECT_EQ(endpoint.get()->rep_ipaddr_be32, htonl(0x0a4d0701));
+        EXPECT_EQ(claimed(), 1u);
+    }
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    const ruk::endpoint endpoint = ruk::endpoint::open_if("oxel0", ruk::open_flags::thread_safe, ec);
+    EXPECT_FALSE(ec);
+    ASSERT_TRUE(endpoint);
+    EXPECT_EQ(endpoint.get()->rep_ipaddr_be32, htonl(0x0a4d0001));
+    EXPECT_NE(endpoint.get()->rep_lockp, nullptr);
+}
+
+TEST_F(Face, Initialisation_AsCodeAndAsException)
+{
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    ruk::init(ec);
+    EXPECT_FALSE(ec);
+    ruk__api_version = RUK_API_VERSION + 1; /* as another part of the program had asked for another one */
+    StreamCapture streams;
+    ruk::init(ec);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([] { ruk::init(); }), EINVAL);
+}
+
+TEST_F(Face, Interfaces_ThatCannotBeListed_ToldAsCodeAndAsException)
+{
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    {
+        const ruk::interface_list list(ec);
+        EXPECT_FALSE(ec);
+        EXPECT_EQ(list.size(), 2u);
+    }
+    host.getifaddrs_error = ENOBUFS;
+    const ruk::interface_list none(ec);
+    EXPECT_EQ(ec, std::errc::no_buffer_space);
+    EXPECT_EQ(none.size(), 0u);
+    EXPECT_EQ(none.begin(), none.end());
+    EXPECT_EQ(error_of([] { const ruk::interface_list list; }), ENOBUFS);
+}
+
+TEST_F(Face, Interfaces_Moved_AreThoseOfTheOther)
+{
+    ruk::interface_list both;
+    host.interfaces.pop_back();
+    ruk::interface_list one;
+    const tov_ifaddrs *head = &*both.begin();
+    ruk::interface_list taken(std::move(both));
+    EXPECT_EQ(taken.size(), 2u);
+    EXPECT_EQ(&*taken.begin(), head);
+    EXPECT_EQ(both.size(), 0u); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(both.begin(), both.end());
+    one = std::move(taken);
+    EXPECT_EQ(one.size(), 2u);
+    ruk::interface_list::iterator at = one.begin();
+    EXPECT_STREQ(at++->tov_ifa_name, "oxel0");
+    EXPECT_STREQ(at->tov_ifa_name, "vlan7");
+    EXPECT_EQ(++at, one.end());
+}
+
+/* What the driver refuses, by each call that asks it. */
+TEST_F(Face, DriverRefuses_ToldAsCodeAndAsException)
+{
+    ruk::endpoint endpoint = opened();
+    const ruk::filter_rule rule = {.to = ruk::ip("10.77.0.1"), .port = 7000};
+    ruk_device_attrs attrs = endpoint.attributes();
+    attrs.recvq_filter_mode = RUK_RECV_FILTER_ALLMULTI;
+    const struct {
+        unsigned long command;
+        std::function<void(std::error_code &)> with_code;
+        std::function<void()> throwing;
+    } calls[] = {
+        {OXEL_SET_FILTER_MODE, [&](auto &ec) { endpoint.set_filter(ruk::filter::raw, ec); },
+         [&] { endpoint.set_filter(ruk::filter::normal); }},
+        {OXEL_RX_FILTER, [&](auto &ec) { endpoint.add_filter(rule, 3000, 0, ec); },
+         [&] { endpoint.add_filter(rule, 3001); }},
+        {OXEL_RX_FILTER, [&](auto &ec) { endpoint.remove_filter(rule, 3000, ec); },
+         [&] { endpoint.remove_filter(rule, 3001); }},
+        {OXEL_SET_RUK_PARAMS, [&](auto &ec) { endpoint.set_attributes(attrs, ec); },
+         [&] {
+             attrs.recvq_filter_mode = RUK_RECV_FILTER_NORMAL;
+             endpoint.set_attributes(attrs);
+         }},
+        {OXEL_GET_NIC_TICKS, [&](auto &ec) { endpoint.clocks(ec); }, [&] { endpoint.clocks(); }},
+    };
+    for (const auto &call : calls) {
+        SCOPED_TRACE(call.command);
+        StreamCapture streams;
+        std::error_code ec;
+        host.sockets.fail_ioctl(call.command, 1, EIO);
+        call.with_code(ec);
+        EXPECT_EQ(ec, std::errc::io_error);
+        call.with_code(ec);
+        EXPECT_FALSE(ec);
+        host.sockets.fail_ioctl(call.command, 1, EIO);
+        EXPECT_EQ(error_of(call.throwing), EIO);
+        EXPECT_EQ(error_of(call.throwing), 0);
+    }
+}
+
+TEST_F(Face, DisabledEndpoint_EnabledOnce_TheSecondTimeIsAnError)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    endpoint.enable(ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(endpoint.get()->rep_state, REP_STATE_OPEN);
+    endpoint.enable(ec);
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+}
+
+TEST_F(Face, Descriptor_IsTheEndpointsOwn)
+{
+    const ruk::endpoint endpoint = opened();
+    EXPECT_EQ(endpoint.descriptor(), endpoint.get()->rep_handle);
+    EXPECT_GE(endpoint.descriptor(), 0);
+}
+
+TEST_F(Face, SleepingReceive_IsWokenByADatagram)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    LibcHookGuard hooks;
+    int sleeps = 0;
+    hooks->poll = [&](struct pollfd *, nfds_t, int) {
+        sleeps++;
+        arrive("late");
+        return 1;
+    };
+    EXPECT_EQ(text_of(endpoint.receive(room, ruk::wait::sleep).data()), "late");
+    EXPECT_EQ(sleeps, 1);
+    std::error_code ec = std::make_error_code(std::errc::io_error);
+    EXPECT_EQ(text_of(endpoint.receive(room, ruk::wait::sleep, ec).data()), "late");
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(sleeps, 2);
+}
+
+TEST_F(Face, Shutdown_EndsWaitsWithAnInterruption)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    LibcHookGuard hooks;
+    hooks->poll = [&](struct pollfd *, nfds_t, int) {
+        endpoint.shutdown();
+        return 0;
+    };
+    std::error_code ec;
+    endpoint.receive(room, ruk::wait::sleep, ec);
+    EXPECT_EQ(ec, std::errc::interrupted);
+    EXPECT_EQ(error_of([&] { endpoint.receive(room, ruk::wait::sleep); }), EINTR);
+    /* Asked for before the call, it ends a wait for frames at once. */
+    EXPECT_TRUE(endpoint.receive_frame(frame_room, ruk::wait::spin, ec).empty());
+    EXPECT_EQ(ec, std::errc::interrupted);
+    EXPECT_EQ(error_of([&] { endpoint.receive_frame(frame_room); }), EINTR);
+}
+
+/* A keyframe is dated with a mark, which is no time. */
+TEST_F(Face, KeyframeAmongFrames_HasNoTime)
+{
+    const ScopedEnv on("OXEL_ARISTA_ENABLE_TIMESTAMPING", "1");
+    ruk::endpoint endpoint = opened();
+    recv_rig::UdpFrame keyframe;
+    keyframe.dst = 0x01010100;
+    keyframe.protocol = 253;
+    keyframe.payload = Bytes(40, 0x55);
+    Bytes bytes = keyframe.bytes();
+    bytes.resize(bytes.size() - 4); /* the adapter appends the trailer */
+    softnic_inject(nic, 0, bytes.data(), bytes.size());
+    softnic_run(nic);
+    const auto f = endpoint.try_receive_frame(frame_room);
+    ASSERT_TRUE(f);
+    EXPECT_EQ(f->data.size(), bytes.size() + 4);
+    EXPECT_FALSE(f->time);
+
+    softnic_inject(nic, 0, bytes.data(), bytes.size());
+    softnic_run(nic);
+    size_t length = 0;
+    uint64_t mark = 0;
+    EXPECT_EQ(ruk_raw_recv_nb(endpoint.get(), frame_room.data(), &length, &mark, nullptr), 0);
+    EXPECT_EQ(mark, UINT64_MAX) << "what stood there is the mark";
+    endpoint.get()->arista_control.arct_status = ARISTA_STATUS_DISABLED; /* its summary would keep memory for good */
 }
 
 } // namespace

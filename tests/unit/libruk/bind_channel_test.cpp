@@ -34,6 +34,14 @@ protected:
         all.push_back(ch);
         return all;
     }
+    /* An event of two packets waits in the ring. */
+    void one_event_pending()
+    {
+        unsigned char *ring = reinterpret_cast<unsigned char *>(dev->rep_map.map_recvq);
+        ring[29] = 64;
+        ring[30] = 2;
+        ring[63] = 0;
+    }
     int context = 0;
 };
 
@@ -390,6 +398,74 @@ TEST_F(BindTest, NoTagLeft_SocketClosed)
     EXPECT_EQ(ruk_bind(dev, RUK_BIND_NO_UNICAST, 5000, nullptr, &ch), 0);
 }
 
+/* A broadcast bind takes two tags. With one left the first goes back, and stays where entries are looked for as well.
+ */
+TEST_F(BindTest, BroadcastWithOneTagLeft_NoFilter_SocketClosed_UnicastEntryFreeAndStillListed)
+{
+    struct ruk__tag_entry *entry = nullptr;
+    for (int i = 0; i < 3967; i++)
+        ASSERT_EQ(ruk__get_tag_entry(dev, 0, 0, 0, &entry), 0);
+    struct ruk__tag_entry *last = &dev->rep_tag_table[30][127];
+    ASSERT_EQ(entries_of(dev->rep_tag_filterq), std::vector<struct ruk__tag_entry *>{last});
+    host.sockets.clear();
+    ruk_channel_t ch = nullptr;
+    for (int expected : {ENOMEM, EAGAIN}) {
+        if (expected == EAGAIN) { /* releases are pending: tags will come back */
+            TAILQ_INIT(&dev->rep_tag_uniq);
+            one_event_pending();
+            ruk__delay_put_tag_entry(dev, entry);
+            host.sockets.clear();
+        }
+        EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 5000, nullptr, &ch), expected);
+        EXPECT_EQ(ch, nullptr);
+        EXPECT_EQ(driver.trace, Lines{});
+        ASSERT_EQ(host.sockets.count(Slot::close), 1u);
+        EXPECT_EQ(host.sockets.log().back().fd, host.sockets.log().front().result);
+        EXPECT_EQ(entries_of(dev->rep_tag_filterq), std::vector<struct ruk__tag_entry *>{last});
+        EXPECT_EQ(entries_of(dev->rep_tag_uniq), std::vector<struct ruk__tag_entry *>{last});
+        EXPECT_EQ(last->tage_udp_port, 5000);
+        EXPECT_TRUE(channels().empty());
+        EXPECT_TRUE(lock_is_free());
+    }
+}
+
+TEST_F(BindTest, BroadcastWithOneTagLeftInItsBlock_NextBlockCannotBeAllocated_OutOfMemory)
+{
+    struct ruk__tag_entry *entry = nullptr;
+    for (int i = 0; i < 127; i++)
+        ASSERT_EQ(ruk__get_tag_entry(dev, 0, 0, 0, &entry), 0);
+    struct ruk__tag_entry *last = &dev->rep_tag_table[0][127];
+    host.sockets.clear();
+    ruk_channel_t ch = nullptr;
+    {
+        AllocFault fault(1);
+        EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 5000, nullptr, &ch), ENOMEM);
+        EXPECT_EQ(fault.calls(), 1u) << "nothing else is asked for";
+    }
+    EXPECT_EQ(ch, nullptr);
+    EXPECT_EQ(dev->rep_tag_cnt, 1);
+    EXPECT_EQ(driver.trace, Lines{});
+    EXPECT_EQ(host.sockets.count(Slot::close), 1u);
+    EXPECT_EQ(entries_of(dev->rep_tag_filterq), std::vector<struct ruk__tag_entry *>{last});
+    EXPECT_EQ(entries_of(dev->rep_tag_uniq), std::vector<struct ruk__tag_entry *>{last});
+    EXPECT_TRUE(lock_is_free());
+}
+
+/* Neither filter was installed: the broadcast entry goes back first, so that it is the first to be used again. */
+TEST_F(BindTest, BroadcastChannelCannotBeAllocated_EntriesGivenBack_BroadcastFirst)
+{
+    bind(5000);
+    {
+        AllocFault fault(1);
+        ruk_channel_t ch = nullptr;
+        EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 5001, nullptr, &ch), ENOMEM);
+    }
+    EXPECT_EQ(driver.count("50EB"), 1u);
+    const std::vector<int> tags = tags_of(dev->rep_tag_filterq);
+    ASSERT_EQ(tags.size(), 127u);
+    EXPECT_EQ(std::vector<int>(tags.end() - 2, tags.end()), (std::vector<int>{2, 1}));
+}
+
 /* Entries given back by a failed bind stay where channels' entries are looked for. */
 TEST_F(BindTest, ChannelCannotBeAllocated_EntriesGivenBackAndStillListed)
 {
@@ -478,14 +554,14 @@ TEST_F(BindTest, UnicastFilterRefusedWithBroadcast_SecondNeverInstalled)
     ruk_channel_t ch = nullptr;
     EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 5000, nullptr, &ch), ENOSPC);
     EXPECT_EQ(driver.trace, (Lines{"50EB 0100007f881300000000000000", "50EB 0100007f881300000000010000"}));
+    const std::vector<int> tags = tags_of(dev->rep_tag_filterq);
+    ASSERT_EQ(tags.size(), 128u);
+    EXPECT_EQ(std::vector<int>(tags.end() - 2, tags.end()), (std::vector<int>{1, 0})) << "the broadcast entry first";
 }
 
 TEST_F(BindTest, FilterRefusedWithPacketsPending_TagDelayed)
 {
-    unsigned char *ring = reinterpret_cast<unsigned char *>(dev->rep_map.map_recvq);
-    ring[29] = 64;
-    ring[30] = 2;
-    ring[63] = 0;
+    one_event_pending();
     driver.fail(OXEL_RX_FILTER, 1, ENOSPC);
     StreamCapture streams;
     ruk_channel_t ch = nullptr;

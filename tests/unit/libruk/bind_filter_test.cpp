@@ -2,6 +2,7 @@
 #include "endpoint_test.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 using namespace test_support;
 
@@ -76,6 +77,34 @@ TEST_F(FilterTest, Refused_StandardOutputFlushed)
     });
     EXPECT_TRUE(child.killed_by(SIGKILL)) << child;
     EXPECT_EQ(child.out, "one two three ");
+}
+
+/* Standard error is not: what a program buffers there waits for the program's own flush. */
+TEST_F(FilterTest, Refused_StandardErrorNotFlushed)
+{
+    struct ruk__channel chan = {};
+    struct ruk__tag_entry entry = {};
+    entry.tage_channel = &chan;
+    const std::function<void()> refused[] = {
+        [&] { ruk_filter_add(dev, 17, 0, address, htons(5000), 7, 0); },
+        [&] { ruk_filter_del(dev, 17, 0, address, htons(5000), 7); },
+        [&] { ruk__filter_op(dev, 1, &entry); },
+        [&] { ruk__filter_op(dev, 0, &entry); },
+    };
+    for (const auto &call : refused) {
+        ChildResult child = run_in_child([&] {
+            static char room[4096];
+            setvbuf(stderr, room, _IOFBF, sizeof room);
+            fputs("flushed\n", stderr); /* a stream that was used before settles into its new buffer */
+            fflush(stderr);
+            driver.fail(OXEL_RX_FILTER, 1, ENOSPC);
+            call();
+            EXPECT_EQ(file_contents(STDERR_FILENO), "flushed\n");
+            return 0;
+        });
+        EXPECT_TRUE(child.exited_with(0)) << child;
+        EXPECT_NE(child.err.find("FAILED with return value 28"), std::string::npos) << child.err;
+    }
 }
 
 TEST_F(FilterTest, TagsOfChannelsNotConsulted)

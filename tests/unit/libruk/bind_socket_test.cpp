@@ -134,6 +134,40 @@ TEST_F(SockbindTest, PortTaken_ClosedAndErrno)
     ::close(first);
 }
 
+/* A failure that names no cause passes for success, but a socket there is none. */
+TEST_F(SockbindTest, BindFailsWithoutErrno_ZeroAndTheSocketIsClosed)
+{
+    sockets.bind = [](int, const struct sockaddr *, socklen_t) {
+        errno = 0;
+        return -1;
+    };
+    fd = -1;
+    EXPECT_EQ(sockbind("127.0.0.1", 1234, 0), 0);
+    EXPECT_EQ(fd, -1) << "not written";
+    EXPECT_EQ(port_be16, htons(1234));
+    EXPECT_EQ(sockets.count(Slot::getsockname), 0u);
+    ASSERT_EQ(sockets.count(Slot::close), 1u);
+    EXPECT_EQ(sockets.log().back().fd, sockets.log().front().result);
+}
+
+/* The results of the other calls are returned as they are: without a cause they fail all the same. */
+TEST_F(SockbindTest, OptionOrNameQueryFailsWithoutErrno_TheCallsResultAndClosed)
+{
+    sockets.setsockopt = [](int, int, int, const void *, socklen_t) {
+        errno = 0;
+        return -1;
+    };
+    EXPECT_EQ(sockbind("127.0.0.1", 0, RUK_BIND_REUSE), -1);
+    EXPECT_EQ(sockets.count(Slot::bind), 0u);
+    sockets.getsockname = [](int, struct sockaddr *, socklen_t *) {
+        errno = 0;
+        return -1;
+    };
+    EXPECT_EQ(sockbind("127.0.0.1", 0, 0), -1);
+    EXPECT_EQ(sockets.count(Slot::close), 2u);
+    EXPECT_EQ(fd, -1);
+}
+
 TEST_F(SockbindTest, CloseChangesErrno_ErrnoStaysTheRefusals)
 {
     sockets.fail(Slot::setsockopt, 1, EPERM);

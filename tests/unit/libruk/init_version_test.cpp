@@ -5,6 +5,36 @@ using namespace test_support;
 
 namespace {
 
+/* The process-wide state as the program starts: taken before main(), when nobody has called the library yet. */
+struct StateAtStart {
+    int debug = __ruk_debug, verbose = __ruk_verbose, init_ext = ruk__init_ext;
+    uint32_t api_version = ruk__api_version;
+    int banner_allowed = banner, banner_pending = show_once;
+};
+const StateAtStart at_start;
+
+TEST(ProgramStart, ProcessWideState_SwitchesOffNotInitialisedBannerAllowedAndNotYetShown)
+{
+    EXPECT_EQ(at_start.debug, 0);
+    EXPECT_EQ(at_start.verbose, 0);
+    EXPECT_EQ(at_start.api_version, 0u);
+    EXPECT_EQ(at_start.init_ext, 0);
+    EXPECT_EQ(at_start.banner_allowed, 1);
+    EXPECT_EQ(at_start.banner_pending, 1);
+}
+
+/* A name, a version, a revision, and when it was built. */
+TEST(ProgramStart, BuildString_NameVersionRevisionDateAndTime)
+{
+    const std::string version = ruk__lib_version;
+    EXPECT_TRUE(matches(version, version_form)) << version;
+    const std::string build = ruk__lib_build, start = "libruk " + version + " revision ";
+    ASSERT_EQ(build.substr(0, start.size()), start) << build;
+    EXPECT_TRUE(matches(build.substr(start.size()), "[0-9A-Za-z][-+._0-9A-Za-z]* built [A-Z][a-z][a-z] [ 0-3][0-9] "
+                                                    "[0-9]{4} [0-2][0-9]:[0-5][0-9]:[0-6][0-9]"))
+        << build;
+}
+
 class InitTest : public EndpointTest {
 protected:
     InitTest() { ruk__api_version = 0; }
@@ -83,6 +113,26 @@ TEST_F(InitTest, MajorVersionOfTheCallerNotZero_RefusedWithBothVersions_DriverNo
     EXPECT_EQ(driver.trace, Lines{});
     EXPECT_EQ(ruk__api_version, 0u);
     EXPECT_EQ(ruk_init(0x0004), 0) << "a refused first call may be repeated";
+}
+
+/* A companion library that fills the socket table gets its turn before anything is refused. */
+TEST_F(InitTest, MajorVersionOfTheCallerNotZero_SocketTableFilledAllTheSame)
+{
+    ChildResult child = run_in_child([] {
+        init_done = 0;
+        EXPECT_EQ(ruk_init(0x0100), EINVAL);
+        return init_done;
+    });
+    EXPECT_TRUE(child.exited_with(1)) << child;
+    /* A library that is initialised only compares. */
+    child = run_in_child([] {
+        ruk__api_version = 4;
+        init_done = 0;
+        EXPECT_EQ(ruk_init(4), 0);
+        EXPECT_EQ(ruk_init(5), EINVAL);
+        return init_done;
+    });
+    EXPECT_TRUE(child.exited_with(0)) << child;
 }
 
 TEST_F(InitTest, DriverOfMajorVersionFour_AnyMinor_Accepted)

@@ -2,6 +2,7 @@
 #include "channel_test.h"
 
 #include <signal.h>
+#include <sys/time.h>
 
 using namespace test_support;
 
@@ -180,6 +181,57 @@ TEST_F(MembershipTest, NoTagLeft_KernelNotAsked)
     EXPECT_TRUE(lock_is_free());
 }
 
+/* ------------------------------------------------------------------ another address */
+
+/* A channel bound to a VLAN interface of the adapter: the kernel gets that address, the adapter that VLAN. */
+class VlanMembershipTest : public ChannelTest {
+protected:
+    VlanMembershipTest()
+    {
+        close();
+        driver.taken.clear();
+        host.interfaces.push_back({.name = "vlan7", .address = "127.0.0.7"});
+        open(RUK_OPEN_THREAD_SAFE);
+        struct in_addr vlan7 = in_addr_of("127.0.0.7");
+        EXPECT_EQ(ruk_bind_addr(dev, &vlan7, 0, 5000, nullptr, &ch), 0);
+        driver.take_trace();
+        host.sockets.clear();
+    }
+    ruk_channel_t ch = nullptr;
+    const std::string interface7 = "7f000007";
+};
+
+TEST_F(VlanMembershipTest, JoinAndLeave_KernelGetsTheChannelsAddressAdapterItsVlan)
+{
+    ASSERT_EQ(join(ch, "239.1.2.3"), 0);
+    ASSERT_EQ(leave(ch, "239.1.2.3"), 0);
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    ASSERT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    EXPECT_EQ(options(), (Lines{join_any + group1 + interface7, drop_any + group1 + interface7,
+                                join_one + group1 + interface7 + source1, drop_any + group1 + interface7}));
+    EXPECT_EQ(driver.trace, (Lines{"50EB 030201ef881307e00100000000", "50EB 030201ef881307e00100010000",
+                                   "50EB 030201ef881307e00200000000", "50EB 030201ef881307e00200010000"}));
+}
+
+TEST_F(VlanMembershipTest, FilterRefused_UndoneWithTheChannelsAddress)
+{
+    StreamCapture streams;
+    driver.fail(OXEL_RX_FILTER, 1, ENOSPC, 2);
+    EXPECT_EQ(join(ch, "239.1.2.3"), ENOSPC);
+    EXPECT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), ENOSPC);
+    EXPECT_EQ(options(), (Lines{join_any + group1 + interface7, drop_any + group1 + interface7,
+                                join_one + group1 + interface7 + source1, drop_one + group1 + interface7 + source1}));
+}
+
+TEST_F(VlanMembershipTest, BlockAndUnblock_KernelGetsTheChannelsAddress)
+{
+    struct in_addr group = in_addr_of("239.1.2.3"), source = in_addr_of("10.0.0.9");
+    ASSERT_EQ(ruk_mcast_block_source(ch, &group, &source), 0);
+    ASSERT_EQ(ruk_mcast_unblock_source(ch, &group, &source), 0);
+    EXPECT_EQ(options(), (Lines{block + group1 + interface7 + source1, unblock + group1 + interface7 + source1}));
+    EXPECT_TRUE(TAILQ_EMPTY(&ch->ch_mreq_blocked));
+}
+
 /* ------------------------------------------------------------------ one source */
 
 TEST_F(MembershipTest, JoinSource_MembershipOfThatSource)
@@ -192,6 +244,16 @@ TEST_F(MembershipTest, JoinSource_MembershipOfThatSource)
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0]->tage_src_ip_addr, 0x0A000009u);
     EXPECT_EQ(entries[0]->tage_src_ip_port, 0);
+}
+
+/* An entry may have been another's: the source's port is written, not taken for granted. */
+TEST_F(MembershipTest, JoinSource_UsedEntry_SourcePortSetToZero)
+{
+    ruk_channel_t ch = bind();
+    dev->rep_tag_table[0][1].tage_src_ip_port = 4711;
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    ASSERT_EQ(entries_of(ch->ch_tag_multiq)[0], &dev->rep_tag_table[0][1]);
+    EXPECT_EQ(dev->rep_tag_table[0][1].tage_src_ip_port, 0);
 }
 
 TEST_F(MembershipTest, JoinSource_ZeroSourceAllowed)
@@ -340,6 +402,35 @@ TEST_F(MembershipTest, JoinTwiceThenUnbound_ProcessEnds)
         EXPECT_TRUE(child.killed_by(SIGABRT)) << child;
         EXPECT_EQ(child.err, err);
         EXPECT_EQ(child.out, out);
+    }
+}
+
+/*
+ * The same hazard from another side: one leave makes the entry its own successor, and whoever looks in the channel's
+ * queue for another group never comes back. Counted is processor time, so that a busy machine changes nothing.
+ */
+TEST_F(MembershipTest, JoinTwiceThenLeftOnce_LookingForAnotherGroupNeverEnds)
+{
+    ruk_channel_t ch = bind();
+    ASSERT_EQ(join(ch, "239.1.2.3"), 0);
+    struct ruk__tag_entry *entry = &dev->rep_tag_table[0][1];
+    const std::function<void()> looks[] = {
+        [&] { leave(ch, "239.9.9.9"); },
+        [&] { join(ch, "239.9.9.9"); },
+    };
+    for (const auto &look : looks) {
+        ChildResult child = run_in_child([&] {
+            if (join(ch, "239.1.2.3") != EEXIST || leave(ch, "239.1.2.3") != 0)
+                return 3;
+            if (ch->ch_tag_multiq.tqh_first != entry || entry->tage_link.tqe_next != entry)
+                return 4;
+            const struct itimerval half_a_second = {{0, 0}, {0, 500000}};
+            signal(SIGPROF, SIG_DFL);
+            setitimer(ITIMER_PROF, &half_a_second, nullptr);
+            look();
+            return 5;
+        });
+        EXPECT_TRUE(child.killed_by(SIGPROF)) << child;
     }
 }
 

@@ -342,6 +342,39 @@ TEST_F(OpenTest, NotVerbose_Silent)
     EXPECT_EQ(streams.out() + streams.err(), "");
 }
 
+TEST_F(OpenTest, VerboseOpenOfNoInterface_AttemptAtTheAddressButAtNoBoard)
+{
+    __ruk_verbose = 1;
+    ruk__init_ext = 1;
+    struct in_addr any = {0}, foreign = in_addr_of("10.99.1.2");
+    StreamCapture streams;
+    EXPECT_EQ(ruk_open(&any, 0, &dev), ENODEV);
+    EXPECT_EQ(streams.out(), "RUK using RUK API\n"
+                             "Attempting to open NIC at 0.0.0.0\n");
+    const std::string banner_line = streams.err();
+    EXPECT_TRUE(matches(banner_line, "[^\n]+\\[[0-9]+\\] RUK " + version_form + " [^\n]+\n")) << banner_line;
+    streams.clear();
+    EXPECT_EQ(ruk_open(&foreign, 0, &dev), ENODEV);
+    EXPECT_EQ(streams.out(), "RUK using RUK API\n"
+                             "Attempting to open NIC at 10.99.1.2\n");
+    EXPECT_EQ(streams.err(), "") << "the banner has been";
+}
+
+/* The identity is asked for twice: for the adapter list, and to be printed. */
+TEST_F(OpenTest, VerboseOpen_IdentityRefusedForPrinting_ErrorReturned_AllReleased)
+{
+    __ruk_verbose = 1;
+    driver.fail(OXEL_GET_NIC_ID, 2, ENOLINK);
+    StreamCapture streams;
+    EXPECT_EQ(ruk_open(&loopback, 0, &dev), ENOLINK);
+    EXPECT_EQ(streams.out(), "RUK using RUK API\n"
+                             "Attempting to open NIC at 127.0.0.1\n"
+                             "Attempting to open board 0\n");
+    EXPECT_EQ(dev, nullptr);
+    EXPECT_EQ(driver.trace, list_one_board + count_endpoints + claim_first + Lines({"4D0D 00000000", "close"}));
+    EXPECT_EQ(driver.handles().size(), 0u);
+}
+
 /* ------------------------------------------------------------------ failures */
 
 struct Refusal {
@@ -516,6 +549,16 @@ TEST_F(OpenTest, ByMac_InterfaceMissing_OpensWithoutOne)
     EXPECT_EQ(dev->rep_unit, 0u);
     EXPECT_EQ(dev->rep_lockp, &dev->rep_lock);
     EXPECT_EQ(dev->rep_num_valid_rts, 0u);
+}
+
+/* Address 0 is one that no interface has, and nothing more, for an adapter that is already chosen. */
+TEST_F(OpenTest, ByMac_AddressZero_OpensWithoutAnInterface)
+{
+    ASSERT_EQ(open_by_mac(1, "0.0.0.0"), 0);
+    EXPECT_EQ(dev->rep_mif, nullptr);
+    EXPECT_EQ(dev->rep_ipaddr_be32, 0u);
+    EXPECT_EQ(dev->rep_state, REP_STATE_OPEN);
+    EXPECT_EQ(driver.trace, list_one_board + list_one_board + count_endpoints + claim_first + read_params + set_up);
 }
 
 TEST_F(OpenTest, ByMac_LibraryNotInitialised_OpensAllTheSame)

@@ -124,6 +124,22 @@ TEST_F(SubnetTest, SubnetZeroAndOtherFamilies_NotCompared)
     EXPECT_EQ(krel_verify_ipsubnet(), 0) << "no address";
 }
 
+/* The address and the netmask are IPv4, or the entry is not looked at. */
+TEST_F(SubnetTest, NetmaskOfAnotherFamily_NotComparedAndNotAskedAbout)
+{
+    hosts({{.mac = adapter_mac(1), .address = "10.1.0.1", .netmask = "255.255.0.0"},
+           {.name = "eth0", .mac = other_mac(1), .address = "10.1.0.2", .netmask = "255.255.0.0"}});
+    EXPECT_EQ(krel_verify_ipsubnet(), -1);
+    host.interfaces[1].hwaddr_error = EIO;
+    LibcHookGuard hooks;
+    hooks->getifaddrs = [next = hooks->getifaddrs](struct ifaddrs **list) {
+        int rc = next(list);
+        (*list)->ifa_next->ifa_netmask->sa_family = AF_INET6;
+        return rc;
+    };
+    EXPECT_EQ(krel_verify_ipsubnet(), 0);
+}
+
 TEST_F(SubnetTest, AdaptersAreKnownByTheirThreeByteMacPrefix)
 {
     FakeInterface card = {.mac = adapter_mac(1), .address = "10.1.0.1", .netmask = "255.255.0.0"};
@@ -157,6 +173,12 @@ TEST_F(SubnetTest, HostCannotBeAsked_ProcessEndsWithTheCause)
     EXPECT_TRUE(child.exited_with(1)) << child;
     EXPECT_EQ(child.err, "ioctl: No such device\n");
     EXPECT_EQ(child.out, "");
+    child = end([&] {
+        host.interfaces[0].address = "0.0.0.1";
+        host.interfaces[0].hwaddr_error = ENODEV;
+    });
+    EXPECT_TRUE(child.exited_with(1)) << "also asked of an interface whose subnet is 0: " << child;
+    EXPECT_EQ(child.err, "ioctl: No such device\n");
 }
 
 TEST_F(SubnetTest, SkippedByEitherVariable_OneOfThemSaysSo)

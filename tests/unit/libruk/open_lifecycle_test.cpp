@@ -2,6 +2,8 @@
 #include "endpoint_test.h"
 
 #include <atomic>
+#include <fstream>
+#include <functional>
 #include <signal.h>
 #include <thread>
 #include <unistd.h>
@@ -9,6 +11,38 @@
 using namespace test_support;
 
 namespace {
+
+/* A call on a thread of its own. */
+class Caller {
+public:
+    explicit Caller(std::function<void()> call)
+        : thread_([this, call = std::move(call)] {
+              tid_ = gettid();
+              call();
+              returned_ = true;
+          })
+    {}
+    void wait_until_it_sleeps_or_returns() const
+    {
+        while (tid_ == 0 || !(returned_ || sleeps()))
+            usleep(100);
+    }
+    bool returned() const { return returned_; }
+    void join() { thread_.join(); }
+
+private:
+    bool sleeps() const
+    {
+        std::ifstream file("/proc/self/task/" + std::to_string(tid_) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const size_t name_end = text.rfind(')');
+        return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
+    }
+    std::atomic<pid_t> tid_ = 0;
+    std::atomic<bool> returned_ = false;
+    std::thread thread_; /* last: it uses the others */
+};
 
 class LifecycleTest : public EndpointTest {
 protected:
@@ -109,6 +143,20 @@ TEST_F(LifecycleTest, SetAttributes_ReadingBackFails_Aborts)
     EXPECT_NE(child.out.find(", file ruk_open\n"), std::string::npos) << child.out;
 }
 
+/* What the lock's holder changes meanwhile is what the caller gets. */
+TEST_F(LifecycleTest, GetAttributes_LockHeldByAnother_WaitsForIt)
+{
+    open(RUK_OPEN_THREAD_SAFE);
+    memset(&attrs, 0xEE, sizeof attrs);
+    pthread_mutex_lock(&dev->rep_lock);
+    Caller caller([this] { ruk_device_get_attrs(dev, &attrs); });
+    caller.wait_until_it_sleeps_or_returns();
+    dev->rep_recvq_size = 0x12340000;
+    pthread_mutex_unlock(&dev->rep_lock);
+    caller.join();
+    EXPECT_EQ(attrs.recvq_size, 0x12340000u);
+}
+
 /* ------------------------------------------------------------------ enabling */
 
 TEST_F(LifecycleTest, Enable_DisabledEndpoint_BecomesUsable)
@@ -188,6 +236,21 @@ TEST_F(LifecycleTest, SoftHandle_AnotherHandleOnTheSameEndpoint)
     EXPECT_EQ(tov_close(soft), 0);
 }
 
+TEST_F(LifecycleTest, SoftHandle_EndpointOfAnotherBoard_ThatBoardsFileOpened)
+{
+    driver.boards.push_back({0x026f78000002, 0x026f78000002});
+    host.interfaces.push_back({.name = "oxel1", .mac = {0x02, 0x6f, 0x78, 0, 0, 2}, .address = "10.77.0.2"});
+    loopback = in_addr_of("10.77.0.2");
+    driver.taken = {0};
+    open();
+    driver.take_trace();
+    tov_handle_t soft = -1;
+    ASSERT_EQ(ruk__open_soft(dev, &soft), 0);
+    EXPECT_EQ(driver.trace[0], "open /dev/oxelBp1");
+    EXPECT_EQ(driver.trace[1], "50E9 01000000c9000000");
+    EXPECT_EQ(tov_close(soft), 0);
+}
+
 TEST_F(LifecycleTest, SoftHandle_StepFails_ErrorAndClosed)
 {
     open();
@@ -256,6 +319,37 @@ TEST_F(LifecycleTest, Close_LocksHeldUntilTheEnd)
     dev = nullptr;
     host.sockets.close = answer;
     EXPECT_EQ(held, (std::vector<int>{EBUSY, EBUSY, EBUSY, EBUSY}));
+}
+
+/* The receive lock comes first: a close that waits for it does not keep others from the endpoint. */
+TEST_F(LifecycleTest, Close_ReceiveLockHeldByAnother_WaitsForItWithoutTheEndpointLock)
+{
+    open(RUK_OPEN_THREAD_SAFE);
+    ruk_device_t closing = dev;
+    pthread_mutex_lock(&closing->rep_rx_lock);
+    Caller caller([closing] { ruk_close(closing); });
+    caller.wait_until_it_sleeps_or_returns();
+    const bool returned = caller.returned();
+    EXPECT_FALSE(returned);
+    if (!returned) {
+        EXPECT_TRUE(lock_is_free());
+        EXPECT_EQ(driver.handles().size(), 1u) << "nothing released yet";
+        pthread_mutex_unlock(&closing->rep_rx_lock);
+    }
+    caller.join();
+    dev = nullptr;
+}
+
+/* A receiver inside is found before the endpoint lock is asked for. */
+TEST_F(LifecycleTest, Close_ReceiverCountedAndEndpointLockHeld_ReturnsAtOnce)
+{
+    open(RUK_OPEN_THREAD_SAFE);
+    dev->rep_inuse = 1;
+    pthread_mutex_lock(&dev->rep_lock);
+    EXPECT_EQ(ruk_close(dev), 0);
+    pthread_mutex_unlock(&dev->rep_lock);
+    EXPECT_EQ(dev->rep_state, REP_STATE_CLOSING);
+    dev->rep_inuse = 0;
 }
 
 /* The receiver sleeps while it is closed on, and leaves when it is shut down. */

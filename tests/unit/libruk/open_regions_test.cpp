@@ -160,6 +160,30 @@ TEST_F(RegionsTest, Enabled_RequestRecordsNumberedAndPooled)
     }
 }
 
+/* Whatever was in the memory before. */
+TEST_F(RegionsTest, Enabled_RequestRecordsZeroed)
+{
+    open(RUK_OPEN_DISABLED);
+    const size_t size = driver.sreqs_cnt * sizeof(struct ruk__request);
+    std::vector<void *> blocks;
+    for (int i = 0; i < 16; i++)
+        blocks.push_back(malloc(size));
+    for (void *block : blocks) {
+        memset(block, 0xA5, size);
+        __asm__ volatile("" : : "r"(block) : "memory"); /* stores to memory that goes back are stores all the same */
+    }
+    for (void *block : blocks)
+        free(block);
+    ASSERT_EQ(ruk_device_enable(dev), 0);
+    for (uint32_t i = 0; i < driver.sreqs_cnt; i++) {
+        const struct ruk__request &req = dev->rep_sreq_alloc[i];
+        EXPECT_EQ(req.req_buf, 0u) << i;
+        EXPECT_EQ(req.req_size, 0u) << i;
+        EXPECT_EQ(req.req_qoff, 0u) << i;
+        EXPECT_EQ(static_cast<unsigned>(req.req_type), 0u) << i;
+    }
+}
+
 TEST_F(RegionsTest, RequestCountOutOfRange_Aborts)
 {
     struct {
@@ -245,6 +269,46 @@ TEST_F(RegionsTest, FlowRegionCannotBeMapped_AllGivenBack_MayBeTriedAgain)
     driver.take_trace();
     close();
     EXPECT_EQ(driver.trace, release + Lines{"close"});
+}
+
+/* ------------------------------------------------------------------ one region */
+
+/* The offset is a 32-bit number without a sign, the file's offsets are wider. */
+TEST(Region, OffsetInTheUpperHalf_PassedOnAsItStands)
+{
+    LibcHookGuard hooks;
+    int64_t told = -1;
+    size_t told_length = 0;
+    hooks->mmap = [&](void *, size_t length, int, int, int, off_t offset) {
+        told = offset;
+        told_length = length;
+        return reinterpret_cast<void *>(0x5000);
+    };
+    uintptr_t addr = 0, len = 0;
+    EXPECT_EQ(map_region("far", 3, &addr, &len, 0x80001000, 0x2000, 0), 0);
+    EXPECT_EQ(told, INT64_C(0x80001000));
+    EXPECT_EQ(told_length, 0x2000u);
+    EXPECT_EQ(addr, 0x5000u);
+    EXPECT_EQ(len, 0x2000u);
+    EXPECT_EQ(map_region("farthest", 3, &addr, &len, 0xfffff000, 0x1000, 0), 0);
+    EXPECT_EQ(told, INT64_C(0xfffff000));
+}
+
+TEST(Region, AddressOrLengthZero_NothingUnmapped)
+{
+    LibcHookGuard hooks;
+    std::vector<std::pair<void *, size_t>> unmapped;
+    hooks->munmap = [&](void *start, size_t length) {
+        unmapped.push_back({start, length});
+        return 0;
+    };
+    unmap_region(0x5000, 0);
+    unmap_region(0, 0x1000);
+    unmap_region(0, 0);
+    EXPECT_TRUE(unmapped.empty());
+    unmap_region(0x5000, 0x1000);
+    ASSERT_EQ(unmapped.size(), 1u);
+    EXPECT_EQ(unmapped[0], std::make_pair(reinterpret_cast<void *>(0x5000), size_t{0x1000}));
 }
 
 struct RegionCase {

@@ -201,6 +201,45 @@ TEST(AdapterReceive, SourceMembership_OneSourceDeliveredTheOtherFiltered)
     EXPECT_EQ(streams.out(), "\tdropped_badfilter =            1\n");
 }
 
+/* A group that no channel has joined is nobody's, but an endpoint may ask for every group. */
+TEST(AdapterReceive, AllmultiSetAndTakenBack_GroupNotJoined_DeliveredOnlyMeanwhile)
+{
+    Wire wire;
+    Endpoint ep;
+    ruk_channel_t chan = ep.bind();
+    const uint16_t port = ep.port_of(chan);
+    unsigned serial = 0;
+    const auto group_frame_gets = [&](int rc) {
+        UdpFrame frame = frame_for(port, pattern(30, ++serial));
+        frame.dst = GROUP;
+        Bytes bytes = frame.bytes();
+        const Bytes group_mac = {0x01, 0x00, 0x5e, 0x01, 0x02, 0x03};
+        std::copy(group_mac.begin(), group_mac.end(), bytes.begin());
+        bytes.resize(bytes.size() - 4); /* the adapter appends the check sequence itself */
+        wire.inject_raw(bytes);
+        softnic_run(wire.nic);
+        const Got got = recv(ep);
+        ASSERT_EQ(got.rc, rc) << serial;
+        if (rc != 0)
+            return;
+        EXPECT_EQ(got.data, frame.payload);
+        EXPECT_EQ(got.info.chan, nullptr);
+        EXPECT_EQ(ntohl(got.info.sin_to.sin_addr.s_addr), GROUP);
+        EXPECT_EQ(ntohs(got.info.sin_to.sin_port), port);
+        EXPECT_EQ(ntohl(got.info.sin_from.sin_addr.s_addr), PEER);
+    };
+    group_frame_gets(EAGAIN);
+    ASSERT_EQ(ruk_set_filter_mode(ep.dev, RUK_RECV_FILTER_ALLMULTI), 0);
+    group_frame_gets(0);
+    UdpFrame other = frame_for(static_cast<uint16_t>(port + 1), pattern(30)); /* to the host's own address */
+    wire.inject(other);
+    softnic_run(wire.nic);
+    EXPECT_EQ(recv(ep).rc, EAGAIN);
+    ASSERT_EQ(ruk_set_filter_mode(ep.dev, RUK_RECV_FILTER_NORMAL), 0);
+    group_frame_gets(EAGAIN);
+    EXPECT_EQ(wire.counters().steered, 1u);
+}
+
 /* A plain join or a bind takes over what source its entry had: only that source gets through. */
 TEST(AdapterReceive, EntryOfAFormerSourceMembership_PlainJoinAndBindHearThatSourceAlone)
 {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
+#include <sys/mman.h>
 
 using namespace recv_rig;
 
@@ -142,34 +143,43 @@ TEST(Datagram, NoBufferAtAll_ConsumedAllTheSame)
 
 TEST(Datagram, InterfaceVersion_DecidesWhetherTheTimeIsWritten)
 {
-    for (uint32_t version : {0u, 1u, 2u, 3u, 4u}) {
-        Scoped<uint32_t> api(ruk__api_version, version);
-        RigEndpoint rig;
-        rig.bind(0, HOST, 5000);
-        rig.ep->rep_timestamping_enabled = 1;
-        rig.clock_is_ticks();
-        EventOptions options;
-        options.ticks = 4242;
-        rig.ring.put({{udp_frame("x"), 0}}, options);
-        Received got = rig.recv();
-        EXPECT_EQ(got.rc, 0);
-        EXPECT_EQ(got.info.timestamp, version > 1 ? 4242 : 0xeeeeeeeeeeeeeeee) << version;
-    }
+    for (uint32_t version : {0u, 1u, 2u, 3u, 4u})
+        for (bool timestamping : {false, true})
+            for (bool locks : {false, true}) {
+                Scoped<uint32_t> api(ruk__api_version, version);
+                RigEndpoint::Options settings;
+                settings.locks = locks;
+                RigEndpoint rig(settings);
+                rig.bind(0, HOST, 5000);
+                rig.ep->rep_timestamping_enabled = timestamping;
+                rig.clock_is_ticks();
+                EventOptions options;
+                options.ticks = 4242;
+                rig.ring.put({{udp_frame("x"), 0}}, options);
+                Received got = rig.recv();
+                EXPECT_EQ(got.rc, 0);
+                EXPECT_EQ(got.info.timestamp, version < 2    ? 0xeeeeeeeeeeeeeeee
+                                              : timestamping ? 4242
+                                                             : 0)
+                    << version << timestamping << locks;
+            }
 }
 
 TEST(Datagram, DroppedFrame_ItsTimeStaysInTheInfo)
 {
-    Scoped<uint32_t> api(ruk__api_version, 2);
-    RigEndpoint rig;
-    rig.ep->rep_timestamping_enabled = 1;
-    rig.clock_is_ticks();
-    EventOptions options;
-    options.ticks = 555;
-    rig.ring.put({{udp_frame("x"), 0}}, options);
-    Received got = rig.recv();
-    EXPECT_EQ(got.rc, EAGAIN);
-    EXPECT_EQ(got.info.timestamp, 555u);
-    EXPECT_EQ(counters(rig), only(NOSOCK));
+    for (uint32_t version : {1u, 2u}) {
+        Scoped<uint32_t> api(ruk__api_version, version);
+        RigEndpoint rig;
+        rig.ep->rep_timestamping_enabled = 1;
+        rig.clock_is_ticks();
+        EventOptions options;
+        options.ticks = 555;
+        rig.ring.put({{udp_frame("x"), 0}}, options);
+        Received got = rig.recv();
+        EXPECT_EQ(got.rc, EAGAIN);
+        EXPECT_EQ(got.info.timestamp, version > 1 ? 555u : 0xeeeeeeeeeeeeeeee);
+        EXPECT_EQ(counters(rig), only(NOSOCK));
+    }
 }
 
 TEST(Datagram, VlanTag_HeadersFourBytesFurtherOnWhateverTheInnerType)
@@ -229,6 +239,28 @@ TEST(Datagram, UdpLengthBelowEight_LengthWrapsAndTheReadStaysInTheRing)
         ASSERT_EQ(got.data[i], ring[(82 + i) % 512]) << i;
     EXPECT_EQ(rig.recv(RUK_RECV_NONBLOCK, 10).info.msg_len, 0xffffffffu);
     expect_drained(rig);
+}
+
+/* Address and length together are more than 32 bits hold. */
+TEST(Datagram, UdpLengthBelowEight_HugeBuffer_TheReadStaysInTheRing)
+{
+    constexpr size_t HUGE_BUFFER = 300 << 20;
+    RigEndpoint rig;
+    rig.bind(0, HOST, 5000);
+    UdpFrame frame;
+    frame.payload = pattern(20);
+    frame.udp_len = 0;
+    rig.ring.put({{frame.bytes(), 0}});
+    const Bytes ring(rig.ring.base(), rig.ring.base() + 8192);
+    auto *buffer = static_cast<uint8_t *>(
+        mmap(nullptr, HUGE_BUFFER, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    ASSERT_NE(buffer, MAP_FAILED);
+    ruk_recv_info info = {};
+    ASSERT_EQ(ruk_recvfrom(rig.ep, RUK_RECV_PEEK_MSG, buffer, HUGE_BUFFER, &info), 0);
+    EXPECT_EQ(info.msg_len, 0xfffffff8u);
+    for (size_t i = 0; i < HUGE_BUFFER; i += i < 20000 ? 1 : 65537)
+        ASSERT_EQ(buffer[i], ring[(82 + i) % 8192]) << i;
+    munmap(buffer, HUGE_BUFFER);
 }
 
 TEST(Datagram, UdpLengthBeyondTheFrame_TakenAsItIs)
@@ -359,6 +391,26 @@ TEST(DatagramDrop, EntryWithoutChannelAndOtherPort_BadFilter)
     rig.bind(5, HOST, 5001);
     rig.entry(5).tage_channel = nullptr;
     expect_dropped(rig, udp_frame("x"), 5, BADFILTER);
+}
+
+TEST(DatagramDrop, EntryWithoutChannelAndOtherAddress_BadFilter)
+{
+    RigEndpoint rig;
+    rig.bind(5, HOST + 1, 5000);
+    rig.entry(5).tage_channel = nullptr;
+    expect_dropped(rig, udp_frame("x"), 5, BADFILTER);
+}
+
+TEST(DatagramDrop, BroadcastEntryWithoutChannel_NoSock)
+{
+    for (uint32_t dst : {0xffffffffu, HOST}) {
+        RigEndpoint rig;
+        rig.bind(5, 0xffffffff, 5000);
+        rig.entry(5).tage_channel = nullptr;
+        UdpFrame frame;
+        frame.dst = dst;
+        expect_dropped(rig, frame.bytes(), 5, NOSOCK);
+    }
 }
 
 TEST(DatagramDrop, OtherPort_BadFilter)
@@ -513,6 +565,24 @@ TEST(DatagramSource, WalkedEntryDelayed_TagNotComparedButWithoutChannelPassedOve
     rig.entry(2).tage_channel = nullptr;
     rig.ring.put({{frame.bytes(), 6}});
     EXPECT_EQ(rig.recv().info.chan, one);
+}
+
+TEST(DatagramSource, EntryItselfWithoutChannel_LowerOneTakesIt_ElseBadFilter)
+{
+    for (bool lower : {true, false}) {
+        RigEndpoint rig;
+        ruk__channel *low = lower ? rig.bind(1, GROUP, 5000, PEER) : nullptr;
+        rig.bind(6, GROUP, 5000, PEER);
+        rig.entry(6).tage_channel = nullptr;
+        UdpFrame frame;
+        frame.dst = GROUP;
+        if (lower) {
+            rig.ring.put({{frame.bytes(), 6}});
+            EXPECT_EQ(rig.recv().info.chan, low);
+        } else {
+            expect_dropped(rig, frame.bytes(), 6, BADFILTER);
+        }
+    }
 }
 
 TEST(DatagramSource, EntriesOfAnotherBlock_NotWalked)

@@ -349,6 +349,94 @@ TEST(EventCompletion, HeaderChangedBeforeTheLastByte_OldHeaderCounts)
     EXPECT_EQ(parsed.packets[0].tag, 9);
 }
 
+namespace {
+
+/* Puts an event of that many datagrams for tag 9 whose last byte alone lies in the ring's second page. */
+void put_across_pages(RigEndpoint &rig, unsigned howmany, const EventOptions &ticks = {})
+{
+    rig.ring.put({{Bytes(3860, 1), 0}});
+    consume_event(rig);
+    ASSERT_EQ(rig.ring.position(), 3904u);
+    EventOptions options = ticks;
+    options.complete = false;
+    options.extra_slots = 3;
+    UdpFrame frame;
+    frame.payload = pattern(5);
+    rig.ring.put(std::vector<Packet>(howmany, {frame.bytes(), 9}), options);
+    ASSERT_GT(rig.ring.last_length(), 192u);
+}
+
+} // namespace
+
+/* The receive call's own quick ways keep that order, too. */
+TEST(EventCompletion, HeaderChangedBeforeTheLastByte_ReceivedByTheOldHeader)
+{
+    for (unsigned packets : {1u, 2u})
+        for (bool timestamping : {false, true})
+            for (bool locks : {false, true}) {
+                Scoped<uint32_t> api(ruk__api_version, 2);
+                RigEndpoint::Options settings;
+                settings.locks = locks;
+                RigEndpoint rig(settings);
+                ruk__channel *chan = rig.bind(9, 0x0a4d0001, 5000);
+                rig.ep->rep_timestamping_enabled = timestamping;
+                rig.clock_is_ticks();
+                EventOptions ticks;
+                ticks.ticks = 0x01020304;
+                put_across_pages(rig, packets, ticks);
+                const size_t length = rig.ring.last_length();
+                trap_rig = &rig;
+                PageTrap trap(rig.ring.base() + 4096, [] {
+                    for (size_t at : {4u, 5u, 6u, 7u, 8u, 9u, 11u, 12u, 13u, 15u, 28u, 29u, 30u, 31u})
+                        trap_rig->ring.at(3904 + at) = 1; /* time, lengths, tags, event's length, packets */
+                    trap_rig->ring.complete();
+                });
+                for (unsigned n = 0; n < packets; n++) {
+                    Received got = rig.recv();
+                    EXPECT_EQ(got.rc, 0);
+                    EXPECT_EQ(got.info.chan, chan);
+                    if (packets == 1)
+                        EXPECT_EQ(got.info.timestamp, timestamping ? 0x01020304u : 0u);
+                }
+                EXPECT_TRUE(trap.sprung());
+                EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_offset, (3904 + length) % 8192) << packets << timestamping;
+            }
+}
+
+TEST(EventCompletion, ClosedWhileTheReceiverWaitsForTheLastByte_DeliveredThenClosed)
+{
+    for (unsigned packets : {1u, 2u})
+        for (bool timestamping : {false, true})
+            for (bool locks : {false, true}) {
+                RigEndpoint::Options settings;
+                settings.locks = locks;
+                RigEndpoint rig(settings);
+                rig.bind(9, 0x0a4d0001, 5000);
+                rig.ep->rep_timestamping_enabled = timestamping;
+                rig.clock_is_ticks();
+                put_across_pages(rig, packets);
+                trap_rig = &rig;
+                PageTrap trap(rig.ring.base() + 4096, [] {
+                    /* With locks it is another thread that has to wait; here the state is as it leaves it. */
+                    if (trap_rig->ep->rep_rx_lockp)
+                        trap_rig->ep->rep_state = REP_STATE_CLOSING;
+                    else
+                        trap_seen[0] = static_cast<uint8_t>(trap_rig->close());
+                    trap_seen[1] = trap_rig->closed();
+                    trap_seen[2] = static_cast<uint8_t>(trap_rig->ep->rep_state);
+                    trap_rig->ring.complete();
+                });
+                Received got = rig.recv();
+                ASSERT_TRUE(trap.sprung());
+                EXPECT_EQ(trap_seen[0], 0);
+                EXPECT_EQ(trap_seen[1], 0) << "closed under the receiver";
+                EXPECT_EQ(trap_seen[2], REP_STATE_CLOSING);
+                EXPECT_EQ(got.rc, 0);
+                EXPECT_EQ(Bytes(got.data.begin(), got.data.begin() + 5), pattern(5));
+                EXPECT_TRUE(rig.closed()) << packets << timestamping << locks;
+            }
+}
+
 TEST(EventCompletion, LastByteNotZero_ReceiverThreadWaitsUntilItIs)
 {
     RigEndpoint rig;

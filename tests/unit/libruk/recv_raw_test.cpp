@@ -1,10 +1,14 @@
 /* Whole frames: the three calls that hand them out. */
 #include "capture.h"
+#include "child.h"
 #include "recv_rig.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using namespace recv_rig;
 
@@ -57,6 +61,34 @@ Bytes keyframe()
 } // namespace
 
 /* ------------------------------------------------------------------ ruk_raw_recv */
+
+/* The endpoint's pointer is read without a test. */
+TEST(RawRecv, NullEndpoint_ReadWithoutATest)
+{
+    static uint8_t frame[64];
+    size_t length = 0;
+    uint64_t time = 0;
+    int tag = 0;
+    const std::function<int()> calls[] = {
+        [&] { return ruk_raw_recv(nullptr, RUK_RECV_NONBLOCK, frame, &length, &time); },
+        [&] { return ruk_raw_recv(nullptr, RUK_RECV_PEEK, frame, &length, &time); },
+        [&] { return ruk_raw_recv_nb(nullptr, frame, &length, &time, &tag); },
+        [&] { return ruk_raw_recv_peek(nullptr); },
+    };
+    for (const auto &call : calls) {
+        const test_support::ChildResult child = test_support::run_in_child([&] {
+            struct sigaction faulted = {};
+            faulted.sa_flags = SA_SIGINFO;
+            faulted.sa_sigaction = [](int, siginfo_t *info, void *) {
+                _exit(reinterpret_cast<uintptr_t>(info->si_addr) < sizeof(struct ruk__ep) ? 42 : 43);
+            };
+            sigaction(SIGSEGV, &faulted, nullptr);
+            return call();
+        });
+        EXPECT_TRUE(child.exited_with(42) || child.err.find("null pointer") != std::string::npos /* a checked build */)
+            << "a read of the record at address 0: " << child;
+    }
+}
 
 TEST(RawRecv, AnyFrame_WholeWithTrailerUncheckedAndUncounted)
 {

@@ -53,6 +53,21 @@ TEST_F(CopyTest, NoRoomOrNoRecord_Busy)
     EXPECT_TRUE(state_now() == before);
 }
 
+/* Nor does it look whether requests are done: that is the senders' business. */
+TEST_F(CopyTest, NoRoomThoughRequestsAreDone_BusyAndNothingReaped)
+{
+    open_with(8192, 8);
+    ASSERT_EQ(send(7000), 0);
+    complete();
+    const State before = state_now();
+    const uint32_t reaped_before = reaped();
+    EXPECT_EQ(copy(2048), EBUSY);
+    EXPECT_TRUE(state_now() == before);
+    EXPECT_EQ(reaped(), reaped_before);
+    ASSERT_EQ(ruk__try_send_completion(dev), 1);
+    EXPECT_EQ(copy(2048), 0) << "room enough once it is reaped";
+}
+
 TEST_F(CopyTest, Copied_NothingIsPostedAndTheSpaceIsGivenBack)
 {
     for (int do_csum : {0, 1}) {

@@ -157,6 +157,96 @@ TEST_F(OrderTest, Refused_NothingIsStored)
     EXPECT_EQ(count(all, Kind::load16), 2u) << "before the attempt, and the one reap after it";
 }
 
+/* ------------------------------------------------------------------ through a handle */
+
+/* 10.77.0.1:5000 of 02:6f:78:00:00:01 to 10.77.0.2:5001 by 02:00:00:00:00:02. */
+class HandleOrderTest : public OrderTest {
+protected:
+    ruk_send_t handle(uint16_t vlan = 0)
+    {
+        memcpy(mif_.tov_ifa_macaddr, "\x02\x6f\x78\x00\x00\x01", 6);
+        dev->rep_mif = &mif_;
+        channel_.ch_rep = dev;
+        channel_.ch_ipaddr_be32 = be32("10.77.0.1");
+        channel_.ch_port_be16 = htons(5000);
+        channel_.ch_vlan_be16 = htons(vlan);
+        const ruk__peer_addr peer = {be32("10.77.0.2"), {2, 0, 0, 0, 0, 2}, 1};
+        const struct sockaddr_in to = ipv4("10.77.0.2", 5001);
+        ruk__sendhandle_init(&handle_, &channel_, &peer, &to, 0, 17);
+        return &handle_;
+    }
+    /* Payload words into their ring, a fence, the request's words in ascending order into its slot, a fence. */
+    Accesses expected(uintptr_t ring, const std::vector<uint32_t> &payload, unsigned type, const Bytes &request) const
+    {
+        Accesses all;
+        for (size_t i = 0; i < payload.size(); i++)
+            all.push_back({Kind::store32, ring + 4 * i, payload[i]});
+        all.push_back({Kind::fence});
+        for (size_t i = 0; i < 16; i++)
+            all.push_back({Kind::store32, slot_address(type) + 4 * i, word_of(request, 4 * i)});
+        all.push_back({Kind::fence});
+        return all;
+    }
+
+private:
+    tov_ifaddrs mif_ = {};
+    ruk__channel channel_ = {};
+    ruk__send handle_ = {};
+};
+
+const char ETHERNET[] = "020000000002 026f78000001";
+
+TEST_F(HandleOrderTest, PioDatagram_PayloadWordsFenceRequestWordsFence)
+{
+    open_with(1400);
+    memcpy(buffer, "ABCDEFGHIJ", 10);
+    ruk_send_t to = handle();
+    const Accesses all = stores_and_fences(of([&] { ASSERT_EQ(ruk_send(to, buffer, 10, RUK_NONBLOCK), 0); }));
+    const Bytes request = unhex(std::string("00000000 000a ") + ETHERNET +
+                                " 0800 4500 0026 0000 4000 4011 262b 0a4d0001 0a4d0002 "
+                                "1388 1389 0012 69bd 0000000000000000000000000000 2a 0d");
+    EXPECT_EQ(all, expected(dev->rep_map.map_sram, {0x44434241, 0x48474645, 0x48474a49}, 13, request));
+}
+
+TEST_F(HandleOrderTest, DmaDatagram_TheSameIntoItsOwnRingAndSlot)
+{
+    open_with(0);
+    memcpy(buffer, "ABCDEFGHIJ", 10);
+    ruk_send_t to = handle();
+    const Accesses all = stores_and_fences(of([&] { ASSERT_EQ(ruk_send(to, buffer, 10, RUK_NONBLOCK), 0); }));
+    const Bytes request = unhex(std::string("00000000 000a ") + ETHERNET +
+                                " 0800 4500 0026 0000 4000 4011 262b 0a4d0001 0a4d0002 "
+                                "1388 1389 0012 69bd 0000000000000000000000000000 2a 0e");
+    EXPECT_EQ(all, expected(dev->rep_map.map_sendq, {0x44434241, 0x48474645, 0x48474a49}, 14, request));
+}
+
+TEST_F(HandleOrderTest, EmptyDatagram_FenceRequestFence)
+{
+    open_with(1400);
+    ruk_send_t to = handle();
+    const Accesses all = stores_and_fences(of([&] { ASSERT_EQ(ruk_send(to, buffer, 0, RUK_NONBLOCK), 0); }));
+    const Bytes request = unhex(std::string("00000000 0000 ") + ETHERNET +
+                                " 0800 4500 001c 0000 4000 4011 2635 0a4d0001 0a4d0002 "
+                                "1388 1389 0008 c430 0000000000000000000000000000 2a 0d");
+    EXPECT_EQ(all, expected(dev->rep_map.map_sram, {}, 13, request));
+}
+
+TEST_F(HandleOrderTest, TaggedDatagram_TheSameOrder)
+{
+    open_with(1400);
+    memcpy(buffer, "ABCDEFGHIJ", 10);
+    ruk_send_t to = handle(0xe005);
+    const Accesses all = stores_and_fences(of([&] { ASSERT_EQ(ruk_send(to, buffer, 10, RUK_NONBLOCK), 0); }));
+    ASSERT_EQ(all.size(), 3u + 1 + 16 + 1);
+    EXPECT_EQ(all[3], Access{Kind::fence});
+    for (size_t i = 0; i < 16; i++) {
+        EXPECT_EQ(all[4 + i].kind, Kind::store32);
+        EXPECT_EQ(all[4 + i].at, slot_address(13) + 4 * i);
+    }
+    EXPECT_EQ(all[19].value >> 16, 0x0d2eu) << "46 bytes of header";
+    EXPECT_EQ(all[20], Access{Kind::fence});
+}
+
 /* ------------------------------------------------------------------ spinning */
 
 class SpinTest : public OrderTest {

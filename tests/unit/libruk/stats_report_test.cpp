@@ -81,6 +81,19 @@ TEST(Stats, EachCounter_OnItsOwnLineAndNoborrowNever)
     EXPECT_EQ(report(rig, 1), expected);
 }
 
+TEST(Stats, BothLocksHeld_PrintedWithoutThem)
+{
+    RigEndpoint::Options options;
+    options.locks = true;
+    RigEndpoint rig(options);
+    set_counters(rig, {7});
+    ASSERT_EQ(pthread_mutex_lock(&rig.ep->rep_rx_lock), 0);
+    ASSERT_EQ(pthread_mutex_lock(&rig.ep->rep_lock), 0);
+    EXPECT_EQ(report(rig, 1), "\tdropped_badproto =            7\n");
+    pthread_mutex_unlock(&rig.ep->rep_lock);
+    pthread_mutex_unlock(&rig.ep->rep_rx_lock);
+}
+
 TEST(Stats, OneCounterSet_OnlyItsLineWhenZerosAreLeftOut)
 {
     const char *names[12] = {"dropped_badproto",

@@ -6,23 +6,31 @@
  * That reckoning takes a source for one whose octets run the other way, so that no source here reads the same in both
  * orders, and none is the mirror of another: both have tests of their own.
  *
- * A run is its seed: RUK_MODEL_SEED replays one, RUK_MODEL_STEPS sets how many steps are made in all.
+ * A run is its seed: RUK_MODEL_SEED replays one, and lets out what the library says; RUK_MODEL_STEPS sets how many
+ * steps are made in all. A run that the library ends or never returns from says its seed as well.
  */
 #include "adapter_rig.h"
+#include "child.h"
 #include "ruk_core.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <csignal>
 #include <deque>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <map>
 #include <memory>
 #include <net/if.h>
+#include <optional>
 #include <sched.h>
 #include <set>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+/* Where a sanitizer ends the process. */
+extern "C" void __sanitizer_set_death_callback(void (*)()) __attribute__((weak));
 
 using namespace adapter_rig;
 
@@ -173,18 +181,20 @@ struct Model {
             badfilter++;
             return -1;
         }
-        if (e.channel < 0) {
-            nosock++;
-            return -1;
-        }
         if (e.ip == kBroadcast) {
+            if (e.channel < 0) {
+                nosock++;
+                return -1;
+            }
             if (p.dst == kBroadcast || p.dst == kSubnetBroadcast)
                 return e.channel;
             broadcast_filtered++;
             return -1;
         }
-        if (e.src == 0 && e.ip == p.dst)
+        if (e.src == 0 && e.ip == p.dst) {
+            nosock += e.channel < 0;
             return e.channel;
+        }
         if (e.src != 0)
             for (int i = p.tag; i >= static_cast<int>(p.tag / kBlock * kBlock); i--)
                 if (entries[i].src == p.src && entries[i].ip == p.dst && entries[i].channel >= 0)
@@ -723,7 +733,64 @@ private:
     int saved_[2];
 };
 
-/* A network of this process alone, whose ports nobody else takes. The program has no other test that it would touch. */
+/*
+ * Says the seed of the run where no check will: on an abort, on a crash, and when the run takes a minute, which ends
+ * nothing. It goes to what was standard error at first.
+ */
+class LastWords {
+public:
+    LastWords()
+    {
+        out_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+        struct sigaction action = {};
+        action.sa_flags = SA_RESTART;
+        action.sa_handler = [](int) { say(); };
+        sigaction(SIGALRM, &action, &before_alarm_);
+        action.sa_handler = [](int signal_number) {
+            say();
+            for (size_t i = 0; i < std::size(deadly_); i++)
+                if (deadly_[i] == signal_number) /* abort() or the fault comes again, to whoever was there before */
+                    sigaction(signal_number, &before_[i], nullptr);
+        };
+        for (size_t i = 0; i < std::size(deadly_); i++)
+            sigaction(deadly_[i], &action, &before_[i]);
+        if (__sanitizer_set_death_callback != nullptr)
+            __sanitizer_set_death_callback([] { say(); });
+    }
+    ~LastWords()
+    {
+        alarm(0);
+        sigaction(SIGALRM, &before_alarm_, nullptr);
+        for (size_t i = 0; i < std::size(deadly_); i++)
+            sigaction(deadly_[i], &before_[i], nullptr);
+        length_ = 0; /* nothing to say any more */
+        close(out_);
+    }
+    LastWords(const LastWords &) = delete;
+    LastWords &operator=(const LastWords &) = delete;
+
+    static void run_begins(uint64_t seed)
+    {
+        alarm(0);
+        length_ =
+            snprintf(text_, sizeof text_, "in the run of RUK_MODEL_SEED=%llu\n", static_cast<unsigned long long>(seed));
+        alarm(60);
+    }
+
+private:
+    static void say()
+    {
+        if (write(out_, text_, static_cast<size_t>(length_)) < 0)
+            return;
+    }
+
+    static constexpr int deadly_[] = {SIGABRT, SIGSEGV, SIGBUS, SIGILL, SIGFPE};
+    inline static struct sigaction before_[std::size(deadly_)], before_alarm_;
+    inline static int out_ = -1, length_ = 0;
+    inline static char text_[64];
+};
+
+/* A network of this process alone, whose ports nobody else takes. No other test here has a network to lose. */
 void enter_own_network()
 {
     ASSERT_EQ(unshare(geteuid() == 0 ? CLONE_NEWNET : CLONE_NEWUSER | CLONE_NEWNET), 0) << strerror(errno);
@@ -764,12 +831,16 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
     const uint64_t steps = number("RUK_MODEL_STEPS", 400000);
     enter_own_network();
     ASSERT_FALSE(HasFailure());
+    const LastWords last_words;
     const size_t descriptors = open_descriptors();
     uint64_t made = 0, delivered = 0, refused = 0, tags_gone = 0, tags_resting = 0, broadcasts_filtered = 0;
     for (uint64_t seed = first; made < steps && !HasFailure(); seed++) {
         SCOPED_TRACE("replay with RUK_MODEL_SEED=" + std::to_string(seed));
+        LastWords::run_begins(seed);
         {
-            const Quiet quiet;
+            std::optional<Quiet> quiet;
+            if (!one)
+                quiet.emplace();
             Episode episode(seed);
             episode.run(kSteps);
             delivered += episode.delivered();
@@ -780,7 +851,7 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
         }
         made += kSteps;
         if (HasFailure())
-            return repeat_failures();
+            return one ? void() : repeat_failures();
         ASSERT_EQ(open_descriptors(), descriptors);
         if (one)
             break;
@@ -794,5 +865,32 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
         EXPECT_GT(tags_gone, 0u);
         EXPECT_GT(tags_resting, 0u);
         EXPECT_GT(broadcasts_filtered, 0u);
+    }
+}
+
+/* Standard error is set aside during a run, and the seed is all that a replay needs. */
+TEST(MembershipModel, RunThatTheProcessDoesNotSurvive_SeedIsSaid)
+{
+    const std::function<void()> ends[] = {
+        [] { abort(); },
+        [] {
+            volatile uintptr_t nowhere = 8;
+            *reinterpret_cast<volatile int *>(nowhere) = 1;
+        },
+        [] {
+            raise(SIGALRM); /* as after a minute */
+            _exit(7);
+        },
+    };
+    for (const auto &end : ends) {
+        const test_support::ChildResult child = test_support::run_in_child([&] {
+            const LastWords last_words;
+            LastWords::run_begins(4711);
+            const Quiet quiet;
+            end();
+            return 0;
+        });
+        EXPECT_FALSE(child.exited_with(0)) << child;
+        EXPECT_EQ(child.err.substr(0, 34), "in the run of RUK_MODEL_SEED=4711\n") << child;
     }
 }

@@ -59,7 +59,8 @@ struct TrafficResult {
     uint32_t received = 0;
     uint32_t wrong = 0;        // not the request that had to come next, in full
     uint32_t missed_wakes = 0; // slept through what was posted
-    bool timed_out = false;
+    bool timed_out = false;    // no request for so long that there will be none
+    uint32_t left_over = 0;    // still came after that
     TapCounters counters;
     uint64_t sleeps = 0;
 };

@@ -42,6 +42,24 @@ TEST_F(TapWindow, RequestsBackToBack_FirmwareRunsAfterwards_AllLeave)
     EXPECT_EQ(device.completions(), 40u);
 }
 
+// Far more than may be in flight, as no library posts them: the tap keeps 512, of which the adapter takes 128.
+TEST_F(TapWindow, MoreThanTheTapKeeps_Posted_LostOnesAreCountedBeyondTheClose)
+{
+    {
+        Device device;
+        ASSERT_EQ(device.set_up(), 0);
+        for (unsigned n = 0; n < 600; n++)
+            device.post(13, 0, header_numbered(1), 0);
+        EXPECT_EQ(nic.counters().lost_requests, 88u);
+        softnic_run(nic);
+        EXPECT_EQ(nic.counters().post_overflow, 384u);
+        EXPECT_EQ(sent().size(), 128u);
+    }
+    softnic_run(nic);
+    EXPECT_EQ(nic.counters().lost_requests, 88u);
+    EXPECT_EQ(nic.counters().requests, 128u);
+}
+
 // The library unmaps its regions and closes after that.
 TEST_F(TapWindow, PostedBeforeUnmapAndClose_StillLeaves)
 {
