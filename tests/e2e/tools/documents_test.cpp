@@ -75,8 +75,9 @@ TEST_F(Documents, ReadmeExample_CompiledAsSaid_Receives)
     const std::string program = readme_block("receive-example");
     ASSERT_NE(program.find("ruk_recvfrom"), std::string::npos);
     std::ofstream(scratch.file("first.c")) << program;
-    lab.run(lab.adapter, std::string(RUK_C_COMPILER) + " -Wall -Wextra -Werror -I" + source_dir + "/libruk -I" +
-                             source_dir + "/common " + scratch.file("first.c") +
+    const std::string as_the_library = sizeof(void *) == 4 ? " -m32" : "";
+    lab.run(lab.adapter, std::string(RUK_C_COMPILER) + as_the_library + " -Wall -Wextra -Werror -I" + source_dir +
+                             "/libruk -I" + source_dir + "/common " + scratch.file("first.c") +
                              " -L" RUK_BINARY_DIR "/lib -lruk -Wl,-rpath," RUK_BINARY_DIR "/lib -o " +
                              scratch.file("first"));
     KernelSocket peer(lab, lab.peer, 40000);

@@ -144,7 +144,7 @@ TEST_F(LifecycleTest, SetAttributes_ReadingBackFails_Aborts)
 }
 
 /* What the lock's holder changes meanwhile is what the caller gets. */
-TEST_F(LifecycleTest, GetAttributes_LockHeldByAnother_WaitsForIt)
+TEST_F(LifecycleTest, GetAttributes_LockHeldByAnotherThread_WaitsForIt)
 {
     open(RUK_OPEN_THREAD_SAFE);
     memset(&attrs, 0xEE, sizeof attrs);
@@ -322,7 +322,7 @@ TEST_F(LifecycleTest, Close_LocksHeldUntilTheEnd)
 }
 
 /* The receive lock comes first: a close that waits for it does not keep others from the endpoint. */
-TEST_F(LifecycleTest, Close_ReceiveLockHeldByAnother_WaitsForItWithoutTheEndpointLock)
+TEST_F(LifecycleTest, Close_ReceiveLockHeldByAnotherThread_WaitsForItWithoutTheEndpointLock)
 {
     open(RUK_OPEN_THREAD_SAFE);
     ruk_device_t closing = dev;

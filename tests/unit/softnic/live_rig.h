@@ -65,6 +65,7 @@ public:
         (void)!read(fd_, &count, sizeof(count));
     }
     int wake_fd() const override { return fd_; }
+    uint64_t lost() const override { return 0; }
 
 private:
     RequestQueue queue_;
