@@ -110,7 +110,7 @@ TEST_F(PingTool, Client_LostRequests_AreCounted)
     auto server = lab.start(lab.peer, {bin("ruk-ping"), "server", "--kernel", "-i", "peer0", "-p", "7000", "-n", "30"});
     ASSERT_TRUE(server->wait_for_err("answering")) << *server;
     auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "24", "--warmup", "10",
-                        "--timeout", "20", "--json"});
+                        "--timeout", "500", "--json"});
     EXPECT_TRUE(client->finish()) << *client;
     EXPECT_TRUE(client->exited_with(1)) << *client;
     const json result = parse(client->out());
