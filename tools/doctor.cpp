@@ -10,8 +10,10 @@
 #include <arpa/inet.h>
 #include <cctype>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <ifaddrs.h>
 #include <iterator>
 #include <linux/hw_breakpoint.h>
 #include <linux/perf_event.h>
@@ -20,6 +22,7 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sstream>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/timex.h>
@@ -59,10 +62,69 @@ std::string device_of(const std::string &interface) { return interface.substr(0,
 
 struct Address {
     std::string interface;
-    uint32_t address, netmask; /* network byte order */
+    uint32_t address; /* network byte order */
     bool multicast;
     bool link_up;
 };
+
+/* An IPv4 address of the host that is on some subnet, as an open looks at them. */
+struct HostAddress {
+    std::string interface;
+    in_addr address;
+    uint32_t subnet;
+    bool adapter; /* the interface has a MAC address of the adapters' family */
+};
+
+/* All of them in the host's order; 0 or an errno value. */
+int host_addresses(std::vector<HostAddress> &list)
+{
+    constexpr uint8_t family[] = {OXEL_MAC_PREFIX_0, OXEL_MAC_PREFIX_1, OXEL_MAC_PREFIX_2};
+    ifaddrs *entries = nullptr;
+    if (getifaddrs(&entries) != 0)
+        return errno;
+    int rc = 0;
+    for (const ifaddrs *e = entries; e != nullptr && rc == 0; e = e->ifa_next) {
+        if (e->ifa_addr == nullptr || e->ifa_netmask == nullptr || e->ifa_addr->sa_family != AF_INET ||
+            e->ifa_netmask->sa_family != AF_INET)
+            continue;
+        uint8_t mac[6];
+        rc = tov_get_macaddr(e->ifa_name, mac);
+        sockaddr_in address{}, netmask{};
+        memcpy(&address, e->ifa_addr, sizeof address);
+        memcpy(&netmask, e->ifa_netmask, sizeof netmask);
+        const uint32_t subnet = address.sin_addr.s_addr & netmask.sin_addr.s_addr;
+        if (rc == 0 && subnet != 0)
+            list.push_back({e->ifa_name, address.sin_addr, subnet, std::equal(family, std::end(family), mac)});
+    }
+    freeifaddrs(entries);
+    return rc;
+}
+
+/* What the kernel knows of IGMP on a device. */
+struct IgmpState {
+    int version = 0; /* spoken now: that of the oldest querier heard lately; 0 = unknown */
+    int groups = 0;  /* joined */
+};
+
+IgmpState igmp_state(const std::string &device)
+{
+    std::ifstream table("/proc/net/igmp");
+    std::string line;
+    std::getline(table, line);
+    while (std::getline(table, line)) {
+        /* "4\teth0      :     1      V3"; the groups of a device follow on lines that begin with blanks. */
+        const size_t colon = line.find(':');
+        if (line.empty() || isdigit(static_cast<unsigned char>(line[0])) == 0 || colon == std::string::npos)
+            continue;
+        std::string number, name, querier;
+        int groups = 0;
+        if (!(std::istringstream(line.substr(0, colon)) >> number >> name) || name != device ||
+            !(std::istringstream(line.substr(colon + 1)) >> groups >> querier) || querier.size() != 2)
+            continue;
+        return {querier[1] - '0', groups};
+    }
+    return {};
+}
 
 class Examination {
 public:
@@ -122,14 +184,38 @@ private:
                                            : "an adapter's device file opens");
             return true;
         }
-        if (rc == ENOENT)
-            return bad("device_files", "there is no /dev/oxelB*",
+        std::string file = "/dev/oxelB*";
+        const bool refused = refused_file(file, rc);
+        if (rc == ENOENT && !refused)
+            return bad("device_files", "there is no " + file,
                        "load the driver, or run this under 'rukrun --soft=IF --' for the software adapter");
-        if (rc == EACCES || rc == EPERM)
-            return bad("device_files", "/dev/oxelB* cannot be opened: " + errno_text(rc),
-                       "give this user read and write permission on /dev/oxelB*");
-        return bad("device_files", "/dev/oxelB* cannot be opened: " + errno_text(rc),
-                   "see what the driver says in the kernel's log");
+        return bad("device_files", file + " cannot be opened: " + errno_text(rc),
+                   rc == EACCES || rc == EPERM ? "give this user read and write permission on " + file
+                                               : "see what the driver says in the kernel's log");
+    }
+
+    /* An adapter's file has one of two names, and an open tells only of the second: looks at both, and gives the first
+     * file that is there and refuses. */
+    static bool refused_file(std::string &file, int &error)
+    {
+        for (int board = 0; board < TOV_MAX_BOARDS; board++) {
+            bool there = false;
+            for (const char *form : {"p", ""}) {
+                const std::string name = fmt::format("/dev/oxelB{}{}", form, board);
+                const int fd = open(name.c_str(), O_RDWR | O_CLOEXEC);
+                if (fd >= 0) {
+                    close(fd);
+                    there = true;
+                } else if (errno != ENOENT) {
+                    error = errno;
+                    file = name;
+                    return true;
+                }
+            }
+            if (!there)
+                break;
+        }
+        return false;
     }
 
     static bool preloaded()
@@ -172,8 +258,8 @@ private:
             return bad("address", "the interfaces cannot be listed: " + errno_text(rc), "try again");
         for (const tov_ifaddrs *i = list; i != nullptr; i = i->tov_ifa_next)
             if (wanted_.empty() || device_of(i->tov_ifa_name) == device_of(wanted_))
-                addresses_.push_back({i->tov_ifa_name, i->tov_ifa_ipaddr, i->tov_ifa_netmask,
-                                      (i->tov_ifa_flags & TOV_IFF_MULTICAST) != 0, i->tov_ifa_link_state != 0});
+                addresses_.push_back({i->tov_ifa_name, i->tov_ifa_ipaddr, (i->tov_ifa_flags & TOV_IFF_MULTICAST) != 0,
+                                      i->tov_ifa_link_state != 0});
         tov_freeifaddrs(list);
         if (!addresses_.empty())
             return true;
@@ -204,30 +290,44 @@ private:
             if ((ntohl(a.address) & 0xff) == 0xff)
                 warn("address", text + " ends in .255, which the library takes for a broadcast",
                      "give the interface another address");
-            else if (a.interface.size() >= TOV_IFNAMSIZ - 1)
-                warn("address", text + ": the name fills its record", "use a shorter interface name");
             else
                 ok("address", text);
         }
     }
 
+    /* The rule of an open: it asks for all of the host, whatever interface it is for. */
     void subnets()
     {
+        std::vector<HostAddress> list;
+        if (const int rc = host_addresses(list); rc != 0) {
+            bad("subnets",
+                "the host's addresses cannot be listed, which ends the process at an open: " + errno_text(rc),
+                "try again");
+            return;
+        }
+        const char *variable = nullptr;
+        for (const char *name : {"RUK_BYPASS_CHECK", "RUK_IP_ACCELERATION"})
+            variable = getenv(name) != nullptr ? name : variable;
         bool clean = true;
-        for (size_t i = 0; i < addresses_.size(); i++)
+        for (size_t i = 0; i < list.size(); i++)
             for (size_t j = 0; j < i; j++) {
-                const Address &a = addresses_[i], &b = addresses_[j];
-                if ((a.address & b.netmask) != (b.address & b.netmask) &&
-                    (a.address & a.netmask) != (b.address & a.netmask))
+                const HostAddress &a = list[j], &b = list[i];
+                if (a.subnet != b.subnet || (!a.adapter && !b.adapter))
                     continue;
                 clean = false;
-                bad("subnets",
-                    fmt::format("{} ({}) and {} ({}) are on one subnet: an open ends the process", b.interface,
-                                addr_text(in_addr{b.address}), a.interface, addr_text(in_addr{a.address})),
-                    "leave one adapter address a subnet");
+                const std::string found = fmt::format("{} ({}) and {} ({}) are on one subnet", a.interface,
+                                                      addr_text(a.address), b.interface, addr_text(b.address));
+                if (variable != nullptr)
+                    warn("subnets", fmt::format("{}; {} is set, so an open does not look", found, variable),
+                         "leave one address on an adapter's subnet, or see that each is reached as is meant");
+                else
+                    bad("subnets", found + ": an open ends the process",
+                        "leave one address on an adapter's subnet, or set RUK_IP_ACCELERATION when it is meant");
             }
         if (clean)
-            ok("subnets", "no two adapter addresses are on one subnet");
+            ok("subnets",
+               std::string("no other address is on the subnet of an adapter's") +
+                   (variable != nullptr ? fmt::format(" ({} is set: an open does not look)", variable) : ""));
     }
 
     /* ---------------------------------------------------------- the host's tables */
@@ -287,20 +387,43 @@ private:
                  "ip link set " + device + " multicast on");
             return;
         }
-        const int forced = std::max(setting("ipv4/conf/all/force_igmp_version").value_or(0),
-                                    setting("ipv4/conf/" + device + "/force_igmp_version").value_or(0));
-        if (forced == 1 || forced == 2)
+        ok("multicast", device + ": on");
+        const IgmpState igmp = igmp_state(device);
+        igmp_version(device, igmp);
+        memberships(device, igmp);
+    }
+
+    void igmp_version(const std::string &device, const IgmpState &igmp)
+    {
+        const int all = setting("ipv4/conf/all/force_igmp_version").value_or(0),
+                  own = setting("ipv4/conf/" + device + "/force_igmp_version").value_or(0);
+        const int forced = all == 1 || own == 1 ? 1 : all == 2 || own == 2 ? 2 : 0; /* the older wins */
+        if (forced != 0)
             warn("igmp_version",
                  fmt::format("{}: IGMP is held to version {}: switches are not told of sources", device, forced),
                  "sysctl net.ipv4.conf." + device + ".force_igmp_version=0 (and .all.)");
+        else if (igmp.version == 1 || igmp.version == 2)
+            warn(
+                "igmp_version",
+                fmt::format("{}: a querier of version {} was heard: the kernel does as it, and tells nobody of sources",
+                            device, igmp.version),
+                "let the querier of this network (a router or switch) speak version 3");
         else
             ok("igmp_version", device + ": version 3");
+    }
+
+    void memberships(const std::string &device, const IgmpState &igmp)
+    {
         const int most = setting("ipv4/igmp_max_memberships").value_or(default_memberships);
+        const std::string found = fmt::format("{}: {} group{} joined, a channel can join {}", device, igmp.groups,
+                                              igmp.groups == 1 ? "" : "s", most);
         if (most < default_memberships)
-            warn("memberships", fmt::format("a channel can join {} groups at most", most),
-                 "sysctl net.ipv4.igmp_max_memberships=1000, if that is too few");
+            warn("memberships", found, "sysctl net.ipv4.igmp_max_memberships=1000, if that is too few");
+        else if (igmp.groups >= most)
+            warn("memberships", found + ": if it was one that joined them, it gets no more",
+                 "sysctl net.ipv4.igmp_max_memberships=1000");
         else
-            ok("memberships", fmt::format("a channel can join {} groups (net.ipv4.igmp_max_memberships)", most));
+            ok("memberships", found);
     }
 
     void reverse_path(const std::string &device)
@@ -357,8 +480,13 @@ private:
         attr.sigtrap = 1;
         const long fd = syscall(SYS_perf_event_open, &attr, 0, -1, -1, PERF_FLAG_FD_CLOEXEC);
         if (fd < 0) {
-            warn("watchpoints", "hardware watchpoints are refused: " + errno_text(errno),
-                 "the software adapter sends more slowly (fallback mode); sysctl kernel.perf_event_paranoid=2 or less");
+            const int error = errno;
+            warn("watchpoints",
+                 "hardware watchpoints are refused, so the software adapter sends more slowly: " + errno_text(error),
+                 error == ENOSPC || error == EBUSY ? "all are taken: end the debugger or tracer that has them"
+                 : error == EACCES || error == EPERM
+                     ? "sysctl kernel.perf_event_paranoid=2 or less, or run with CAP_PERFMON"
+                     : "this kernel or machine has none: nothing to do");
             return;
         }
         close(static_cast<int>(fd));
@@ -399,13 +527,17 @@ private:
 
     void clock_source()
     {
-        const auto source =
-            first_line("/sys/devices/system/clocksource/clocksource0/current_clocksource").value_or("unknown");
+        const std::string source =
+            first_line("/sys/devices/system/clocksource/clocksource0/current_clocksource").value_or("");
         std::ifstream cpuinfo("/proc/cpuinfo");
         const std::string text{std::istreambuf_iterator<char>(cpuinfo), {}};
         if (text.find("constant_tsc") == std::string::npos)
-            warn("clock", "the processor's time stamp counter changes its rate (clock source " + source + ")",
+            warn("clock",
+                 "the processor's time stamp counter changes its rate" +
+                     (source.empty() ? "" : " (clock source " + source + ")"),
                  "timed waits of the library will be inexact: use another machine");
+        else if (source.empty())
+            warn("clock", "the kernel does not tell its clock source", "see whether /sys is mounted");
         else if (source != "tsc" && source != "kvm-clock" && source != "hyperv_clocksource_tsc_page")
             warn("clock", "the kernel's clock source is " + source + ": reading the time is slow",
                  "see why the kernel distrusts the time stamp counter (dmesg | grep -i tsc)");

@@ -18,7 +18,7 @@ struct Finding {
     std::string remedy; /* one line; empty when all is well */
 };
 
-/* Changes nothing on the host. With an interface named, only that one is looked at. */
+/* Changes nothing on the host. With an interface named, only that one is looked at; of subnets all are. */
 std::vector<Finding> examine(const std::string &interface);
 
 } // namespace tools

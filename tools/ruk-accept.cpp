@@ -7,6 +7,7 @@
 #include "accept_peer.h"
 #include "common.h"
 
+#include "oxel_clksync.h"
 #include "ruk__eventq.h"
 #include "ruk_core.h"
 #include "tov.h"
@@ -18,7 +19,9 @@
 #include <array>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <poll.h>
 #include <sys/socket.h>
@@ -48,9 +51,23 @@ struct Probe {
     std::string name;
     std::string expected; /* in words */
     bool as_expected = true;
+    std::string failure; /* why it could not be finished; what was measured until then is kept */
     ordered_json measured = ordered_json::object();
 
     void require(bool holds) { as_expected = as_expected && holds; }
+    const char *result() const { return !failure.empty() ? "failed" : as_expected ? "as expected" : "differs"; }
+};
+
+/* Runs at the end of a scope, however it is left. */
+template <typename F> class AtEnd {
+public:
+    explicit AtEnd(F f) : f_(std::move(f)) {}
+    ~AtEnd() { f_(); }
+    AtEnd(const AtEnd &) = delete;
+    AtEnd &operator=(const AtEnd &) = delete;
+
+private:
+    F f_;
 };
 
 ordered_json spread(std::vector<int64_t> values)
@@ -84,9 +101,11 @@ public:
     AcceptRun(const AcceptRun &) = delete;
     AcceptRun &operator=(const AcceptRun &) = delete;
 
-    std::vector<Probe> all()
+    /* All probes, or those that were chosen; each is told of when it ends, be it by a failure or a stop request. False
+     * when not all were tried to the end. */
+    bool all(const std::function<void(const Probe &)> &ended)
     {
-        using Step = Probe (AcceptRun::*)();
+        using Step = void (AcceptRun::*)(Probe &);
         const std::pair<const char *, Step> steps[] = {
             {"endpoints", &AcceptRun::endpoints},
             {"delivery", &AcceptRun::delivery},
@@ -105,19 +124,27 @@ public:
         for (const std::string &name : opt_.only)
             if (std::none_of(std::begin(steps), std::end(steps), [&](const auto &s) { return name == s.first; }))
                 fail("there is no probe named '{}'", name);
-        std::vector<Probe> probes;
+        ask("hello");
+        size_t number = 0;
         for (const auto &[name, step] : steps) {
             if (!opt_.only.empty() && std::find(opt_.only.begin(), opt_.only.end(), name) == opt_.only.end())
                 continue;
-            if (stop_.requested())
-                fail("stopped");
-            note(fmt::format("{} of {}: {} ...", probes.size() + 1,
-                             opt_.only.empty() ? std::size(steps) : opt_.only.size(), name));
-            Probe probe = (this->*step)();
+            note(fmt::format("{} of {}: {} ...", ++number, opt_.only.empty() ? std::size(steps) : opt_.only.size(),
+                             name));
+            Probe probe;
             probe.name = name;
-            probes.push_back(std::move(probe));
+            try {
+                (this->*step)(probe);
+            } catch (const Failure &failure) {
+                probe.failure = failure.what();
+            }
+            if (stop_.requested())
+                probe.failure = "stopped";
+            ended(probe);
+            if (stop_.requested())
+                return false;
         }
-        return probes;
+        return true;
     }
 
 private:
@@ -166,24 +193,31 @@ private:
         }
     }
 
-    /* Has the peer send; it answers before it begins. */
-    void ask(const std::string &request)
+    /* Has the peer send; it answers before it begins, and after what it was asked for before. */
+    void ask(const std::string &request, int attempts = 3)
     {
-        for (int attempt = 0; attempt < 3; attempt++) {
+        char answer[16];
+        while (recv(control_, answer, sizeof answer, MSG_DONTWAIT) >= 0) { /* one that came too late */
+        }
+        for (int attempt = 0; attempt < attempts && !stop_.requested(); attempt++) {
             sendto(control_, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&peer_), sizeof peer_);
-            pollfd waiting = {control_, POLLIN, 0};
-            char answer[16];
-            if (poll(&waiting, 1, 1000) == 1 && recv(control_, answer, sizeof answer, 0) == 2)
+            wait_readable(control_, stop_.fd(), monotonic_ns() + second);
+            if (recv(control_, answer, sizeof answer, MSG_DONTWAIT) == 2)
                 return;
         }
+        if (stop_.requested())
+            fail("stopped");
         fail("no answer from {}: is 'ruk-accept peer' running there?", endpoint_text(peer_));
     }
 
-    Probe endpoints()
+    void endpoints(Probe &p)
     {
-        Probe p;
-        p.expected = "as many endpoints open as the board has, one more is refused, and all close";
+        p.expected = "all endpoints of the board open that others have not, one more is refused, and all close";
         std::vector<ruk_device_t> open;
+        const AtEnd close_all([&] {
+            for (ruk_device_t dev : open)
+                ruk_close(dev);
+        });
         int rc = 0;
         while (open.size() < 256) {
             ruk_device_t dev = nullptr;
@@ -192,27 +226,51 @@ private:
                 break;
             open.push_back(dev);
         }
-        const uint32_t most = ep()->rep_mif->tov_ifa_max_endpoints;
-        p.measured = {{"board", most}, {"opened_beside_this_one", open.size()}, {"refusal", errno_name(rc)}};
-        p.require(rc == EBUSY && open.size() + 1 <= most);
-        for (ruk_device_t dev : open)
-            ruk_close(dev);
-        return p;
+        const size_t most = ep()->rep_mif->tov_ifa_max_endpoints, taken = open.size() + 1,
+                     others = open_device_files_of_others();
+        p.measured = {{"board", most},
+                      {"opened_beside_this_one", open.size()},
+                      {"refusal", errno_name(rc)},
+                      {"device_files_open_in_other_programs", others}};
+        p.require(rc == EBUSY && taken <= most && most - taken <= others);
     }
 
-    Probe delivery()
+    /* How often other programs, as far as this user may look into them, have an adapter's device file open. */
+    static size_t open_device_files_of_others()
     {
-        Probe p;
+        namespace fs = std::filesystem;
+        size_t count = 0;
+        std::error_code error;
+        const std::string self = std::to_string(getpid());
+        for (const auto &process : fs::directory_iterator("/proc", error)) {
+            const std::string pid = process.path().filename();
+            if (pid.find_first_not_of("0123456789") != std::string::npos || pid == self)
+                continue;
+            std::error_code gone; /* or not for this user */
+            for (fs::directory_iterator fd(process.path() / "fd", gone), end; !gone && fd != end; fd.increment(gone)) {
+                std::error_code closed;
+                count += fs::read_symlink(fd->path(), closed).string().starts_with("/dev/oxel");
+            }
+        }
+        return count;
+    }
+
+    void delivery(Probe &p)
+    {
         p.expected = "every datagram of every size arrives once, whole and in order";
         Channel channel(endpoint_);
         const auto rounds = static_cast<uint32_t>(std::max(1.0, repeat_ / 2));
-        uint32_t received = 0, damaged = 0, disorder = 0;
+        uint32_t sent = 0, received = 0, damaged = 0, disorder = 0;
+        const AtEnd record([&] {
+            p.measured = {{"sent", sent}, {"received", received}, {"damaged", damaged}, {"out_of_order", disorder}};
+        });
         for (uint32_t round = 0; round < rounds && !stop_.requested(); round++) {
             /* No more at a time than any ring holds: a receiver that was kept waiting must not lose one. */
             constexpr uint32_t piece = 32;
             for (uint32_t first = 0; first < sizes && !stop_.requested(); first += piece) {
                 const uint32_t end = std::min(sizes, first + piece);
                 ask(send_request(channel.port(), end - first, sweep, 30, first));
+                sent += end - first;
                 for (uint32_t expected = first; expected < end; expected++) {
                     const Datagram d = next(second);
                     if (!d.there)
@@ -223,21 +281,24 @@ private:
                 }
             }
         }
-        p.measured = {
-            {"sent", rounds * sizes}, {"received", received}, {"damaged", damaged}, {"out_of_order", disorder}};
         p.require(received == rounds * sizes && damaged == 0 && disorder == 0);
-        return p;
     }
 
-    Probe event_order()
+    void event_order(Probe &p)
     {
-        Probe p;
         p.expected = "an event that can be seen has its header, and its last byte becomes zero when it is complete";
         Channel channel(endpoint_);
         const ruk__eventq &evq = ep()->rep_eventq;
         const auto count = static_cast<uint32_t>(1000 * std::max(1.0, repeat_ / 10));
         uint32_t events = 0, early = 0, bad_length = 0, bad_count = 0;
         std::vector<int64_t> waits;
+        const AtEnd record([&] {
+            p.measured = {{"events", events},
+                          {"seen_before_complete", early},
+                          {"wait_for_completion_ns", spread(waits)},
+                          {"bad_length", bad_length},
+                          {"bad_packet_count", bad_count}};
+        });
         ask(send_request(channel.port(), count, 1400, 200));
         int64_t deadline = monotonic_ns() + 2 * second;
         while (monotonic_ns() < deadline && !stop_.requested()) {
@@ -259,47 +320,45 @@ private:
                     waits.push_back(monotonic_ns() - seen);
                 }
             }
-            while (_eventq_present(&evq) != 0 && evq.evq_recvq_state.evs_uevt_cur == event)
+            while (_eventq_present(&evq) != 0 && evq.evq_recvq_state.evs_uevt_cur == event) {
                 if (!next(0).there)
                     break;
-            deadline = monotonic_ns() + second;
+                deadline = monotonic_ns() + second;
+            }
         }
-        p.measured = {{"events", events},
-                      {"seen_before_complete", early},
-                      {"wait_for_completion_ns", spread(waits)},
-                      {"bad_length", bad_length},
-                      {"bad_packet_count", bad_count}};
         p.require(events > 0 && bad_length == 0 && bad_count == 0 && (waits.empty() || spread(waits)["max"] < second));
-        return p;
     }
 
-    Probe coalescing()
+    void coalescing(Probe &p)
     {
-        Probe p;
         p.expected = "events of one to five packets";
         Channel channel(endpoint_);
         const ruk__eventq &evq = ep()->rep_eventq;
         std::map<int, uint32_t> histogram;
         uint32_t received = 0;
         constexpr uint32_t count = 5000;
+        const AtEnd record([&] {
+            ordered_json counts = ordered_json::object();
+            for (const auto &[packets, events] : histogram)
+                counts[std::to_string(packets)] = events;
+            p.measured = {{"sent", count}, {"received", received}, {"events_by_packets", counts}};
+        });
         ask(send_request(channel.port(), count, 64, 0));
-        for (int64_t deadline = monotonic_ns() + second; monotonic_ns() < deadline && received < count;) {
+        for (int64_t deadline = monotonic_ns() + second;
+             monotonic_ns() < deadline && received < count && !stop_.requested();) {
             const uint8_t packets = _eventq_present(&evq);
             if (packets == 0)
                 continue;
             if (evq.evq_recvq_state.evs_pkt_cur == nullptr)
                 histogram[packets]++;
-            received += next(0).there;
+            if (!next(0).there)
+                continue;
+            received++;
             deadline = monotonic_ns() + second;
         }
-        ordered_json counts = ordered_json::object();
-        for (const auto &[packets, events] : histogram) {
-            counts[std::to_string(packets)] = events;
+        for (const auto &[packets, events] : histogram)
             p.require(packets >= 1 && packets <= int{NUV_UEVT_MAX_PKTS});
-        }
-        p.measured = {{"sent", count}, {"received", received}, {"events_by_packets", counts}};
         p.require(received > 0);
-        return p;
     }
 
     bool readable(int timeout_ms)
@@ -308,17 +367,19 @@ private:
         return poll(&waiting, 1, timeout_ms) == 1 && (waiting.revents & POLLIN) != 0;
     }
 
-    Probe polling()
+    void polling(Probe &p)
     {
-        Probe p;
         p.expected = "the descriptor is readable while events wait, and soon after the last is taken no longer";
         Channel channel(endpoint_);
         drain();
         p.require(!readable(50));
         std::vector<int64_t> quiet;
-        uint32_t woken = 0;
-        constexpr uint32_t rounds = 20;
-        for (uint32_t i = 0; i < rounds; i++) {
+        uint32_t rounds = 0, woken = 0;
+        const AtEnd record([&] {
+            p.measured = {{"rounds", rounds}, {"readable", woken}, {"readable_after_the_last_ns", spread(quiet)}};
+        });
+        while (rounds < 20 && !stop_.requested()) {
+            rounds++;
             ask(send_request(channel.port(), 1, 64, 0));
             woken += readable(1000);
             p.require(next(second).there);
@@ -327,18 +388,16 @@ private:
             }
             quiet.push_back(monotonic_ns() - taken);
         }
-        p.measured = {{"rounds", rounds}, {"readable", woken}, {"readable_after_the_last_ns", spread(quiet)}};
         p.require(woken == rounds && spread(quiet)["max"] < second);
-        return p;
     }
 
-    Probe blocking()
+    void blocking(Probe &p)
     {
-        Probe p;
         p.expected = "a receiver that sleeps wakes for each datagram";
         Channel channel(endpoint_);
         constexpr uint32_t count = 50;
         uint32_t received = 0;
+        const AtEnd record([&] { p.measured = {{"sent", count}, {"received", received}}; });
         ask(send_request(channel.port(), count, 64, 10000));
         Receiver receiver(endpoint_.dev(), WaitMode::block, stop_);
         std::array<uint8_t, 2048> buffer;
@@ -346,9 +405,7 @@ private:
         while (received < count &&
                receiver.receive(buffer.data(), buffer.size(), &info, monotonic_ns() + 2 * second) == 0)
             received++;
-        p.measured = {{"sent", count}, {"received", received}};
         p.require(received == count);
-        return p;
     }
 
     uint32_t count_until_quiet()
@@ -359,11 +416,28 @@ private:
         return n;
     }
 
-    Probe filter_modes()
+    /* How many of ten datagrams with numbers from first on arrive, as they are or within their frames, once the peer
+     * was asked to send them. What other hosts send beside them does not count. */
+    uint32_t arrivals(uint16_t port, uint32_t first, const std::string &group = {})
     {
-        Probe p;
+        ask(send_request(port, 10, 64, 100, first, group));
+        uint32_t n = 0;
+        for (Datagram d = next(200 * ms); d.there; d = next(200 * ms))
+            for (uint32_t number = first; number < first + 10; number++) {
+                const std::vector<uint8_t> bytes = payload(number, 64);
+                n += std::search(d.bytes.begin(), d.bytes.end(), bytes.begin(), bytes.end()) != d.bytes.end();
+            }
+        return n;
+    }
+
+    void filter_modes(Probe &p)
+    {
         p.expected = "normal: only the channels' datagrams; all-multicast: groups too; raw: everything";
         Channel channel(endpoint_);
+        const AtEnd back([&] {
+            ruk_set_filter_mode(endpoint_.dev(), RUK_RECV_FILTER_NORMAL);
+            drain();
+        });
         const uint16_t other = channel.port() == 9 ? 10 : 9;
         const struct {
             const char *name;
@@ -371,28 +445,21 @@ private:
         } modes[] = {
             {"normal", RUK_RECV_FILTER_NORMAL}, {"allmulti", RUK_RECV_FILTER_ALLMULTI}, {"raw", RUK_RECV_FILTER_RAW}};
         for (const auto &[name, mode] : modes) {
-            if (ruk_set_filter_mode(endpoint_.dev(), mode) != 0)
-                p.require(false);
+            if (const int rc = ruk_set_filter_mode(endpoint_.dev(), mode); rc != 0)
+                fail("the mode '{}' is refused: {}", name, errno_text(rc));
             drain();
-            ask(send_request(channel.port(), 10, 64, 100));
-            const uint32_t own = count_until_quiet();
-            ask(send_request(channel.port(), 10, 64, 100, 0, group_address));
-            const uint32_t multicast = count_until_quiet();
-            ask(send_request(other, 10, 64, 100));
-            const uint32_t foreign = count_until_quiet();
+            const uint32_t own = arrivals(channel.port(), 100);
+            const uint32_t multicast = arrivals(channel.port(), 200, group_address);
+            const uint32_t foreign = arrivals(other, 300);
             p.measured[name] = {{"own", own}, {"group_not_joined", multicast}, {"other_port", foreign}};
-            /* Other hosts' frames may come beside the peer's, but never fewer. */
+            /* In the raw mode a copy may come beside the datagram itself. */
             p.require(own >= 10 && (mode == RUK_RECV_FILTER_NORMAL ? multicast == 0 : multicast >= 10) &&
-                      (mode == RUK_RECV_FILTER_RAW ? foreign >= 10 : foreign == 0 || mode != RUK_RECV_FILTER_NORMAL));
+                      (mode == RUK_RECV_FILTER_RAW ? foreign >= 10 : foreign == 0));
         }
-        ruk_set_filter_mode(endpoint_.dev(), RUK_RECV_FILTER_NORMAL);
-        drain();
-        return p;
     }
 
-    Probe kernel_duplicate()
+    void kernel_duplicate(Probe &p)
     {
-        Probe p;
         p.expected = "the kernel gets a copy when the binding asks for it, and nothing otherwise";
         for (const bool duplicate : {false, true}) {
             Channel channel(endpoint_, duplicate ? RUK_BIND_KERNEL : 0);
@@ -405,16 +472,18 @@ private:
             p.measured[duplicate ? "asked_for" : "not_asked_for"] = {{"library", library}, {"kernel", kernel}};
             p.require(library == 10 && kernel == (duplicate ? 10 : 0));
         }
-        return p;
     }
 
-    Probe tag_reuse()
+    void tag_reuse(Probe &p)
     {
-        Probe p;
         p.expected = "after an unbind nothing reaches the old channel, and its tag serves a new one";
         const auto rounds = static_cast<uint32_t>(20 * std::max(1.0, repeat_ / 10));
-        uint32_t wrong = 0, fresh = 0;
-        for (uint32_t round = 0; round < rounds && !stop_.requested(); round++) {
+        uint32_t tried = 0, wrong = 0, fresh = 0;
+        const AtEnd record([&] {
+            p.measured = {{"rounds", tried}, {"to_new_channels", fresh}, {"to_old_channels", wrong}};
+        });
+        while (tried < rounds && !stop_.requested()) {
+            tried++;
             Channel first(endpoint_);
             ask(send_request(first.port(), 200, 64, 20));
             next(second); /* amid the stream */
@@ -437,25 +506,51 @@ private:
             fresh += here;
             drain();
         }
-        p.measured = {{"rounds", rounds}, {"to_new_channels", fresh}, {"to_old_channels", wrong}};
         p.require(wrong == 0 && fresh == rounds * 20);
-        return p;
     }
 
-    Probe clock()
+    /* The shortest of some paired readings of both clocks. */
+    ruk_ticks_t read_clocks()
     {
-        Probe p;
-        p.expected = "datagrams are dated shortly before they are received, and never backwards";
+        ruk_ticks_t best{};
+        for (int i = 0; i < 50; i++) {
+            ruk_ticks_t t;
+            if (const int rc = ruk_getticks(endpoint_.dev(), &t); rc != 0)
+                fail("the clocks cannot be read: {}", errno_text(rc));
+            if (i == 0 || t.host_nsecs_delay < best.host_nsecs_delay)
+                best = t;
+        }
+        return best;
+    }
+
+    void clock(Probe &p)
+    {
+        p.expected = "datagrams are dated shortly before they are received, and never backwards; the adapter's clock "
+                     "runs as told, to 1000 ppm, and is read within 100 us";
         ruk_device_attrs attrs{};
         ruk_device_get_attrs(endpoint_.dev(), &attrs);
         attrs.hw_timestamping = 1;
-        if (ruk_device_set_attrs(endpoint_.dev(), &attrs) != 0)
-            p.require(false);
+        if (const int rc = ruk_device_set_attrs(endpoint_.dev(), &attrs); rc != 0)
+            fail("timestamps of the adapter are refused: {}", errno_text(rc));
+        const AtEnd back([&] {
+            attrs.hw_timestamping = 0;
+            ruk_device_set_attrs(endpoint_.dev(), &attrs);
+        });
         Channel channel(endpoint_);
         std::vector<int64_t> ages;
         uint32_t undated = 0, backwards = 0;
         uint64_t last = 0;
         const auto count = static_cast<uint32_t>(500 * std::max(1.0, repeat_));
+        ordered_json rate = nullptr;
+        const AtEnd record([&] {
+            p.measured = {{"sent", count},
+                          {"received", ages.size()},
+                          {"undated", undated},
+                          {"backwards", backwards},
+                          {"age_when_received_ns", spread(ages)},
+                          {"rate", rate}};
+        });
+        const ruk_ticks_t before = read_clocks();
         ask(send_request(channel.port(), count, 64, 2000));
         for (Datagram d = next(2 * second); d.there; d = next(second)) {
             timespec now;
@@ -467,122 +562,160 @@ private:
             if (ages.size() == count)
                 break;
         }
-        attrs.hw_timestamping = 0;
-        ruk_device_set_attrs(endpoint_.dev(), &attrs);
+        rate = clock_rate(before, read_clocks());
         const ordered_json age = spread(ages);
-        p.measured = {{"sent", count},
-                      {"received", ages.size()},
-                      {"undated", undated},
-                      {"backwards", backwards},
-                      {"age_when_received_ns", age}};
         /* A microsecond of error of the clock itself is well within what a reading of it costs. */
         p.require(!ages.empty() && undated == 0 && backwards == 0 && age["min"] > -1000 && age["median"] < second);
-        return p;
+        const auto ppb = rate["deviation_ppb"].get<int64_t>(), uncertain = rate["uncertainty_ppb"].get<int64_t>();
+        p.require(rate["host_ns"] > 0 && std::abs(ppb) <= 1'000'000 + uncertain && rate["reading_ns"] < 100'000);
     }
 
-    bool echoed(ruk_send_t handle, const std::vector<uint8_t> &bytes, int64_t *took)
+    /* How much faster than told the adapter's clock ran between two readings. */
+    ordered_json clock_rate(const ruk_ticks_t &a, const ruk_ticks_t &b)
     {
-        const int64_t start = monotonic_ns();
-        if (ruk_send(handle, bytes.data(), static_cast<int>(bytes.size()), 0) != 0)
-            return false;
-        const Datagram d = next(second);
-        *took = d.at_ns - start;
-        return d.there && d.bytes == bytes;
+        oxel_clksync_nticks_t since_a = ep()->rep_nticks;
+        since_a.ticks = a.nic_ticks;
+        since_a.nsecs = 0;
+        if (since_a.ticks_mask == 0) /* none */
+            since_a.ticks_mask = ~UINT64_C(0);
+        const auto adapter = static_cast<int64_t>(oxel_clksync_nticks_update(&since_a, b.nic_ticks));
+        const auto host = static_cast<int64_t>(b.host_nsecs - a.host_nsecs);
+        const double span = static_cast<double>(std::max<int64_t>(host, 1));
+        const auto ppb = [&](int64_t ns) { return static_cast<int64_t>(static_cast<double>(ns) / span * 1e9); };
+        const auto slack = static_cast<int64_t>(a.host_nsecs_delay + b.host_nsecs_delay);
+        return {{"host_ns", host},
+                {"deviation_ppb", ppb(adapter - host)},
+                {"uncertainty_ppb", ppb(slack)},
+                {"reading_ns", std::max(a.host_nsecs_delay, b.host_nsecs_delay)}};
     }
 
-    ruk_send_t connect_echo(const Channel &channel)
-    {
-        sockaddr_in to = peer_;
-        to.sin_port = htons(static_cast<uint16_t>(opt_.port + 1));
-        ruk_send_t handle = nullptr;
-        if (ruk_send_connect(channel.handle, &to, 0, 0, &handle) != 0)
-            fail("cannot send to {}: {}", endpoint_text(to), send_error_text(errno));
-        return handle;
-    }
+    /* A send handle to the peer's echo, for the time of a probe. */
+    class Echo {
+    public:
+        Echo(AcceptRun &run, const Channel &channel) : run_(run)
+        {
+            sockaddr_in to = run.peer_;
+            to.sin_port = htons(static_cast<uint16_t>(run.opt_.port + 1));
+            const int64_t deadline = monotonic_ns() + 3 * second;
+            while (ruk_send_connect(channel.handle, &to, RUK_NONBLOCK, 0, &handle_) != 0) {
+                const int error = errno;
+                if (run.stop_.requested() || monotonic_ns() >= deadline)
+                    fail("cannot send to {}: {}", endpoint_text(to), send_error_text(error));
+                run.stop_.sleep_until(monotonic_ns() + 20 * ms);
+            }
+        }
+        ~Echo() { ruk_send_disconnect(handle_); }
+        Echo(const Echo &) = delete;
+        Echo &operator=(const Echo &) = delete;
 
-    Probe thresholds()
+        /* Never waits without end: an adapter that takes nothing ends the probe. */
+        void send(const std::vector<uint8_t> &bytes)
+        {
+            const int64_t deadline = monotonic_ns() + second;
+            while (const int rc = ruk_send(handle_, bytes.data(), static_cast<int>(bytes.size()), RUK_NONBLOCK)) {
+                if (rc != EAGAIN)
+                    fail("a datagram of {} bytes is refused: {}", bytes.size(), send_error_text(rc));
+                if (run_.stop_.requested() || monotonic_ns() >= deadline)
+                    fail("the adapter took no request for a second");
+            }
+        }
+
+    private:
+        AcceptRun &run_;
+        ruk_send_t handle_ = nullptr;
+    };
+
+    void thresholds(Probe &p)
     {
-        Probe p;
         p.expected =
             "payloads of every size leave whole, on either side of the threshold between the two ways of sending";
         Channel channel(endpoint_);
-        const ruk_send_t handle = connect_echo(channel);
+        Echo echo(*this, channel);
         oxel_ruk_params_t params{};
-        if (tov_ioctl(ep()->rep_handle, OXEL_GET_RUK_PARAMS, &params, sizeof params) != 0)
-            p.require(false);
-        std::vector<int> lengths = {0, 1, 2, 3, 4, 5, 63, 64, 65, 1471, 1472};
+        if (const int rc = tov_ioctl(ep()->rep_handle, OXEL_GET_RUK_PARAMS, &params, sizeof params); rc != 0)
+            fail("the driver does not tell its parameters: {}", errno_text(rc));
+        std::vector<int> lengths = {0, 1, 2, 3, 4, 5, 63, 64, 65, 1471, 1472}, tried;
         for (int d = -1; d <= 1; d++)
             if (const int length = static_cast<int>(params.dmasend_threshold) + d; length >= 0 && length <= 1472)
                 lengths.push_back(length);
         uint32_t failed = 0;
-        int64_t took;
-        for (const int length : lengths)
-            failed += !echoed(handle, payload(static_cast<uint32_t>(length), length), &took);
-        ruk_send_disconnect(handle);
-        p.measured = {{"threshold", params.dmasend_threshold}, {"sizes", lengths}, {"failed", failed}};
+        const AtEnd record([&] {
+            p.measured = {{"threshold", params.dmasend_threshold}, {"sizes", tried}, {"failed", failed}};
+        });
+        for (const int length : lengths) {
+            const std::vector<uint8_t> bytes = payload(static_cast<uint32_t>(length), length);
+            tried.push_back(length);
+            echo.send(bytes);
+            const Datagram d = next(second);
+            failed += !d.there || d.bytes != bytes;
+        }
         p.require(failed == 0);
-        return p;
     }
 
-    Probe store_to_wire()
+    void store_to_wire(Probe &p)
     {
-        Probe p;
         p.expected = "every request is completed, and its datagram comes back";
         Channel channel(endpoint_);
-        const ruk_send_t handle = connect_echo(channel);
+        Echo echo(*this, channel);
         const auto count = static_cast<uint32_t>(1000 * std::max(1.0, repeat_));
         for (const int size : {64, 1400}) {
             std::vector<int64_t> round_trips, completions;
             uint32_t lost = 0;
+            const AtEnd record([&] {
+                p.measured[std::to_string(size)] = {{"lost", lost},
+                                                    {"completed", completions.size()},
+                                                    {"store_to_completion_ns", spread(completions)},
+                                                    {"round_trip_ns", spread(round_trips)}};
+            });
+            uint32_t in_a_row = 0;
             for (uint32_t i = 0; i < count && !stop_.requested(); i++) {
                 const std::vector<uint8_t> bytes = payload(i, size);
                 const volatile uint16_t *counter = ep()->rep_pioreq.compl_done;
                 const uint16_t before = *counter;
                 const int64_t start = monotonic_ns();
-                if (ruk_send(handle, bytes.data(), size, 0) != 0) {
-                    lost++;
-                    continue;
-                }
+                echo.send(bytes);
                 int64_t done = monotonic_ns();
-                while (*counter == before && done - start < second)
+                while (*counter == before && done - start < second && !stop_.requested())
                     done = monotonic_ns();
                 if (*counter != before)
                     completions.push_back(done - start);
                 const Datagram d = next(second);
-                if (d.there && d.bytes == bytes)
+                if (d.there && d.bytes == bytes) {
                     round_trips.push_back(d.at_ns - start);
-                else
-                    lost++;
+                    in_a_row = 0;
+                    continue;
+                }
+                lost++;
+                /* Each costs a second. */
+                if (++in_a_row == 5)
+                    fail("nothing came back from the peer, five times in a row");
             }
-            p.measured[std::to_string(size)] = {{"lost", lost},
-                                                {"completed", completions.size()},
-                                                {"store_to_completion_ns", spread(completions)},
-                                                {"round_trip_ns", spread(round_trips)}};
             p.require(lost == 0 && completions.size() == count);
         }
-        ruk_send_disconnect(handle);
-        return p;
     }
 
-    Probe full_ring()
+    void full_ring(Probe &p)
     {
-        Probe p;
         p.expected = "a full ring drops the newest datagrams, and after it is emptied all goes on";
         Channel channel(endpoint_);
         drain();
         const uint32_t count = static_cast<uint32_t>(ep()->rep_eventq.evq_recvq_size / 64 * 6 / 5);
+        uint32_t received = 0, gaps = 0, after = 0;
+        const AtEnd record([&] {
+            p.measured = {
+                {"sent", count}, {"kept", received}, {"not_the_oldest", gaps}, {"received_afterwards", after}};
+        });
         ask(send_request(channel.port(), count, 64, 4));
-        usleep(static_cast<useconds_t>(count * 8 + 300000)); /* nobody receives meanwhile */
-        uint32_t received = 0, gaps = 0;
+        /* Nobody receives until the peer is ready and the last frame is through: what comes later finds room. */
+        ask("hello", 30);
+        stop_.sleep_until(monotonic_ns() + second);
         for (Datagram d = next(second); d.there; d = next(100 * ms)) {
             gaps += d.bytes != payload(received, 64);
             received++;
         }
         ask(send_request(channel.port(), 10, 64, 100));
-        const uint32_t after = count_until_quiet();
-        p.measured = {{"sent", count}, {"kept", received}, {"not_the_oldest", gaps}, {"received_afterwards", after}};
+        after = count_until_quiet();
         p.require(received > 0 && gaps == 0 && after == 10);
-        return p;
     }
 
     Options opt_;
@@ -617,6 +750,19 @@ ordered_json about_the_host(const Options &opt)
     return about;
 }
 
+/* In place of the file as it was, which stays whole when this is interrupted. */
+bool write_report(const std::string &path, const ordered_json &report)
+{
+    const std::string draft = path + ".new";
+    std::ofstream file(draft);
+    file << report.dump(2) << '\n';
+    file.close();
+    if (file && rename(draft.c_str(), path.c_str()) == 0)
+        return true;
+    unlink(draft.c_str());
+    return false;
+}
+
 int run(const Options &opt)
 {
     if (!opt.report.empty() && access(opt.report.c_str(), F_OK) == 0)
@@ -624,28 +770,39 @@ int run(const Options &opt)
     AcceptRun session(opt);
     ordered_json report = about_the_host(opt);
     report["probes"] = ordered_json::array();
-    bool all = true;
-    for (const Probe &p : session.all()) {
-        all = all && p.as_expected;
-        report["probes"].push_back({{"probe", p.name},
-                                    {"result", p.as_expected ? "as expected" : "differs"},
-                                    {"expected", p.expected},
-                                    {"measured", p.measured}});
+    report["result"] = "unfinished";
+    /* Found out before the time is spent. */
+    if (!opt.report.empty() && (!write_report(opt.report, report) || unlink(opt.report.c_str()) != 0))
+        fail("cannot write {}", opt.report);
+    bool differs = false, failed = false, written = true;
+    const bool finished = session.all([&](const Probe &p) {
+        const std::string result = p.result(), measured = p.measured.dump();
+        differs = differs || result == "differs";
+        failed = failed || result == "failed";
+        ordered_json entry = {
+            {"probe", p.name}, {"result", result}, {"expected", p.expected}, {"measured", p.measured}};
+        if (!p.failure.empty())
+            entry["reason"] = p.failure;
+        report["probes"].push_back(std::move(entry));
         if (!opt.json)
-            put_line(fmt::format("{:<12} {:<17} {}", p.as_expected ? "as expected" : "DIFFERS", p.name,
-                                 p.as_expected ? p.measured.dump() : p.expected + "; but " + p.measured.dump()));
-    }
-    report["result"] = all ? "as expected" : "differs";
+            put_line(result == "failed"
+                         ? fmt::format("{:<12} {:<17} {}; until then {}", "FAILED", p.name, p.failure, measured)
+                     : result == "differs"
+                         ? fmt::format("{:<12} {:<17} {}; but {}", "DIFFERS", p.name, p.expected, measured)
+                         : fmt::format("{:<12} {:<17} {}", result, p.name, measured));
+        if (!opt.report.empty())
+            written = write_report(opt.report, report);
+    });
+    if (finished)
+        report["result"] = failed ? "failed" : differs ? "differs" : "as expected";
     if (opt.json)
         put_line(report.dump());
     if (!opt.report.empty()) {
-        std::ofstream file(opt.report);
-        file << report.dump(2) << '\n';
-        if (!file.flush())
+        if (!write_report(opt.report, report) || !written)
             fail("cannot write {}", opt.report);
         note("the report is in " + opt.report);
     }
-    return all ? exit_ok : exit_incomplete;
+    return finished && !failed && !differs ? exit_ok : exit_incomplete;
 }
 
 } // namespace
@@ -675,7 +832,7 @@ int main(int argc, char **argv)
         ->allow_extra_args(false);
     run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 all is as expected; 1 something differs; 2 error.");
+    app.footer("Exit status: 0 all is as expected; 1 something differs, failed or was not tried; 2 error.");
     return run_program(app, argc, argv,
                        [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
 }

@@ -40,6 +40,34 @@ def ping(bin_directory):
             thread.join()
 
 
+def acceptance():
+    """A report of ruk-accept with each of its probes."""
+    spread = {"min": -1, "median": 2, "p99": 3, "max": 4}
+    measured = {
+        "endpoints": {"board": 8, "opened_beside_this_one": 7, "refusal": "EBUSY", "device_files_open_in_other_programs": 0},
+        "delivery": {"sent": 1, "received": 1, "damaged": 0, "out_of_order": 0},
+        "event_order": {"events": 1, "seen_before_complete": 0, "wait_for_completion_ns": spread, "bad_length": 0,
+                        "bad_packet_count": 0},
+        "coalescing": {"sent": 1, "received": 1, "events_by_packets": {}},
+        "poll": {"rounds": 1, "readable": 1, "readable_after_the_last_ns": spread},
+        "blocking": {"sent": 1, "received": 1},
+        "filter_modes": {mode: {"own": 1, "group_not_joined": 1, "other_port": 1} for mode in ("normal", "allmulti", "raw")},
+        "kernel_duplicate": {when: {"library": 1, "kernel": 1} for when in ("asked_for", "not_asked_for")},
+        "tag_reuse": {"rounds": 1, "to_new_channels": 1, "to_old_channels": 0},
+        "clock": {"sent": 1, "received": 1, "undated": 0, "backwards": 0, "age_when_received_ns": spread,
+                  "rate": {"host_ns": 1, "deviation_ppb": -1, "uncertainty_ppb": 1, "reading_ns": 1}},
+        "thresholds": {"threshold": 1, "sizes": [1], "failed": 0},
+        "store_to_wire": {size: {"lost": 0, "completed": 1, "store_to_completion_ns": spread, "round_trip_ns": spread}
+                          for size in ("64", "1400")},
+        "full_ring": {"sent": 1, "kept": 1, "not_the_oldest": 0, "received_afterwards": 1},
+    }
+    probes = [{"probe": name, "result": "as expected", "expected": "e", "measured": found}
+              for name, found in measured.items()]
+    return {"program": "ruk-accept 1", "time": "2026-01-01T00:00:00Z", "kernel": "k", "machine": "m", "library": "l",
+            "driver": {"version": "1", "build": "b"}, "interface": "oxel0",
+            "probes": probes, "result": "as expected"}
+
+
 def places(value, path=()):
     """Each object and each value in it, by its path."""
     yield path
@@ -123,6 +151,20 @@ def main(root, bin_directory):
     compare("ruk-recv", datagram)
     compare("ruk-send", {"sent": 1, "bytes": 1, "refused": {"EAGAIN": 1}, "seconds": 0.5, "per_second": 2.0},
             optional={"EAGAIN"})
+    report = acceptance()
+    compare("ruk-accept", report, optional={"driver"})
+    for probe in report["probes"]:
+        if not fits("ruk-accept", report | {"probes": [probe | {"probe": "another"}]}):
+            failures.append(f"ruk-accept: lets pass what {probe['probe']} measured under another name")
+        if not fits("ruk-accept", report | {"probes": [probe | {"reason": "r"}]}):
+            failures.append(f"ruk-accept: lets pass a reason of {probe['probe']}, which did not fail")
+    # A probe that failed may have measured any part.
+    failed = {"probe": "clock", "result": "failed", "expected": "", "measured": {}, "reason": "r"}
+    failures.extend(fits("ruk-accept", report | {"probes": [failed], "result": "failed"}))
+    for name in failed:
+        for wrong in ({k: v for k, v in failed.items() if k != name}, failed | {name: 1}, failed | {"surplus": "x"}):
+            if not fits("ruk-accept", report | {"probes": [wrong]}):
+                failures.append(f"ruk-accept: lets pass a failed probe that is wrong about {name}")
     if not fits("ruk-recv", datagram | {"payload": "6"}):
         failures.append("ruk-recv: lets half a byte pass")
     if not fits("ruk-recv", datagram | {"malformed": True}):
