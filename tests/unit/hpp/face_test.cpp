@@ -882,16 +882,16 @@ TEST_F(Face, KeyframeAmongFrames_HasNoTime)
     keyframe.dst = 0x01010100;
     keyframe.protocol = 253;
     keyframe.payload = Bytes(40, 0x55);
-    Bytes bytes = keyframe.bytes();
-    bytes.resize(bytes.size() - 4); /* the adapter appends the trailer */
-    softnic_inject(nic, 0, bytes.data(), bytes.size());
+    const Bytes bytes = keyframe.bytes();
+    const size_t untrailed = bytes.size() - 4; /* the adapter appends the trailer */
+    softnic_inject(nic, 0, bytes.data(), untrailed);
     softnic_run(nic);
     const auto f = endpoint.try_receive_frame(frame_room);
     ASSERT_TRUE(f);
-    EXPECT_EQ(f->data.size(), bytes.size() + 4);
+    EXPECT_EQ(f->data.size(), bytes.size());
     EXPECT_FALSE(f->time);
 
-    softnic_inject(nic, 0, bytes.data(), bytes.size());
+    softnic_inject(nic, 0, bytes.data(), untrailed);
     softnic_run(nic);
     size_t length = 0;
     uint64_t mark = 0;
