@@ -112,9 +112,8 @@ void Board::receive(const uint8_t *frame, uint32_t len, Now now)
     }
     uint64_t served = 0;
     SteerKey key;
-    // A switch's trailer is not part of what the filters see.
-    const uint32_t seen = config_.trailer_on_wire && len > NUV_UEVT_FCS_LEN ? len - NUV_UEVT_FCS_LEN : len;
-    if (parse_frame_key(frame, seen, &key)) {
+    // Over the whole frame, a switch's trailer included: as the host looks at it, so that none is lost between them.
+    if (parse_frame_key(frame, len, &key)) {
         if (const std::vector<Filter> *list = filters_.find(key)) {
             for (auto f = list->rbegin(); f != list->rend(); ++f) { // newest first: one copy an endpoint
                 if (served & bit(f->endpoint))

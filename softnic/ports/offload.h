@@ -17,8 +17,8 @@ uint32_t pad_frame(uint8_t *frame, uint32_t len, uint32_t trailer);
 // already. False when these positions are not inside the frame.
 bool complete_checksum(uint8_t *frame, uint32_t len, uint32_t start, uint32_t offset);
 
-// A frame whose IP datagram or port numbers would continue behind its end: in the padding of a short one, or in what is
-// taken for a trailer. No sender's wire carries one: padding it would make up bytes of a datagram that were never sent.
+// A short frame whose IP datagram or port numbers would continue in the padding. No sender's wire carries one:
+// padding it would make up bytes of a datagram that were never sent.
 bool ends_inside_datagram(const uint8_t *frame, uint32_t len);
 
 // Cuts a frame that stands for many TCP segments or UDP datagrams into the frames of the wire. Frames are as

@@ -350,10 +350,8 @@ bool PacketPort::next_segment(RxFrame *frame)
 // Before data there is room for a tag, behind it for padding.
 bool PacketPort::hand_out(uint8_t *data, uint32_t len, RxFrame *frame)
 {
-    // Where a trailer has to be, a datagram that reaches into the last bytes has none: without this look it would be
-    // taken from the host by its key and then match no filter.
-    const bool look = trailer_ != 0 || len < kMinFrame;
-    if (len < trailer_ || (look && ends_inside_datagram(data, len - trailer_))) {
+    const bool padded = len + (arrival_.tagged ? kVlanTag : 0) < kMinFrame + trailer_;
+    if (len < trailer_ || (padded && ends_inside_datagram(data, len - trailer_))) {
         malformed_.add();
         return false;
     }

@@ -305,12 +305,11 @@ TEST_F(PacketPortTest, ShortFrameWithATrailer_HandedOut_PaddedBeforeTheTrailer)
     EXPECT_EQ(port->counters().rx_malformed, 1u);
 }
 
-TEST_F(PacketPortTest, LongDatagramThatReachesIntoTheTrailersPlace_Arrives_CountedNotHandedOut)
+TEST_F(PacketPortTest, LongDatagramThatReachesIntoTheTrailersPlace_Arrives_HandedOutAsItIs)
 {
     std::string error;
     port = softnic::make_packet_port(lab.adapter.ifname, &error, true);
     ASSERT_TRUE(port) << error;
-    uint64_t malformed = 0;
     for (const uint32_t tag : {0u, 0x81000005u})
         for (const size_t size : {22, 23, 40, 1000}) { // 64 bytes and more of frame
             UdpFrame frame;
@@ -318,18 +317,14 @@ TEST_F(PacketPortTest, LongDatagramThatReachesIntoTheTrailersPlace_Arrives_Count
                 frame.tags = {tag};
             frame.payload = text_of(size);
             const Bytes datagram = frame.bytes();
-            for (size_t there = 0; there < 4; there++) { // bytes behind the datagram
+            for (size_t there = 0; there <= 4; there++) { // bytes behind the datagram
                 Bytes bytes = datagram;
                 bytes.resize(datagram.size() + there, 0xEE);
                 inject(bytes);
-                malformed++;
+                EXPECT_EQ(next(), bytes) << size << " " << there;
             }
-            Bytes whole = datagram;
-            put32(&whole, 0xDEADBEEF);
-            inject(whole);
-            EXPECT_EQ(next(), whole) << size;
-            EXPECT_EQ(port->counters().rx_malformed, malformed) << size;
         }
+    EXPECT_EQ(port->counters().rx_malformed, 0u);
 }
 
 TEST_F(PacketPortTest, DatagramCutOffByTheFramesEnd_Arrives_CountedNotPadded)
