@@ -139,8 +139,9 @@ int ruk_device_enable(ruk_device_t dev);
 int ruk_shutdown(ruk_device_t dev, int how);
 
 /*
- * Closes the endpoint and unbinds all its channels, which ends the process as ruk_unbind() may. When another thread is
- * inside a receive call the close is completed by that call when it returns; a sleeping one is not woken by this.
+ * Closes the endpoint and unbinds all its channels, which ends the process as ruk_unbind() may. When another thread
+ * sleeps in a receive call the close is completed by that call when it returns; it is not woken by this. A spinning one
+ * of a thread-safe endpoint leaves with ENXIO, and the close is completed here.
  * Always 0.
  */
 int ruk_close(ruk_device_t dev);
@@ -184,8 +185,9 @@ int ruk_set_filter_mode(ruk_device_t dev, enum ruk_filter_mode mode);
 
 /*
  * Unbinds the channel with its groups, filters, send handles and kernel socket; the handle is invalid
- * afterwards. Another channel that shares its address and port inherits the traffic. A group's filter that the driver
- * does not give back, or a group joined twice, ends the process. Takes the endpoint lock.
+ * afterwards. The earliest other channel bound to its address and port without RUK_BIND_NO_UNICAST inherits the unicast
+ * traffic; broadcasts and groups are never handed over. A group's filter that the driver does not give back, or a group
+ * joined twice, ends the process. Takes the endpoint lock.
  * Errors: EINVAL a null channel.
  */
 int ruk_unbind(ruk_channel_t ch);
@@ -194,9 +196,11 @@ int ruk_unbind(ruk_channel_t ch);
 
 /*
  * Join and leave groups on a channel, from any source or from one. Take the endpoint lock.
- * ruk_mcast_leave_source() drops the kernel's whole membership of the group, and its source must not be null. A filter
- * that the driver does not give back ends the process; so does, after an EEXIST, the second release of that group, and
- * calls for other groups of the channel may not return before.
+ * ruk_mcast_leave_source() drops the kernel's whole membership of the group, and its source must not be null.
+ * ruk_mcast_leave() of a group joined for several sources releases the first of them alone: the others stay in the
+ * adapter, while the kernel's membership is dropped whole. A filter that the driver does not give back ends the
+ * process; so does, after an EEXIST, the second release of that group, and calls for other groups of the channel may
+ * not return before.
  * Errors: EINVAL a null channel, group, or source to join; not a group; a zero source to leave. ruk_mcast_join(),
  * ruk_mcast_join_source(): EEXIST joined already; EAGAIN, ENOMEM no filter tag, as for a bind; errno of the kernel
  * socket; those of the driver.
@@ -208,8 +212,9 @@ int ruk_mcast_leave(ruk_channel_t ch, const struct in_addr *addr);
 int ruk_mcast_leave_source(ruk_channel_t ch, const struct in_addr *addr, const struct in_addr *src);
 
 /*
- * Block and unblock a source of a group at the kernel socket; the adapter's filters do not change. Take no
- * lock. Errors: EINVAL a null or zero argument, not a group; -1 with errno when the kernel refuses; ENOMEM.
+ * Block and unblock a source of a group at the kernel socket. The adapter's filters do not change, and it goes on
+ * delivering what arrives; but routers are told, and may keep the source away. Take no lock.
+ * Errors: EINVAL a null or zero argument, not a group; -1 with errno when the kernel refuses; ENOMEM.
  */
 int ruk_mcast_block_source(ruk_channel_t ch, const struct in_addr *join_addr, const struct in_addr *block_addr);
 int ruk_mcast_unblock_source(ruk_channel_t ch, const struct in_addr *join_addr, const struct in_addr *block_addr);
@@ -247,10 +252,10 @@ int ruk_recvfrom(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_
  * Whole frames, with the 4-byte trailer, but for frames that a switch dates, which come without it. buf must hold the
  * largest frame; *len receives the length. ruk_raw_recv() takes the receive lock and never writes *timestamp; the other
  * two take no lock, are for an endpoint that one thread reads, and complete no close. timestamp and tag of
- * ruk_raw_recv_nb() may be null; endpoint and len may not. It hands out a switch's keyframes too, with a time of all
- * ones.
- * Errors: EAGAIN nothing waits; EINVAL a disabled endpoint. ruk_raw_recv(): those of ruk_recvfrom(), whose modes it
- * has.
+ * ruk_raw_recv_nb() may be null. A null endpoint or len is not tested in any of them. ruk_raw_recv_nb() hands out a
+ * switch's keyframes too: where the endpoint recognises them their time is all ones.
+ * Errors: EAGAIN nothing waits; EINVAL a disabled endpoint. ruk_raw_recv(): EINVAL an unknown mode on an empty queue;
+ * EINTR shut down, or a signal handler ran while it slept; ENXIO the endpoint is being closed; errno of poll().
  */
 int ruk_raw_recv(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_t *len, uint64_t *timestamp);
 int ruk_raw_recv_nb(ruk_device_t dev, void *buf, size_t *len, uint64_t *timestamp, int *tag);

@@ -1,5 +1,6 @@
 /*
- * Reader of the event ring. All of it runs under the endpoint's receive lock.
+ * Reader of the event ring. All of it runs under the endpoint's receive lock, but for ruk__eventq_count(), which may
+ * run beside a receiver.
  */
 #ifndef RUK__EVENTQ_H
 #define RUK__EVENTQ_H
