@@ -13,6 +13,8 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SOURCES = ["libruk/*.cpp", "common/*.cpp", "softnic/**/*.cpp"]
 CALL = re.compile(r"\b(fprintf\(\s*stderr,|fputs\(|puts\(|printf\(|exit_with\(|complain\(|say\(|ruk__debug_line\()")
 LITERAL = re.compile(r'"((?:[^"\\]|\\.)*)"')
+# What a documented message leaves open.
+BLANK = re.compile(r"RUK_SOFTNIC_\.\.\.|\.\.\.|\bIF, endpoint N:|\b(?:IF|FILE)\b:?")
 SPEC = re.compile(r"%[-#0 +.*\d]*(?:ll|l|h|z)?[a-zA-Z]")
 
 
@@ -58,7 +60,7 @@ def words(text):
 
 def fits(piece, message):
     """Whether the fixed parts of a documented message are in the message, in this order, the first at its beginning."""
-    fixed = [words(part) for part in re.split(r"RUK_SOFTNIC_\.\.\.|\.\.\.|\b(?:IF|FILE)\b:?", piece) if words(part)]
+    fixed = [words(part) for part in BLANK.split(piece) if words(part)]
     message = words(message)
     at = 0
     for i, part in enumerate(fixed):

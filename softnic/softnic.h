@@ -236,7 +236,7 @@ typedef struct softnic_board_counters {
     uint64_t arrived;   /* = matched + unmatched + malformed */
     uint64_t matched;   /* meant for at least one endpoint */
     uint64_t unmatched; /* no endpoint wanted it */
-    uint64_t malformed; /* shorter than a header or longer than an event can hold */
+    uint64_t malformed; /* shorter than an Ethernet header or longer than a length field can say */
     /* Copies for raw endpoints, which get one of every frame besides: dropped, since 256 were not fetched. */
     uint64_t raw_dropped;
 } softnic_board_counters_t;
@@ -258,7 +258,11 @@ typedef struct softnic_endpoint_counters {
     uint64_t bad_header;    /* requests with header length 0 or above 56, dropped */
     uint64_t bad_payload;   /* requests whose payload lies outside its ring, dropped */
     uint64_t post_overflow; /* requests lost because too many waited */
-    uint64_t lost_requests; /* requests lost before that: stored in the window, not caught there */
+    /*
+     * Lost before that: requests beyond those that can be kept, and watchpoint hits that came late, behind each of
+     * which any number of requests may be lost.
+     */
+    uint64_t lost_requests;
 } softnic_endpoint_counters_t;
 
 void softnic_board_counters(softnic_t *nic, unsigned board, softnic_board_counters_t *counters);

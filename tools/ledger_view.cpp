@@ -22,8 +22,10 @@ constexpr Words library_reasons[] = {
      "none; the normal filter mode keeps them out"},
     {"dropped_badfilter", "datagrams for another port, address or source than the membership's",
      "none for sources that were not joined; else a filter mode lets in more than the ports"},
-    {"dropped_nosock", "datagrams of a channel that was unbound meanwhile, or that a filter mode let in",
-     "none after an unbind; else use the normal filter mode"},
+    {"dropped_nosock",
+     "datagrams of a channel that was unbound or a group that was left meanwhile, or let in by a filter mode "
+     "that has ended",
+     "none after an unbind or a leave; else use the normal filter mode"},
     {"dropped_runts", "frames shorter than their headers", "look for a damaged sender with ruk-capture"},
     {"dropped_broadcast_filtered", "broadcasts to another subnet's broadcast address",
      "compare the sender's netmask with the interface's"},
@@ -54,7 +56,9 @@ constexpr Reason<Page> interface_reasons[] = {
 constexpr Reason<Page> board_reasons[] = {
     {&Page::unmatched,
      {"unmatched", "frames that no endpoint asked for: the kernel's", "none: they went their usual way"}},
-    {&Page::malformed, {"malformed", "frames too short or too long for any event", "look for a damaged sender"}},
+    {&Page::malformed,
+     {"malformed", "frames shorter than an Ethernet header, or longer than a length field can say",
+      "look for a damaged sender"}},
     {&Page::raw_dropped,
      {"raw_dropped", "frames for a raw endpoint that had 256 waiting already",
       "call oxel_raw_next_event() more often, from a thread of its own"}},
@@ -81,9 +85,10 @@ constexpr Reason<Queues> endpoint_reasons[] = {
       "only a program that writes the request window itself can make them; if yours does not, report it"}},
     {&Queues::lost_requests,
      {"lost_requests",
-      "send requests that were posted and not caught: by a thread that blocks SIGTRAP by a system call "
-      "of its own, or by a program that writes the request window itself",
-      "block signals through the C library in threads that send; else report it"}},
+      "send requests beyond those that can be kept, and traps that came late, behind each of which any number of "
+      "requests may be lost",
+      "block signals through the C library in threads that send; a program that writes the request window itself has "
+      "to wait for completions; else report it"}},
 };
 
 void add(std::vector<Drop> &drops, const Words &words, std::string_view reason, const std::string &where,

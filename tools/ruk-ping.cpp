@@ -157,7 +157,7 @@ struct Result {
     uint64_t lost = 0;
     int64_t elapsed_ns = 0;
     bool time_ran_out = false;
-    uint64_t late = 0; /* replies that came after their time, or twice */
+    uint64_t late = 0; /* datagrams that were not the awaited answer: too late, a second time, or foreign */
     std::map<std::string, uint64_t> refused;
     std::vector<std::pair<ThreadUse, double>> threads; /* with the share of a processor that each took */
 };

@@ -26,7 +26,8 @@ public:
     virtual Idle arm_idle() = 0;
     virtual void disarm_idle() = 0;
     virtual int wake_fd() const = 0;
-    virtual uint64_t lost() const = 0; // requests posted that pop() will never give
+    // Requests that there was no room to keep, and signs of loss, behind each of which any number of them may be lost.
+    virtual uint64_t lost() const = 0;
 };
 
 // app: the window as the application is about to get it; alias: the adapter's own mapping. May give null.

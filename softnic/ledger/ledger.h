@@ -37,7 +37,9 @@ struct LedgerEndpoint {
     uint64_t bad_header;
     uint64_t bad_payload;
     uint64_t post_overflow; // requests lost before they were taken: more waited than may be in flight
-    uint64_t lost_requests; // requests lost before that, between the store and the adapter
+    // Lost before that: requests beyond those that the tap keeps, and watchpoint hits that came late, behind each of
+    // which any number of requests may be lost.
+    uint64_t lost_requests;
 };
 static_assert(sizeof(LedgerEndpoint) == 160);
 

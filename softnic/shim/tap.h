@@ -54,8 +54,9 @@ class RequestTap {
 public:
     // app is the request window as the application has mapped it, alias the adapter's own mapping of the same
     // pages; both page-aligned, len bytes. name begins the lines on standard error ("oxelp0, endpoint 1").
-    // nullptr only when the page cannot even be protected, as when app and alias are one mapping. To be called
-    // before the application knows app.
+    // nullptr when the signals cannot be taken, all 1024 states are in use, there is no event descriptor, or the mode
+    // is or becomes fallback and the page cannot be protected, as when app and alias are one mapping. The window is
+    // then polled, and requests can be lost. To be called before the application knows app.
     static std::unique_ptr<RequestTap> create(TapMode preferred, void *app, void *alias, size_t len, const char *name);
 
     // What create() would give now on this thread: for a driver that reports thresholds before the window is mapped.

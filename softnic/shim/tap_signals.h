@@ -1,7 +1,8 @@
 // Shares SIGTRAP and SIGSEGV between the adapter and the program it lives in.
 //
-// This unit also defines sigaction, signal, sigprocmask, pthread_sigmask and pthread_attr_setsigmask_np for the
-// whole process. A program that installs a handler of its own for either signal gets what the adapter does not
+// This unit also defines, for the whole process, sigaction, signal, bsd_signal, ssignal, sysv_signal, __sysv_signal,
+// sigset, sigignore, sighold, sigblock, sigsetmask, sigprocmask, pthread_sigmask and pthread_attr_setsigmask_np.
+// A program that installs a handler of its own for either signal gets what the adapter does not
 // recognise, whichever came first; and no thread can block the two signals, because a blocked trap comes late
 // and only once, and a blocked fault ends the process.
 #pragma once
