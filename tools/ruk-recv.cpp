@@ -39,9 +39,10 @@ void describe_options(CLI::App &app, Options &opt)
     app.add_option("-g,--group", opt.groups, "Multicast group to join, from any source or from one (repeatable)")
         ->type_name("GROUP[@SOURCE]")
         ->allow_extra_args(false);
-    app.add_option("--block", opt.blocks,
-                   "Have the kernel socket block a source of a joined group (repeatable); the adapter's filters, "
-                   "and so what is printed here, do not change")
+    app.add_option(
+           "--block", opt.blocks,
+           "Have the kernel socket block a source of a joined group (repeatable); the adapter goes on delivering "
+           "what arrives, but routers are told and may keep the source away")
         ->type_name("GROUP@SOURCE")
         ->allow_extra_args(false);
     app.add_option("-n,--count", opt.count, "End after so many datagrams")->type_name("COUNT");
