@@ -73,18 +73,19 @@ protected:
                                    const std::vector<std::string> &more = {},
                                    const std::vector<std::string> &settings = {})
     {
-        std::vector<std::string> command = {programs_ + "/bin/rukrun",
-                                            "--soft=oxel0",
-                                            "--mode=" + mode,
-                                            "--",
-                                            programs_ + "/tests/e2e_send_stream",
-                                            "oxel0",
-                                            lab.peer.address,
-                                            "5000",
-                                            "threads=" + std::to_string(wanted.threads),
-                                            "count=" + std::to_string(wanted.count),
-                                            "empty=" + std::to_string(wanted.empty),
-                                            "sizes=" + std::to_string(wanted.largest)};
+        std::vector<std::string> command = {programs_ + "/bin/rukrun", "--soft=oxel0"};
+        if (!mode.empty())
+            command.push_back("--mode=" + mode);
+        const std::vector<std::string> program = {"--",
+                                                  programs_ + "/tests/e2e_send_stream",
+                                                  "oxel0",
+                                                  lab.peer.address,
+                                                  "5000",
+                                                  "threads=" + std::to_string(wanted.threads),
+                                                  "count=" + std::to_string(wanted.count),
+                                                  "empty=" + std::to_string(wanted.empty),
+                                                  "sizes=" + std::to_string(wanted.largest)};
+        command.insert(command.end(), program.begin(), program.end());
         command.insert(command.begin(), as_user_.begin(), as_user_.end());
         command.insert(command.end(), more.begin(), more.end());
         // A sender built with the address sanitizer has the adapter before the sanitizer's run time.
@@ -303,6 +304,35 @@ TEST_F(SendModes, InterfaceWithLargeFrames_FastAskedFor_LargePayloadsArrive)
         SCOPED_TRACE(mode);
         expect_all_arrive(mode, {2, 600, 0, 8972}, {"window=6"});
     }
+}
+
+// Four endpoints have watchpoints in the fast way, two in the exact one.
+TEST_F(SendModes, LargestFramesOfTheFastWayAndOneByteMore_WayIsChosenByThem)
+{
+    for (const bool larger : {false, true}) {
+        SCOPED_TRACE(larger);
+        const std::string mtu = larger ? "4001" : "4000";
+        lab.run(lab.adapter, "ip link set oxel0 mtu " + mtu);
+        lab.run(lab.peer, "ip link set peer0 mtu " + mtu);
+        auto program = expect_all_arrive("fast", {3, 100, 0, larger ? 3973u : 3972u}, {"window=6", "endpoints=3"});
+        EXPECT_EQ(occurrences(program->err(), "softnic: oxel0: an MTU of 4001 needs the exact mode\n"),
+                  larger ? 1u : 0u)
+            << *program;
+        EXPECT_EQ(occurrences(program->err(), "softnic: oxel0, endpoint 2: exact mode: no watchpoint"),
+                  larger ? 1u : 0u)
+            << *program;
+        EXPECT_EQ(occurrences(program->err(), "using fallback mode"), larger ? 1u : 0u) << *program;
+    }
+}
+
+TEST_F(SendModes, UnknownModeInTheEnvironment_SaidAndFastUsed)
+{
+    auto program = expect_all_arrive("", {1, 100, 0, 1472}, {}, 60, {"RUK_SOFTNIC_MODE=quick"});
+    EXPECT_EQ(
+        occurrences(program->err(), "softnic: RUK_SOFTNIC_MODE=quick is none of fast, exact, fallback; using fast\n"),
+        1u)
+        << *program;
+    EXPECT_EQ(program->err().find("fallback mode"), std::string::npos) << *program;
 }
 
 // A ring has to hold two of the largest payloads in whole pages, and 4096 bytes are all that a request can carry

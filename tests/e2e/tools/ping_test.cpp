@@ -119,6 +119,36 @@ TEST_F(PingTool, Client_LostRequests_AreCounted)
     EXPECT_EQ(result["lost"], 4);
 }
 
+// The fifth request is answered twice, the tenth when the next has come, the fifteenth by something else first.
+TEST_F(PingTool, Client_AnswersThatAreNotTheAwaitedOne_AreCountedApart)
+{
+    const char *echo = R"(
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("10.77.0.2", 7000))
+print("answering", file=sys.stderr, flush=True)
+held = None
+for n in range(1, 31):
+    data, sender = s.recvfrom(2048)
+    if n == 10:
+        held = data
+        continue
+    answers = ([held] if n == 11 else []) + ([data + b"x"] if n == 15 else []) + [data] * (2 if n == 5 else 1)
+    for answer in answers:
+        s.sendto(answer, sender)
+)";
+    auto server = lab.start(lab.peer, {"python3", "-c", echo});
+    ASSERT_TRUE(server->wait_for_err("answering")) << *server;
+    auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "28", "--warmup", "2",
+                        "--timeout", "1000", "--json"});
+    EXPECT_TRUE(client->finish()) << *client;
+    const json result = parse(client->out());
+    EXPECT_EQ(result["sent"], 28);
+    EXPECT_EQ(result["answered"], 27);
+    EXPECT_EQ(result["lost"], 1);
+    EXPECT_EQ(result["late"], 3);
+}
+
 TEST_F(PingTool, Client_TimeRunsOut_EndsWithWhatItHas)
 {
     auto server = kernel_server();
@@ -249,6 +279,23 @@ TEST_F(PingTool, Cpu_ClientRunsOnThatProcessor)
         EXPECT_NE(client->err().find("on processor " + number + " "), std::string::npos) << *client;
         if (processor >= 3)
             break; // enough of them
+    }
+}
+
+TEST_F(PingTool, SpinningClientSharesItsProcessor_IsWarnedOf_ASleepingOneNot)
+{
+    const std::string processor = std::to_string(allowed_processors().front());
+    auto server = kernel_server();
+    std::vector<std::unique_ptr<test_support::Program>> busy;
+    for (int i = 0; i < 2; i++)
+        busy.push_back(lab.start(lab.peer, {"taskset", "-c", processor, "sh", "-c", "while :; do :; done"}));
+    for (const char *wait : {"spin", "block"}) {
+        auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--cpu", processor, "--count",
+                            "1000000", "--timeout", "2000", "--wait", wait, "-t", "1"});
+        EXPECT_TRUE(client->finish()) << *client;
+        EXPECT_EQ(client->err().find("warning: the spinning client had only ") != std::string::npos,
+                  std::string(wait) == "spin")
+            << *client;
     }
 }
 

@@ -2,6 +2,7 @@
 #include "live_rig.h"
 
 #include "child.h"
+#include "ledger/writer.h"
 
 #include <chrono>
 #include <cstddef>
@@ -286,6 +287,24 @@ TEST_F(FirmwareTest, PostedRequests_LeaveAlsoFromSleep)
         dev.flow->tx_flow.flow_desc = i;
     }
     EXPECT_EQ(port_.sent_waiting(), 50u);
+}
+
+TEST_F(FirmwareTest, RequestsLostOnTheirWay_InTheLedgerAfterTheCloseAsWell)
+{
+    const auto in_the_ledger = [this] {
+        LedgerPage page = {};
+        std::lock_guard guard(adapter_->card().lock());
+        take_ledger(adapter_->card(), 0, &page);
+        return page.endpoint[0].lost_requests;
+    };
+    {
+        Device dev;
+        ASSERT_EQ(dev.set_up(), 0);
+        EXPECT_EQ(in_the_ledger(), 0u);
+        adapter_->lose(7);
+        EXPECT_EQ(in_the_ledger(), 7u);
+    }
+    EXPECT_EQ(in_the_ledger(), 7u);
 }
 
 TEST_F(FirmwareTest, WaitWithALimit_EndsWithoutAnError)

@@ -65,10 +65,12 @@ public:
         (void)!read(fd_, &count, sizeof(count));
     }
     int wake_fd() const override { return fd_; }
-    uint64_t lost() const override { return 0; }
+    uint64_t lost() const override { return lost_; }
+    void lose(uint64_t n) { lost_ += n; }
 
 private:
     RequestQueue queue_;
+    uint64_t lost_ = 0;
     int fd_;
 };
 
@@ -103,6 +105,7 @@ public:
     Card &card() { return *card_; }
     Firmware &firmware() { return *firmware_; }
     void post(const nuv_ureq_t &r) { source_->post(r); }
+    void lose(uint64_t n) { source_->lose(n); }
 
 private:
     LiveRunner runner_;

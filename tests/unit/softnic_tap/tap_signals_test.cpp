@@ -302,6 +302,21 @@ TEST(TapSignals, ProgramInstallsHandlersByOlderNames_BothServed)
             });
 }
 
+TEST(TapSignals, OtherSignalThatInterruptsCalls_HandlerInstalled_StillInterruptsThem)
+{
+    for (auto install : {signal, bsd_signal, ssignal})
+        expect_child([&] {
+            struct sigaction now;
+            if (install(SIGALRM, count_trap_plainly) == SIG_ERR || sigaction(SIGALRM, nullptr, &now) != 0 ||
+                now.sa_handler != count_trap_plainly || !(now.sa_flags & SA_RESTART))
+                return 1;
+            siginterrupt(SIGALRM, 1);
+            if (install(SIGALRM, count_trap_plainly) != count_trap_plainly || sigaction(SIGALRM, nullptr, &now) != 0)
+                return 2;
+            return now.sa_flags & SA_RESTART ? 3 : 0;
+        });
+}
+
 TEST(TapSignals, PostingThreadsBlockSignalsByOlderNames_NothingLost)
 {
     void (*const ways[])() = {[] {

@@ -1,9 +1,13 @@
 // The request window of an endpoint under the tap, from mapping to unmapping and close.
 #include "../softnic/rig.h"
 
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -58,6 +62,25 @@ TEST_F(TapWindow, MoreThanTheTapKeeps_Posted_LostOnesAreCountedBeyondTheClose)
     softnic_run(nic);
     EXPECT_EQ(nic.counters().lost_requests, 88u);
     EXPECT_EQ(nic.counters().requests, 128u);
+}
+
+// Behind each late hit any number of requests may be lost: that there were some has to be known.
+TEST_F(TapWindow, ThreadThatBlocksTheTrap_Posts_LateHitsAreCountedAsLosses)
+{
+    Device device;
+    ASSERT_EQ(device.set_up(), 0);
+    EXPECT_EQ(nic.counters().lost_requests, 0u);
+    testing::internal::CaptureStderr();
+    std::thread([&] {
+        uint64_t mask = ~uint64_t(0);
+        syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, nullptr, sizeof mask);
+        for (int n = 0; n < 20; n++)
+            device.post(13, 0, header_numbered(1), 0);
+        mask = 0;
+        syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, nullptr, sizeof mask);
+    }).join();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("a thread that blocks SIGTRAP"), std::string::npos);
+    EXPECT_GE(nic.counters().lost_requests, 1u);
 }
 
 // The library unmaps its regions and closes after that.
