@@ -50,6 +50,17 @@ TEST_F(RukrunTest, LibrariesPreloadedAlready_ProgramRuns_TheyComeAfterTheAdapter
               "LD_PRELOAD=" + kAdapterLibrary + ":libm.so.6\nRUK_SOFTNIC=oxel0\nRUK_SOFTNIC_MODE=(unset)\n");
 }
 
+// The loader's own complaint about what is not there does not matter here.
+TEST_F(RukrunTest, SanitizersRunTimePreloaded_ProgramRuns_ItStaysFirst)
+{
+    for (const char *name : {"libasan.so.8", "libtsan.so.2", "libubsan.so.1", "liblsan.so.0", "libclang_rt.asan.so"}) {
+        const std::string run_time = std::string("/not/there/") + name;
+        auto program = rukrun({"--soft=oxel0", kLaunched}, {"LD_PRELOAD=libm.so.6:" + run_time});
+        EXPECT_EQ(program->out().find("LD_PRELOAD=" + run_time + ":" + kAdapterLibrary + ":libm.so.6\n"), 0u)
+            << *program;
+    }
+}
+
 TEST_F(RukrunTest, NoInterfaceNamed_ProgramRuns_WithThoseOfTheFamilyThatAreUp)
 {
     lab.run(lab.adapter, "ip link add oxel7 address 02:6f:78:00:00:07 type veth peer name other7"
@@ -97,6 +108,8 @@ TEST_F(RukrunTest, WrongUsage_OneLineAndStatus)
         {{"--soft=oxel0"}, "rukrun: no program given (see rukrun --help)\n"},
         {{"--soft=oxel0", "--"}, "rukrun: no program given (see rukrun --help)\n"},
         {{"--soft=oxel0", "--mode=slow", "true"}, "rukrun: unknown mode 'slow': it is fast, exact or fallback\n"},
+        {{"--soft=oxel0", "--switch=blue", "true"},
+         "rukrun: unknown switch 'blue': it is wire or model[,KEY=VALUE...]\n"},
         {{"--hard", "true"}, "rukrun: unknown option '--hard' (see rukrun --help)\n"},
     };
     for (const auto &[arguments, line] : cases) {
@@ -123,6 +136,24 @@ TEST_F(RukrunTest, ProgramThatCannotBeExecuted_Status126)
         EXPECT_TRUE(program->exited_with(126)) << *program;
         EXPECT_EQ(program->err(), std::string("rukrun: cannot execute '") + file + "': Permission denied\n");
     }
+}
+
+// The owner of host files is nobody where the tests are in a user namespace, and cannot be given away there.
+TEST_F(RukrunTest, ProgramThatGainsRights_Status126)
+{
+    char directory[] = "/tmp/ruk-test-XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    std::string file = std::string(directory) + "/program";
+    close(open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0755));
+    const std::string own = file;
+    if (chown(file.c_str(), 65534, static_cast<gid_t>(-1)) != 0 || chmod(file.c_str(), 04755) != 0)
+        file = "/usr/bin/su";
+    auto program = rukrun({"--soft=oxel0", file});
+    EXPECT_TRUE(program->exited_with(126)) << *program;
+    EXPECT_EQ(program->err(),
+              "rukrun: " + file + " gains rights when it starts, so nothing can be preloaded into it\n");
+    unlink(own.c_str());
+    rmdir(directory);
 }
 
 TEST_F(RukrunTest, NoRightToOpenPacketSockets_OneLineAndStatus)
