@@ -209,6 +209,20 @@ TEST_F(BindTest, SharedPort_SecondChannelDefersToTheFirst)
     EXPECT_EQ(driver.trace.size(), 1u);
 }
 
+/* A port number beyond 16 bits finds no entry; its own then stands behind the first of that port. */
+TEST_F(BindTest, SharedPort_SeveralEntriesOfThePort_FirstOneWaitedFor)
+{
+    ruk_channel_t first = bind(5000, RUK_BIND_REUSE), beyond = bind(0x10000 + 5000, RUK_BIND_REUSE);
+    ASSERT_NE(first->ch_uni_entry, nullptr);
+    ASSERT_NE(beyond->ch_uni_entry, nullptr);
+    EXPECT_EQ(beyond->ch_port_be16, htons(5000));
+    EXPECT_EQ(beyond->ch_deferred_uni_entry, nullptr);
+    EXPECT_EQ(tags_of(dev->rep_tag_uniq), (std::vector<int>{0, 1}));
+    ruk_channel_t third = bind(5000, RUK_BIND_REUSE);
+    EXPECT_EQ(third->ch_uni_entry, nullptr);
+    EXPECT_EQ(third->ch_deferred_uni_entry, first->ch_uni_entry);
+}
+
 /* A broadcast entry is no unicast entry of the port. */
 TEST_F(BindTest, SharedPort_FoundByAddressAndPort)
 {
@@ -274,6 +288,42 @@ TEST_F(BindAddressTest, NullArguments_Invalid)
     EXPECT_EQ(ruk_bind(nullptr, 0, 5000, nullptr, &ch), EINVAL);
     EXPECT_EQ(ruk__bind(nullptr, 0, 0, 5000, nullptr, &ch, 0), EINVAL);
     EXPECT_TRUE(lock_is_free());
+}
+
+/* Two adapters with one address: the endpoint's own counts, wherever it is in the list. */
+TEST_F(BindAddressTest, AddressOfAnotherAdapterToo_TheEndpointsOwnTaken)
+{
+    close();
+    driver.taken.clear();
+    host.interfaces.push_back({.name = "vlan50", .mac = {0x02, 0x6f, 0x78, 0, 0, 2}, .address = "127.0.0.50"});
+    host.interfaces.push_back({.name = "vlan51", .address = "127.0.0.50"});
+    open(RUK_OPEN_THREAD_SAFE);
+    driver.take_trace();
+    struct in_addr both = in_addr_of("127.0.0.50");
+    ruk_channel_t ch = nullptr;
+    ASSERT_EQ(ruk_bind_addr(dev, &both, 0, 5000, nullptr, &ch), 0);
+    EXPECT_STREQ(ch->ch_mif->tov_ifa_name, "vlan51");
+    EXPECT_EQ(ch->ch_mif->tov_ifa_boardnum, 0u);
+    EXPECT_EQ(driver.trace, Lines{"50EB 3200007f881333e00000000000"});
+    EXPECT_TRUE(lock_is_free());
+}
+
+/* Opened on the second adapter with an address of the first: the address decides where channels are bound. */
+TEST_F(BindAddressTest, EndpointsInterfaceOnAnotherAdapterThanItself_InterfacesAdapterCounts)
+{
+    close();
+    driver.taken.clear();
+    uint8_t mac[6] = {0x02, 0x6f, 0x78, 0, 0, 2};
+    ASSERT_EQ(ruk_open_by_perm_mac(mac, &loopback, 0, &dev), 0);
+    ASSERT_EQ(dev->rep_unit, 1u);
+    ASSERT_EQ(dev->rep_mif->tov_ifa_boardnum, 0u);
+    ruk_channel_t ch = nullptr;
+    EXPECT_EQ(ruk_bind(dev, 0, 5000, nullptr, &ch), 0);
+    EXPECT_EQ(ch->ch_mif, dev->rep_mif);
+    struct in_addr beside = in_addr_of("127.0.0.7"), of_the_second = in_addr_of("127.0.0.9");
+    EXPECT_EQ(ruk_bind_addr(dev, &beside, 0, 5000, nullptr, &ch), 0);
+    EXPECT_STREQ(ch->ch_mif->tov_ifa_name, "vlan7");
+    EXPECT_EQ(ruk_bind_addr(dev, &of_the_second, 0, 5000, nullptr, &ch), EINVAL);
 }
 
 /* The hazard: the endpoint's lock is not given back. */

@@ -256,6 +256,20 @@ TEST_F(MembershipTest, JoinSource_UsedEntry_SourcePortSetToZero)
     EXPECT_EQ(dev->rep_tag_table[0][1].tage_src_ip_port, 0);
 }
 
+TEST_F(MembershipTest, JoinSource_UsedEntry_FlagsChannelAndIdentityAreThisChannels)
+{
+    ruk_channel_t ch = bind(5000, RUK_BIND_KERNEL);
+    struct ruk__tag_entry *entry = &dev->rep_tag_table[0][1];
+    entry->tage_bindflags = 0x42;
+    entry->tage_nicid = 0x01005E7F7F7F;
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    EXPECT_EQ(driver.trace, Lines{"50EB 030201ef8813000001000001" /* to the kernel too */ "00"});
+    ASSERT_EQ(entries_of(ch->ch_tag_multiq), std::vector<struct ruk__tag_entry *>{entry});
+    EXPECT_EQ(entry->tage_bindflags, RUK_BIND_KERNEL);
+    EXPECT_EQ(entry->tage_channel, ch);
+    EXPECT_EQ(entry->tage_nicid, 0x01005E010203u);
+}
+
 TEST_F(MembershipTest, JoinSource_ZeroSourceAllowed)
 {
     ruk_channel_t ch = bind();
@@ -350,6 +364,48 @@ TEST_F(MembershipTest, PlainJoinWithAUsedEntry_KeepsTheOldSource)
     ASSERT_EQ(join(ch, "239.9.9.9"), 0);
     ASSERT_EQ(entries_of(ch->ch_tag_multiq)[0], entry);
     EXPECT_EQ(entry->tage_src_ip_addr, 0x0A000009u);
+}
+
+/* ------------------------------------------------------------------ an entry of another port */
+
+/* The channel's queue holds an entry for its group, but for port 5001: it is none of this port's memberships. */
+TEST_F(MembershipTest, EntryOfAnotherPort_NotFoundByLeaves)
+{
+    ruk_channel_t ch = bind(5000);
+    ASSERT_EQ(join_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+    struct ruk__tag_entry *entry = entries_of(ch->ch_tag_multiq)[0];
+    driver.take_trace();
+    host.sockets.clear();
+    entry->tage_udp_port = 5001;
+    EXPECT_EQ(leave(ch, "239.1.2.3"), EADDRNOTAVAIL);
+    EXPECT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), EADDRNOTAVAIL);
+    EXPECT_EQ(driver.trace, Lines{});
+    EXPECT_EQ(options(), Lines{});
+    EXPECT_TRUE(lock_is_free());
+    entry->tage_udp_port = 5000;
+    EXPECT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), 0);
+}
+
+TEST_F(MembershipTest, EntryOfAnotherPort_JoinsGetEntriesOfTheirOwn)
+{
+    ruk_channel_t any = bind(5000), one = bind(6000);
+    ASSERT_EQ(join(any, "239.1.2.3"), 0);
+    ASSERT_EQ(join_source(one, "239.1.2.3", "10.0.0.10"), 0); /* reads the same in both byte orders */
+    struct ruk__tag_entry *of_any = entries_of(any->ch_tag_multiq)[0], *of_one = entries_of(one->ch_tag_multiq)[0];
+    driver.take_trace();
+    of_any->tage_udp_port = 5001;
+    of_one->tage_udp_port = 6001;
+    EXPECT_EQ(join(any, "239.1.2.3"), 0);
+    EXPECT_EQ(join_source(one, "239.1.2.3", "10.0.0.10"), 0);
+    EXPECT_EQ(driver.trace, (Lines{"50EB 030201ef881300000400000000", "50EB 030201ef701700000500000000"}));
+    EXPECT_EQ(tags_of(any->ch_tag_multiq), (std::vector<int>{2, 4}));
+    EXPECT_EQ(tags_of(one->ch_tag_multiq), (std::vector<int>{3, 5}));
+    of_any->tage_udp_port = 5000;
+    of_one->tage_udp_port = 6000;
+    StreamCapture streams; /* the kernel knows either membership once */
+    EXPECT_EQ(ruk_unbind(any), 0);
+    EXPECT_EQ(ruk_unbind(one), 0);
+    EXPECT_TRUE(driver.filters.empty());
 }
 
 /* ------------------------------------------------------------------ joining twice */

@@ -667,6 +667,39 @@ TEST(DatagramPeek, BadFrameFirst_DroppedEvenByAPeek)
     EXPECT_EQ(counters(rig), only(BADFILTER));
 }
 
+/* The datagram behind it is told, but not dated: what stays is the time of the one before. */
+TEST(DatagramPeek, BadFrameFirst_ItsTimeInTheInfo)
+{
+    for (uint32_t version : {1u, 2u}) {
+        for (auto mode : {RUK_RECV_PEEK, RUK_RECV_PEEK_MSG}) {
+            Scoped<uint32_t> api(ruk__api_version, version);
+            const uint64_t time = version > 1 ? 555 : 0xeeeeeeeeeeeeeeee;
+            RigEndpoint rig;
+            rig.bind(0, HOST, 5000);
+            rig.ep->rep_timestamping_enabled = 1;
+            rig.clock_is_ticks();
+            EventOptions options;
+            options.ticks = 555;
+            rig.ring.put({{udp_frame("no"), 9}}, options);
+            options.ticks = 777;
+            rig.ring.put({{udp_frame("abc"), 0}}, options);
+            Received got = rig.recv(mode);
+            EXPECT_EQ(got.rc, 0);
+            EXPECT_EQ(got.info.msg_len, 3u);
+            EXPECT_EQ(got.info.timestamp, time) << "mode " << mode;
+            EXPECT_EQ(rig.recv(mode).info.timestamp, 0xeeeeeeeeeeeeeeeeu) << "no frame was dropped";
+            EXPECT_EQ(rig.recv().info.timestamp, version > 1 ? 777u : 0xeeeeeeeeeeeeeeeeu);
+
+            options.ticks = 999;
+            rig.ring.put({{udp_frame("no"), 9}}, options);
+            got = rig.recv(mode);
+            EXPECT_EQ(got.rc, EAGAIN);
+            EXPECT_EQ(got.info.timestamp, version > 1 ? 999u : 0xeeeeeeeeeeeeeeeeu);
+            EXPECT_EQ(rig.flow32(0), 3u);
+        }
+    }
+}
+
 /* ------------------------------------------------------------------ filter modes without channels */
 
 TEST(DatagramAllmulti, AnyIpv4_DeliveredWithoutChannel)

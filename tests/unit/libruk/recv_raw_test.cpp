@@ -209,32 +209,36 @@ TEST(RawRecv, UnknownMode_EinvalOnlyWhenEmpty)
     EXPECT_EQ(rig.ep->rep_inuse, 0u);
 }
 
+/* Frames of 200 bytes whose first byte lies from 64 bytes before the ring's end to 64 behind it. */
 TEST(RawRecv, FrameAnywhereAtTheRingsEnd_Contiguous)
 {
-    for (int ahead = 230; ahead >= -64; ahead--) {
+    unsigned before = 0, at = 0, behind = 0;
+    for (int ahead = 64; ahead >= -64; ahead--) {
         RigEndpoint::Options options;
         options.ring = 1024;
         RigEndpoint rig(options);
-        rig.ring.put({{pattern(600), 0}});
-        EXPECT_EQ(raw(rig).rc, 0);
-        ASSERT_EQ(rig.ring.position(), 704u);
-        const int offset = 1024 - 704 - 8 - ahead;
-        if (offset < 32 || offset > 255)
-            continue;
+        rig.ring.put({{pattern(840), 0}});
+        ASSERT_EQ(raw(rig).rc, 0);
+        ASSERT_EQ(rig.ring.position(), 896u);
         const Bytes frame = pattern(200, static_cast<unsigned>(ahead + 100));
         EventOptions event;
-        event.offset = static_cast<uint8_t>(offset);
+        event.offset = static_cast<uint8_t>(1024 - ahead - 896 - 8);
         for (int call = 0; call < 2; call++) {
             rig.ring.put({{frame, 0}}, event);
             RawFrame got = call == 0 ? raw(rig) : raw_nb(rig);
             ASSERT_EQ(got.rc, 0);
             ASSERT_EQ(got.frame(), frame) << ahead;
-            while (rig.ring.position() != 704) { /* round to the same place */
+            ASSERT_EQ(got.data[200], 0xee);
+            (ahead > 0 ? before : ahead == 0 ? at : behind)++;
+            while (rig.ring.position() != 896) { /* round to the same place */
                 rig.ring.put({{pattern(1), 0}});
                 ASSERT_EQ(raw(rig).rc, 0);
             }
         }
     }
+    EXPECT_EQ(before, 2u * 64);
+    EXPECT_EQ(at, 2u);
+    EXPECT_EQ(behind, 2u * 64);
 }
 
 /* ------------------------------------------------------------------ ruk_raw_recv_nb */
@@ -346,6 +350,29 @@ TEST(RawRecvPeek, EventIncomplete_AlreadyWaiting)
     options.complete = false;
     rig.ring.put({{pattern(60), 7}}, options);
     EXPECT_EQ(ruk_raw_recv_peek(rig.ep), 0);
+}
+
+/* Only an endpoint that was never set up is refused; a close is left to those who are counted. */
+TEST(RawRecvNb, EndpointBeingClosed_AsEverAndNotClosed)
+{
+    for (auto state : {REP_STATE_NEEDCLOSE, REP_STATE_CLOSING}) {
+        RigEndpoint rig;
+        rig.ep->rep_state = state;
+        EXPECT_EQ(raw_nb(rig).rc, EAGAIN) << state;
+        EXPECT_EQ(ruk_raw_recv_peek(rig.ep), EAGAIN) << state;
+        ASSERT_FALSE(rig.closed());
+        EXPECT_EQ(rig.ep->rep_state, state);
+
+        rig.ring.put({{pattern(60), 7}});
+        EXPECT_EQ(ruk_raw_recv_peek(rig.ep), 0) << state;
+        RawFrame got = raw_nb(rig);
+        EXPECT_EQ(got.rc, 0) << state;
+        EXPECT_EQ(got.frame(), pattern(60));
+        ASSERT_FALSE(rig.closed());
+        EXPECT_EQ(rig.ep->rep_state, state);
+        EXPECT_EQ(rig.ep->rep_inuse, 0u);
+        EXPECT_EQ(raw_nb(rig).rc, EAGAIN) << state;
+    }
 }
 
 /* ------------------------------------------------------------------ together */

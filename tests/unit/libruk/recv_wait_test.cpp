@@ -404,6 +404,93 @@ TEST(ClosingEndpoint, NeedcloseButDatagramWaiting_Delivered)
     EXPECT_EQ(rig.recv().rc, ENXIO);
 }
 
+/* A closer that found nobody inside frees the endpoint itself: the receiver only has to go. */
+TEST(ClosingEndpoint, NeedcloseWhileAsleep_EnxioWithNothingConsumedOrClosed)
+{
+    for (const Call &call : calls) {
+        for (bool locks : {false, true}) {
+            for (int ready : {1, -1}) {
+                RigEndpoint::Options options;
+                options.locks = locks;
+                RigEndpoint rig(options);
+                Handle handle(rig);
+                rig.bind(0, HOST, 5000);
+                Polls polls({[&] {
+                    rig.ring.put({{udp_frame("x"), 0}});
+                    rig.ep->rep_state = REP_STATE_NEEDCLOSE;
+                    errno = EBADF;
+                    return ready;
+                }});
+                EXPECT_EQ(call.receive(rig, RUK_RECV_BLOCK), ENXIO) << call.name << ", poll returned " << ready;
+                EXPECT_EQ(polls.asked, 1u);
+                EXPECT_EQ(rig.ep->rep_inuse, 0u);
+                EXPECT_TRUE(rig.rx_lock_free());
+                EXPECT_FALSE(rig.closed());
+                EXPECT_EQ(rig.ep->rep_state, REP_STATE_NEEDCLOSE);
+                EXPECT_EQ(rig.flow32(0), 0u);
+                EXPECT_EQ(rig.ring.at(30), 1) << "the event is still there";
+                EXPECT_EQ(rig.ep->rep_num_packets, 0u);
+            }
+        }
+    }
+}
+
+TEST(DeferredClose, QueueEmptyAndOthersInside_EagainAndLeftToThem)
+{
+    for (const Call &call : calls) {
+        for (bool locks : {false, true}) {
+            for (auto mode : {RUK_RECV_NONBLOCK, RUK_RECV_PEEK, RUK_RECV_PEEK_MSG}) {
+                RigEndpoint::Options options;
+                options.locks = locks;
+                RigEndpoint rig(options);
+                rig.ep->rep_inuse = 1;
+                rig.ep->rep_state = REP_STATE_CLOSING;
+                EXPECT_EQ(call.receive(rig, mode), EAGAIN) << call.name << ", mode " << mode;
+                ASSERT_FALSE(rig.closed());
+                EXPECT_EQ(rig.ep->rep_inuse, 1u);
+                EXPECT_EQ(rig.ep->rep_state, REP_STATE_CLOSING);
+                EXPECT_TRUE(rig.rx_lock_free());
+                rig.ep->rep_inuse = 0; /* the other one is gone */
+            }
+        }
+    }
+}
+
+TEST(DeferredClose, QueueEmptyAndNobodyElseInside_EagainAndCompleted)
+{
+    for (const Call &call : calls) {
+        for (bool locks : {false, true}) {
+            for (auto mode : {RUK_RECV_NONBLOCK, RUK_RECV_PEEK, RUK_RECV_PEEK_MSG}) {
+                RigEndpoint::Options options;
+                options.locks = locks;
+                RigEndpoint rig(options);
+                rig.ep->rep_state = REP_STATE_CLOSING;
+                EXPECT_EQ(call.receive(rig, mode), EAGAIN) << call.name << ", mode " << mode;
+                EXPECT_EQ(rig.unmapped(), (std::vector<std::string>{"recvq", "sram", "kwindow", "flow"}));
+            }
+        }
+    }
+}
+
+/* The shutdown comes between the receiver's entry, which forgets earlier ones, and its first look at the ring. */
+TEST(DeferredClose, ShutdownOfASpinningReceiver_EintrAndCompleted)
+{
+    static RigEndpoint *shut_down;
+    for (const Call &call : calls) {
+        for (bool locks : {false, true}) {
+            RigEndpoint::Options options;
+            options.locks = locks;
+            RigEndpoint rig(options);
+            shut_down = &rig;
+            rig.ep->rep_state = REP_STATE_CLOSING;
+            PageTrap trap(rig.ring.base(), [] { ruk_shutdown(shut_down->ep, 0); });
+            EXPECT_EQ(call.receive(rig, RUK_RECV_DEFAULT), EINTR) << call.name;
+            EXPECT_TRUE(trap.sprung());
+            EXPECT_EQ(rig.unmapped(), (std::vector<std::string>{"recvq", "sram", "kwindow", "flow"}));
+        }
+    }
+}
+
 TEST(DeferredClose, ReceiverAsleep_CloseReturnsAtOnceReceiverCompletesIt)
 {
     for (const Call &call : calls) {

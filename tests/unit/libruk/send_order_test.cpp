@@ -284,6 +284,20 @@ TEST_F(SpinTest, RoomComesOnTheLastAttempt_NoWait)
     EXPECT_EQ(looks, 1001u);
 }
 
+/* Without waiting as well: what the failing attempt itself finds completed is made use of. */
+TEST_F(SpinTest, NonblockAndRoomComesWhileFailing_SentAfterTwoLooks)
+{
+    fill();
+    unsigned looks = 0;
+    recorded::before_load16 = [&] {
+        if (++looks == 2)
+            complete();
+    };
+    of([this] { EXPECT_EQ(send(buffer, 4, RUK_NONBLOCK), 0); });
+    EXPECT_EQ(looks, 2u);
+    EXPECT_EQ(waits.size(), 0u);
+}
+
 TEST_F(SpinTest, RoomComesOneAttemptLater_OneWait)
 {
     fill();
@@ -394,6 +408,26 @@ TEST_F(CopyOrderTest, NoTimePassed_DoesNotDivideByIt)
     open_with(1400);
     EXPECT_EQ(copy(64, 1, 1, 7, 7), 0);
     EXPECT_EQ(nsecs, 0u);
+}
+
+/* A host whose clock stands still: the counter's rate cannot be found, nor a time be told. */
+TEST_F(CopyOrderTest, RateUnknown_DoesNotDivideByIt)
+{
+    const ScopedEnv rate("TOV_CYCLES_PER_SECOND", nullptr), old_rate("KZ_CYCLES_PER_SECOND", nullptr);
+    const recv_rig::Scoped<double> period(seconds_per_cycle, seconds_per_cycle);
+    LibcHookGuard hooks;
+    hooks->gettimeofday = [](struct timeval *now) {
+        *now = {5, 5};
+        return 0;
+    };
+    hooks->usleep = [](useconds_t) { return 0; };
+    open_with(1400);
+    cycles_per_second = 0;
+    nsecs = 7;
+    EXPECT_EQ(copy(64, 1, 1, 0, 1000), 0);
+    EXPECT_EQ(nsecs, 0u);
+    EXPECT_EQ(mbytes, 61035u) << "64 bytes in a nanosecond";
+    EXPECT_EQ(cycles_per_second, 0u) << "still unknown";
 }
 
 } // namespace
