@@ -376,13 +376,13 @@ TEST_F(MembershipTest, EntryOfAnotherPort_NotFoundByLeaves)
     struct ruk__tag_entry *entry = entries_of(ch->ch_tag_multiq)[0];
     driver.take_trace();
     host.sockets.clear();
-    entry->tage_udp_port = 5001;
-    EXPECT_EQ(leave(ch, "239.1.2.3"), EADDRNOTAVAIL);
-    EXPECT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), EADDRNOTAVAIL);
+    entry->tage_udp_port = driver.filters.back().port = 5001;
+    ASSERT_EQ(leave(ch, "239.1.2.3"), EADDRNOTAVAIL);
+    ASSERT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), EADDRNOTAVAIL);
     EXPECT_EQ(driver.trace, Lines{});
     EXPECT_EQ(options(), Lines{});
     EXPECT_TRUE(lock_is_free());
-    entry->tage_udp_port = 5000;
+    entry->tage_udp_port = driver.filters.back().port = 5000;
     EXPECT_EQ(leave_source(ch, "239.1.2.3", "10.0.0.9"), 0);
 }
 
