@@ -332,6 +332,21 @@ TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_HasNullForThemInJson)
     EXPECT_TRUE(program->finish());
 }
 
+TEST_F(ReceiveTool, RawFilter_LargestFrame_IsShownWhole)
+{
+    auto program = receiver({"--filter", "raw", "-t", "20", "--json"});
+    KernelSocket peer(lab, lab.peer, 40000);
+    peer.send("largest of all" + std::string(1472 - 14, '.'), "10.77.0.1", 5000);
+    std::string line;
+    do // other frames of the host may come too
+        ASSERT_TRUE(program->read_line(&line)) << *program;
+    while (line.find("6c617267657374206f6620616c6c") == std::string::npos);
+    EXPECT_EQ(parse(line)["len"], 1516); // 14 + 1500 and the 4-byte trailer, less 2
+    EXPECT_EQ(parse(line).count("malformed"), 0u) << line;
+    program->signal(SIGINT);
+    EXPECT_TRUE(program->finish());
+}
+
 // Over a bridge, which hands frames to other stations up only while somebody asks it to.
 TEST_F(ReceiveTool, RawFilter_FrameToAnotherStation_IsShown_AndTheInterfaceIsAsBeforeWhenTheProgramIsKilled)
 {
