@@ -111,6 +111,13 @@ void Card::restart_in_child()
 
 int Card::require_ruk(const Handle &handle) const { return handle.kind == HandleKind::Ruk ? 0 : EINVAL; }
 
+// Whoever claims the endpoint next has not asked for this handle.
+bool Card::serves_its_claim(const Handle &soft) const
+{
+    return soft.kind == HandleKind::Soft && claims_[soft.endpoint].owner != nullptr &&
+           claims_[soft.endpoint].number == soft.claim;
+}
+
 int Card::claim(Handle &handle, int32_t endpoint, uint32_t type)
 {
     if (endpoint < 0 || static_cast<unsigned>(endpoint) >= claims_.size())
@@ -123,6 +130,7 @@ int Card::claim(Handle &handle, int32_t endpoint, uint32_t type)
             return EINVAL;
         handle.kind = HandleKind::Soft;
         handle.endpoint = static_cast<unsigned>(endpoint);
+        handle.claim = claim.number;
         return 0;
     }
     if (type != OXEL_ES_RUK)
@@ -132,6 +140,7 @@ int Card::claim(Handle &handle, int32_t endpoint, uint32_t type)
     if (claim.owner != nullptr)
         return EBUSY;
     claim.owner = &handle;
+    claim.number = ++claims_made_;
     claim.recvq_size = config_.recvq_size;
     claim.send = config_.send_setup
                      ? config_.send_setup(endpoint_name(static_cast<unsigned>(endpoint)).c_str())
@@ -146,15 +155,17 @@ int Card::claim(Handle &handle, int32_t endpoint, uint32_t type)
 
 int Card::attach_soft(Handle &handle, Handle &soft)
 {
-    if (soft.kind != HandleKind::Soft || (&handle != &soft && require_ruk(handle) != 0))
+    if (!serves_its_claim(soft) || (&handle != &soft && require_ruk(handle) != 0))
         return EINVAL;
-    if (handle.endpoint != soft.endpoint || claims_[soft.endpoint].owner == nullptr)
+    if (handle.endpoint != soft.endpoint)
         return EINVAL;
     if (soft.attached)
         return EBUSY;
     soft.attached = true;
     return 0;
 }
+
+int Card::post_soft(const Handle &soft) const { return serves_its_claim(soft) && soft.attached ? 0 : EINVAL; }
 
 int Card::raw_open(Handle &handle)
 {

@@ -65,6 +65,7 @@ struct Handle {
     DeviceFd device;
     HandleKind kind = HandleKind::Plain;
     unsigned endpoint = 0; // of Ruk and Soft
+    uint64_t claim = 0;    // of Soft: the endpoint's claim that it belongs to
     bool attached = false; // of Soft
     unsigned waiters = 0;  // threads inside a waiting command
     bool closed = false;
@@ -159,6 +160,7 @@ public:
     // --- claims. Results are 0 or an errno value.
     int claim(Handle &handle, int32_t endpoint, uint32_t type);
     int attach_soft(Handle &handle, Handle &soft);
+    int post_soft(const Handle &soft) const; // data was sent on the kernel path
     int raw_open(Handle &handle);
     void release(Handle &handle); // everything of a handle that closes
     int enable(Handle &handle);
@@ -215,8 +217,6 @@ public:
     const Handle *owner(unsigned ep) const { return claims_[ep].owner; }
     EndpointMemory memory(unsigned ep) const;
     kz_kernel_window_t *kernel_window() const;
-    uint64_t soft_notifications() const { return soft_notifications_; }
-    void soft_notified() { soft_notifications_++; }
 
     // Told of each request as it is taken.
     std::function<void(unsigned ep, const nuv_ureq_t &request)> on_request;
@@ -227,6 +227,7 @@ public:
 private:
     struct Claim {
         Handle *owner = nullptr;
+        uint64_t number = 0; // of all claims made, which tells one of an endpoint from the next
         uint32_t recvq_size = 0;
         uint32_t threshold = 0;
         SendSetup send;
@@ -249,6 +250,7 @@ private:
     };
 
     int require_ruk(const Handle &handle) const;
+    bool serves_its_claim(const Handle &soft) const;
     std::string endpoint_name(unsigned ep) const { return config_.name + ", endpoint " + std::to_string(ep); }
     std::vector<MapEntry> map_entries(const Claim &claim) const;
     void drop_watches(unsigned ep);
@@ -282,7 +284,7 @@ private:
     bool watch_rings_ = false;                            // events may be unconsumed, or a descriptor readable
     uint64_t consumed_ = 0;                               // events that applications have released
     uint64_t clock_published_ = 0;
-    uint64_t soft_notifications_ = 0;
+    uint64_t claims_made_ = 0;
 };
 
 } // namespace softnic

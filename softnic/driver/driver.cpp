@@ -275,10 +275,7 @@ int Driver::command(Open &open, unsigned long cmd, uint64_t arg)
     case OXEL_SET_FILTER_MODE:
         return in<uint32_t>(arg, [&](uint32_t &mode) { return card.set_filter_mode(handle, mode); });
     case OXEL_POST_SOFT_DATA:
-        if (handle.kind != HandleKind::Soft || !handle.attached)
-            return EINVAL;
-        card.soft_notified();
-        return 0;
+        return card.post_soft(handle);
     case OXEL_GET_COPYBLOCK:
         return out<kz_get_copyblock_t>(arg, [&](kz_get_copyblock_t &block) { return card.copyblock(handle, &block); });
     case OXEL_GET_SREQS_CNT:

@@ -167,7 +167,7 @@ SwitchModel::SwitchModel(const SwitchOptions &options, uint64_t start_ns)
 
 uint64_t SwitchModel::ticks(uint64_t now_ns) const
 {
-    // Whole seconds and the rest apart, so that nothing is rounded before the end.
+    // In one product, so that nothing is rounded before the end.
     uint64_t since = now_ns - start_ns_;
     long double rate = static_cast<long double>(options_.rate_hz);
     if (options_.skew_denominator)

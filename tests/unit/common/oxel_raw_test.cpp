@@ -159,9 +159,13 @@ TEST_F(RawEndpoint, WidePointers_Sent_TravelWhole)
         memcpy(&seen, arg, sizeof seen);
         return 0;
     };
-    uintptr_t wide = static_cast<uintptr_t>(0x7ffe123456789abc);
-    EXPECT_EQ(oxel_raw_send(endpoint, 0, nullptr, 0, reinterpret_cast<void *>(wide), 1, nullptr), 0);
+    const auto wide = [](uint64_t address) { return reinterpret_cast<void *>(static_cast<uintptr_t>(address)); };
+    EXPECT_EQ(
+        oxel_raw_send(endpoint, 0, wide(0x7ffd0123456789ab), 3, wide(0x7ffe123456789abc), 1, wide(0x7fff23456789abcd)),
+        0);
     EXPECT_EQ(seen.data_pointer, 0x7ffe123456789abcu);
+    EXPECT_EQ(seen.route_pointer, 0x7ffd0123456789abu);
+    EXPECT_EQ(seen.context, 0x7fff23456789abcdu);
 }
 #endif
 

@@ -303,7 +303,7 @@ std::string spelled(const char *reports, const std::string &when)
     return text;
 }
 
-void walk(const Row &row, Ptp ptp, uint64_t wait, uint8_t mode, bool skew, bool tagged, bool check_rate)
+void walk(const Row &row, Ptp ptp, uint64_t sync, uint64_t wait, uint8_t mode, bool skew, bool tagged, bool check_rate)
 {
     Rig rig(static_cast<arista_tsp_status>(row.before), skew);
     arista_control &ctl = rig.ctl();
@@ -319,10 +319,10 @@ void walk(const Row &row, Ptp ptp, uint64_t wait, uint8_t mode, bool skew, bool 
     kf.fcs_type = mode;
     kf.utc_time = 0x12345678fedcba98; /* its low 32 bits are 4275878552 */
     kf.asic_time = 99;
-    kf.last_sync_time = ptp == PTP_GRACE || ptp == PTP_EXPIRED ? 0 : 1;
+    kf.last_sync_time = sync;
     const Outcome &after = row.after[ptp];
     const std::string what = "status " + std::to_string(row.before) + ", mode " + std::to_string(mode) + ", ptp " +
-                             std::to_string(ptp) + ", wait " + std::to_string(wait);
+                             std::to_string(ptp) + ", sync " + std::to_string(sync) + ", wait " + std::to_string(wait);
 
     arista_control expected = ctl;
     expected.arct_status = static_cast<arista_tsp_status>(after.status);
@@ -355,13 +355,18 @@ TEST(KeyframeStates, EveryStatusKindAndSetting_AsInTheTable)
                                                     : std::vector<uint64_t>{0, NOT_WAITING, NOW, NOW + 1, NOW + GRACE};
             const std::vector<uint8_t> modes =
                 row.supported ? std::vector<uint8_t>{1} : std::vector<uint8_t>{0, 2, 3, 4, 255};
-            for (uint64_t wait : waits)
-                for (uint8_t mode : modes)
-                    for (int bits = 0; bits < 8; bits++, walked++)
-                        walk(row, ptp, wait, mode, bits & 1, bits & 2, bits & 4);
+            /* Without the watch it does not matter whether the switch is synchronised. */
+            const std::vector<uint64_t> syncs = ptp == PTP_OFF    ? std::vector<uint64_t>{0, 1}
+                                                : ptp == PTP_SYNC ? std::vector<uint64_t>{1}
+                                                                  : std::vector<uint64_t>{0};
+            for (uint64_t sync : syncs)
+                for (uint64_t wait : waits)
+                    for (uint8_t mode : modes)
+                        for (int bits = 0; bits < 8; bits++, walked++)
+                            walk(row, ptp, sync, wait, mode, bits & 1, bits & 2, bits & 4);
         }
     }
-    EXPECT_EQ(walked, (6 * 1 + 6 * 5) * (3 * 5 + 2) * 8);
+    EXPECT_EQ(walked, (6 * 1 + 6 * 5) * (4 * 5 + 2) * 8);
 }
 
 TEST(KeyframeStates, SyncTimeWithinTheGrace_DoesNotEndTheWait)

@@ -512,6 +512,28 @@ TEST(Soft, AttachedToAClaimedEndpoint_MayPost)
     EXPECT_EQ(command(owner.fd, OXEL_POST_SOFT_DATA), EINVAL);
 }
 
+TEST(Soft, OwnerCloses_NeitherPostsNorIsAttached_NotToTheNextOwnerEither)
+{
+    Nic nic;
+    Device attached, unattached;
+    uint32_t fd = static_cast<uint32_t>(attached.fd), other = static_cast<uint32_t>(unattached.fd);
+    {
+        Device owner;
+        ASSERT_EQ(owner.set_up(3), 0);
+        ASSERT_EQ(attached.claim(3, OXEL_ES_RUK_SOFT), 0);
+        ASSERT_EQ(unattached.claim(3, OXEL_ES_RUK_SOFT), 0);
+        ASSERT_EQ(command(attached.fd, OXEL_ATTACH_SOFT, &fd), 0);
+        ASSERT_EQ(command(attached.fd, OXEL_POST_SOFT_DATA), 0);
+    }
+    EXPECT_EQ(command(attached.fd, OXEL_POST_SOFT_DATA), EINVAL);
+    EXPECT_EQ(command(unattached.fd, OXEL_ATTACH_SOFT, &other), EINVAL);
+    Device next;
+    ASSERT_EQ(next.set_up(3), 0);
+    EXPECT_EQ(command(attached.fd, OXEL_POST_SOFT_DATA), EINVAL);
+    EXPECT_EQ(command(unattached.fd, OXEL_ATTACH_SOFT, &other), EINVAL);
+    EXPECT_EQ(command(next.fd, OXEL_ATTACH_SOFT, &other), EINVAL);
+}
+
 TEST(Soft, EndpointThatNobodyClaimed_IsRefused)
 {
     Nic nic;

@@ -64,13 +64,19 @@ TEST(Raw, ReceivedFrame_IsAnEventOfAnotherKind)
     Device dev;
     ASSERT_EQ(command(dev.fd, OXEL_RAW_OPEN), 0);
     const Bytes frame = make_frame();
+    softnic_advance(nic, 123456789);
     nic.inject(frame);
     softnic_run(nic);
+    oxel_get_nic_ticks_t now = {};
+    ASSERT_EQ(command(dev.fd, OXEL_GET_NIC_TICKS, &now), 0);
+    softnic_advance(nic, 1000000); // fetched later
     EXPECT_TRUE(readable(dev.fd));
     const Event event = next_event(dev.fd);
     ASSERT_EQ(event.rc, 0);
     EXPECT_EQ(event.e.status, 2u);
     EXPECT_EQ(event.e.incoming_port, 0u);
+    EXPECT_GT(now.nic_ticks, 0u);
+    EXPECT_EQ(event.e.nic_ticks, now.nic_ticks);
     EXPECT_EQ(event.buffer, frame);
 }
 
