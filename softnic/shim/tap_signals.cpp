@@ -198,16 +198,6 @@ int change_one(int how, int signo, sigset_t *before)
     return sigaddset(&only, signo) == 0 ? sigprocmask(how, &only, before) : -1;
 }
 
-using SetHandler = sighandler_t (*)(int, sighandler_t);
-
-// Of any other signal the C library knows by itself whether calls restart: siginterrupt() may have told it.
-sighandler_t restarting_handler(int signo, sighandler_t handler, std::atomic<SetHandler> &cached, const char *name)
-{
-    if (signo != SIGTRAP && signo != SIGSEGV)
-        return next_definition(cached, name)(signo, handler);
-    return install_handler(signo, handler, SA_RESTART, true);
-}
-
 // The masks of old, with signals 1 to 32 as the bits of a number.
 int change_mask(int how, int mask)
 {
@@ -249,24 +239,25 @@ __attribute__((visibility("default"))) int sigaction(int signo, const struct sig
 
 __attribute__((visibility("default"))) sighandler_t signal(int signo, sighandler_t handler) noexcept
 {
-    static std::atomic<SetHandler> cached;
-    return restarting_handler(signo, handler, cached, "signal");
+    static std::atomic<sighandler_t (*)(int, sighandler_t)> cached;
+    // Of any other signal the C library knows by itself whether calls restart: siginterrupt() may have told it.
+    if (signo != SIGTRAP && signo != SIGSEGV)
+        return next_definition(cached, "signal")(signo, handler);
+    return install_handler(signo, handler, SA_RESTART, true);
 }
 
-// The C library's own callers of sigaction() do not come through the one above: each name needs its stand-in. A
-// strictly conforming compilation calls the third for signal().
+// The C library's own callers of sigaction() do not come through the one above: each name needs its stand-in.
 __attribute__((visibility("default"))) sighandler_t bsd_signal(int signo, sighandler_t handler) noexcept
 {
-    static std::atomic<SetHandler> cached;
-    return restarting_handler(signo, handler, cached, "bsd_signal");
+    return signal(signo, handler);
 }
 
 __attribute__((visibility("default"))) sighandler_t ssignal(int signo, sighandler_t handler) noexcept
 {
-    static std::atomic<SetHandler> cached;
-    return restarting_handler(signo, handler, cached, "ssignal");
+    return signal(signo, handler);
 }
 
+// What signal() is to a strictly conforming compilation.
 __attribute__((visibility("default"))) sighandler_t __sysv_signal(int signo, sighandler_t handler) noexcept
 {
     return install_handler(signo, handler, static_cast<int>(SA_RESETHAND | SA_NODEFER), false);
@@ -274,7 +265,7 @@ __attribute__((visibility("default"))) sighandler_t __sysv_signal(int signo, sig
 
 __attribute__((visibility("default"))) sighandler_t sysv_signal(int signo, sighandler_t handler) noexcept
 {
-    return install_handler(signo, handler, static_cast<int>(SA_RESETHAND | SA_NODEFER), false);
+    return __sysv_signal(signo, handler);
 }
 
 __attribute__((visibility("default"))) int sigignore(int signo) noexcept
