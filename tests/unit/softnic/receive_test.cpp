@@ -487,6 +487,21 @@ TEST(Receive, HardwareOrderBoard_ShowsTheEventAStepBeforeItIsComplete)
     EXPECT_EQ(dev.recvq[127], 0);
 }
 
+// As the host sees it, which has let go of such a frame by its key.
+TEST(Receive, TrailerOnTheWire_DatagramReachesIntoIt_DeliveredByItsFilter)
+{
+    Nic nic(1, [](softnic_board_config_t &c) { c.trailer_on_wire = 1; });
+    Device dev;
+    ASSERT_EQ(dev.set_up(), 0);
+    ASSERT_EQ(dev.filter(5), 0);
+    const Bytes frame = make_frame();
+    ASSERT_EQ(14u + (frame[16] << 8 | frame[17]), frame.size());
+    nic.inject(frame);
+    softnic_run(nic);
+    EXPECT_EQ(dev.recvq[8] << 8 | dev.recvq[9], static_cast<int>(frame.size()));
+    EXPECT_EQ(dev.recvq[10] << 8 | dev.recvq[11], 5);
+}
+
 TEST(Receive, TrailerOnTheWire_IsNeitherMatchedNorReplaced)
 {
     Nic nic(1, [](softnic_board_config_t &c) { c.trailer_on_wire = 1; });
