@@ -51,6 +51,11 @@ void add_face_cases(std::vector<Case> &cases, Effort effort);
 void add_pair_case(std::vector<Case> &cases, Effort effort);
 void add_kernel_cases(std::vector<Case> &cases, Effort effort);
 void add_veth_case(std::vector<Case> &cases, Effort effort);
+void add_dpdk_cases(std::vector<Case> &cases, Effort effort); /* in builds with DPDK alone */
+
+/* The library's own, for cases that compare others with it: `queued` wait at a time; connected, by PIO. */
+Measure library_receive(size_t payload, unsigned queued, size_t datagrams);
+Measure library_send(size_t payload, size_t datagrams);
 
 /* Nanoseconds that a call of `work` takes, divided among n operations. */
 double time_of(size_t n, const std::function<void()> &work);

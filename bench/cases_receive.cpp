@@ -5,6 +5,8 @@
 #include "floors.h"
 #include "memory_endpoint.h"
 
+#include <algorithm>
+#include <bit>
 #include <cerrno>
 
 namespace bench {
@@ -18,11 +20,16 @@ struct Setting {
     unsigned packets = 1; /* an event */
     bool dated = false, cold = false;
     unsigned tags = 1;
-    size_t ring_bytes() const { return cold ? cold_ring : 256 << 10; }
+    unsigned queued = 60; /* datagrams at a time in a warm ring */
+    size_t ring_bytes() const
+    {
+        return cold ? cold_ring
+                    : std::max<size_t>(256 << 10, std::bit_ceil(queued * EventRing::event_bytes(1, payload) + 1));
+    }
     /* Datagrams at a time: a warm ring's stay in the cache, a cold ring is filled and driven out of it. */
     unsigned batch() const
     {
-        return cold ? unsigned(ring_bytes() / EventRing::event_bytes(packets, payload) - 1) * packets : 60;
+        return cold ? unsigned(ring_bytes() / EventRing::event_bytes(packets, payload) - 1) * packets : queued;
     }
 };
 
@@ -100,6 +107,11 @@ Measure floor(const Setting &s, size_t datagrams)
 }
 
 } // namespace
+
+Measure library_receive(size_t payload, unsigned queued, size_t datagrams)
+{
+    return library({.payload = payload, .queued = queued}, datagrams);
+}
 
 void add_receive_cases(std::vector<Case> &cases, Effort effort)
 {

@@ -181,10 +181,10 @@ json as_json(const Case &c, const Result &r)
 void print_row(const Case &c, const Result &r)
 {
     if (r.ns.empty()) {
-        fmt::print("{:<25} {}: {}\n", c.name, r.failed ? "FAILED" : "skipped", r.skipped);
+        fmt::print("{:<28} {}: {}\n", c.name, r.failed ? "FAILED" : "skipped", r.skipped);
     } else {
         const double ns = median(r.ns);
-        fmt::print("{:<25} {:>9.1f} {:>9.1f} {:>9.1f}", c.name, ns, least(r.ns), most(r.ns));
+        fmt::print("{:<28} {:>9.1f} {:>9.1f} {:>9.1f}", c.name, ns, least(r.ns), most(r.ns));
         if (!r.floor_ns.empty()) {
             const double floor = median(r.floor_ns);
             const double value = c.compare == Compare::none ? ns / floor : judged(c, ns, floor);
@@ -204,11 +204,28 @@ void print_row(const Case &c, const Result &r)
     std::fflush(stdout);
 }
 
+/* Last of all: DPDK's environment stays for the rest of the process. */
+void add_dpdk(std::vector<Case> &cases, Effort effort, bool asked)
+{
+#ifdef RUK_BENCH_DPDK
+    if (asked)
+        return add_dpdk_cases(cases, effort);
+    const char *why = "not asked for (--dpdk)";
+#else
+    const char *why = "not part of this build (-DRUK_BENCH_DPDK=ON)";
+#endif
+    cases.push_back({.name = "dpdk",
+                     .what = "receive and send over a ring by DPDK, against the library",
+                     .spinner = one_thread,
+                     .skipped = why,
+                     .make = {}});
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    bool as_json_text = false, tiny = false;
+    bool as_json_text = false, tiny = false, dpdk = false;
     std::vector<std::string> only;
     CLI::App app("Measures what libruk costs: nanoseconds a datagram, each case in turn with the least that could do "
                  "the same",
@@ -217,6 +234,7 @@ int main(int argc, char **argv)
     app.add_flag("--json", as_json_text, "Result as one JSON object");
     app.add_flag("--tiny", tiny, "A moment of each case: shows that they run, measures nothing");
     app.add_option("--only", only, "Only the cases whose names begin so")->type_name("NAME");
+    app.add_flag("--dpdk", dpdk, "DPDK beside the library too, where it is part of the build");
     app.footer("Exit status: 0 it ran, whatever the ratios; 1 a case failed; 2 usage error.");
     try {
         app.parse(argc, argv);
@@ -232,11 +250,7 @@ int main(int argc, char **argv)
     add_pair_case(cases, effort);
     add_kernel_cases(cases, effort);
     add_veth_case(cases, effort);
-    cases.push_back({.name = "dpdk",
-                     .what = "receive burst and send of a DPDK ring",
-                     .spinner = one_thread,
-                     .skipped = "not part of this build",
-                     .make = {}});
+    add_dpdk(cases, effort, dpdk);
     if (!only.empty())
         std::erase_if(cases, [&](const Case &c) {
             return std::none_of(only.begin(), only.end(), [&](const auto &name) { return c.name.rfind(name, 0) == 0; });
@@ -252,7 +266,7 @@ int main(int argc, char **argv)
                    machine["processors"].get<unsigned>(), machine["virtual"].get<bool>() ? " (a virtual machine)" : "",
                    machine["kernel"].get<std::string>(), machine["load"].get<std::string>());
         fmt::print("No adapter was involved: rings and windows are plain memory. Times are ns an operation.\n\n");
-        fmt::print("{:<25} {:>9} {:>9} {:>9} {:>9} {:>6}    {:>2} {:<5}{:>5}\n", "case", "median", "min", "max",
+        fmt::print("{:<28} {:>9} {:>9} {:>9} {:>9} {:>6}    {:>2} {:<5}{:>5}\n", "case", "median", "min", "max",
                    "floor", "ratio", "", "must", "aim");
     }
     json report = {{"machine", machine}, {"cases", json::array()}};
