@@ -168,7 +168,7 @@ datagrams() {
     done
 
     local reasons
-    reasons=$(sed '1,/^counters:/d' "$work/recv" | awk '$1 ~ /^(dropped|malformed)/ && $3 > 0 { printf ", %s %s", $3, $1 }')
+    reasons=$(sed -n '/^counters:/,/^account/p' "$work/recv" | awk '$1 ~ /^(dropped|malformed)/ && $3 > 0 { printf ", %s %s", $3, $1 }')
     echo "  sent $sent, received $received, dropped: $(($(interface_drops) - drops_before)) by the interface," \
         "$(adapter_drops)${reasons:-, none by the library}"
 

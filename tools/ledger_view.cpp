@@ -27,6 +27,8 @@ constexpr Words library_reasons[] = {
      "that has ended",
      "none after an unbind or a leave; else use the normal filter mode"},
     {"dropped_runts", "frames shorter than their headers", "look for a damaged sender with ruk-capture"},
+    {"keyframes_malformed", "frames of the switch's keyframe protocol, of a length that keyframes do not have",
+     "set OXEL_ARISTA_ENABLE_SKEW as the switch has it"},
     {"dropped_broadcast_filtered", "broadcasts to another subnet's broadcast address",
      "compare the sender's netmask with the interface's"},
 };
@@ -112,13 +114,12 @@ std::vector<Drop> library_drops(const std::vector<std::pair<std::string, uint64_
 {
     std::vector<Drop> drops;
     for (const auto &[name, value] : counters) {
-        if (!name.starts_with("dropped_"))
-            continue;
-        const Words *words = &other_library_reason;
+        const Words *words = name.starts_with("dropped_") ? &other_library_reason : nullptr;
         for (const Words &known : library_reasons)
             if (known.reason == name)
                 words = &known;
-        add(drops, *words, name, "library", value);
+        if (words != nullptr)
+            add(drops, *words, name, "library", value);
     }
     return drops;
 }

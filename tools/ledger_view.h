@@ -22,7 +22,7 @@ struct Drop {
     std::string remedy;
 };
 
-/* The drops among an endpoint's counters as endpoint_counters() has them, those that are not 0. */
+/* The drops among counters of the library, by name; those that are not 0. */
 std::vector<Drop> library_drops(const std::vector<std::pair<std::string, uint64_t>> &counters);
 
 /* Those of a board of the software adapter. */

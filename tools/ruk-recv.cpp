@@ -1,8 +1,11 @@
 /*
  * ruk-recv: prints the datagrams that arrive on UDP ports of an adapter, one line each.
+ *
+ * Accounts for what it leaves in the ring, so it is linked with the archive.
  */
 #include "common.h"
 #include "ledger_view.h"
+#include "receive_account.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -66,7 +69,7 @@ void describe_options(CLI::App &app, Options &opt)
     app.add_flag("--broadcast", opt.broadcast, "Receive broadcasts to the ports as well");
     app.add_flag("--reuse", opt.reuse, "Share the ports with other programs that ask for it too");
     app.add_flag("--json", opt.json, "One JSON object a line");
-    app.add_flag("--stats", opt.stats, "Print the endpoint's counters at the end");
+    app.add_flag("--stats", opt.stats, "Print the endpoint's counters at the end, and where every frame went");
     app.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"
                "SIGINT and SIGTERM end it cleanly.");
 }
@@ -222,11 +225,13 @@ struct Tally {
 void print_stats(const Options &opt, const Endpoint &endpoint, const Tally &tally)
 {
     auto counters = endpoint_counters(endpoint.dev());
-    std::vector<Drop> drops = library_drops(counters);
-    counters.insert(counters.begin(), {{"delivered", tally.delivered}, {"malformed", tally.malformed}});
 
     /* In front of the library: the boards that the software adapter keeps in this process. */
-    std::vector<softnic::LiveLedger> ledgers = own_ledgers();
+    const std::vector<softnic::LiveLedger> ledgers = own_ledgers_covering(endpoint.dev());
+    const ReceiveAccount account = receive_account(endpoint.dev(), tally.delivered, tally.malformed, counters, ledgers);
+
+    std::vector<Drop> drops = library_drops(account.parts);
+    counters.insert(counters.begin(), {{"delivered", tally.delivered}, {"malformed", tally.malformed}});
     for (const softnic::LiveLedger &ledger : ledgers)
         for (Drop &drop : adapter_drops(ledger.page))
             drops.push_back(std::move(drop));
@@ -234,7 +239,10 @@ void print_stats(const Options &opt, const Endpoint &endpoint, const Tally &tall
         ordered_json stats;
         for (const auto &[name, value] : counters)
             stats[name] = value;
-        ordered_json object = {{"stats", stats}, {"drops", drops_json(drops)}, {"adapters", ordered_json::array()}};
+        ordered_json object = {{"stats", stats},
+                               {"account", account_object(account)},
+                               {"drops", drops_json(drops)},
+                               {"adapters", ordered_json::array()}};
         for (const softnic::LiveLedger &ledger : ledgers)
             object["adapters"].push_back(ledger_object(ledger));
         put_line(object.dump());
@@ -243,6 +251,8 @@ void print_stats(const Options &opt, const Endpoint &endpoint, const Tally &tall
     put_line("counters:");
     for (const auto &[name, value] : counters)
         put_line(fmt::format("\t{:<26} = {:12}", name, value));
+    for (const std::string &line : account_lines(account))
+        put_line(line);
     for (const softnic::LiveLedger &ledger : ledgers)
         for (const std::string &line : ledger_lines(ledger))
             put_line(line);

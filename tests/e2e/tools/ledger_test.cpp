@@ -6,7 +6,9 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <regex>
+#include <sstream>
 
 using namespace tool_test;
 using nlohmann::json;
@@ -28,6 +30,38 @@ void expect_sums(const json &board)
                                         n(e, "bad_payload"))
             << board;
     }
+}
+
+// What ruk-recv --stats --json ends with: the account of its ring adds up, and agrees with the adapter's.
+void expect_account(const json &end)
+{
+    const json &account = end.at("account");
+    uint64_t sum = 0;
+    for (const auto &[name, frames] : account.at("parts").items())
+        sum += frames.get<uint64_t>();
+    EXPECT_EQ(n(account, "sum"), sum) << end;
+    ASSERT_TRUE(account.at("in_ring").is_number()) << end;
+    EXPECT_EQ(n(account, "in_ring"), sum) << end;
+    ASSERT_EQ(end.at("adapters").size(), 1u) << end;
+    expect_sums(end["adapters"][0]);
+    EXPECT_EQ(n(account, "in_ring"), n(end["adapters"][0].at("endpoints").at(0), "delivered")) << end;
+    EXPECT_EQ(account["parts"]["received"], end.at("stats").at("delivered")) << end;
+    for (const auto &[name, frames] : account["parts"].items())
+        if (end["stats"].contains(name))
+            EXPECT_EQ(frames, end["stats"][name]) << name << end;
+}
+
+// The account in a text, by the names of its lines; empty when there is none.
+std::map<std::string, uint64_t> account_of_text(const std::string &text)
+{
+    std::map<std::string, uint64_t> lines;
+    const std::regex line("\\t([a-z_ ]*[a-z_]) += +([0-9]+)");
+    std::istringstream in(text.substr(std::min(text.size(), text.find("account of the frames in the ring"))));
+    std::string each;
+    std::getline(in, each);
+    for (std::smatch match; std::getline(in, each) && std::regex_match(each, match, line);)
+        lines[match[1]] = std::stoull(match[2]);
+    return lines;
 }
 
 // The sums that a text tells: "steered 5 = delivered 3 + ring_full 2". How many there were.
@@ -96,6 +130,63 @@ protected:
     }
     static constexpr unsigned kSent = 200;
 
+    // Datagrams to these ports, one after the other, until it is killed.
+    std::unique_ptr<test_support::Program> flood(const std::vector<std::string> &ports)
+    {
+        std::vector<std::string> command = {
+            "python3", "-B", "-c",
+            "import socket, sys, time\n"
+            "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+            "s.bind(('10.77.0.2', 40001))\n"
+            "print('sending', flush=True)\n"
+            "while True:\n"
+            "    for port in sys.argv[1:]:\n"
+            "        s.sendto(b'x' * 18, ('239.1.1.1' if port == '5009' else '10.77.0.1', int(port)))\n"
+            "    time.sleep(0.0005)\n"};
+        command.insert(command.end(), ports.begin(), ports.end());
+        auto program = lab.start(lab.peer, command);
+        EXPECT_TRUE(program->wait_for_out("sending")) << *program;
+        return program;
+    }
+
+    // The last line of a receiver that has ended, which tells where every frame went.
+    json end_of(test_support::Program &program)
+    {
+        EXPECT_TRUE(program.finish()) << program;
+        std::string last, line;
+        while (program.read_line(&line))
+            last = line;
+        expect_schema("ruk-recv-stats", last);
+        json end = parse(last);
+        expect_account(end);
+        return end;
+    }
+
+    // A frame of the other host to any Ethernet address.
+    void put_frame_to(const std::string &station, uint16_t ether_type, const std::string &body)
+    {
+        std::string frame = station + std::string(reinterpret_cast<const char *>(lab.peer.mac), 6);
+        frame += static_cast<char>(ether_type >> 8);
+        frame += static_cast<char>(ether_type & 0xff);
+        frame += body;
+        frame.resize(std::max<size_t>(frame.size(), 60));
+        const int fd = lab.packet_socket(lab.peer);
+        EXPECT_EQ(write(fd, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+        close(fd);
+    }
+
+    // A datagram from 10.77.0.2:40000 to port 5000; the length field of its UDP header may lie.
+    static std::string datagram(const std::string &to, const std::string &payload, uint16_t udp_length)
+    {
+        std::string ip = {0x45, 0, 0, static_cast<char>(28 + payload.size()), 0, 0, 0x40, 0, 64, 17, 0, 0, 10,
+                          77,   0, 2};
+        std::string udp = {static_cast<char>(40000 >> 8), static_cast<char>(40000 & 0xff), 5000 >> 8,
+                           static_cast<char>(5000 & 0xff)};
+        udp += static_cast<char>(udp_length >> 8);
+        udp += static_cast<char>(udp_length & 0xff);
+        return ip + to + udp + std::string(2, '\0') + payload;
+    }
+
     ScratchDir scratch_;
 
     // The board as an outsider sees it, once so many frames have been delivered.
@@ -157,8 +248,8 @@ TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
     expect_schema("ruk-recv-stats", last);
     const json end = parse(last);
     EXPECT_EQ(end["stats"]["delivered"], 7);
-    ASSERT_EQ(end["adapters"].size(), 1u);
-    expect_sums(end["adapters"][0]);
+    expect_account(end);
+    EXPECT_EQ(n(end["account"], "in_ring"), 7u);
     EXPECT_EQ(n(end["adapters"][0]["endpoints"][0], "delivered"), 7u);
 }
 
@@ -173,6 +264,10 @@ TEST_F(Ledger, Text_OfAReceiverThatLosesFrames_AddsUpInEveryProgram)
     kill(program->pid(), SIGINT);
     ASSERT_TRUE(program->finish()) << *program;
     EXPECT_EQ(expect_sums_of_text(program->out().substr(program->out().find("counters:"))), 3);
+    auto account = account_of_text(program->out());
+    EXPECT_EQ(account.size(), 16u) << *program;
+    EXPECT_EQ(account["put in by the adapter"], account["received"] + account["still waiting"]) << *program;
+    EXPECT_EQ(account["sum"], account["put in by the adapter"]) << *program;
 
     // The file that the program leaves, and the drops that were told, name the same losses.
     expect_schema("rukrun-stats", contents(file));
@@ -184,6 +279,160 @@ TEST_F(Ledger, Text_OfAReceiverThatLosesFrames_AddsUpInEveryProgram)
     EXPECT_GT(lost, 0u);
     EXPECT_NE(program->out().find("ring_full (endpoint 0): " + std::to_string(lost) + ": "), std::string::npos)
         << *program;
+}
+
+// ------------------------------------------------------------------ the receiver's own half
+
+TEST_F(Ledger, ReceiverThatHasEnough_WhatItLeavesInTheRing_IsStillWaiting)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = receiver({"-p", "5000", "-n", "3", "--json", "--stats"});
+    stop_up(*program);
+    for (int i = 0; i < 50; i++)
+        peer.send("abc", "10.77.0.1", 5000);
+    board_with(50);
+    const json end = end_of(*program);
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(n(end["account"], "in_ring"), 50u);
+    EXPECT_EQ(n(end["account"]["parts"], "received"), 3u);
+    EXPECT_EQ(n(end["account"]["parts"], "waiting"), 47u);
+}
+
+TEST_F(Ledger, TrafficThatGoesOn_InEveryFilterModeAndWayOfWaiting_TheAccountOfTheRingAddsUp)
+{
+    auto traffic = flood({"5000", "5001", "5002", "5009"});
+    auto other = receiver({"-p", "5002"}); // the frames between are its
+    for (const char *filter : {"normal", "allmulti", "raw"})
+        for (const char *wait : {"spin", "nonblock", "block"}) {
+            SCOPED_TRACE(std::string(filter) + " " + wait);
+            auto program = receiver({"-p", "5000", "-p", "5001", "--filter", filter, "--wait", wait, "-n", "100", "-t",
+                                     "60", "--json", "--stats"});
+            const json end = end_of(*program);
+            EXPECT_TRUE(program->exited_with(0)) << *program;
+            EXPECT_EQ(n(end["account"]["parts"], "received"), 100u);
+        }
+    EXPECT_FALSE(other->has_ended());
+    EXPECT_FALSE(traffic->has_ended());
+}
+
+TEST_F(Ledger, TrafficThatGoesOnUntilAnInterrupt_TheAccountOfTheRingAddsUp)
+{
+    auto traffic = flood({"5000"});
+    for (const char *option : {"--json", "--hw-timestamps"}) {
+        auto program = receiver({"-p", "5000", "--stats", option});
+        std::string line;
+        for (int i = 0; i < 20; i++)
+            ASSERT_TRUE(program->read_line(&line)) << *program;
+        program->signal(SIGINT);
+        if (option == std::string("--json")) {
+            EXPECT_GE(n(end_of(*program)["account"]["parts"], "received"), 20u);
+            continue;
+        }
+        ASSERT_TRUE(program->finish()) << *program;
+        auto account = account_of_text(program->out());
+        EXPECT_EQ(account["sum"], account["put in by the adapter"]) << *program;
+        EXPECT_GE(account["received"], 20u) << *program;
+        uint64_t sum = 0;
+        for (const auto &[name, frames] : account)
+            if (name != "sum" && name != "put in by the adapter")
+                sum += frames;
+        EXPECT_EQ(account["sum"], sum) << *program;
+    }
+}
+
+TEST_F(Ledger, FramesThatTheLibraryRefuses_EachHasItsPlaceInTheSum)
+{
+    const std::string self(reinterpret_cast<const char *>(lab.adapter.mac), 6), everybody(6, '\xff');
+    const std::string group_station = {1, 0, 0x5e, 1, 1, 1};
+    {
+        auto program = receiver({"-p", "5000", "-g", "239.1.1.1@10.77.0.9", "--broadcast", "--json", "--stats"});
+        for (int i = 0; i < 2; i++) // lies about its length
+            put_frame_to(self, 0x0800, datagram({10, 77, 0, 1}, "malformed", 4));
+        for (int i = 0; i < 3; i++) // not of the source that was joined
+            put_frame_to(group_station, 0x0800, datagram({static_cast<char>(239), 1, 1, 1}, "group", 13));
+        for (int i = 0; i < 4; i++)
+            put_frame_to(everybody, 0x0800, datagram(std::string(4, '\xff'), "broadcast", 17));
+        for (int i = 0; i < 5; i++)
+            put_frame_to(self, 0x0800, datagram({10, 77, 0, 1}, "good", 12));
+        board_with(14);
+        std::string line;
+        for (int i = 0; i < 11; i++)
+            ASSERT_TRUE(program->read_line(&line)) << *program;
+        program->signal(SIGINT);
+        const json end = end_of(*program), &parts = end["account"]["parts"];
+        EXPECT_EQ(n(end["account"], "in_ring"), 14u);
+        EXPECT_EQ(n(parts, "malformed"), 2u) << end;
+        EXPECT_EQ(n(parts, "dropped_badfilter"), 3u) << end;
+        EXPECT_EQ(n(parts, "received"), 9u) << end;
+        EXPECT_EQ(n(parts, "waiting"), 0u) << end;
+    }
+    auto program = receiver({"-p", "5000", "--filter", "allmulti", "--json", "--stats"});
+    const json before = board_with(0);
+    for (int i = 0; i < 6; i++) // an experimental EtherType
+        put_frame_to(group_station, 0x88b5, "neither IPv4 nor tagged");
+    put_frame_to(self, 0x0800, datagram({10, 77, 0, 1}, "good", 12));
+    std::string line;
+    ASSERT_TRUE(program->read_line(&line)) << *program;
+    program->signal(SIGINT);
+    const json end = end_of(*program);
+    EXPECT_GE(n(end["account"]["parts"], "dropped_badproto"), 6u) << end;
+    EXPECT_EQ(n(end["account"]["parts"], "received") + n(end["account"]["parts"], "dropped_badproto"),
+              n(end["account"], "in_ring"))
+        << end;
+}
+
+TEST_F(Ledger, KeyframesOfASwitch_AreInTheSumAndTheirLossIsExplained)
+{
+    for (const bool readable : {true, false}) {
+        // A switch whose keyframes are longer than the library was told.
+        const std::string model = readable ? "model,interval=20" : "model,interval=20,skew=1/1";
+        auto program = lab.start(lab.adapter,
+                                 {bin("rukrun"), "--soft=oxel0", "--switch=" + model, "--", bin("ruk-recv"), "-i",
+                                  "oxel0", "-p", "5000", "--json", "--stats"},
+                                 {"OXEL_ARISTA_ENABLE_TIMESTAMPING=1"});
+        ASSERT_TRUE(program->wait_for_err("listening")) << *program;
+        board_with(10);
+        program->signal(SIGINT);
+        const json end = end_of(*program);
+        const json &parts = end["account"]["parts"];
+        EXPECT_GE(n(parts, readable ? "keyframes" : "keyframes_malformed") + n(parts, "waiting"), 10u) << end;
+        EXPECT_GE(n(parts, readable ? "keyframes" : "keyframes_malformed"), 1u) << end;
+        EXPECT_EQ(n(parts, readable ? "keyframes_malformed" : "keyframes"), 0u) << end;
+        bool explained = false;
+        for (const json &drop : end["drops"])
+            explained = explained || (drop["reason"] == "keyframes_malformed" && drop["where"] == "library");
+        EXPECT_EQ(explained, !readable) << end;
+    }
+}
+
+TEST_F(Ledger, AdapterWhoseAccountIsNotToBeHad_ItsHalfIsSaidToBeUnknown)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    for (const char *option : {"--json", "--hw-timestamps"}) {
+        auto program =
+            soft_differing("no account", {"ruk-recv", "-i", "oxel0", "-p", "5000", "-n", "2", "--stats", option});
+        ASSERT_TRUE(program->wait_for_err("listening")) << *program;
+        peer.send("abc", "10.77.0.1", 5000);
+        peer.send("abc", "10.77.0.1", 5000);
+        ASSERT_TRUE(program->finish()) << *program;
+        EXPECT_TRUE(program->exited_with(0)) << *program;
+        if (option == std::string("--hw-timestamps")) {
+            EXPECT_NE(program->out().find("\tput in by the adapter      =      unknown: "), std::string::npos)
+                << *program;
+            EXPECT_NE(program->out().find("\tsum                        =            2\n"), std::string::npos)
+                << *program;
+            continue;
+        }
+        std::string last, line;
+        while (program->read_line(&line))
+            last = line;
+        expect_schema("ruk-recv-stats", last);
+        const json end = parse(last);
+        EXPECT_TRUE(end["account"]["in_ring"].is_null()) << last;
+        EXPECT_EQ(end["account"]["sum"], 2) << last;
+        EXPECT_EQ(end["account"]["parts"]["received"], 2) << last;
+        EXPECT_TRUE(end["adapters"].empty()) << last;
+    }
 }
 
 TEST_F(Ledger, BurstWhileTheReceiverIsStopped_Info_ShowsTheHighWaterMark)

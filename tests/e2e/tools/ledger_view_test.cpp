@@ -88,5 +88,10 @@ TEST(LedgerView, EveryDropCounterOfTheLibrary_IsExplained)
     // Those that this adapter never makes are no less told.
     EXPECT_EQ(tools::drop_text(drops[5]), "dropped_csum (library): 6: a counter of adapters that check and buffer "
                                           "differently, which is 0 with this one; report it");
-    EXPECT_TRUE(tools::library_drops({{"dropped_runts", 0}, {"used_borrowbufs", 3}}).empty());
+    EXPECT_TRUE(tools::library_drops({{"dropped_runts", 0}, {"used_borrowbufs", 3}, {"keyframes", 4}}).empty());
+    const std::vector<tools::Drop> keyframes = tools::library_drops({{"keyframes_malformed", 5}});
+    ASSERT_EQ(keyframes.size(), 1u);
+    EXPECT_EQ(tools::drop_text(keyframes[0]), "keyframes_malformed (library): 5: frames of the switch's keyframe "
+                                              "protocol, of a length that keyframes do not have; set "
+                                              "OXEL_ARISTA_ENABLE_SKEW as the switch has it");
 }

@@ -100,6 +100,17 @@ protected:
         return lab.start(lab.adapter, words);
     }
 
+    /* The same over one that differs in a way, or several, that differing_adapter.cpp knows. */
+    std::unique_ptr<test_support::Program> soft_differing(const std::string &how, std::vector<std::string> command)
+    {
+        command[0] = bin(command[0]);
+        std::vector<std::string> words = {"/bin/sh", "-c",
+                                          "how=$1; shift; DIFFERS=$how LD_PRELOAD=$0:$LD_PRELOAD exec \"$@\"",
+                                          std::string(RUK_BINARY_DIR) + "/tests/libdiffering_adapter.so", how};
+        words.insert(words.end(), command.begin(), command.end());
+        return soft(words);
+    }
+
     /* ruk-recv on oxel0, listening when this returns. */
     std::unique_ptr<test_support::Program> receiver(const std::vector<std::string> &options)
     {

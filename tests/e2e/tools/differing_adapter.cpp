@@ -1,0 +1,202 @@
+/*
+ * Preloaded before the software adapter, between a program and the adapter's driver: an adapter that differs from what
+ * is taken for granted in the one way that DIFFERS names.
+ */
+
+// Both widths of file offset are defined here under their own names.
+#undef _FILE_OFFSET_BITS
+
+#include "nuv_events.h"
+#include "nuv_types.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace {
+
+bool differs(const char *how)
+{
+    const char *set = getenv("DIFFERS");
+    return set != nullptr && strcmp(set, how) == 0;
+}
+
+template <typename Function> Function *next(Function *, const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+bool is_group(uint32_t ip) { return ip >> 28 == 0xe; }
+
+/* The descriptor of the endpoint, where its event ring and flow windows lie in the file, and their mappings. */
+int endpoint_fd = -1;
+kz_get_copyblock_t regions;
+uint8_t *ring;
+const oxel_endpt_flow_t *flow;
+
+/* The place of the event's last byte that was taken back. */
+volatile uint8_t *held;
+
+void *release_later(void *)
+{
+    const timespec three_seconds = {3, 0};
+    nanosleep(&three_seconds, nullptr);
+    *held = 0;
+    return nullptr;
+}
+
+/* The first event that the program looks at is shown as incomplete for three seconds. */
+void hold_the_first_event()
+{
+    if (held != nullptr || ring == nullptr || flow == nullptr)
+        return;
+    const uint64_t at = flow->rx_flow.flow_data_off;
+    const auto *event = reinterpret_cast<volatile nuv_uevt_ruk_t *>(ring + at);
+    if (event->pkt_cnt == 0)
+        return;
+    volatile uint8_t *last = ring + (at + __builtin_bswap16(event->batch_len) - 1) % regions.recvq_len;
+    if (*last != 0)
+        return;
+    held = last;
+    *last = NUV_UEVT_FREE_BYTE;
+    pthread_t releaser;
+    if (pthread_create(&releaser, nullptr, release_later, nullptr) != 0)
+        abort();
+    pthread_detach(releaser);
+}
+
+void note_mapping(int fd, uint64_t offset, void *at)
+{
+    if (fd != endpoint_fd || fd < 0 || at == MAP_FAILED)
+        return;
+    if (offset == regions.recvq_offset)
+        ring = static_cast<uint8_t *>(at);
+    if (offset == regions.flow_window_offset)
+        flow = static_cast<const oxel_endpt_flow_t *>(at);
+}
+
+} // namespace
+
+extern "C" {
+
+int ioctl(int fd, unsigned long command, ...) noexcept
+{
+    va_list rest;
+    va_start(rest, command);
+    void *argument = va_arg(rest, void *);
+    va_end(rest);
+    static auto *const real = next(static_cast<int (*)(int, unsigned long, ...)>(nullptr), "ioctl");
+    switch (command) {
+    case OXEL_RX_FILTER: {
+        oxel_rx_filter_t filter = *static_cast<oxel_rx_filter_t *>(argument);
+        if ((differs("groups are not taken") && is_group(filter.ip_addr) && filter.remove == 0) ||
+            (differs("broadcasts are not taken") && filter.ip_addr == 0xffffffff && filter.remove == 0))
+            return 0;
+        /* What was not installed cannot be removed, what is kept is not. */
+        if (filter.remove != 0 && ((differs("groups are not taken") && is_group(filter.ip_addr)) ||
+                                   (differs("broadcasts are not taken") && filter.ip_addr == 0xffffffff) ||
+                                   (differs("groups are kept") && is_group(filter.ip_addr))))
+            return 0;
+        if (differs("VLANs are not told apart"))
+            filter.vlan = 0;
+        return real(fd, command, &filter);
+    }
+    case OXEL_ARP_RESOLVE:
+        if (differs("next hops are not asked for"))
+            return 0;
+        break;
+    default:
+        break;
+    }
+
+    const int rc = real(fd, command, argument);
+    if (rc != 0)
+        return rc;
+    switch (command) {
+    case OXEL_GET_MAX_ENDPTS:
+        if (differs("one endpoint too many"))
+            ++*static_cast<uint32_t *>(argument);
+        break;
+    case OXEL_GET_NIC_TICKS:
+        if (differs("clock too fast")) {
+            auto *ticks = static_cast<oxel_get_nic_ticks_t *>(argument);
+            static uint64_t first = ticks->nic_ticks;
+            ticks->nic_ticks += (ticks->nic_ticks - first) / 100;
+        }
+        break;
+    case OXEL_GET_COPYBLOCK:
+        if (endpoint_fd < 0) {
+            endpoint_fd = fd;
+            regions = *static_cast<kz_get_copyblock_t *>(argument);
+        }
+        break;
+    default:
+        break;
+    }
+    return rc;
+}
+
+void *mmap(void *at, size_t len, int prot, int flags, int fd, off_t offset) noexcept
+{
+    static auto *const real = next(static_cast<void *(*)(void *, size_t, int, int, int, off_t)>(nullptr), "mmap");
+    void *mapped = real(at, len, prot, flags, fd, offset);
+    note_mapping(fd, static_cast<uint64_t>(offset), mapped);
+    return mapped;
+}
+
+void *mmap64(void *at, size_t len, int prot, int flags, int fd, off64_t offset) noexcept
+{
+    static auto *const real = next(static_cast<void *(*)(void *, size_t, int, int, int, off64_t)>(nullptr), "mmap64");
+    void *mapped = real(at, len, prot, flags, fd, offset);
+    note_mapping(fd, static_cast<uint64_t>(offset), mapped);
+    return mapped;
+}
+
+int clock_gettime(clockid_t clock, timespec *now) noexcept
+{
+    static auto *const real = next(static_cast<int (*)(clockid_t, timespec *)>(nullptr), "clock_gettime");
+    const int rc = real(clock, now);
+    /* The program's main thread, which looks at the ring, looks at the clock in between. */
+    if (clock == CLOCK_MONOTONIC && gettid() == getpid() && differs("an event is completed late"))
+        hold_the_first_event();
+    return rc;
+}
+
+int poll(pollfd *fds, nfds_t count, int timeout)
+{
+    static auto *const real = next(static_cast<int (*)(pollfd *, nfds_t, int)>(nullptr), "poll");
+    if (count == 1 && fds[0].fd == endpoint_fd && endpoint_fd >= 0 && differs("the descriptor stays unreadable")) {
+        fds[0].revents = 0;
+        usleep(static_cast<useconds_t>(timeout) * 1000);
+        return 0;
+    }
+    return real(fds, count, timeout);
+}
+
+/* A board without an account: the adapter works as well without the memory for it. */
+long syscall(long number, ...) noexcept
+{
+    long a[6];
+    va_list rest;
+    va_start(rest, number);
+    for (long &value : a)
+        value = va_arg(rest, long);
+    va_end(rest);
+    if (number == SYS_memfd_create && differs("no account") &&
+        strcmp(reinterpret_cast<const char *>(a[0]), "softnic-ledger") == 0) {
+        errno = EMFILE;
+        return -1;
+    }
+    static auto *const real = next(static_cast<long (*)(long, ...)>(nullptr), "syscall");
+    return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+} // extern "C"
