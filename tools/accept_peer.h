@@ -19,9 +19,18 @@ constexpr uint32_t sizes = 1473;
 /* The payload of the n-th datagram: n where it fits, then bytes that occur nowhere else. */
 std::vector<uint8_t> payload(uint32_t number, int size);
 
-/* "send PORT COUNT SIZE GAP_US FIRST [GROUP]": datagrams FIRST, FIRST + 1 ... */
+/* Where the peer sends to: other than whoever asks, when there is an address, a group or a broadcast. */
+struct Target {
+    std::string address;
+    std::string via; /* an address of the network to send on; empty: whose asks */
+};
+
+/* "send PORT COUNT SIZE GAP_US FIRST [ADDRESS [VIA]]": datagrams FIRST, FIRST + 1 ... */
 std::string send_request(uint16_t port, uint32_t count, int size, uint32_t gap_us, uint32_t first = 0,
-                         const std::string &group = {});
+                         const Target &target = {});
+
+/* "reach ADDRESS": the answer is "ok" when the peer has an interface on that address's subnet, else "no". */
+std::string reach_request(in_addr address);
 
 /* Serves until a stop is requested. */
 int serve(in_addr address, uint16_t port);

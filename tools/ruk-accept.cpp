@@ -23,9 +23,12 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <net/if_arp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
+#include <tuple>
 #include <unistd.h>
 
 using namespace tools;
@@ -35,7 +38,9 @@ using nlohmann::ordered_json;
 namespace {
 
 constexpr int64_t ms = 1'000'000, second = 1'000'000'000;
+constexpr int64_t quiet_for = 300 * ms; /* after that nothing more is expected */
 constexpr const char *group_address = "239.255.77.77";
+constexpr const char *nobody = "192.0.2.1"; /* of a network for examples */
 
 struct Options {
     InterfaceChoice interface;
@@ -52,10 +57,22 @@ struct Probe {
     std::string expected; /* in words */
     bool as_expected = true;
     std::string failure; /* why it could not be finished; what was measured until then is kept */
+    std::string lacking; /* why it could not be tried at all here */
     ordered_json measured = ordered_json::object();
 
     void require(bool holds) { as_expected = as_expected && holds; }
-    const char *result() const { return !failure.empty() ? "failed" : as_expected ? "as expected" : "differs"; }
+    const char *result() const
+    {
+        if (!failure.empty())
+            return "failed";
+        return !lacking.empty() ? "not probed" : as_expected ? "as expected" : "differs";
+    }
+};
+
+/* What a probe needs is not here. */
+class Lacking : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
 };
 
 /* Runs at the end of a scope, however it is left. */
@@ -115,6 +132,11 @@ public:
             {"blocking", &AcceptRun::blocking},
             {"filter_modes", &AcceptRun::filter_modes},
             {"kernel_duplicate", &AcceptRun::kernel_duplicate},
+            {"group", &AcceptRun::group},
+            {"source_group", &AcceptRun::source_group},
+            {"broadcast", &AcceptRun::broadcast},
+            {"vlan", &AcceptRun::vlan},
+            {"next_hop", &AcceptRun::next_hop},
             {"tag_reuse", &AcceptRun::tag_reuse},
             {"clock", &AcceptRun::clock},
             {"thresholds", &AcceptRun::thresholds},
@@ -137,6 +159,8 @@ public:
                 (this->*step)(probe);
             } catch (const Failure &failure) {
                 probe.failure = failure.what();
+            } catch (const Lacking &lacking) {
+                probe.lacking = lacking.what();
             }
             if (stop_.requested())
                 probe.failure = "stopped";
@@ -153,6 +177,7 @@ private:
     /* A channel for the time of a probe. */
     struct Channel {
         explicit Channel(Endpoint &endpoint, int flags = 0) : handle(endpoint.bind(0, flags)) {}
+        explicit Channel(ruk_channel_t bound) : handle(bound) {}
         ~Channel()
         {
             if (handle != nullptr)
@@ -194,7 +219,7 @@ private:
     }
 
     /* Has the peer send; it answers before it begins, and after what it was asked for before. */
-    void ask(const std::string &request, int attempts = 3)
+    std::string ask(const std::string &request, int attempts = 3)
     {
         char answer[16];
         while (recv(control_, answer, sizeof answer, MSG_DONTWAIT) >= 0) { /* one that came too late */
@@ -203,11 +228,18 @@ private:
             sendto(control_, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&peer_), sizeof peer_);
             wait_readable(control_, stop_.fd(), monotonic_ns() + second);
             if (recv(control_, answer, sizeof answer, MSG_DONTWAIT) == 2)
-                return;
+                return {answer, 2};
         }
         if (stop_.requested())
             fail("stopped");
         fail("no answer from {}: is 'ruk-accept peer' running there?", endpoint_text(peer_));
+    }
+
+    /* Asks for it and waits until the peer has sent everything: it answers one after the other. */
+    void have_sent(const std::string &request)
+    {
+        ask(request);
+        ask("hello");
     }
 
     void endpoints(Probe &p)
@@ -378,7 +410,8 @@ private:
         const AtEnd record([&] {
             p.measured = {{"rounds", rounds}, {"readable", woken}, {"readable_after_the_last_ns", spread(quiet)}};
         });
-        while (rounds < 20 && !stop_.requested()) {
+        /* Each one in vain costs a second. */
+        while (rounds < 20 && rounds - woken < 3 && !stop_.requested()) {
             rounds++;
             ask(send_request(channel.port(), 1, 64, 0));
             woken += readable(1000);
@@ -411,22 +444,42 @@ private:
     uint32_t count_until_quiet()
     {
         uint32_t n = 0;
-        while (next(200 * ms).there)
+        while (next(quiet_for).there)
             n++;
         return n;
     }
 
-    /* How many of ten datagrams with numbers from first on arrive, as they are or within their frames, once the peer
-     * was asked to send them. What other hosts send beside them does not count. */
-    uint32_t arrivals(uint16_t port, uint32_t first, const std::string &group = {})
+    /*
+     * On which channels the ten datagrams with numbers from first on arrive, as they are or within their frames, once
+     * the peer was asked to send them. What other hosts send beside them does not count.
+     */
+    std::vector<ruk_channel_t> arrivals_on(uint16_t port, uint32_t first, const Target &target = {})
     {
-        ask(send_request(port, 10, 64, 100, first, group));
-        uint32_t n = 0;
-        for (Datagram d = next(200 * ms); d.there; d = next(200 * ms))
+        have_sent(send_request(port, 10, 64, 100, first, target));
+        std::vector<ruk_channel_t> channels;
+        for (Datagram d = next(quiet_for); d.there; d = next(quiet_for))
             for (uint32_t number = first; number < first + 10; number++) {
                 const std::vector<uint8_t> bytes = payload(number, 64);
-                n += std::search(d.bytes.begin(), d.bytes.end(), bytes.begin(), bytes.end()) != d.bytes.end();
+                if (std::search(d.bytes.begin(), d.bytes.end(), bytes.begin(), bytes.end()) != d.bytes.end())
+                    channels.push_back(d.info.chan);
             }
+        return channels;
+    }
+
+    /* How many of them arrive. */
+    size_t arrivals(uint16_t port, uint32_t first, const Target &target = {})
+    {
+        return arrivals_on(port, first, target).size();
+    }
+
+    /* How many arrive when a switch in between is given time to learn of a membership. */
+    size_t arrivals_of_members(uint16_t port, uint32_t first, const Target &target)
+    {
+        size_t n = arrivals(port, first, target);
+        for (int attempt = 0; attempt < 2 && n == 0 && !stop_.requested(); attempt++) {
+            stop_.sleep_until(monotonic_ns() + second / 2);
+            n = arrivals(port, first, target);
+        }
         return n;
     }
 
@@ -448,9 +501,9 @@ private:
             if (const int rc = ruk_set_filter_mode(endpoint_.dev(), mode); rc != 0)
                 fail("the mode '{}' is refused: {}", name, errno_text(rc));
             drain();
-            const uint32_t own = arrivals(channel.port(), 100);
-            const uint32_t multicast = arrivals(channel.port(), 200, group_address);
-            const uint32_t foreign = arrivals(other, 300);
+            const size_t own = arrivals(channel.port(), 100);
+            const size_t multicast = arrivals(channel.port(), 200, {group_address, {}});
+            const size_t foreign = arrivals(other, 300);
             p.measured[name] = {{"own", own}, {"group_not_joined", multicast}, {"other_port", foreign}};
             /* In the raw mode a copy may come beside the datagram itself. */
             p.require(own >= 10 && (mode == RUK_RECV_FILTER_NORMAL ? multicast == 0 : multicast >= 10) &&
@@ -463,7 +516,7 @@ private:
         p.expected = "the kernel gets a copy when the binding asks for it, and nothing otherwise";
         for (const bool duplicate : {false, true}) {
             Channel channel(endpoint_, duplicate ? RUK_BIND_KERNEL : 0);
-            ask(send_request(channel.port(), 10, 64, 100));
+            have_sent(send_request(channel.port(), 10, 64, 100));
             const uint32_t library = count_until_quiet();
             uint32_t kernel = 0;
             char bytes[128];
@@ -472,6 +525,204 @@ private:
             p.measured[duplicate ? "asked_for" : "not_asked_for"] = {{"library", library}, {"kernel", kernel}};
             p.require(library == 10 && kernel == (duplicate ? 10 : 0));
         }
+    }
+
+    static void must(int rc, std::string_view what)
+    {
+        if (rc != 0)
+            fail("{}: {}", what, errno_text(rc < 0 ? errno : rc));
+    }
+
+    void group(Probe &p)
+    {
+        p.expected = "a joined group's datagrams to the channel's port arrive once, none before the join, to another "
+                     "port, or after the leave";
+        Channel channel(endpoint_);
+        drain();
+        const Target to = {group_address, {}};
+        const in_addr address = parse_addr(group_address, "group");
+        const uint16_t other = channel.port() == 9 ? 10 : 9;
+        const size_t before = arrivals(channel.port(), 400, to);
+        p.measured = {{"before", before}};
+        must(ruk_mcast_join(channel.handle, &address, nullptr), "the group cannot be joined");
+        const size_t joined = arrivals_of_members(channel.port(), 410, to), foreign = arrivals(other, 420, to);
+        p.measured.update({{"joined", joined}, {"other_port", foreign}});
+        must(ruk_mcast_leave(channel.handle, &address), "the group cannot be left");
+        /* The library would drop what still comes: it is not to come at all. */
+        const uint64_t dropped = ep()->rep_stats.dropped_nosock;
+        const size_t left = arrivals(channel.port(), 430, to) + (ep()->rep_stats.dropped_nosock - dropped);
+        p.measured["left"] = left;
+        must(ruk_mcast_join(channel.handle, &address, nullptr), "the group cannot be joined again");
+        const size_t again = arrivals_of_members(channel.port(), 440, to);
+        p.measured["joined_again"] = again;
+        p.require(before == 0 && joined == 10 && foreign == 0 && left == 0 && again == 10);
+    }
+
+    void source_group(Probe &p)
+    {
+        p.expected = "of a group that is joined for one source its datagrams arrive once, another's do not, and none "
+                     "after the leave";
+        Channel channel(endpoint_);
+        drain();
+        const Target to = {group_address, {}};
+        const in_addr address = parse_addr(group_address, "group"), stranger = parse_addr(nobody, "source");
+        must(ruk_mcast_join_source(channel.handle, &address, &peer_.sin_addr), "the group cannot be joined");
+        const size_t its = arrivals_of_members(channel.port(), 500, to);
+        p.measured = {{"of_the_source", its}};
+        must(ruk_mcast_leave_source(channel.handle, &address, &peer_.sin_addr), "the group cannot be left");
+        const size_t left = arrivals(channel.port(), 510, to);
+        p.measured["left"] = left;
+        must(ruk_mcast_join_source(channel.handle, &address, &stranger), "the group cannot be joined");
+        /* Who keeps them away is the adapter's choice: the library looks at the source itself. */
+        const uint64_t dropped = ep()->rep_stats.dropped_badfilter;
+        const size_t others = arrivals(channel.port(), 520, to);
+        p.measured.update(
+            {{"of_another_source", others}, {"kept_away_by_the_library", ep()->rep_stats.dropped_badfilter - dropped}});
+        p.require(its == 10 && left == 0 && others == 0);
+    }
+
+    void broadcast(Probe &p)
+    {
+        p.expected =
+            "broadcasts to 255.255.255.255 arrive once when the binding asks for them, and no broadcast when it "
+            "does not";
+        const in_addr subnet = {ep()->rep_mif->tov_ifa_ipaddr | ~ep()->rep_mif->tov_ifa_netmask};
+        for (const bool asked : {false, true}) {
+            Channel channel(endpoint_, asked ? RUK_BIND_BROADCAST : 0);
+            drain();
+            const size_t limited = arrivals(channel.port(), 600, {"255.255.255.255", {}}),
+                         directed = arrivals(channel.port(), 610, {addr_text(subnet), {}});
+            p.measured[asked ? "asked_for" : "not_asked_for"] = {{"to_all", limited}, {"to_the_subnet", directed}};
+            /* Whether an adapter takes the subnet's as well is left to it: the library knows both. */
+            p.require(asked ? limited == 10 && directed <= 10 : limited == 0 && directed == 0);
+        }
+    }
+
+    /* Another interface on the adapter that has another VLAN, or none where the endpoint's has one. */
+    const tov_ifaddrs *interface_of_another_vlan()
+    {
+        const tov_ifaddrs *own = ep()->rep_mif;
+        for (const tov_ifaddrs *i = ep()->rep_mif_addrs; i != nullptr; i = i->tov_ifa_next)
+            if (i->tov_ifa_boardnum == own->tov_ifa_boardnum && i->tov_ifa_ipaddr != 0 &&
+                tov_get_vlan_tag(i->tov_ifa_name) != tov_get_vlan_tag(own->tov_ifa_name))
+                return i;
+        return nullptr;
+    }
+
+    void vlan(Probe &p)
+    {
+        p.expected = "datagrams reach the channels of their own VLAN alone";
+        const tov_ifaddrs *own = ep()->rep_mif, *other = interface_of_another_vlan();
+        if (other == nullptr)
+            throw Lacking(fmt::format("the adapter has no interface of another VLAN than {}'s with an address ({}.5 "
+                                      "would be one)",
+                                      own->tov_ifa_name, own->tov_ifa_name));
+        const in_addr other_address = {other->tov_ifa_ipaddr};
+        if (ask(reach_request(other_address)) != "ok")
+            throw Lacking(fmt::format("the peer has no interface on the subnet of {}, which is {}'s",
+                                      addr_text(other_address), other->tov_ifa_name));
+
+        Channel here(endpoint_);
+        ruk_channel_t bound = nullptr;
+        must(ruk_bind_addr(endpoint_.dev(), &other_address, 0, here.port(), nullptr, &bound),
+             "the VLAN's address cannot be bound");
+        Channel there(bound);
+        drain();
+        const in_addr group = parse_addr(group_address, "group");
+        must(ruk_mcast_join(here.handle, &group, nullptr), "the group cannot be joined");
+        must(ruk_mcast_join(there.handle, &group, nullptr), "the group cannot be joined on the VLAN");
+        const auto look = [&](const Channel &right, uint32_t first, const Target &target) {
+            std::vector<ruk_channel_t> seen = arrivals_on(here.port(), first, target);
+            const auto its = static_cast<size_t>(std::count(seen.begin(), seen.end(), right.handle));
+            p.require(its == 10 && seen.size() == its);
+            return ordered_json{{"arrived", its}, {"on_the_other_vlan", seen.size() - its}};
+        };
+        const std::string here_address = addr_text({own->tov_ifa_ipaddr}), there_address = addr_text(other_address);
+        for (const auto &[channel, name, address, first] :
+             {std::tuple(&here, own->tov_ifa_name, &here_address, 700u),
+              std::tuple(&there, other->tov_ifa_name, &there_address, 720u)})
+            p.measured[name] = {{"vlan", ntohs(tov_get_vlan_tag(name)) & 0xfff},
+                                {"unicast", look(*channel, first, {*address, *address})},
+                                {"group", look(*channel, first + 10, {group_address, *address})}};
+    }
+
+    /* The kernel's entry for the next hop, or none. */
+    bool read_arp(in_addr next_hop, arpreq *entry)
+    {
+        *entry = {};
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr = next_hop;
+        memcpy(&entry->arp_pa, &address, sizeof address);
+        strncpy(entry->arp_dev, ep()->rep_mif->tov_ifa_name, sizeof entry->arp_dev - 1);
+        return ioctl(control_, SIOCGARP, entry) == 0 && (entry->arp_flags & ATF_COM) != 0;
+    }
+
+    void next_hop(Probe &p)
+    {
+        p.expected = "the MAC address of a next hop that the kernel does not know is asked for when a handle is made, "
+                     "and is right";
+        Channel channel(endpoint_);
+        drain();
+        ask("hello"); /* so that the kernel knows it, which tells the right answer */
+        const auto forget = [&] { memset(ep()->rep_mac_cache, 0, sizeof ep()->rep_mac_cache); };
+        forget();
+        {
+            Echo first(*this, channel);
+        }
+        const in_addr hop = {ep()->rep_mac_cache[0].pa_ip_addr_be32};
+        arpreq known;
+        if (!read_arp(hop, &known))
+            throw Lacking(
+                fmt::format("the kernel has no MAC address of {} on {}", addr_text(hop), ep()->rep_mif->tov_ifa_name));
+        if (arpreq gone = known; ioctl(control_, SIOCDARP, &gone) != 0)
+            throw Lacking(
+                fmt::format("the kernel's entry for {} cannot be removed: {}", addr_text(hop), errno_text(errno)));
+        const AtEnd restore([&] {
+            forget();
+            if ((known.arp_flags & ATF_PERM) != 0)
+                ioctl(control_, SIOCSARP, &known);
+        });
+
+        const auto mac = [](const uint8_t *b) {
+            return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", b[0], b[1], b[2], b[3], b[4], b[5]);
+        };
+        const auto *right = reinterpret_cast<const uint8_t *>(known.arp_ha.sa_data);
+        p.measured = {{"next_hop", addr_text(hop)},   {"mac", mac(right)}, {"resolved", nullptr},
+                      {"resolved_after_ns", nullptr}, {"attempts", 0},     {"echoed", false}};
+        forget();
+        sockaddr_in to = peer_;
+        to.sin_port = htons(static_cast<uint16_t>(opt_.port + 1));
+        const int64_t start = monotonic_ns();
+        ruk_send_t handle = nullptr;
+        uint32_t attempts = 0;
+        int rc = 0;
+        do {
+            attempts++;
+            rc = ruk_send_connect(channel.handle, &to, RUK_NONBLOCK, 0, &handle);
+            if (rc != 0)
+                stop_.sleep_until(monotonic_ns() + 5 * ms);
+        } while (rc != 0 && monotonic_ns() - start < 3 * second && !stop_.requested());
+        const int64_t after = monotonic_ns() - start;
+        uint32_t address = hop.s_addr;
+        const int says = tov_ioctl(ep()->rep_handle, OXEL_ARP_RESOLVE, &address, sizeof address);
+        p.measured["driver_says"] = says == 0 ? "done" : errno_name(says);
+        p.measured["attempts"] = attempts;
+        if (rc != 0) {
+            p.measured["refusal"] = errno_name(rc);
+            p.require(false);
+            return;
+        }
+        ruk_send_disconnect(handle);
+        const uint8_t *found = ep()->rep_mac_cache[0].pa_eth_dest;
+        p.measured.update({{"resolved", mac(found)}, {"resolved_after_ns", after}});
+        p.require(memcmp(found, right, 6) == 0);
+        Echo echo(*this, channel);
+        const std::vector<uint8_t> bytes = payload(800, 64);
+        echo.send(bytes);
+        const Datagram d = next(second);
+        p.measured["echoed"] = d.there && d.bytes == bytes;
+        p.require(p.measured["echoed"]);
     }
 
     void tag_reuse(Probe &p)
@@ -713,7 +964,7 @@ private:
             gaps += d.bytes != payload(received, 64);
             received++;
         }
-        ask(send_request(channel.port(), 10, 64, 100));
+        have_sent(send_request(channel.port(), 10, 64, 100));
         after = count_until_quiet();
         p.require(received > 0 && gaps == 0 && after == 10);
     }
@@ -781,15 +1032,16 @@ int run(const Options &opt)
         failed = failed || result == "failed";
         ordered_json entry = {
             {"probe", p.name}, {"result", result}, {"expected", p.expected}, {"measured", p.measured}};
-        if (!p.failure.empty())
-            entry["reason"] = p.failure;
+        const std::string reason = p.failure + p.lacking;
+        if (!reason.empty())
+            entry["reason"] = reason;
         report["probes"].push_back(std::move(entry));
         if (!opt.json)
-            put_line(result == "failed"
-                         ? fmt::format("{:<12} {:<17} {}; until then {}", "FAILED", p.name, p.failure, measured)
-                     : result == "differs"
-                         ? fmt::format("{:<12} {:<17} {}; but {}", "DIFFERS", p.name, p.expected, measured)
-                         : fmt::format("{:<12} {:<17} {}", result, p.name, measured));
+            put_line(fmt::format("{:<12} {:<17} assumed: {}; seen: {}{}",
+                                 result == "differs"  ? "DIFFERS"
+                                 : result == "failed" ? "FAILED"
+                                                      : result,
+                                 p.name, p.expected, measured, reason.empty() ? "" : "; " + reason));
         if (!opt.report.empty())
             written = write_report(opt.report, report);
     });
@@ -832,7 +1084,8 @@ int main(int argc, char **argv)
         ->allow_extra_args(false);
     run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 all is as expected; 1 something differs, failed or was not tried; 2 error.");
+    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs, failed or was left out; 2 "
+               "error.");
     return run_program(app, argc, argv,
                        [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
 }

@@ -53,6 +53,13 @@ def acceptance():
         "blocking": {"sent": 1, "received": 1},
         "filter_modes": {mode: {"own": 1, "group_not_joined": 1, "other_port": 1} for mode in ("normal", "allmulti", "raw")},
         "kernel_duplicate": {when: {"library": 1, "kernel": 1} for when in ("asked_for", "not_asked_for")},
+        "group": {"before": 0, "joined": 1, "other_port": 0, "left": 0, "joined_again": 1},
+        "source_group": {"of_the_source": 1, "left": 0, "of_another_source": 0, "kept_away_by_the_library": 1},
+        "broadcast": {when: {"to_all": 1, "to_the_subnet": 1} for when in ("asked_for", "not_asked_for")},
+        "vlan": {name: {"vlan": 5, **{to: {"arrived": 1, "on_the_other_vlan": 0} for to in ("unicast", "group")}}
+                 for name in ("oxel0", "oxel0.5")},
+        "next_hop": {"next_hop": "10.77.0.2", "mac": "02:00:00:00:00:02", "resolved": "02:00:00:00:00:02",
+                     "resolved_after_ns": 1, "attempts": 1, "echoed": True, "driver_says": "ENOTTY"},
         "tag_reuse": {"rounds": 1, "to_new_channels": 1, "to_old_channels": 0},
         "clock": {"sent": 1, "received": 1, "undated": 0, "backwards": 0, "age_when_received_ns": spread,
                   "rate": {"host_ns": 1, "deviation_ppb": -1, "uncertainty_ppb": 1, "reading_ns": 1}},
@@ -145,7 +152,11 @@ def main(root, bin_directory):
     compare("rukrun-stats", {"boards": [{"interface": "oxel0", "port": port, **frames, "endpoints": [endpoint]}]},
             optional={"endpoint"})
     counters = json_schemas.load("ruk-recv-stats.json")["$defs"]["stats"]["required"]
-    compare("ruk-recv-stats", {"stats": dict.fromkeys(counters, 0), "drops": [drop], "adapters": [ledger]})
+    parts = json_schemas.load("ruk-recv-stats.json")["$defs"]["parts"]["required"]
+    for in_ring in (0, None):
+        account = {"board": 0, "endpoint": 0, "in_ring": in_ring, "sum": 0, "parts": dict.fromkeys(parts, 0)}
+        compare("ruk-recv-stats",
+                {"stats": dict.fromkeys(counters, 0), "account": account, "drops": [drop], "adapters": [ledger]})
     datagram = {"from": "10.77.0.2:1", "to": "10.77.0.1:2", "len": 1, "timestamp_ns": 0, "payload": "61",
                 "timestamp_source": "none"}
     compare("ruk-recv", datagram)
@@ -158,13 +169,14 @@ def main(root, bin_directory):
             failures.append(f"ruk-accept: lets pass what {probe['probe']} measured under another name")
         if not fits("ruk-accept", report | {"probes": [probe | {"reason": "r"}]}):
             failures.append(f"ruk-accept: lets pass a reason of {probe['probe']}, which did not fail")
-    # A probe that failed may have measured any part.
-    failed = {"probe": "clock", "result": "failed", "expected": "", "measured": {}, "reason": "r"}
-    failures.extend(fits("ruk-accept", report | {"probes": [failed], "result": "failed"}))
-    for name in failed:
-        for wrong in ({k: v for k, v in failed.items() if k != name}, failed | {name: 1}, failed | {"surplus": "x"}):
-            if not fits("ruk-accept", report | {"probes": [wrong]}):
-                failures.append(f"ruk-accept: lets pass a failed probe that is wrong about {name}")
+    # A probe that failed, or could not be tried, may have measured any part.
+    for result in ("failed", "not probed"):
+        ended = {"probe": "vlan", "result": result, "expected": "", "measured": {}, "reason": "r"}
+        failures.extend(fits("ruk-accept", report | {"probes": [ended], "result": "failed"}))
+        for name in ended:
+            for wrong in ({k: v for k, v in ended.items() if k != name}, ended | {name: 1}, ended | {"surplus": "x"}):
+                if not fits("ruk-accept", report | {"probes": [wrong]}):
+                    failures.append(f"ruk-accept: lets pass a probe that {result}, wrong about {name}")
     if not fits("ruk-recv", datagram | {"payload": "6"}):
         failures.append("ruk-recv: lets half a byte pass")
     if not fits("ruk-recv", datagram | {"malformed": True}):

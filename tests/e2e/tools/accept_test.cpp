@@ -27,13 +27,15 @@ protected:
         for (const std::string &name : names)
             command.insert(command.end(), {"--only", name});
         command.insert(command.end(), options.begin(), options.end());
-        return soft(command);
+        return how_.empty() ? soft(command) : soft_differing(how_, command);
     }
 
-    // The entry of the only probe, which differs.
-    json differing(const std::string &name)
+    // The entry of the only probe, which differs, over this adapter.
+    json differing(const std::string &name, const std::string &how = {})
     {
+        how_ = how;
         auto run = probe({name});
+        how_.clear();
         EXPECT_TRUE(run->finish(120000)) << *run;
         EXPECT_TRUE(run->exited_with(1)) << *run;
         expect_schema("ruk-accept", run->out());
@@ -63,7 +65,42 @@ protected:
                           match + " drop'");
     }
 
+    // The entry of a probe in a report.
+    static json entry_of(const json &report, const std::string &name)
+    {
+        for (const json &entry : report.at("probes"))
+            if (entry.at("probe") == name)
+                return entry;
+        ADD_FAILURE() << "no probe " << name;
+        return {};
+    }
+
+    // VLAN 5 of both hosts. There are no such interfaces to be had here: the adapter's is one of that name, and a
+    // program puts the tag on what leaves the other host's.
+    std::unique_ptr<test_support::Program> join_vlan()
+    {
+        lab.run(lab.adapter, "ip link add oxel0.5 address 02:6f:78:00:00:01 type veth peer name other5"
+                             " && ip addr add 10.77.5.1/24 dev oxel0.5 && ip link set oxel0.5 up && ip link set other5 "
+                             "up");
+        lab.run(lab.peer, "ip link add peer0.5 type veth peer name trunk5 && ip addr add 10.77.5.2/24 dev peer0.5"
+                          " && ip link set peer0.5 up && ip link set trunk5 up"
+                          " && ip neigh add 10.77.5.1 lladdr 02:6f:78:00:00:01 dev peer0.5 nud permanent");
+        auto tagger = lab.start(lab.peer, {"python3", "-B", "-c",
+                                           "import socket\n"
+                                           "inner = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))\n"
+                                           "inner.bind(('trunk5', 3))\n"
+                                           "wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)\n"
+                                           "wire.bind(('peer0', 0))\n"
+                                           "print('tagging', flush=True)\n"
+                                           "while True:\n"
+                                           "    frame = inner.recv(2048)\n"
+                                           "    wire.send(frame[:12] + b'\\x81\\x00\\x00\\x05' + frame[12:])\n"});
+        EXPECT_TRUE(tagger->wait_for_out("tagging")) << *tagger;
+        return tagger;
+    }
+
     ScratchDir scratch;
+    std::string how_; // the adapter differs
 };
 
 } // namespace
@@ -80,17 +117,38 @@ TEST_F(AcceptTool, SoftwareAdapter_EveryProbeRunsAndIsAsExpected)
     const json report = parse(run->out());
     EXPECT_EQ(report["result"], "as expected");
     const char *const probes[] = {"endpoints",  "delivery",      "event_order",      "coalescing", "poll",
-                                  "blocking",   "filter_modes",  "kernel_duplicate", "tag_reuse",  "clock",
+                                  "blocking",   "filter_modes",  "kernel_duplicate", "group",      "source_group",
+                                  "broadcast",  "vlan",          "next_hop",         "tag_reuse",  "clock",
                                   "thresholds", "store_to_wire", "full_ring"};
     ASSERT_EQ(report["probes"].size(), std::size(probes));
     for (size_t i = 0; i < std::size(probes); i++) {
-        EXPECT_EQ(report["probes"][i]["probe"], probes[i]);
-        EXPECT_EQ(report["probes"][i]["result"], "as expected") << report["probes"][i];
-        EXPECT_FALSE(report["probes"][i]["measured"].empty());
+        const json &entry = report["probes"][i];
+        EXPECT_EQ(entry["probe"], probes[i]);
+        EXPECT_FALSE(entry["expected"].get<std::string>().empty()) << entry;
+        if (entry["probe"] == "vlan")
+            continue;
+        EXPECT_EQ(entry["result"], "as expected") << entry;
+        EXPECT_FALSE(entry["measured"].empty());
     }
+    EXPECT_EQ(entry_of(report, "vlan")["result"], "not probed");
+    EXPECT_EQ(entry_of(report, "vlan")["reason"], "the adapter has no interface of another VLAN than oxel0's with an "
+                                                  "address (oxel0.5 would be one)");
+    EXPECT_EQ(entry_of(report, "group")["measured"],
+              json({{"before", 0}, {"joined", 10}, {"other_port", 0}, {"left", 0}, {"joined_again", 10}}));
+    EXPECT_EQ(entry_of(report, "source_group")["measured"],
+              json({{"of_the_source", 10}, {"left", 0}, {"of_another_source", 0}, {"kept_away_by_the_library", 10}}));
+    EXPECT_EQ(entry_of(report, "broadcast")["measured"]["asked_for"]["to_all"], 10);
+    EXPECT_EQ(entry_of(report, "broadcast")["measured"]["not_asked_for"], json({{"to_all", 0}, {"to_the_subnet", 0}}));
+    const json hop = entry_of(report, "next_hop")["measured"];
+    EXPECT_EQ(hop["next_hop"], "10.77.0.2");
+    EXPECT_EQ(hop["mac"], "02:00:00:00:00:02");
+    EXPECT_EQ(hop["resolved"], "02:00:00:00:00:02");
+    EXPECT_EQ(hop["driver_says"], "ENOTTY");
+    EXPECT_EQ(hop["echoed"], true);
+    EXPECT_NE(lab.run(lab.adapter, "ip neigh show to 10.77.0.2 dev oxel0").find("PERMANENT"), std::string::npos);
     EXPECT_EQ(json::parse(contents(file)), report);
     // The datagrams of that probe are 2 ms apart; the host's own clock may be steered meanwhile.
-    const json &rate = report["probes"][9]["measured"]["rate"];
+    const json rate = entry_of(report, "clock")["measured"]["rate"];
     EXPECT_GT(rate["host_ns"], 900'000'000);
     EXPECT_LT(std::abs(rate["deviation_ppb"].get<int64_t>()), 1'000'000) << rate;
     EXPECT_EQ(report["probes"][0]["measured"]["opened_beside_this_one"], 7);
@@ -164,6 +222,193 @@ TEST_F(AcceptTool, DatagramsThatGetLost_BlockingDiffers)
     auto peer = serve();
     lose_of_peer("udp length 72 numgen inc mod 10 == 0");
     EXPECT_EQ(differing("blocking")["measured"], json({{"sent", 50}, {"received", 45}}));
+}
+
+TEST_F(AcceptTool, RunInText_EachProbeIsALineOfAssumptionFindingAndVerdict)
+{
+    auto peer = serve();
+    auto run = soft({"ruk-accept", "run", "-i", "oxel0", "10.77.0.2", "--minutes", "0.02", "--only", "group", "--only",
+                     "vlan", "--only", "blocking"});
+    ASSERT_TRUE(run->finish(120000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    EXPECT_EQ(run->out(),
+              "as expected  blocking          assumed: a receiver that sleeps wakes for each datagram; seen: "
+              "{\"sent\":50,\"received\":50}\n"
+              "as expected  group             assumed: a joined group's datagrams to the channel's port arrive once, "
+              "none before the join, to another port, or after the leave; seen: "
+              "{\"before\":0,\"joined\":10,\"other_port\":0,\"left\":0,\"joined_again\":10}\n"
+              "not probed   vlan              assumed: datagrams reach the channels of their own VLAN alone; seen: {}; "
+              "the adapter has no interface of another VLAN than oxel0's with an address (oxel0.5 would be one)\n");
+    lose_of_peer("udp length 72 numgen inc mod 10 == 0");
+    auto worse = soft({"ruk-accept", "run", "-i", "oxel0", "10.77.0.2", "--minutes", "0.02", "--only", "blocking"});
+    ASSERT_TRUE(worse->finish(120000)) << *worse;
+    EXPECT_TRUE(worse->exited_with(1)) << *worse;
+    EXPECT_EQ(worse->out(),
+              "DIFFERS      blocking          assumed: a receiver that sleeps wakes for each datagram; seen: "
+              "{\"sent\":50,\"received\":45}\n");
+}
+
+TEST_F(AcceptTool, VlanOnBothHosts_IsProbedAndAsExpected)
+{
+    auto tagger = join_vlan();
+    auto peer = lab.start(lab.peer, {bin("ruk-accept"), "peer"});
+    ASSERT_TRUE(peer->wait_for_err("serving")) << *peer;
+    auto run = probe({"vlan"});
+    ASSERT_TRUE(run->finish(120000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    expect_schema("ruk-accept", run->out());
+    const json entry = entry_of(parse(run->out()), "vlan"), all = {{"arrived", 10}, {"on_the_other_vlan", 0}};
+    EXPECT_EQ(entry["result"], "as expected");
+    EXPECT_EQ(entry["measured"], json({{"oxel0", {{"vlan", 0}, {"unicast", all}, {"group", all}}},
+                                       {"oxel0.5", {{"vlan", 5}, {"unicast", all}, {"group", all}}}}));
+}
+
+TEST_F(AcceptTool, VlanOfTheAdapterAlone_IsNotProbed)
+{
+    lab.run(lab.adapter, "ip link add oxel0.5 address 02:6f:78:00:00:01 type veth peer name other5"
+                         " && ip addr add 10.77.5.1/24 dev oxel0.5 && ip link set oxel0.5 up && ip link set other5 up");
+    auto peer = serve();
+    auto run = probe({"vlan"});
+    ASSERT_TRUE(run->finish(120000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    expect_schema("ruk-accept", run->out());
+    const json entry = entry_of(parse(run->out()), "vlan");
+    EXPECT_EQ(entry["result"], "not probed");
+    EXPECT_EQ(entry["reason"], "the peer has no interface on the subnet of 10.77.5.1, which is oxel0.5's");
+}
+
+TEST_F(AcceptTool, NextHopWithoutAPermanentEntry_IsResolvedAndTheEntryStaysOrdinary)
+{
+    lab.run(lab.adapter, "ip neigh del 10.77.0.2 dev oxel0");
+    auto peer = serve();
+    auto run = probe({"next_hop"});
+    ASSERT_TRUE(run->finish(120000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    EXPECT_EQ(entry_of(parse(run->out()), "next_hop")["result"], "as expected") << *run;
+    EXPECT_EQ(lab.run(lab.adapter, "ip neigh show to 10.77.0.2 dev oxel0").find("PERMANENT"), std::string::npos);
+}
+
+// ------------------------------------------------------------------ adapters that differ by themselves
+
+TEST_F(AcceptTool, EndpointThatIsNotThere_EndpointsDiffer)
+{
+    auto peer = serve();
+    const json measured = differing("endpoints", "one endpoint too many")["measured"];
+    EXPECT_EQ(measured["board"], 9);
+    EXPECT_EQ(measured["opened_beside_this_one"], 7);
+    EXPECT_EQ(measured["refusal"], "EINVAL");
+}
+
+TEST_F(AcceptTool, EventCompletedSecondsLate_EventOrderDiffers)
+{
+    auto peer = serve();
+    const json measured = differing("event_order", "an event is completed late")["measured"];
+    EXPECT_GE(measured["seen_before_complete"], 1);
+    EXPECT_GE(measured["wait_for_completion_ns"]["max"], 1'000'000'000);
+    EXPECT_EQ(measured["bad_length"], 0);
+}
+
+TEST_F(AcceptTool, NothingArrives_CoalescingDiffers)
+{
+    auto peer = serve();
+    lose_of_peer("udp length 72");
+    EXPECT_EQ(differing("coalescing")["measured"],
+              json({{"sent", 5000}, {"received", 0}, {"events_by_packets", json::object()}}));
+}
+
+TEST_F(AcceptTool, DescriptorThatIsNeverReadable_PollDiffers)
+{
+    auto peer = serve();
+    const json measured = differing("poll", "the descriptor stays unreadable")["measured"];
+    EXPECT_EQ(measured["rounds"], 3);
+    EXPECT_EQ(measured["readable"], 0);
+}
+
+TEST_F(AcceptTool, GroupsThatAreNotTaken_GroupAndSourceGroupDiffer)
+{
+    auto peer = serve();
+    EXPECT_EQ(differing("group", "groups are not taken")["measured"],
+              json({{"before", 0}, {"joined", 0}, {"other_port", 0}, {"left", 0}, {"joined_again", 0}}));
+    EXPECT_EQ(differing("source_group", "groups are not taken")["measured"]["of_the_source"], 0);
+}
+
+TEST_F(AcceptTool, GroupThatIsKeptAfterItsLeave_GroupDiffers)
+{
+    auto peer = serve();
+    const json measured = differing("group", "groups are kept")["measured"];
+    EXPECT_EQ(measured["joined"], 10);
+    EXPECT_EQ(measured["left"], 10);
+}
+
+TEST_F(AcceptTool, SourceThatIsAnotherOnTheWay_SourceGroupDiffers)
+{
+    auto peer = serve();
+    lab.run(lab.peer, "nft 'add table netdev forge; add chain netdev forge out "
+                      "{ type filter hook egress device peer0 priority 0; }; "
+                      "add rule netdev forge out ip daddr 239.255.77.77 ip saddr set 192.0.2.1'");
+    const json measured = differing("source_group")["measured"];
+    EXPECT_EQ(measured["of_the_source"], 0);
+    EXPECT_EQ(measured["of_another_source"], 10);
+}
+
+TEST_F(AcceptTool, BroadcastsThatAreNotTaken_BroadcastDiffers)
+{
+    auto peer = serve();
+    const json measured = differing("broadcast", "broadcasts are not taken")["measured"];
+    EXPECT_EQ(measured["asked_for"]["to_all"], 0);
+}
+
+TEST_F(AcceptTool, VlansThatAreNotToldApart_VlanDiffers)
+{
+    auto tagger = join_vlan();
+    auto peer = lab.start(lab.peer, {bin("ruk-accept"), "peer"});
+    ASSERT_TRUE(peer->wait_for_err("serving")) << *peer;
+    const json measured = differing("vlan", "VLANs are not told apart")["measured"];
+    EXPECT_EQ(measured["oxel0"]["unicast"]["arrived"], 10);
+    EXPECT_EQ(measured["oxel0.5"]["unicast"]["arrived"], 0);
+}
+
+TEST_F(AcceptTool, DriverThatAsksNobody_NextHopDiffers_AndThePermanentEntryIsPutBack)
+{
+    auto peer = serve();
+    const json measured = differing("next_hop", "next hops are not asked for")["measured"];
+    EXPECT_EQ(measured["resolved"], nullptr);
+    EXPECT_EQ(measured["driver_says"], "done");
+    EXPECT_EQ(measured["refusal"], "EADDRNOTAVAIL");
+    EXPECT_NE(lab.run(lab.adapter, "ip neigh show to 10.77.0.2 dev oxel0").find("PERMANENT"), std::string::npos);
+}
+
+TEST_F(AcceptTool, NewChannelsThatMissDatagrams_TagReuseDiffers)
+{
+    auto peer = serve();
+    lose_of_peer("udp length 72 numgen inc mod 10 == 0");
+    const json measured = differing("tag_reuse")["measured"];
+    EXPECT_EQ(measured["to_old_channels"], 0);
+    EXPECT_LT(measured["to_new_channels"], measured["rounds"].get<int>() * 20);
+}
+
+TEST_F(AcceptTool, ClockAHundredthTooFast_ClockDiffers)
+{
+    auto peer = serve();
+    const json rate = differing("clock", "clock too fast")["measured"]["rate"];
+    EXPECT_GT(rate["deviation_ppb"], 9'000'000) << rate;
+    EXPECT_LT(rate["deviation_ppb"], 11'000'000) << rate;
+}
+
+TEST_F(AcceptTool, AnswersThatGetLost_StoreToWireDiffers)
+{
+    auto peer = serve();
+    lose_of_peer("udp sport 7701 numgen inc mod 900 == 0");
+    const json measured = differing("store_to_wire")["measured"];
+    EXPECT_EQ(measured["64"]["completed"], 1000);
+    EXPECT_GE(measured["64"]["lost"], 1);
+}
+
+TEST_F(AcceptTool, RingThatHasGaps_FullRingDiffers)
+{
+    auto peer = serve();
+    lose_of_peer("udp length 72 numgen inc mod 10 == 0");
+    EXPECT_GT(differing("full_ring")["measured"]["not_the_oldest"], 0);
 }
 
 // ------------------------------------------------------------------ what goes wrong on the way
