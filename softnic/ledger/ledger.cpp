@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <unistd.h>
 
 namespace softnic {
 
@@ -12,6 +13,8 @@ bool copy_ledger(const void *page, LedgerPage *copy)
     if (magic.load(std::memory_order_acquire) != kLedgerMagic)
         return false;
     for (int attempt = 0; attempt < 1000; attempt++) {
+        if (attempt > 100)
+            ::usleep(100); // the writer was interrupted amid a change
         const uint64_t before = sequence.load(std::memory_order_acquire);
         if (before % 2 != 0)
             continue;

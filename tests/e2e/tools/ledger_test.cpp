@@ -117,10 +117,13 @@ protected:
         for (unsigned i = 0; i < kSent; i++)
             peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
         for (int attempt = 0; attempt < 400; attempt++) {
-            *board = parse(run({"ruk-info", "--stats", "--json"})->out()).at("ledgers").at(0);
-            if (n(board->at("endpoints").at(0), "steered") + n(board->at("port"), "rx_dropped") >= kSent &&
-                n(board->at("endpoints").at(0), "pending") == 0)
-                break;
+            const json info = parse(run({"ruk-info", "--stats", "--json"})->out());
+            if (!info.at("ledgers").empty() && !info["ledgers"][0].at("endpoints").empty()) {
+                *board = info["ledgers"][0];
+                if (n(board->at("endpoints").at(0), "steered") + n(board->at("port"), "rx_dropped") >= kSent &&
+                    n(board->at("endpoints").at(0), "pending") == 0)
+                    break;
+            }
             usleep(20000);
         }
         expect_sums(*board);
@@ -223,10 +226,10 @@ TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
 {
     KernelSocket peer(lab, lab.peer, 40000);
     auto program = receiver({"-p", "5000", "--json", "--stats"});
-    for (int i = 0; i < 7; i++)
-        peer.send("abc", "10.77.0.1", 5000);
     for (int i = 0; i < 3; i++)
         put_frame(0x88b5, "for nobody"); // an experimental EtherType
+    for (int i = 0; i < 7; i++)
+        peer.send("abc", "10.77.0.1", 5000);
     const json board = board_with(7);
     expect_sums(board);
     expect_schema("ruk-info-stats", json{{"ledgers", {board}}}.dump());
@@ -376,7 +379,9 @@ TEST_F(Ledger, FramesThatTheLibraryRefuses_EachHasItsPlaceInTheSum)
     program->signal(SIGINT);
     const json end = end_of(*program);
     EXPECT_GE(n(end["account"]["parts"], "dropped_badproto"), 6u) << end;
-    EXPECT_EQ(n(end["account"]["parts"], "received") + n(end["account"]["parts"], "dropped_badproto"),
+    // Others may multicast as well.
+    EXPECT_EQ(n(end["account"]["parts"], "received") + n(end["account"]["parts"], "dropped_badproto") +
+                  n(end["account"]["parts"], "waiting"),
               n(end["account"], "in_ring"))
         << end;
 }
