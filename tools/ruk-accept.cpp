@@ -28,7 +28,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
-#include <tuple>
 #include <unistd.h>
 
 using namespace tools;
@@ -638,12 +637,14 @@ private:
             return ordered_json{{"arrived", its}, {"on_the_other_vlan", seen.size() - its}};
         };
         const std::string here_address = addr_text({own->tov_ifa_ipaddr}), there_address = addr_text(other_address);
-        for (const auto &[channel, name, address, first] :
-             {std::tuple(&here, own->tov_ifa_name, &here_address, 700u),
-              std::tuple(&there, other->tov_ifa_name, &there_address, 720u)})
-            p.measured[name] = {{"vlan", ntohs(tov_get_vlan_tag(name)) & 0xfff},
-                                {"unicast", look(*channel, first, {*address, *address})},
-                                {"group", look(*channel, first + 10, {group_address, *address})}};
+        const auto look_at = [&](const Channel &channel, const char *name, const std::string &address, uint32_t first) {
+            return ordered_json{{"interface", name},
+                                {"vlan", ntohs(tov_get_vlan_tag(name)) & 0xfff},
+                                {"unicast", look(channel, first, {address, address})},
+                                {"group", look(channel, first + 10, {group_address, address})}};
+        };
+        p.measured["own"] = look_at(here, own->tov_ifa_name, here_address, 700);
+        p.measured["other"] = look_at(there, other->tov_ifa_name, there_address, 720);
     }
 
     /* The kernel's entry for the next hop, or none. */

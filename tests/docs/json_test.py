@@ -56,8 +56,8 @@ def acceptance():
         "group": {"before": 0, "joined": 1, "other_port": 0, "left": 0, "joined_again": 1},
         "source_group": {"of_the_source": 1, "left": 0, "of_another_source": 0, "kept_away_by_the_library": 1},
         "broadcast": {when: {"to_all": 1, "to_the_subnet": 1} for when in ("asked_for", "not_asked_for")},
-        "vlan": {name: {"vlan": 5, **{to: {"arrived": 1, "on_the_other_vlan": 0} for to in ("unicast", "group")}}
-                 for name in ("oxel0", "oxel0.5")},
+        "vlan": {which: {"interface": "oxel0", "vlan": 5, **{to: {"arrived": 1, "on_the_other_vlan": 0} for to in ("unicast", "group")}}
+                 for which in ("own", "other")},
         "next_hop": {"next_hop": "10.77.0.2", "mac": "02:00:00:00:00:02", "resolved": "02:00:00:00:00:02",
                      "resolved_after_ns": 1, "attempts": 1, "echoed": True, "driver_says": "ENOTTY"},
         "tag_reuse": {"rounds": 1, "to_new_channels": 1, "to_old_channels": 0},

@@ -259,8 +259,9 @@ TEST_F(AcceptTool, VlanOnBothHosts_IsProbedAndAsExpected)
     expect_schema("ruk-accept", run->out());
     const json entry = entry_of(parse(run->out()), "vlan"), all = {{"arrived", 10}, {"on_the_other_vlan", 0}};
     EXPECT_EQ(entry["result"], "as expected");
-    EXPECT_EQ(entry["measured"], json({{"oxel0", {{"vlan", 0}, {"unicast", all}, {"group", all}}},
-                                       {"oxel0.5", {{"vlan", 5}, {"unicast", all}, {"group", all}}}}));
+    const json own = {{"interface", "oxel0"}, {"vlan", 0}, {"unicast", all}, {"group", all}};
+    const json other = {{"interface", "oxel0.5"}, {"vlan", 5}, {"unicast", all}, {"group", all}};
+    EXPECT_EQ(entry["measured"], json({{"own", own}, {"other", other}}));
 }
 
 TEST_F(AcceptTool, VlanOfTheAdapterAlone_IsNotProbed)
@@ -364,8 +365,8 @@ TEST_F(AcceptTool, VlansThatAreNotToldApart_VlanDiffers)
     auto peer = lab.start(lab.peer, {bin("ruk-accept"), "peer"});
     ASSERT_TRUE(peer->wait_for_err("serving")) << *peer;
     const json measured = differing("vlan", "VLANs are not told apart")["measured"];
-    EXPECT_EQ(measured["oxel0"]["unicast"]["arrived"], 10);
-    EXPECT_EQ(measured["oxel0.5"]["unicast"]["arrived"], 0);
+    EXPECT_EQ(measured["own"]["unicast"]["arrived"], 10);
+    EXPECT_EQ(measured["other"]["unicast"]["arrived"], 0);
 }
 
 TEST_F(AcceptTool, DriverThatAsksNobody_NextHopDiffers_AndThePermanentEntryIsPutBack)
