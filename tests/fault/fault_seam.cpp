@@ -1,12 +1,16 @@
 #include "fault_seam.h"
 #include "nuv_types.h"
 
+#include <algorithm>
+#include <cstring>
 #include <errno.h>
+#include <iterator>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace fault {
 
@@ -75,6 +79,7 @@ const std::vector<int> &errors_of(const Call &call)
     static const std::map<std::string, std::vector<int>> by_kind = {
         {"open", {EMFILE, ENOENT, EACCES, EPERM, ENODEV, ENXIO, ENOMEM, EBUSY}},
         {"fopen", {EMFILE, ENOENT, EACCES, ENOMEM}},
+        {"read", {EIO, EINTR, ENOMEM}},
         {"close", {EIO, EINTR}},
         {"mmap", {ENOMEM, EAGAIN, EPERM, EINVAL}},
         {"munmap", {ENOMEM}},
@@ -88,7 +93,14 @@ const std::vector<int> &errors_of(const Call &call)
         {"sendto", {ENETUNREACH, EHOSTUNREACH, ENOBUFS, EPERM, EAGAIN}},
         {"select", {EINTR, EBADF, ENOMEM}},
     };
-    static const std::vector<int> device = {EIO, EINVAL, EBUSY, ENODEV, ENOMEM, ENOTTY, EPERM, EAGAIN};
+    static const std::vector<int> device = {EIO,    EINVAL, EBUSY, ENODEV, ENOMEM, ENOTTY, EPERM,
+                                            EAGAIN, EINTR,  ENXIO, ENOSPC, ENOENT, EFAULT};
+    static const std::vector<int> waiting = [] { /* a signal is what ends it */
+                                                 std::vector<int> errors = {EINTR};
+                                                 std::copy_if(device.begin(), device.end(), std::back_inserter(errors),
+                                                              [](int e) { return e != EINTR; });
+                                                 return errors;
+    }();
     static const std::vector<int> host = {ENODEV, EINVAL, ENXIO, ENOMEM, EPERM};
     static const std::vector<int> membership = {ENOBUFS, ENODEV, EADDRINUSE, ENOMEM};
     static const std::vector<int> no_member = {EADDRNOTAVAIL, ENODEV};
@@ -98,6 +110,8 @@ const std::vector<int> &errors_of(const Call &call)
         return it->second;
     if (starts(call.label, "ioctl SIOC"))
         return host;
+    if (call.label == "ioctl WAIT_SEND_COMPLETION" || call.label == "ioctl RAW_NEXT_EVENT")
+        return waiting;
     if (starts(call.label, "ioctl"))
         return device;
     if (starts(call.label, "setsockopt IP_DROP"))
@@ -143,6 +157,7 @@ bool Seam::fails(const std::string &label, const std::string &kind)
         if (!same)
             error = errors_of(calls_.back()).front();
     }
+    calls_.back().failed = true;
     failed_++;
     errno = error;
     return true;
@@ -176,6 +191,7 @@ void Seam::take_libc()
     };
     /* The number is free again whatever close() says, and unmapped is what was to be. */
     hooks.close = [this](int fd) {
+        note_closed(fd);
         return call(
             "close", "close", -1, [&] { return below_.close ? below_.close(fd) : real::close(fd); }, true);
     };
@@ -196,12 +212,16 @@ void Seam::take_libc()
         return at;
     };
     hooks.fopen = [this](const char *path, const char *mode) {
-        return call(std::string("fopen ") + path, "fopen", static_cast<FILE *>(nullptr),
-                    [&] { return below_.fopen ? below_.fopen(path, mode) : real::fopen(path, mode); });
+        FILE *file = call(std::string("fopen ") + path, "fopen", static_cast<FILE *>(nullptr),
+                          [&] { return below_.fopen ? below_.fopen(path, mode) : real::fopen(path, mode); });
+        return file && watching() ? stream(file, path) : file;
     };
     hooks.ioctl = [this](int fd, unsigned long request, void *arg) {
-        return call(ioctl_label(request), ioctl_label(request), -1,
-                    [&] { return below_.ioctl ? below_.ioctl(fd, request, arg) : real::ioctl(fd, request, arg); });
+        const int result = call(ioctl_label(request), ioctl_label(request), -1, [&] {
+            return below_.ioctl ? below_.ioctl(fd, request, arg) : real::ioctl(fd, request, arg);
+        });
+        note_filter(fd, request, arg, result);
+        return result;
     };
     hooks.getifaddrs = [this](struct ifaddrs **list) {
         return call("getifaddrs", "getifaddrs", -1,
@@ -229,6 +249,7 @@ void Seam::take_table()
                     [&] { return table_.next_sendto(fd, buf, n, flags, to, len); });
     };
     table_.close = [this](int fd) {
+        note_closed(fd);
         return call(
             "close", "close", -1, [&] { return table_.next_close(fd); }, true);
     };
@@ -246,9 +267,69 @@ void Seam::take_table()
         return call("select", "select", -1, [&] { return table_.next_select(n, r, w, e, t); });
     };
     table_.ioctl = [this](int fd, unsigned long request, void *arg) {
-        return call(ioctl_label(request), ioctl_label(request), -1,
-                    [&] { return table_.next_ioctl(fd, request, arg); });
+        const int result =
+            call(ioctl_label(request), ioctl_label(request), -1, [&] { return table_.next_ioctl(fd, request, arg); });
+        note_filter(fd, request, arg, result);
+        return result;
     };
+}
+
+/* ------------------------------------------------------------------ filters */
+
+void Seam::note_filter(int fd, unsigned long request, const void *arg, int result)
+{
+    if (!watching() || request != OXEL_RX_FILTER)
+        return;
+    oxel_rx_filter_t filter;
+    memcpy(&filter, arg, sizeof filter);
+    const bool remove = filter.remove != 0;
+    filter.remove = filter.kernel = 0; /* no part of what it is */
+    const std::pair<int, std::string> it = {fd, {reinterpret_cast<const char *>(&filter), sizeof filter}};
+    if (result != 0) {
+        if (remove && filters_.contains(it))
+            kept_.insert(it);
+        return;
+    }
+    kept_.erase(it);
+    if (remove)
+        filters_.erase(it);
+    else
+        filters_.insert(it);
+}
+
+/* Its filters go with a device file. */
+void Seam::note_closed(int fd)
+{
+    if (!watching())
+        return;
+    for (auto *filters : {&filters_, &kept_})
+        std::erase_if(*filters, [fd](const auto &filter) { return filter.first == fd; });
+}
+
+/* ------------------------------------------------------------------ what is read of a file */
+
+/* A stream over another, each of whose reads, and whose end, is a call of the library's. */
+FILE *Seam::stream(FILE *file, const std::string &path)
+{
+    struct Cookie {
+        Seam *seam;
+        FILE *file;
+        std::string path;
+    };
+    cookie_io_functions_t functions = {};
+    functions.read = [](void *cookie, char *to, size_t n) -> ssize_t {
+        auto *c = static_cast<Cookie *>(cookie);
+        return c->seam->call("read " + c->path, "read", static_cast<ssize_t>(-1),
+                             [&] { return ::read(fileno(c->file), to, n); });
+    };
+    functions.close = [](void *cookie) {
+        auto *c = static_cast<Cookie *>(cookie);
+        const int rc = c->seam->call(
+            "close", "close", -1, [&] { return fclose(c->file); }, true);
+        delete c;
+        return rc;
+    };
+    return fopencookie(new Cookie{this, file, path}, "r", functions);
 }
 
 /* ------------------------------------------------------------------ memory */

@@ -18,11 +18,12 @@
 
 namespace fault {
 
-/* A call: what was asked ("open /dev/oxelB0", "ioctl SET_ENDPT", "malloc"), and the function that all of its kind are.
+/* A call: what was asked ("open /dev/oxelB0", "ioctl SET_ENDPT", "memory"), and the function that all of its kind are.
  */
 struct Call {
     std::string label;
     std::string kind;
+    bool failed = false;
 };
 
 /* errno values that such a call can fail with on a real host, the likeliest first. */
@@ -56,6 +57,8 @@ public:
     /* What the library holds. */
     const std::map<void *, size_t> &blocks() const { return blocks_; }
     const std::map<void *, size_t> &mappings() const { return mappings_; }
+    size_t filters() const { return filters_.size(); }   /* in the adapter, of all device files */
+    size_t filters_kept() const { return kept_.size(); } /* of those, the ones whose removal was refused */
 
 private:
     struct Scope {
@@ -70,6 +73,9 @@ private:
     R call(const std::string &label, const std::string &kind, R refusal, F &&real, bool done_all_the_same = false);
     void take_libc();
     void take_table();
+    void note_filter(int fd, unsigned long request, const void *arg, int result);
+    void note_closed(int fd);
+    FILE *stream(FILE *file, const std::string &path);
 
     bool refuses() override;
     void taken(void *block, size_t size) override;
@@ -85,6 +91,7 @@ private:
     unsigned failed_ = 0;
     std::vector<Call> calls_;
     std::map<void *, size_t> blocks_, mappings_;
+    std::set<std::pair<int, std::string>> filters_, kept_; /* device file, and the filter as the driver has it */
 };
 
 } // namespace fault

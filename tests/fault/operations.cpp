@@ -1,4 +1,5 @@
 #include "operations.h"
+#include "ruk.hpp"
 #include "ruk_core.h"
 #include "tov.h"
 
@@ -18,6 +19,8 @@ std::string to_string(const Outcome &outcome)
                                 : "result " + std::to_string(outcome.code);
     }
 }
+
+std::string memory_of(size_t bytes) { return "memory of " + std::to_string(bytes) + " bytes"; }
 
 Outcome its_error(int error) { return {Outcome::returns, error}; }
 Outcome ignored(int) { return {Outcome::returns, 0}; }
@@ -50,6 +53,9 @@ Outcome taken_or_error(int error) { return its_error(error == EBUSY ? 0 : error)
 
 /* A driver that does not know the command: a datagram does the same. */
 Outcome unknown_or_error(int error) { return its_error(error == ENOTTY ? 0 : error); }
+
+/* Nobody there: to those who do not wait, one to try again. */
+Outcome unknown_nobody_or_error(int error) { return error == ENXIO ? its_error(EAGAIN) : unknown_or_error(error); }
 
 /* An enumeration that found nobody there is tried again. */
 Outcome nobody_or_error(int error) { return its_error(error == ENXIO ? 0 : error); }
@@ -89,10 +95,32 @@ Answers sending_socket(unsigned nth) { return {{"socket", nth, always<EBADF>}}; 
 
 const Answers enabling = {{"mmap", 0, always<EINVAL>}};
 
-/* A missing route file is an empty one. */
-const Answers routes = {
-    {"fopen /proc/net/route", 1, ignored},
+/* Closing an endpoint with one group: its filter is the first to go, and must; the channel's own may stay. */
+const Answers closing = {
+    {"setsockopt IP_DROP_MEMBERSHIP", 1, ignored},
+    {"ioctl RX_FILTER", 1, abort_},
+    {"ioctl RX_FILTER", 2, ignored},
+    {"munmap", 0, ignored},
+    {"close", 0, ignored},
 };
+
+/* A missing route file is an empty one, and one that cannot be read on ends there: the first read is for all of it. */
+Answers routes_but_for(const Difference &less)
+{
+    return {{"fopen /proc/net/route", 1, ignored, nullptr, less},
+            {"read /proc/net/route", 1, ignored, nullptr, less},
+            {"read /proc/net/route", 2, ignored}};
+}
+const Answers routes = routes_but_for({});
+
+/* More than there is room for: the room grows, twice, unless they cannot be read. */
+void with_many_routes(World &w)
+{
+    for (int i = 0; i < 40; i++)
+        w.route();
+}
+constexpr size_t room_bytes = RUK_ROUTES_STEP * sizeof(struct rep_rtentry);
+const Answers many_routes = routes_but_for({{memory_of(3 * room_bytes), -1}, {memory_of(room_bytes), 1}});
 
 int open_endpoint(World &w, int flags)
 {
@@ -149,6 +177,14 @@ void with_stranger(World &w)
 void with_handle(World &w)
 {
     with_neighbour(w);
+    w.connect();
+}
+
+void with_group_and_handle(World &w)
+{
+    w.route();
+    w.know_neighbour();
+    with_group(w);
     w.connect();
 }
 
@@ -280,17 +316,28 @@ void add_initialisation(List &list)
 void add_opening(List &list)
 {
     /* Which of its kind: 1 for the list of adapters, 2 for the claim. */
-    const Answers opening = listing + claiming(2) + enabling + routes +
-                            Answers{
-                                {"socket", 1, always<ENODEV>}, /* the interface's hardware address */
-                                {"ioctl SIOCGIFHWADDR", 1, always<ENODEV>},
-                            } +
-                            sending_socket(2);
+    const Answers before_routes = listing + claiming(2) + enabling +
+                                  Answers{
+                                      {"socket", 1, always<ENODEV>}, /* the interface's hardware address */
+                                      {"ioctl SIOCGIFHWADDR", 1, always<ENODEV>},
+                                  } +
+                                  sending_socket(2);
+    const Answers opening = before_routes + routes;
     /* The error of the last endpoint that was tried: one is taken, the next cannot be opened. */
     const size_t first = list.size();
     list.push_back({"ruk_open", [](World &w) { return open_endpoint(w, 0); }, {}, close_endpoint, opening});
     list.push_back({"ruk_open, thread-safe, dated",
                     [](World &w) { return open_endpoint(w, RUK_OPEN_THREAD_SAFE | RUK_OPEN_HW_TIMESTAMPING); },
+                    {},
+                    close_endpoint,
+                    opening});
+    list.push_back({"ruk_open, verbose",
+                    [](World &w) {
+                        __ruk_verbose = 1;
+                        const int rc = open_endpoint(w, 0);
+                        __ruk_verbose = 0;
+                        return rc;
+                    },
                     {},
                     close_endpoint,
                     opening});
@@ -327,11 +374,7 @@ void add_opening(List &list)
                         }
                         return rc;
                     },
-                    [](World &w) {
-                        for (int i = 0; i < 40; i++)
-                            w.route();
-                    },
-                    close_endpoint, opening});
+                    with_many_routes, close_endpoint, before_routes + many_routes});
     list.back().also = {0}; /* routes that cannot be read need no room */
     list.push_back({"ruk_open, switch timestamps",
                     [](World &w) {
@@ -340,7 +383,8 @@ void add_opening(List &list)
                     },
                     {},
                     close_endpoint,
-                    opening + Answers{{"ioctl RX_FILTER", 1, ignored}}, /* the timestamps are switched off then */
+                    /* The timestamps are switched off without their filter. */
+                    opening + Answers{{"ioctl RX_FILTER", 1, ignored, nullptr, {{"filter in the adapter", -1}}}},
                     closing_summary});
     /* Failures of the look-up come back negated. */
     const Answers looking_up = {
@@ -405,31 +449,14 @@ void add_attributes(List &list)
     list.push_back(
         {"ruk_device_enable", [](World &w) { return ruk_device_enable(w.dev); }, with_disabled, {}, enabling});
     list.push_back({"ruk_shutdown", [](World &w) { return ruk_shutdown(w.dev, 0); }, with_endpoint});
-    const Answers closing = {
-        {"setsockopt IP_DROP_MEMBERSHIP", 1, ignored},
-        {"munmap", 0, ignored},
-        {"close", 0, ignored},
-    };
     auto close_it = [](World &w) {
         ruk_device_t dev = w.dev;
-        w.dev = nullptr;
-        w.ch = nullptr;
-        w.handle = nullptr;
+        w.forget_endpoint();
         return ruk_close(dev);
     };
     list.push_back({"ruk_close", close_it, with_endpoint, {}, {{"munmap", 0, ignored}, {"close", 0, ignored}}});
     list.push_back({"ruk_close, disabled endpoint", close_it, with_disabled, {}, {{"close", 0, ignored}}});
-    /* The group's filter is the first to go, and must; the channel's own may stay. */
-    list.push_back({"ruk_close, channel, group and handle",
-                    close_it,
-                    [](World &w) {
-                        w.route();
-                        w.know_neighbour();
-                        with_group(w);
-                        w.connect();
-                    },
-                    {},
-                    closing + Answers{{"ioctl RX_FILTER", 1, abort_}, {"ioctl RX_FILTER", 2, ignored}}});
+    list.push_back({"ruk_close, channel, group and handle", close_it, with_group_and_handle, {}, closing});
     list.push_back({"ruk_close, switch timestamps",
                     close_it,
                     [](World &w) {
@@ -437,7 +464,9 @@ void add_attributes(List &list)
                         w.open();
                     },
                     {},
-                    {{"munmap", 0, ignored}, {"close", 0, ignored}, {"memory", 0, ignored}},
+                    {{"munmap", 0, ignored},
+                     {"close", 0, ignored},
+                     {"memory", 0, ignored, nullptr, {{memory_of(summary_bytes), -1}}}},
                     closing_summary});
     list.push_back({"ruk__open_soft",
                     [](World &w) { return ruk__open_soft(w.dev, &w.soft); },
@@ -454,27 +483,46 @@ void add_attributes(List &list)
                     }});
 }
 
+/* A channel whose port others may share, and one that does. */
+void with_willing_channel(World &w)
+{
+    w.open();
+    w.bind(RUK_BIND_REUSE);
+}
+
+int bind_second(World &w)
+{
+    sockaddr_in sin = {};
+    EXPECT_EQ(ruk_getaddress(w.ch, &sin), 0);
+    return ruk_bind(w.dev, RUK_BIND_REUSE, ntohs(sin.sin_port), &w, &w.second);
+}
+
 void add_binding(List &list)
 {
     /* A socket option, or its name, that cannot be had: the call's own result. Without a socket the channel has none.
      */
     const Answers binding = {
-        {"socket", 1, ignored},
+        {"socket", 1, ignored, nullptr, {{"descriptor socket:", -1}}},
         {"getsockname", 1, always<-1>},
     };
     auto bind = [](int flags) { return [flags](World &w) { return ruk_bind(w.dev, flags, 0, &w, &w.ch); }; };
     auto add = [&](const char *name, int flags, const Answers &more, unsigned leaves) {
-        Operation op = {name, bind(flags), with_endpoint, unbind, binding + more, leaves};
-        op.grows_tags = true;
-        list.push_back(op);
+        list.push_back({name, bind(flags), with_endpoint, unbind, binding + more, leaves});
     };
-    add("ruk_bind", 0, {}, refused_filter_entry);
+    add("ruk_bind", 0, {}, refused_filter_entry | tag_block);
     add("ruk_bind, shared port, broadcasts", RUK_BIND_REUSE | RUK_BIND_BROADCAST,
         {{"setsockopt SO_REUSEADDR", 1, always<-1>},
          {"setsockopt SO_REUSEPORT", 1, always<-1>},
          {"setsockopt SO_BROADCAST", 1, always<-1>}},
-        refused_filter_entry);
+        refused_filter_entry | tag_block);
     add("ruk_bind, no unicast", RUK_BIND_NO_UNICAST, {}, nothing);
+    list.push_back(
+        {"ruk_bind, a port that is bound already", bind_second, with_willing_channel,
+         [](World &w) {
+             w.seam.library([&] { EXPECT_EQ(ruk_unbind(w.second), 0); });
+             w.second = nullptr;
+         },
+         binding + Answers{{"setsockopt SO_REUSEADDR", 1, always<-1>}, {"setsockopt SO_REUSEPORT", 1, always<-1>}}});
     Operation by_address = {"ruk_bind_addr",
                             [](World &w) {
                                 in_addr addr = {htonl(HOST)};
@@ -483,16 +531,12 @@ void add_binding(List &list)
                             with_endpoint,
                             unbind,
                             binding,
-                            refused_filter_entry};
-    by_address.grows_tags = true;
+                            refused_filter_entry | tag_block};
     list.push_back(by_address);
     Operation foreign = {"ruk_bind_addr, an address of another host",
                          [](World &w) {
                              in_addr addr = {htonl(PEER)};
-                             const int rc = ruk_bind_addr(w.dev, &addr, 0, 0, nullptr, &w.ch);
-                             EXPECT_EQ(pthread_mutex_trylock(&w.dev->rep_lock), EBUSY);
-                             ruk__ep_unlock(w.dev);
-                             return rc;
+                             return ruk_bind_addr(w.dev, &addr, 0, 0, nullptr, &w.ch);
                          },
                          with_endpoint};
     foreign.leaves = endpoint_lock;
@@ -533,6 +577,14 @@ void add_binding(List &list)
                     },
                     {},
                     {{"ioctl RX_FILTER", 0, ignored}, {"close", 1, ignored}}});
+    list.push_back({"ruk_unbind, another waits for the port",
+                    unbind_it,
+                    [](World &w) {
+                        with_willing_channel(w);
+                        w.seam.library([&] { ASSERT_EQ(bind_second(w), 0); });
+                    },
+                    {},
+                    {{"close", 1, ignored}}});
     list.push_back({"ruk_unbind, group and blocked source",
                     unbind_it,
                     [](World &w) {
@@ -581,12 +633,8 @@ void add_groups(List &list)
         w.open();
         w.bind(RUK_BIND_NO_UNICAST);
     };
-    Operation op = {"ruk_mcast_join", join, without_tags, undo(leave)};
-    op.grows_tags = true;
-    list.push_back(op);
-    op = {"ruk_mcast_join_source", join_source, without_tags, undo(leave_source)};
-    op.grows_tags = true;
-    list.push_back(op);
+    list.push_back({"ruk_mcast_join", join, without_tags, undo(leave), {}, tag_block});
+    list.push_back({"ruk_mcast_join_source", join_source, without_tags, undo(leave_source), {}, tag_block});
     const Answers leaving = {
         {"setsockopt IP_DROP_MEMBERSHIP", 1, ignored},
         {"ioctl RX_FILTER", 1, abort_},
@@ -631,6 +679,25 @@ void add_receiving(List &list)
         empty.run = frame;
         list.push_back(empty);
     }
+    /* The receiver that finds the endpoint closed completes the close. */
+    auto add_last = [&list](const char *name, int (*take)(World &, enum ruk_recvmode)) {
+        Operation op = {name,
+                        [take](World &w) {
+                            w.closes_asleep = true;
+                            const int rc = take(w, RUK_RECV_BLOCK);
+                            if (rc == ENXIO)
+                                w.forget_endpoint();
+                            return rc;
+                        },
+                        with_group_and_handle,
+                        {},
+                        closing};
+        op.success = ENXIO;
+        op.closes = true;
+        list.push_back(op);
+    };
+    add_last("ruk_recvfrom, closed while it sleeps", receive);
+    add_last("ruk_raw_recv, closed while it sleeps", receive_frame);
     list.push_back({"ruk_raw_recv_nb",
                     [](World &w) {
                         size_t len = 0;
@@ -648,18 +715,21 @@ void add_receiving(List &list)
 
 void add_sending(List &list)
 {
-    auto add = [&list](Operation op) {
-        op.leaves = interface_list;
+    auto add = [&list](Operation op, unsigned leaves = nothing) {
+        op.leaves = leaves;
         op.stores_errno = true;
         op.also = {EADDRNOTAVAIL, ENOMEM}; /* ENOMEM: the interfaces could not be listed */
         list.push_back(op);
     };
     add({"ruk_send_connect, neighbour known", [](World &w) { return connect_to_peer(w, 0); }, with_neighbour,
-         disconnect, resolving});
+         disconnect, resolving},
+        interface_list);
     add({"ruk_send_connect, neighbour known, not waiting", [](World &w) { return connect_to_peer(w, RUK_NONBLOCK); },
-         with_neighbour, disconnect, resolving});
+         with_neighbour, disconnect, resolving},
+        interface_list);
     add({"ruk_send_connect, neighbour to be found", [](World &w) { return connect_to_peer(w, 0); }, with_stranger,
-         disconnect, resolving_a_stranger});
+         disconnect, resolving_a_stranger},
+        interface_list);
     /* Two questions and one prompt are all: what fails of these is not made up for. */
     add({"ruk_send_connect, neighbour to be found, not waiting",
          [](World &w) { return connect_to_peer(w, RUK_NONBLOCK); },
@@ -668,16 +738,17 @@ void add_sending(List &list)
          {{"ioctl SIOCGARP", 1, ignored, always<EADDRNOTAVAIL>},
           {"ioctl SIOCGARP", 2, ignored, always<EADDRNOTAVAIL>},
           {"ioctl SIOCGARP", 3, ignored, always<EADDRNOTAVAIL>},
-          {"ioctl ARP_RESOLVE", 1, unknown_or_error},
-          {"getifaddrs", 1, nobody_or_error}}});
+          {"ioctl ARP_RESOLVE", 1, unknown_nobody_or_error},
+          {"getifaddrs", 1, nobody_or_error}}},
+        interface_list);
     auto sendto = [](World &w) { return send_to_peer(w, 0); };
     auto to_group = [](World &w) {
         sockaddr_in sin = peer_address();
         sin.sin_addr = group_address();
         return ruk_sendto(w.ch, &sin, w.buf, 3, 0);
     };
-    add({"ruk_sendto, first to an address", sendto, with_neighbour, {}, resolving});
-    add({"ruk_sendto, neighbour to be found", sendto, with_stranger, {}, resolving_a_stranger});
+    add({"ruk_sendto, first to an address", sendto, with_neighbour, {}, resolving}, interface_list);
+    add({"ruk_sendto, neighbour to be found", sendto, with_stranger, {}, resolving_a_stranger}, interface_list);
     add({"ruk_sendto, first to a group", to_group, with_channel});
     add({"ruk_sendto, again", sendto, [sendto](World &w) {
              with_neighbour(w);
@@ -755,6 +826,7 @@ void add_platform(List &list)
                     {},
                     {{"select", 1, always<-1>}}});
     /* An interface that cannot be asked is none of an adapter's. */
+    const Difference no_list = {{memory_of(sizeof(struct tov_ifaddrs) + TOV_IFNAMSIZ), -1}};
     auto get_list = [](World &w) {
         int n = -1;
         return tov_getifaddrs(&w.list, 1, &n);
@@ -767,7 +839,8 @@ void add_platform(List &list)
                     get_list,
                     {},
                     free_list,
-                    listing + Answers{{"socket", 1, ignored}, {"ioctl SIOCGIFHWADDR", 1, ignored}}});
+                    listing + Answers{{"socket", 1, ignored, nullptr, no_list},
+                                      {"ioctl SIOCGIFHWADDR", 1, ignored, nullptr, no_list}}});
     list.back().also = {0}; /* an empty list needs no memory */
     list.push_back({"tov_freeifaddrs",
                     [](World &w) {
@@ -817,23 +890,156 @@ void add_raw_endpoint(List &list)
                     }});
     list.push_back({"oxel_raw_close_endpoint",
                     [](World &w) {
-                        const tov_handle_t handle = oxel_raw_handle(w.raw);
+                        w.left_handle = oxel_raw_handle(w.raw);
                         const int rc = oxel_raw_close_endpoint(w.raw);
                         w.raw = nullptr;
-                        w.soft = handle; /* open still */
                         return rc;
                     },
                     with_raw,
-                    [](World &w) {
-                        w.seam.library([&] { EXPECT_EQ(tov_close(w.soft), 0); });
-                        w.soft = -1;
-                    },
+                    {},
                     {},
                     raw_handle});
 }
 
+/* The C++ face: what its owners give back when an operation fails is code of its own. */
+
+template <typename F> int code_of(F &&f)
+{
+    try {
+        f();
+    } catch (const std::system_error &e) {
+        return e.code().value();
+    }
+    return 0;
+}
+
+/* The owner of an endpoint that belongs to the world. */
+struct Borrowed : ruk::endpoint {
+    explicit Borrowed(World &w) : ruk::endpoint(w.dev) {}
+    ~Borrowed() { release(); }
+};
+struct BorrowedChannel : ruk::channel {
+    explicit BorrowedChannel(World &w) : ruk::channel(w.ch) {}
+    ~BorrowedChannel() { release(); }
+};
+
+void add_face(List &list)
+{
+    const Answers board = listing + claiming(2) + enabling;
+    const Answers address = {{"socket", 1, always<ENODEV>}, {"ioctl SIOCGIFHWADDR", 1, always<ENODEV>}};
+    const Answers opening = board + address + sending_socket(2);
+    const size_t first = list.size();
+    list.push_back({"ruk::endpoint::open",
+                    [](World &w) {
+                        std::error_code ec;
+                        w.dev = ruk::endpoint::open(in_addr{htonl(HOST)}, ruk::open_flags::thread_safe, ec).release();
+                        return ec.value();
+                    },
+                    {},
+                    close_endpoint,
+                    opening + routes});
+    list.push_back(
+        {"ruk::endpoint::open, throwing",
+         [](World &w) { return code_of([&] { w.dev = ruk::endpoint::open(in_addr{htonl(HOST)}).release(); }); },
+         {},
+         close_endpoint,
+         opening + routes});
+    list.push_back({"ruk::endpoint::open, more routes than there is room for",
+                    [](World &w) {
+                        std::error_code ec;
+                        w.dev = ruk::endpoint::open(in_addr{htonl(HOST)}, 0, ec).release();
+                        return ec.value();
+                    },
+                    with_many_routes, close_endpoint, opening + many_routes});
+    list.back().also = {0};
+    list.push_back({"ruk::endpoint::open, by MAC address",
+                    [](World &w) {
+                        ruk::mac_address mac;
+                        memcpy(mac.data(), w.wire.host.interfaces[0].mac.data(), mac.size());
+                        std::error_code ec;
+                        w.dev = ruk::endpoint::open(mac, in_addr{htonl(HOST)}, 0, ec).release();
+                        return ec.value();
+                    },
+                    {},
+                    close_endpoint,
+                    listing +
+                        Answers{{"open /dev/oxelBp0", 2, ignored, any_board}, {"open /dev/oxelB0", 2, any_board}} +
+                        address + claiming(3) + enabling + routes + sending_socket(2)});
+    list.push_back({"ruk::endpoint::open_if",
+                    [](World &w) {
+                        std::error_code ec;
+                        w.dev = ruk::endpoint::open_if("oxel0", 0, ec).release();
+                        return ec.value();
+                    },
+                    {},
+                    close_endpoint,
+                    board + routes +
+                        Answers{{"socket", 2, always<ENODEV>}, {"ioctl SIOCGIFHWADDR", 1, always<ENODEV>}} +
+                        sending_socket(3)});
+    for (size_t i = first; i < list.size(); i++)
+        list[i].also.push_back(EMFILE);
+
+    /* Where the C call gives the kernel's -1, there is the reason. */
+    const Answers binding = {{"socket", 1, ignored, nullptr, {{"descriptor socket:", -1}}}};
+    list.push_back({"ruk::endpoint::bind",
+                    [](World &w) {
+                        std::error_code ec;
+                        w.ch = Borrowed(w).bind(0, ruk::bind_flags::reuse, &w, ec).release();
+                        return ec.value();
+                    },
+                    with_endpoint, unbind, binding, refused_filter_entry | tag_block});
+    list.push_back({"ruk::endpoint::bind, throwing",
+                    [](World &w) { return code_of([&] { w.ch = Borrowed(w).bind(0).release(); }); }, with_endpoint,
+                    unbind, binding, refused_filter_entry | tag_block});
+    list.push_back({"ruk::channel::join",
+                    [](World &w) {
+                        std::error_code ec;
+                        BorrowedChannel(w).join(group_address(), ec);
+                        return ec.value();
+                    },
+                    with_channel,
+                    [](World &w) { w.seam.library([&] { BorrowedChannel(w).leave(group_address()); }); }});
+    list.push_back(
+        {"ruk::channel::block",
+         [](World &w) {
+             std::error_code ec;
+             BorrowedChannel(w).block(group_address(), in_addr{htonl(PEER)}, ec);
+             return ec.value();
+         },
+         with_group,
+         [](World &w) { w.seam.library([&] { BorrowedChannel(w).unblock(group_address(), in_addr{htonl(PEER)}); }); }});
+    Operation connect = {"ruk::channel::connect",
+                         [](World &w) {
+                             std::error_code ec;
+                             w.handle = BorrowedChannel(w).connect(peer_address(), ec).release();
+                             return ec.value();
+                         },
+                         with_stranger,
+                         disconnect,
+                         resolving_a_stranger,
+                         interface_list};
+    connect.also = {EADDRNOTAVAIL, ENOMEM};
+    list.push_back(connect);
+    connect.name = "ruk::channel::connect, throwing";
+    connect.run = [](World &w) {
+        return code_of([&] { w.handle = BorrowedChannel(w).connect(peer_address()).release(); });
+    };
+    list.push_back(connect);
+    list.push_back({"ruk::interface_list",
+                    [](World &) {
+                        std::error_code ec;
+                        ruk::interface_list interfaces(ec);
+                        return ec.value();
+                    },
+                    {},
+                    {},
+                    listing + Answers{{"socket", 1, ignored}, {"ioctl SIOCGIFHWADDR", 1, ignored}}});
+    list.back().also = {0};
+}
+
 } // namespace
 
+/* Not among them: ruk__assertion_failed(), which never returns and asks the host for no more than its output. */
 const std::vector<Operation> &operations()
 {
     static const List list = [] {
@@ -847,6 +1053,7 @@ const std::vector<Operation> &operations()
         add_sending(l);
         add_platform(l);
         add_raw_endpoint(l);
+        add_face(l);
         return l;
     }();
     return list;

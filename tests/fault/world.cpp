@@ -117,11 +117,14 @@ World::World(const BoardChange &change)
     sockets.select = [](int, fd_set *, fd_set *, fd_set *, struct timeval *) { return 0; };
 }
 
-/* A wait for events brings a datagram, one for time passes at once. */
+/* A wait for events brings a datagram, or the endpoint's close; one for time passes at once. */
 bool World::answer_waits()
 {
     hooks->poll = [this](struct pollfd *fds, nfds_t, int) {
-        arrive();
+        if (closes_asleep)
+            ruk_close(dev);
+        else
+            arrive();
         fds[0].revents = POLLIN;
         return 1;
     };
@@ -209,6 +212,11 @@ void World::close()
             ruk_close(dev);
     });
     soft = -1;
+    forget_endpoint();
+}
+
+void World::forget_endpoint()
+{
     dev = nullptr;
     ch = second = nullptr;
     handle = nullptr;
@@ -217,6 +225,15 @@ void World::close()
 void World::close_raw_handle()
 {
     seam.library([&] { tov_close(oxel_raw_handle(raw)); });
+}
+
+void World::close_left_handle()
+{
+    seam.library([&] {
+        if (left_handle != -1)
+            tov_close(left_handle);
+    });
+    left_handle = -1;
 }
 
 struct sockaddr_in peer_address()

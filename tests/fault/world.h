@@ -46,12 +46,15 @@ struct World {
     ruk_send_t handle = nullptr;
     oxel_raw_endpoint_t raw = nullptr;
     tov_handle_t soft = -1;
+    tov_handle_t left_handle = -1; /* of a raw endpoint that is closed */
     struct tov_ifaddrs *list = nullptr;
     struct ruk_recv_info info = {};
     uint8_t buf[2048] = {};
 
+    int lists_read = 0;            /* of the host's interfaces, by the operation */
     unsigned prompts = 0;          /* datagrams sent to make the kernel resolve a neighbour */
     bool answers_a_prompt = false; /* the neighbour is known from the first of them on */
+    bool closes_asleep = false;    /* who waits for events finds the endpoint closed meanwhile */
     struct timeval clock = {1700000000, 0};
 
     /* Steps of preparation; they must succeed. */
@@ -64,7 +67,9 @@ struct World {
     void fill();             /* sends until there is no room */
     void close();            /* the endpoint, with all that hangs on it */
     void close_raw_handle(); /* what closing a raw endpoint leaves open */
-    void release();          /* all of it */
+    void close_left_handle();
+    void forget_endpoint(); /* which is closed */
+    void release();         /* all of it */
 
 private:
     bool answer_waits();
