@@ -1,7 +1,7 @@
 #!/bin/bash
 # The installed tree serves a stranger: a program is compiled against its headers and its pkg-config file, as C11 and
 # as C++20, linked with the shared and with the static library, and run; the same through the CMake package. So are the
-# software adapter's archive and header, and rukrun gives a program an adapter.
+# software adapter's archive and header.
 #
 #   installed_tree.sh BUILD_DIR CC CXX FLAGS      FLAGS: further compiler flags, for example -m32
 set -euo pipefail
@@ -101,19 +101,4 @@ for program in $(ls "$prefix/bin"); do
     [[ $said == "$program "* ]] || fail "$program --version says: $said"
 done
 
-# rukrun finds the adapter beside itself, and with it there is a board.
-[[ -n $(find "$libdir" -name liboxelsoft.so) ]] || fail "no liboxelsoft.so"
-printf '#include <fcntl.h>\nint main(void) { return open("/dev/oxelB0", O_RDWR) < 0; }\n' >"$tree/opener.c"
-"$cc" "${flags[@]}" -o "$tree/opener" "$tree/opener.c"
-if "$tree/opener"; then
-    fail "there is an adapter without rukrun"
-fi
-own_host=(unshare -n)
-((EUID == 0)) || own_host=(unshare -Urn)
-if "${own_host[@]}" true 2>/dev/null; then
-    "${own_host[@]}" sh -c 'ip link set lo up && "$@"' - "$prefix/bin/rukrun" --soft=lo "$tree/opener" ||
-        fail "rukrun of the installed tree gives no adapter"
-else
-    echo "installed tree: SKIPPED: rukrun with its adapter, since no network namespaces can be had"
-fi
 echo "installed tree: ok"
