@@ -12,10 +12,107 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <fcntl.h>
+#include <map>
+#include <sanitizer/asan_interface.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+extern "C" {
+long __real_syscall(long number, ...);
+int __real_ftruncate(int fd, off_t length);
+}
+
+namespace {
+
+/*
+ * The memory of an endpoint's regions, kept for the next one of their size: making and unmaking it in the kernel
+ * would be most of the time. What lies around a region, and one that nobody has, is poisoned.
+ */
+class RegionMemory {
+public:
+    static constexpr int kDescriptor = 1 << 20; /* between creation and mapping */
+
+    void *take(size_t length)
+    {
+        std::vector<uint8_t *> &free = free_[length];
+        if (free.empty()) {
+            const size_t all = length + 2 * kAround;
+            void *memory = mmap(nullptr, all, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+            FUZZ_REQUIRE(memory != MAP_FAILED);
+            __asan_poison_memory_region(memory, all);
+            free.push_back(static_cast<uint8_t *>(memory) + kAround);
+        }
+        uint8_t *region = free.back();
+        free.pop_back();
+        __asan_unpoison_memory_region(region, length);
+        memset(region, 0, length);
+        taken_[region] = length;
+        return region;
+    }
+    /* False when it is not one of these. */
+    bool give_back(void *address, size_t length)
+    {
+        const auto it = taken_.find(address);
+        if (it == taken_.end())
+            return false;
+        FUZZ_REQUIRE(it->second == length);
+        taken_.erase(it);
+        __asan_poison_memory_region(address, length);
+        free_[length].push_back(static_cast<uint8_t *>(address));
+        return true;
+    }
+    size_t taken() const { return taken_.size(); }
+
+private:
+    static constexpr size_t kAround = 65536;
+    std::map<size_t, std::vector<uint8_t *>> free_;
+    std::map<void *, size_t> taken_;
+};
+
+RegionMemory &region_memory()
+{
+    static RegionMemory memory;
+    return memory;
+}
+
+bool is_region(const char *name)
+{
+    for (const char *region : {"oxel-recvq", "oxel-sendq", "oxel-sram", "oxel-zreq", "oxel-flow"})
+        if (strcmp(name, region) == 0)
+            return true;
+    return false; /* the pages that all endpoints share are made once */
+}
+
+} // namespace
+
+/* How the adapter makes its system calls. As many arguments are taken as any has. */
+extern "C" __attribute__((no_sanitize("address"))) long __wrap_syscall(long number, ...)
+{
+    long a[6];
+    va_list arguments;
+    va_start(arguments, number);
+    for (long &argument : a)
+        argument = va_arg(arguments, long);
+    va_end(arguments);
+    if (number == SYS_memfd_create && is_region(reinterpret_cast<const char *>(a[0])))
+        return RegionMemory::kDescriptor;
+    if (number == SYS_mmap && static_cast<int>(a[4]) == RegionMemory::kDescriptor)
+        return reinterpret_cast<long>(region_memory().take(static_cast<size_t>(a[1])));
+    if (number == SYS_munmap && region_memory().give_back(reinterpret_cast<void *>(a[0]), static_cast<size_t>(a[1])))
+        return 0;
+    if (number == SYS_close && static_cast<int>(a[0]) == RegionMemory::kDescriptor)
+        return 0;
+    return __real_syscall(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+extern "C" int __wrap_ftruncate(int fd, off_t length)
+{
+    return fd == RegionMemory::kDescriptor ? 0 : __real_ftruncate(fd, length);
+}
 
 namespace {
 
@@ -83,8 +180,8 @@ struct Application {
     void command(fuzz::Bytes &in, int fd)
     {
         const unsigned long number = commands[in.u8() % std::size(commands)];
-        const std::vector<uint8_t> given = in.some(40);
-        std::vector<uint8_t> argument(argument_bytes);
+        const auto given = in.stretch(40);
+        alignas(8) std::array<uint8_t, argument_bytes> argument = {};
         std::copy(given.begin(), given.end(), argument.begin());
         if (number == OXEL_RAW_SEND) {
             auto *send = reinterpret_cast<oxel_raw_send_t *>(argument.data());
@@ -135,7 +232,7 @@ struct Application {
         const unsigned region = in.u8() % 5;
         if (length[region] == 0)
             return;
-        const std::vector<uint8_t> bytes = in.some(in.u8());
+        const auto bytes = in.stretch(in.u8());
         size_t offset = in.u16() % length[region];
         if (region == 2)
             offset = in.u8() % 2 != 0 ? NUV_DOORBELL_OFFSET : offset;
@@ -188,7 +285,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         }
         case 8: {
-            const std::vector<uint8_t> frame = in.some(in.u16() % 2000);
+            const auto frame = in.stretch(in.u16() % 2000);
             softnic_inject(app.nic, 0, frame.data(), frame.size());
             break;
         }
@@ -201,6 +298,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
     app.leave();
+    FUZZ_REQUIRE(region_memory().taken() == 0);
     softnic_board_counters_t board;
     softnic_board_counters(app.nic, 0, &board);
     FUZZ_REQUIRE(board.arrived == board.matched + board.unmatched + board.malformed);

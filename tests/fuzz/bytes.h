@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <vector>
 
 namespace fuzz {
@@ -33,14 +34,21 @@ public:
         left_ -= have;
     }
 
-    /* At most n bytes, in memory of just their size. */
-    std::vector<uint8_t> some(size_t n)
+    /* At most n bytes where they lie: for those who copy them. */
+    std::span<const uint8_t> stretch(size_t n)
     {
         n = std::min(n, left_);
-        std::vector<uint8_t> bytes(at_, at_ + n);
+        const std::span<const uint8_t> bytes(at_, n);
         at_ += n;
         left_ -= n;
         return bytes;
+    }
+
+    /* The same in memory of just their size. */
+    std::vector<uint8_t> some(size_t n)
+    {
+        const std::span<const uint8_t> bytes = stretch(n);
+        return {bytes.begin(), bytes.end()};
     }
 
 private:
