@@ -95,6 +95,49 @@ struct Frame {
     const uint8_t *payload() const { return bytes.data() + 42; }
 };
 
+/* Who gets which filter tag. */
+class Tags {
+public:
+    /* The oldest of those kept back when its time has come, else a free one, of a new block if need be. */
+    unsigned take(uint64_t told)
+    {
+        if (!kept_back.empty() && told > kept_back.front().until) {
+            const unsigned tag = kept_back.front().tag;
+            kept_back.pop_front();
+            return tag;
+        }
+        if (free.empty())
+            for (const unsigned block_end = made_ + 128; made_ < block_end; made_++)
+                free.push_back(made_);
+        const unsigned tag = free.front();
+        free.pop_front();
+        return tag;
+    }
+    /* Never in use: no event names it. */
+    void put(unsigned tag) { free.push_back(tag); }
+    /* Kept back until the datagrams that waited, and one more, were told of; without any nothing is kept back. */
+    void release(unsigned tag, uint64_t told, uint64_t waiting)
+    {
+        if (waiting != 0) {
+            kept_back.push_back({tag, told + waiting});
+            return;
+        }
+        free.push_back(tag);
+        for (; !kept_back.empty(); kept_back.pop_front())
+            free.push_back(kept_back.front().tag);
+    }
+
+    struct KeptBack {
+        unsigned tag;
+        uint64_t until;
+    };
+    std::deque<unsigned> free;
+    std::deque<KeptBack> kept_back;
+
+private:
+    unsigned made_ = 0;
+};
+
 struct Channel {
     uint64_t serial = 0;
     ruk_channel_t handle = nullptr;
@@ -118,14 +161,19 @@ struct Host {
     bool dated = false;
     bool late_bytes = false; /* events are shown before they are whole */
     std::vector<Channel> channels;
-    std::deque<Bytes> leaving;           /* payloads accepted by the library, not yet on the wire */
-    std::deque<Frame> wire;              /* on its way to this host */
-    std::deque<Frame> port;              /* injected, not yet taken by the firmware */
-    std::deque<Waiting> ring;            /* in the event ring */
-    uint64_t stale = 0;                  /* datagrams whose filter was gone when their turn came */
-    uint64_t before = 0;                 /* datagrams delivered before it was opened */
-    uint64_t received = 0;               /* datagrams by the application */
-    uint64_t peeks = 0;                  /* that found a datagram */
+    std::deque<Bytes> leaving;   /* payloads accepted by the library, not yet on the wire */
+    std::deque<Frame> wire;      /* on its way to this host */
+    std::deque<Frame> port;      /* injected, not yet taken by the firmware */
+    std::deque<Waiting> ring;    /* in the event ring */
+    uint64_t stale = 0;          /* datagrams whose filter was gone when their turn came */
+    uint64_t before = 0;         /* datagrams delivered before it was opened */
+    uint64_t received = 0;       /* datagrams by the application */
+    uint64_t peeks = 0;          /* that found a datagram, since it was opened */
+    std::deque<uint64_t> events; /* datagrams of each event shown and not consumed */
+    uint64_t consumed = 0;       /* of the first of them */
+    uint64_t shown = 0;          /* datagrams in events shown, ever */
+    Tags tags;
+    std::map<uint64_t, unsigned> tag_of; /* by the serial of the filter that has it */
     size_t descriptors = 0;              /* that its endpoint and channels hold */
     uint64_t last_time = 0;              /* of the last datagram */
     softnic_board_counters_t board = {}; /* expected */
@@ -210,6 +258,7 @@ public:
                 drain(b);
                 check();
                 EXPECT_TRUE(hosts_[b].ring.empty());
+                check_tags(hosts_[b]);
             }
         for (const Host &h : hosts_)
             for (uint64_t n : {h.board.unmatched, h.nic.delivered, h.nic.ring_full, h.nic.send_errors, h.last_time})
@@ -288,14 +337,15 @@ private:
         if (random_.one_in(6))
             return failing_open(b, &addr, flags);
         ASSERT_EQ(ruk_open(&addr, flags, &h.dev), 0);
-        h.received = 0;
+        h.received = h.peeks = 0;
+        h.tags = {};
         h.descriptors = open_descriptors() - descriptors_held();
         ASSERT_GT(h.descriptors, 0u);
         h.dated = (flags & RUK_OPEN_HW_TIMESTAMPING) != 0;
         h.last_time = 0;
         h.stale = 0;
         softnic_endpoint_counters(nic_, b, 0, &h.nic);
-        h.before = h.nic.delivered;
+        h.before = h.shown = h.nic.delivered;
     }
 
     /* An open of which a driver command or an allocation fails leaves nothing behind. */
@@ -330,6 +380,9 @@ private:
         h.dev = nullptr;
         h.channels.clear();
         h.ring.clear();
+        h.events.clear();
+        h.consumed = 0;
+        h.tag_of.clear();
         h.leaving.clear();
         h.descriptors = 0;
         ASSERT_EQ(softnic_claimed(nic_, b), 0u);
@@ -349,6 +402,13 @@ private:
         c.port = ntohs(sin.sin_port);
         ASSERT_EQ(c.port, port);
         c.filters[kAddress[b]] = ++serial_;
+        const ruk__tag_entry *entry;
+        TAILQ_FOREACH(entry, &h.dev->rep_tag_uniq, tage_link)
+        {
+            if (entry->tage_channel == c.handle)
+                break;
+        }
+        give_tag(h, serial_, entry);
         h.channels.push_back(c);
         h.descriptors++; /* the socket that holds the port */
     }
@@ -365,10 +425,16 @@ private:
         if (c == nullptr)
             return;
         wait_for_whole_events(b);
+        std::vector<uint64_t> filters; /* groups as they were joined, then its own address */
+        for (const auto &[address, serial] : c->filters)
+            filters.push_back(serial);
+        std::sort(filters.begin(), filters.end());
+        std::rotate(filters.begin(), filters.begin() + 1, filters.end());
         ASSERT_EQ(ruk_unbind(c->handle), 0);
         hosts_[b].channels.erase(hosts_[b].channels.begin() + (c - hosts_[b].channels.data()));
         hosts_[b].descriptors--;
         mark_given_back(b);
+        release_tags(b, filters);
     }
 
     static uint32_t group(uint32_t n) { return 0xef020300 + n; }
@@ -379,7 +445,7 @@ private:
         const uint32_t g = group(random_.below(4));
         if (c == nullptr || c->filters.count(g) != 0)
             return;
-        join_group(c, g);
+        join_group(b, c, g);
     }
 
     void leave(unsigned b)
@@ -396,27 +462,77 @@ private:
             for (const Channel &other : hosts_[b].channels)
                 used += other.filters.size();
             for (size_t times = 124 - used + random_.below(6); times != 0 && !testing::Test::HasFailure(); times--) {
-                join_group(c, g);
+                join_group(b, c, g);
                 leave_group(b, c, g);
             }
         }
         if (random_.one_in(2))
-            join_group(c, g);
+            join_group(b, c, g);
     }
 
-    void join_group(Channel *c, uint32_t g)
+    void join_group(unsigned b, Channel *c, uint32_t g)
     {
         in_addr addr = {htonl(g)};
         ASSERT_EQ(ruk_mcast_join(c->handle, &addr, nullptr), 0);
         c->filters[g] = ++serial_;
+        const ruk__tag_entry *entry;
+        TAILQ_FOREACH(entry, &c->handle->ch_tag_multiq, tage_link)
+        {
+            if (entry->tage_ip_addr == g)
+                break;
+        }
+        give_tag(hosts_[b], serial_, entry);
     }
 
     void leave_group(unsigned b, Channel *c, uint32_t g)
     {
         in_addr addr = {htonl(g)};
+        const uint64_t filter = c->filters[g];
         ASSERT_EQ(ruk_mcast_leave(c->handle, &addr), 0);
         c->filters.erase(g);
         mark_given_back(b);
+        release_tags(b, {filter});
+    }
+
+    static uint64_t told(const Host &h) { return h.received + h.peeks; }
+
+    /* The tag of a new filter is the one whose turn it is. */
+    void give_tag(Host &h, uint64_t filter, const ruk__tag_entry *entry)
+    {
+        const unsigned tag = h.tags.take(told(h));
+        h.tag_of[filter] = tag;
+        note(tag);
+        ASSERT_NE(entry, nullptr);
+        ASSERT_EQ(entry->tage_nuv_tag, tag);
+    }
+
+    /* To be called when filters of the board were given back, in their order. */
+    void release_tags(unsigned b, const std::vector<uint64_t> &filters)
+    {
+        Host &h = hosts_[b];
+        note_shown(b);
+        uint64_t waiting = 0; /* an event begun counts whole */
+        for (uint64_t datagrams : h.events)
+            waiting += datagrams;
+        for (uint64_t filter : filters) {
+            h.tags.release(h.tag_of.at(filter), told(h), waiting);
+            h.tag_of.erase(filter);
+        }
+    }
+
+    /* All tags are where they should be. */
+    void check_tags(const Host &h)
+    {
+        const ruk__tag_entry *entry;
+        std::vector<unsigned> free, kept_back, expected;
+        TAILQ_FOREACH(entry, &h.dev->rep_tag_filterq, tage_link)
+        free.push_back(entry->tage_nuv_tag & ~RUK_TAG_DELAYED);
+        EXPECT_TRUE(std::equal(free.begin(), free.end(), h.tags.free.begin(), h.tags.free.end()));
+        TAILQ_FOREACH(entry, &h.dev->rep_tag_delayq, tage_link)
+        kept_back.push_back(entry->tage_nuv_tag & ~RUK_TAG_DELAYED);
+        for (const Tags::KeptBack &kept : h.tags.kept_back)
+            expected.push_back(kept.tag);
+        EXPECT_EQ(kept_back, expected);
     }
 
     sockaddr_in destination(unsigned b)
@@ -494,7 +610,7 @@ private:
         while (!h.ring.empty() && owner(h, h.ring.front().filter) == nullptr) {
             if (inherits(h, h.ring.front()))
                 break;
-            h.ring.pop_front(); /* its filter is gone */
+            consume(h); /* its filter is gone */
             skipped = true;
             h.stale++;
             figures_.stale++;
@@ -540,10 +656,35 @@ private:
         for (size_t i = 0; i < kNumbered; i++)
             note(w.frame.payload()[i]);
         if (mode != RUK_RECV_PEEK && mode != RUK_RECV_PEEK_MSG) {
-            h.ring.pop_front();
+            consume(h);
             h.received++;
             figures_.received++;
         }
+    }
+
+    /* The oldest datagram of the ring is consumed, and its event with the last one. */
+    static void consume(Host &h)
+    {
+        h.ring.pop_front();
+        ASSERT_FALSE(h.events.empty());
+        if (++h.consumed == h.events.front()) {
+            h.events.pop_front();
+            h.consumed = 0;
+        }
+    }
+
+    /* To be called when an event may have been shown. */
+    void note_shown(unsigned b)
+    {
+        Host &h = hosts_[b];
+        softnic_endpoint_counters_t now;
+        softnic_endpoint_counters(nic_, b, 0, &now);
+        if (now.events == h.nic.events)
+            return;
+        ASSERT_EQ(now.events, h.nic.events + 1);
+        h.nic.events = now.events;
+        h.events.push_back(now.delivered - h.shown);
+        h.shown = now.delivered;
     }
 
     static uint64_t drops(const Host &h)
@@ -695,6 +836,8 @@ private:
     {
         Host &h = hosts_[b];
         const bool worked = softnic_step(nic_, b) != 0;
+        if (h.dev)
+            note_shown(b);
         softnic_board_counters_t board;
         softnic_board_counters(nic_, b, &board);
         if (board.arrived == h.board.arrived)
@@ -777,6 +920,7 @@ private:
         test_support::StreamCapture diagnostics;
         g_fault = {ENOSPC, 0};
         ASSERT_EQ(ruk_mcast_join(c->handle, &addr, nullptr), ENOSPC);
+        hosts_[b].tags.put(hosts_[b].tags.take(told(hosts_[b])));
         ASSERT_EQ(std::exchange(g_fault.error, 0), 0);
         ASSERT_NE(diagnostics.err().find("FAILED with return value 28"), std::string::npos);
     }
