@@ -246,8 +246,12 @@ Driver *make_live_driver()
     for (unsigned board = 0; board < system->driver->boards(); board++) {
         options.board = board;
         system->firmware.push_back(std::make_unique<Firmware>(system->driver->card(board), options));
-        if (int rc = system->firmware.back()->start())
+        if (int rc = system->firmware.back()->start()) {
+            // Boards that are never served would keep senders waiting for ever: better none.
             complain(std::string("no thread for the firmware: ") + strerror(rc));
+            g_failed = true;
+            return nullptr;
+        }
     }
     g_system = system.release(); // lives as long as the process: its threads may be inside at any time
     return g_system->driver.get();

@@ -22,6 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -304,12 +306,23 @@ void closed_behind(const std::string &how)
     check(descriptors() == before, "descriptors left behind");
 }
 
+// Twice, since a program may try again.
+void no_device()
+{
+    for (int i = 0; i < 2; i++) {
+        say(std::string("init: ") + strerror(ruk_init(RUK_API_VERSION)));
+        check(open("/dev/oxelB0", O_RDWR) < 0, "there is a device");
+        const std::filesystem::directory_iterator threads("/proc/self/task");
+        check(std::distance(begin(threads), end(threads)) == 1, "threads left behind");
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     const std::string scenario = argc > 1 ? argv[1] : "";
-    if (ruk_init(RUK_API_VERSION) != 0)
+    if (scenario != "no-device" && ruk_init(RUK_API_VERSION) != 0)
         return 3;
     const std::map<std::string, void (*)()> scenarios = {
         {"fork", fork_and_reopen},
@@ -317,6 +330,7 @@ int main(int argc, char **argv)
         {"nothing", [] { _exit(0); }},
         {"exec", exec_anew},
         {"boards", two_boards},
+        {"no-device", no_device},
         {"threads", many_threads},
         {"return", [] { leave([] {}); }},
         {"exit", [] { leave([] { exit(0); }); }},

@@ -14,10 +14,19 @@ namespace {
 
 class ShimTest : public ToolTest {
 protected:
-    std::unique_ptr<Program> client(const std::string &scenario, const std::string &interfaces = "oxel0")
+    std::unique_ptr<Program> client(const std::string &scenario, const std::string &interfaces = "oxel0",
+                                    const std::vector<std::string> &environment = {})
     {
-        return lab.start(lab.adapter, {bin("rukrun"), "--soft=" + interfaces, "--",
-                                       RUK_BINARY_DIR "/tests/e2e_shim_client", scenario});
+        return lab.start(
+            lab.adapter,
+            {bin("rukrun"), "--soft=" + interfaces, "--", RUK_BINARY_DIR "/tests/e2e_shim_client", scenario},
+            environment);
+    }
+    void add_second_interface()
+    {
+        lab.run(lab.adapter,
+                "ip link add oxel1 address 02:6f:78:00:00:0b type veth peer name other1"
+                " && ip address add 10.78.0.1/24 dev oxel1 && ip link set oxel1 up && ip link set other1 up");
     }
     static void expect_line(Program &program, const std::string &expected)
     {
@@ -131,8 +140,7 @@ TEST_F(ShimTest, EndsAtOnce_HostIsClean)
 
 TEST_F(ShimTest, TwoBoardsInOneProgram_EachReceivesWhatItsInterfaceDoes)
 {
-    lab.run(lab.adapter, "ip link add oxel1 address 02:6f:78:00:00:0b type veth peer name other1"
-                         " && ip address add 10.78.0.1/24 dev oxel1 && ip link set oxel1 up && ip link set other1 up");
+    add_second_interface();
     auto program = client("boards", "oxel0,oxel1");
     expect_line(*program, "ready");
     test_support::LabHost other = lab.adapter;
@@ -204,5 +212,23 @@ TEST_F(ShimTest, DescriptorClosedBehindItsBack_NumberIsTheProgramsAndTheDeviceOp
         expect_line(*program, "next got to the next one");
         EXPECT_EQ(sender().receive(), "10.77.0.1:5001 last words");
         expect_done(*program);
+    }
+}
+
+// Boards that nobody serves would take what is sent and keep it.
+TEST_F(ShimTest, NoThreadForTheFirmware_ThereIsNoDevice_AndWhyIsSaidOnce)
+{
+    add_second_interface();
+    for (const char *threads : {"0", "1"}) { // of the two that two boards need
+        SCOPED_TRACE(threads);
+        auto program = client("no-device", "oxel0,oxel1",
+                              {"LD_PRELOAD=" RUK_NO_THREADS, std::string("RUK_TEST_THREADS=") + threads});
+        expect_line(*program, "init: No such file or directory");
+        expect_line(*program, "init: No such file or directory");
+        expect_line(*program, "done");
+        EXPECT_TRUE(program->finish()) << *program;
+        EXPECT_TRUE(program->exited_with(0)) << *program;
+        EXPECT_EQ(program->err(), "softnic: no thread for the firmware: Resource temporarily unavailable\n");
+        expect_clean_host();
     }
 }
