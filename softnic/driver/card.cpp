@@ -63,9 +63,9 @@ Card::~Card()
 
 int Card::power_up()
 {
-    if (int rc = window_.create("oxel-window", kPage))
+    if (int rc = window_.create("oxel-window", kPage, true))
         return rc;
-    if (int rc = compcnt_.create("oxel-compcnt", kPage))
+    if (int rc = compcnt_.create("oxel-compcnt", kPage, true))
         return rc;
     publish_clock();
     return 0;

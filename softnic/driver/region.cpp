@@ -14,7 +14,7 @@ void Region::swap(Region &other) noexcept
     std::swap(size_, other.size_);
 }
 
-int Region::create(const char *name, size_t len)
+int Region::create(const char *name, size_t len, bool readonly_views)
 {
     const int fd = static_cast<int>(::syscall(SYS_memfd_create, name, MFD_CLOEXEC));
     if (fd < 0)
@@ -29,17 +29,23 @@ int Region::create(const char *name, size_t len)
         reset();
         data_ = static_cast<uint8_t *>(data);
         size_ = len;
-        char path[32];
-        snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
-        const int reader = sys::open(path, O_RDONLY | O_CLOEXEC);
-        if (reader >= 0) {
-            void *view = sys::mmap(nullptr, len, PROT_READ, MAP_SHARED, reader);
-            readonly_ = view == MAP_FAILED ? nullptr : static_cast<uint8_t *>(view);
-            sys::close(reader);
-        }
+        if (readonly_views)
+            open_readonly(fd);
     }
     sys::close(fd);
     return rc;
+}
+
+void Region::open_readonly(int fd)
+{
+    char path[32];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
+    const int reader = sys::open(path, O_RDONLY | O_CLOEXEC);
+    if (reader < 0)
+        return;
+    void *view = sys::mmap(nullptr, size_, PROT_READ, MAP_SHARED, reader);
+    readonly_ = view == MAP_FAILED ? nullptr : static_cast<uint8_t *>(view);
+    sys::close(reader);
 }
 
 void Region::reset()

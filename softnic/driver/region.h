@@ -20,8 +20,9 @@ public:
         return *this;
     }
 
-    // Zeroed memory of len bytes, a multiple of the page size. 0 or an errno value.
-    int create(const char *name, size_t len);
+    // Zeroed memory of len bytes, a multiple of the page size. 0 or an errno value. Read-only views of it are of
+    // another kind: see view().
+    int create(const char *name, size_t len, bool readonly_views = false);
     void reset();
 
     // Drops the record and leaves the mappings, for a child process that shares them with its parent.
@@ -31,14 +32,15 @@ public:
     size_t size() const { return size_; }
 
     // A view for the application: of len bytes from offset, with prot as for mmap() and at addr when fixed. A view
-    // made read-only cannot be made writable again. MAP_FAILED and errno on failure.
+    // made read-only cannot be made writable again, of memory created for such views. MAP_FAILED and errno on failure.
     void *view(void *addr, bool fixed, size_t offset, size_t len, int prot, bool read_only) const;
 
 private:
     void swap(Region &other) noexcept;
+    void open_readonly(int fd);
 
     uint8_t *data_ = nullptr;     // read and write
-    uint8_t *readonly_ = nullptr; // the origin of read-only views; null where the host cannot give one
+    uint8_t *readonly_ = nullptr; // the origin of read-only views; null without them, or where the host gives none
     size_t size_ = 0;
 };
 
