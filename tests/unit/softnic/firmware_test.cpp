@@ -307,6 +307,40 @@ TEST_F(FirmwareTest, RequestsLostOnTheirWay_InTheLedgerAfterTheCloseAsWell)
     EXPECT_EQ(in_the_ledger(), 7u);
 }
 
+// The way of catching requests counts on the threshold that it gave: others are asked for in vain, with what else is
+// asked for at once all the same.
+TEST(SendSetupOfAnEndpoint, ThresholdFixed_AnotherIsNotTaken_ElsewhereItIs)
+{
+    WakingPort port;
+    unsigned asked = 0;
+    LiveAdapter adapter(port, [&](CardConfig &config) {
+        config.send_setup = [&](const char *) {
+            const bool fixed = asked++ != 1; // the second claim's is not
+            return SendSetup{nullptr, 8192, 64, fixed};
+        };
+    });
+    for (uint32_t threshold : {64u, 512u, 64u}) {
+        Device dev;
+        ASSERT_EQ(dev.claim(0), 0);
+        oxel_ruk_params_t p = {};
+        ASSERT_EQ(command(dev.fd, OXEL_GET_RUK_PARAMS, &p), 0);
+        EXPECT_EQ(p.dmasend_threshold, 64u);
+        p = {512, 65536, 1, 0};
+        ASSERT_EQ(command(dev.fd, OXEL_SET_RUK_PARAMS, &p), 0);
+        ASSERT_EQ(command(dev.fd, OXEL_GET_RUK_PARAMS, &p), 0);
+        EXPECT_EQ(p.dmasend_threshold, threshold);
+        EXPECT_EQ(p.recvq_size, 65536u);
+        EXPECT_EQ(p.recvq_filter_mode, 1u);
+        ASSERT_EQ(dev.enable(), 0);
+        EXPECT_EQ(dev.block.sendq_len, 8192u);
+        p = {0, 0, 0, 0}; // while it runs, too
+        ASSERT_EQ(command(dev.fd, OXEL_SET_RUK_PARAMS, &p), 0);
+        ASSERT_EQ(command(dev.fd, OXEL_GET_RUK_PARAMS, &p), 0);
+        EXPECT_EQ(p.dmasend_threshold, threshold == 512 ? 0u : 64u);
+    }
+    EXPECT_EQ(asked, 3u);
+}
+
 TEST_F(FirmwareTest, WaitWithALimit_EndsWithoutAnError)
 {
     Device dev;

@@ -77,7 +77,7 @@ private:
 // An adapter of one board, attached, with its firmware running.
 class LiveAdapter {
 public:
-    explicit LiveAdapter(Port &port)
+    explicit LiveAdapter(Port &port, const std::function<void(CardConfig &)> &change = {})
     {
         CardConfig config;
         config.readable_grace_ns = 2000;
@@ -87,6 +87,8 @@ public:
             source_ = source.get();
             return source;
         };
+        if (change)
+            change(config);
         std::vector<std::unique_ptr<Card>> cards;
         cards.push_back(std::make_unique<Card>(config, port, runner_));
         card_ = cards.back().get();

@@ -313,6 +313,20 @@ TEST(WaitSend, LimitThatPasses_IsNoErrorAndMovesVirtualTime)
     EXPECT_EQ(command(dev.fd, OXEL_WAIT_SEND_COMPLETION, &timeo), EINVAL);
 }
 
+TEST(WaitSend, EndpointClaimedButNotEnabled_EinvalWithoutWaiting)
+{
+    Nic nic;
+    Device dev;
+    ASSERT_EQ(dev.claim(0), 0);
+    for (int32_t timeo : {-1, 0, 250})
+        EXPECT_EQ(command(dev.fd, OXEL_WAIT_SEND_COMPLETION, &timeo), EINVAL) << timeo;
+    EXPECT_EQ(softnic_now(nic), kStart);
+    ASSERT_EQ(dev.enable(), 0);
+    int32_t timeo = 250;
+    EXPECT_EQ(command(dev.fd, OXEL_WAIT_SEND_COMPLETION, &timeo), 0);
+    EXPECT_EQ(softnic_now(nic), kStart + 250000000u);
+}
+
 TEST(WaitSend, Hook_DecidesWhatHappensWhileItWaits)
 {
     Nic nic(1, [](softnic_board_config_t &c) { c.manual_sends = 1; });
