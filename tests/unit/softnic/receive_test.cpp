@@ -502,7 +502,7 @@ TEST(Receive, TrailerOnTheWire_DatagramReachesIntoIt_DeliveredByItsFilter)
     EXPECT_EQ(dev.recvq[10] << 8 | dev.recvq[11], 5);
 }
 
-TEST(Receive, TrailerOnTheWire_IsNeitherMatchedNorReplaced)
+TEST(Receive, TrailerOnTheWire_BehindAWholeDatagram_IsDeliveredAsItCame)
 {
     Nic nic(1, [](softnic_board_config_t &c) { c.trailer_on_wire = 1; });
     Device dev;
