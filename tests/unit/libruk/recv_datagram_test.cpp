@@ -702,31 +702,42 @@ TEST(DatagramPeek, BadFrameFirst_ItsTimeInTheInfo)
 
 /* ------------------------------------------------------------------ filter modes without channels */
 
-TEST(DatagramAllmulti, AnyIpv4_DeliveredWithoutChannel)
+namespace {
+
+/* The frame, untagged and tagged, is told with its addresses and without a channel; `delivered` are its bytes. */
+template <typename Delivered>
+void expect_without_channel(enum ruk_filter_mode mode, UdpFrame frame, const Delivered &delivered)
 {
-    for (bool tagged : {false, true}) {
+    for (const std::optional<uint16_t> vlan : {std::optional<uint16_t>(), std::optional<uint16_t>(12)}) {
         RigEndpoint rig;
-        rig.ep->rep_recvq_filter_mode = RUK_RECV_FILTER_ALLMULTI;
-        UdpFrame frame;
-        frame.dst = GROUP;
-        frame.payload = pattern(50);
-        if (tagged)
-            frame.vlan = 12;
+        rig.ep->rep_recvq_filter_mode = mode;
+        frame.vlan = vlan;
         rig.ring.put({{frame.bytes(), 0xffff}});
-        Received got = rig.recv();
+        const Received got = rig.recv();
         EXPECT_EQ(got.rc, 0);
         EXPECT_EQ(got.info.chan, nullptr);
         EXPECT_EQ(got.info.chan_context, nullptr);
         EXPECT_EQ(got.info.sin_from.sin_family, AF_INET);
         EXPECT_EQ(got.info.sin_to.sin_family, 0xeeee); /* left as the caller had it */
         EXPECT_EQ(got.info.sin_from.sin_addr.s_addr, htonl(PEER));
-        EXPECT_EQ(got.info.sin_to.sin_addr.s_addr, htonl(GROUP));
+        EXPECT_EQ(got.info.sin_to.sin_addr.s_addr, htonl(frame.dst));
         EXPECT_EQ(got.info.sin_from.sin_port, htons(40000));
         EXPECT_EQ(got.info.sin_to.sin_port, htons(5000));
-        EXPECT_EQ(got.info.msg_len, 50u);
-        EXPECT_EQ(head(got, 50), frame.payload);
+        const Bytes bytes = delivered(frame);
+        EXPECT_EQ(got.info.msg_len, bytes.size());
+        EXPECT_EQ(head(got, bytes.size()), bytes);
         EXPECT_EQ(rig.ep->rep_num_packets, 1u);
     }
+}
+
+} // namespace
+
+TEST(DatagramAllmulti, AnyIpv4_DeliveredWithoutChannel)
+{
+    UdpFrame frame;
+    frame.dst = GROUP;
+    frame.payload = pattern(50);
+    expect_without_channel(RUK_RECV_FILTER_ALLMULTI, frame, [](const UdpFrame &f) { return f.payload; });
 }
 
 TEST(DatagramAllmulti, NotUdp_PortsZeroAndLengthFromWhereUdpHasIt)
@@ -779,25 +790,15 @@ TEST(DatagramRawMode, ArpFrame_WholeFrameWithItsLengthLessTwo)
 
 TEST(DatagramRawMode, Ipv4Frame_WholeFrameWithAddresses)
 {
-    for (bool tagged : {false, true}) {
-        RigEndpoint rig;
-        rig.ep->rep_recvq_filter_mode = RUK_RECV_FILTER_RAW;
-        UdpFrame frame;
-        frame.payload = pattern(100);
-        if (tagged)
-            frame.vlan = 3;
-        Bytes bytes = frame.bytes();
-        rig.ring.put({{bytes, 0xffff}});
-        Received got = rig.recv();
-        EXPECT_EQ(got.rc, 0);
-        EXPECT_EQ(got.info.chan, nullptr);
-        EXPECT_EQ(got.info.sin_from.sin_family, AF_INET);
-        EXPECT_EQ(got.info.sin_to.sin_family, 0xeeee);
-        EXPECT_EQ(got.info.sin_from.sin_addr.s_addr, htonl(PEER));
-        EXPECT_EQ(got.info.sin_to.sin_port, htons(5000));
-        EXPECT_EQ(got.info.msg_len, bytes.size() - 2);
-        EXPECT_EQ(head(got, bytes.size() - 2), Bytes(bytes.begin(), bytes.end() - 2));
-    }
+    UdpFrame frame;
+    frame.dst = HOST;
+    frame.src = PEER;
+    frame.payload = pattern(100);
+    expect_without_channel(RUK_RECV_FILTER_RAW, frame, [](const UdpFrame &f) {
+        Bytes bytes = f.bytes();
+        bytes.resize(bytes.size() - 2);
+        return bytes;
+    });
 }
 
 TEST(DatagramRawMode, Runt_Delivered)

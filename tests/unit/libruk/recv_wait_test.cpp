@@ -43,6 +43,24 @@ int frame(RigEndpoint &rig, enum ruk_recvmode mode)
 
 const Call calls[] = {{"ruk_recvfrom", datagram}, {"ruk_raw_recv", frame}};
 
+/* Both calls in each of the modes, on an endpoint with locks and on one without. */
+template <typename Body> void in_each_way(std::initializer_list<enum ruk_recvmode> modes, const Body &body)
+{
+    for (const Call &call : calls) {
+        for (enum ruk_recvmode mode : modes) {
+            for (bool locks : {false, true}) {
+                SCOPED_TRACE(std::string(call.name) + ", mode " + std::to_string(mode) + (locks ? ", locks" : ""));
+                RigEndpoint::Options options;
+                options.locks = locks;
+                RigEndpoint rig(options);
+                body(rig, call, mode);
+            }
+        }
+    }
+}
+
+const auto modes_that_return_at_once = {RUK_RECV_NONBLOCK, RUK_RECV_PEEK, RUK_RECV_PEEK_MSG};
+
 /* What poll() was asked, and what it answers: one step a call. */
 struct Polls {
     LibcHookGuard hooks;
@@ -182,35 +200,30 @@ TEST(SpinningReceiverThread, DatagramArrives_DeliveredWithTheLockHeldMeanwhile)
 
 TEST(SpinningReceiverThread, Shutdown_Eintr)
 {
-    for (bool locks : {false, true}) {
-        for (const Call &call : calls) {
-            RigEndpoint::Options options;
-            options.locks = locks;
-            RigEndpoint rig(options);
-            int rc = -1;
-            bool started = false;
-            std::thread receiver([&] {
-                __atomic_store_n(&started, true, __ATOMIC_RELEASE);
-                rc = call.receive(rig, RUK_RECV_DEFAULT);
-            });
-            ASSERT_TRUE(wait_until([&] { return __atomic_load_n(&started, __ATOMIC_ACQUIRE); }));
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            /* A request that comes before the call is forgotten by ruk_recvfrom: ask until it is heard. */
-            bool over = false;
-            std::thread asker([&] {
-                while (!__atomic_load_n(&over, __ATOMIC_ACQUIRE)) {
-                    EXPECT_EQ(ruk_shutdown(rig.ep, 0), 0);
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                }
-            });
-            receiver.join();
-            __atomic_store_n(&over, true, __ATOMIC_RELEASE);
-            asker.join();
-            EXPECT_EQ(rc, EINTR) << call.name;
-            EXPECT_EQ(rig.ep->rep_inuse, 0u);
-            EXPECT_TRUE(rig.rx_lock_free());
-        }
-    }
+    in_each_way({RUK_RECV_DEFAULT}, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
+        int rc = -1;
+        bool started = false;
+        std::thread receiver([&] {
+            __atomic_store_n(&started, true, __ATOMIC_RELEASE);
+            rc = call.receive(rig, mode);
+        });
+        ASSERT_TRUE(wait_until([&] { return __atomic_load_n(&started, __ATOMIC_ACQUIRE); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        /* A request that comes before the call is forgotten by ruk_recvfrom: ask until it is heard. */
+        bool over = false;
+        std::thread asker([&] {
+            while (!__atomic_load_n(&over, __ATOMIC_ACQUIRE)) {
+                EXPECT_EQ(ruk_shutdown(rig.ep, 0), 0);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        receiver.join();
+        __atomic_store_n(&over, true, __ATOMIC_RELEASE);
+        asker.join();
+        EXPECT_EQ(rc, EINTR);
+        EXPECT_EQ(rig.ep->rep_inuse, 0u);
+        EXPECT_TRUE(rig.rx_lock_free());
+    });
 }
 
 TEST(SpinningReceiverThread, ShutdownBeforeTheCall_Forgotten)
@@ -407,88 +420,64 @@ TEST(ClosingEndpoint, NeedcloseButDatagramWaiting_Delivered)
 /* A closer that found nobody inside frees the endpoint itself: the receiver only has to go. */
 TEST(ClosingEndpoint, NeedcloseWhileAsleep_EnxioWithNothingConsumedOrClosed)
 {
-    for (const Call &call : calls) {
-        for (bool locks : {false, true}) {
-            for (int ready : {1, -1}) {
-                RigEndpoint::Options options;
-                options.locks = locks;
-                RigEndpoint rig(options);
-                Handle handle(rig);
-                rig.bind(0, HOST, 5000);
-                Polls polls({[&] {
-                    rig.ring.put({{udp_frame("x"), 0}});
-                    rig.ep->rep_state = REP_STATE_NEEDCLOSE;
-                    errno = EBADF;
-                    return ready;
-                }});
-                EXPECT_EQ(call.receive(rig, RUK_RECV_BLOCK), ENXIO) << call.name << ", poll returned " << ready;
-                EXPECT_EQ(polls.asked, 1u);
-                EXPECT_EQ(rig.ep->rep_inuse, 0u);
-                EXPECT_TRUE(rig.rx_lock_free());
-                EXPECT_FALSE(rig.closed());
-                EXPECT_EQ(rig.ep->rep_state, REP_STATE_NEEDCLOSE);
-                EXPECT_EQ(rig.flow32(0), 0u);
-                EXPECT_EQ(rig.ring.at(30), 1) << "the event is still there";
-                EXPECT_EQ(rig.ep->rep_num_packets, 0u);
-            }
-        }
+    for (int ready : {1, -1}) {
+        in_each_way({RUK_RECV_BLOCK}, [ready](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
+            Handle handle(rig);
+            rig.bind(0, HOST, 5000);
+            Polls polls({[&] {
+                rig.ring.put({{udp_frame("x"), 0}});
+                rig.ep->rep_state = REP_STATE_NEEDCLOSE;
+                errno = EBADF;
+                return ready;
+            }});
+            EXPECT_EQ(call.receive(rig, mode), ENXIO) << "poll returned " << ready;
+            EXPECT_EQ(polls.asked, 1u);
+            EXPECT_EQ(rig.ep->rep_inuse, 0u);
+            EXPECT_TRUE(rig.rx_lock_free());
+            EXPECT_FALSE(rig.closed());
+            EXPECT_EQ(rig.ep->rep_state, REP_STATE_NEEDCLOSE);
+            EXPECT_EQ(rig.flow32(0), 0u);
+            EXPECT_EQ(rig.ring.at(30), 1) << "the event is still there";
+            EXPECT_EQ(rig.ep->rep_num_packets, 0u);
+        });
     }
 }
 
 TEST(DeferredClose, QueueEmptyAndOthersInside_EagainAndLeftToThem)
 {
-    for (const Call &call : calls) {
-        for (bool locks : {false, true}) {
-            for (auto mode : {RUK_RECV_NONBLOCK, RUK_RECV_PEEK, RUK_RECV_PEEK_MSG}) {
-                RigEndpoint::Options options;
-                options.locks = locks;
-                RigEndpoint rig(options);
-                rig.ep->rep_inuse = 1;
-                rig.ep->rep_state = REP_STATE_CLOSING;
-                EXPECT_EQ(call.receive(rig, mode), EAGAIN) << call.name << ", mode " << mode;
-                ASSERT_FALSE(rig.closed());
-                EXPECT_EQ(rig.ep->rep_inuse, 1u);
-                EXPECT_EQ(rig.ep->rep_state, REP_STATE_CLOSING);
-                EXPECT_TRUE(rig.rx_lock_free());
-                rig.ep->rep_inuse = 0; /* the other one is gone */
-            }
-        }
-    }
+    in_each_way(modes_that_return_at_once, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
+        rig.ep->rep_inuse = 1;
+        rig.ep->rep_state = REP_STATE_CLOSING;
+        EXPECT_EQ(call.receive(rig, mode), EAGAIN);
+        ASSERT_FALSE(rig.closed());
+        EXPECT_EQ(rig.ep->rep_inuse, 1u);
+        EXPECT_EQ(rig.ep->rep_state, REP_STATE_CLOSING);
+        EXPECT_TRUE(rig.rx_lock_free());
+        rig.ep->rep_inuse = 0; /* the other one is gone */
+    });
 }
 
 TEST(DeferredClose, QueueEmptyAndNobodyElseInside_EagainAndCompleted)
 {
-    for (const Call &call : calls) {
-        for (bool locks : {false, true}) {
-            for (auto mode : {RUK_RECV_NONBLOCK, RUK_RECV_PEEK, RUK_RECV_PEEK_MSG}) {
-                RigEndpoint::Options options;
-                options.locks = locks;
-                RigEndpoint rig(options);
-                rig.ep->rep_state = REP_STATE_CLOSING;
-                EXPECT_EQ(call.receive(rig, mode), EAGAIN) << call.name << ", mode " << mode;
-                EXPECT_EQ(rig.unmapped(), (std::vector<std::string>{"recvq", "sram", "kwindow", "flow"}));
-            }
-        }
-    }
+    in_each_way(modes_that_return_at_once, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
+        rig.ep->rep_state = REP_STATE_CLOSING;
+        EXPECT_EQ(call.receive(rig, mode), EAGAIN);
+        EXPECT_EQ(rig.unmapped(), (std::vector<std::string>{"recvq", "sram", "kwindow", "flow"}));
+    });
 }
 
 /* The shutdown comes between the receiver's entry, which forgets earlier ones, and its first look at the ring. */
 TEST(DeferredClose, ShutdownOfASpinningReceiver_EintrAndCompleted)
 {
     static RigEndpoint *shut_down;
-    for (const Call &call : calls) {
-        for (bool locks : {false, true}) {
-            RigEndpoint::Options options;
-            options.locks = locks;
-            RigEndpoint rig(options);
-            shut_down = &rig;
-            rig.ep->rep_state = REP_STATE_CLOSING;
-            PageTrap trap(rig.ring.base(), [] { ruk_shutdown(shut_down->ep, 0); });
-            EXPECT_EQ(call.receive(rig, RUK_RECV_DEFAULT), EINTR) << call.name;
-            EXPECT_TRUE(trap.sprung());
-            EXPECT_EQ(rig.unmapped(), (std::vector<std::string>{"recvq", "sram", "kwindow", "flow"}));
-        }
-    }
+    in_each_way({RUK_RECV_DEFAULT}, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
+        shut_down = &rig;
+        rig.ep->rep_state = REP_STATE_CLOSING;
+        PageTrap trap(rig.ring.base(), [] { ruk_shutdown(shut_down->ep, 0); });
+        EXPECT_EQ(call.receive(rig, mode), EINTR);
+        EXPECT_TRUE(trap.sprung());
+        EXPECT_EQ(rig.unmapped(), (std::vector<std::string>{"recvq", "sram", "kwindow", "flow"}));
+    });
 }
 
 TEST(DeferredClose, ReceiverAsleep_CloseReturnsAtOnceReceiverCompletesIt)
