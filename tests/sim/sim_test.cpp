@@ -229,6 +229,10 @@ public:
     }
     ~Simulation()
     {
+        /* After a failure an event may be shown and not whole, which a close would wait for. */
+        for (unsigned b = 0; b < 2; b++)
+            while (softnic_step(nic_, b) != 0)
+                continue;
         for (Host &h : hosts_)
             if (h.dev) {
                 EXPECT_EQ(ruk_close(h.dev), 0);
