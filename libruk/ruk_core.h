@@ -6,6 +6,8 @@
 
 #include "ruk__libtypes.h"
 
+#include <stddef.h>
+
 /* ------------------------------------------------------------------ process-wide state */
 
 extern "C" {
@@ -36,6 +38,20 @@ void show_banner(void);
 void show_banner_by_mac(void);
 
 /* ------------------------------------------------------------------ endpoints (ruk_open.cpp) */
+
+/*
+ * State and number of receivers inside, as one word: a receiver that leaves without the receive lock settles with it
+ * who completes a close, since once it is counted out the endpoint may be gone. Closing changes it by exchange alone,
+ * so that what that receiver did comes before.
+ */
+typedef uint64_t ruk__use_word __attribute__((aligned(8), may_alias));
+static_assert(offsetof(struct ruk__ep, rep_state) % 8 == 0);
+static_assert(offsetof(struct ruk__ep, rep_inuse) == offsetof(struct ruk__ep, rep_state) + 4);
+
+static inline ruk__use_word *ruk__use(struct ruk__ep *rep) { return (ruk__use_word *)&rep->rep_state; }
+static inline uint64_t ruk__use_of(uint32_t state, uint32_t inuse) { return state | (uint64_t)inuse << 32; }
+static inline uint32_t ruk__use_state(uint64_t use) { return (uint32_t)use; }
+static inline uint32_t ruk__use_inuse(uint64_t use) { return (uint32_t)(use >> 32); }
 
 int krel_verify_ipsubnet(void);
 int iface_to_interface_addr(const char *ifname, struct in_addr *addr);

@@ -659,21 +659,30 @@ extern "C" int ruk_shutdown(ruk_device_t dev, int how)
     return 0;
 }
 
+/* From here on receivers that find nothing leave. */
+static void begin_close(struct ruk__ep *rep)
+{
+    ruk__use_word *word = ruk__use(rep);
+    uint64_t use = __atomic_load_n(word, __ATOMIC_SEQ_CST), closing;
+    do
+        closing = ruk__use_of(REP_STATE_NEEDCLOSE, ruk__use_inuse(use));
+    while (!__atomic_compare_exchange_n(word, &use, closing, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
+}
+
 /*
- * Whether a receiver inside the endpoint takes the close over. The state is the token: whoever moves it from
- * CLOSING back to NEEDCLOSE closes, this call or the last receiver to leave.
+ * Whether a receiver inside the endpoint takes the close over. The state is the token: the last receiver to leave moves
+ * it from CLOSING back to NEEDCLOSE and closes.
  */
 static bool defer_close(struct ruk__ep *rep)
 {
-    uint32_t *state = (uint32_t *)&rep->rep_state;
-    if (__atomic_load_n(&rep->rep_inuse, __ATOMIC_SEQ_CST) == 0)
-        return false;
-    __atomic_store_n(state, (uint32_t)REP_STATE_CLOSING, __ATOMIC_SEQ_CST);
-    if (__atomic_load_n(&rep->rep_inuse, __ATOMIC_SEQ_CST) != 0)
-        return true;
-    uint32_t closing = REP_STATE_CLOSING; /* the receiver left in between */
-    return !__atomic_compare_exchange_n(state, &closing, (uint32_t)REP_STATE_NEEDCLOSE, false, __ATOMIC_SEQ_CST,
-                                        __ATOMIC_SEQ_CST);
+    ruk__use_word *word = ruk__use(rep);
+    uint64_t use = __atomic_load_n(word, __ATOMIC_SEQ_CST), deferred;
+    do {
+        if (ruk__use_inuse(use) == 0)
+            return false;
+        deferred = ruk__use_of(REP_STATE_CLOSING, ruk__use_inuse(use));
+    } while (!__atomic_compare_exchange_n(word, &use, deferred, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
+    return true;
 }
 
 extern "C" int ruk_close(ruk_device_t dev)
@@ -681,7 +690,7 @@ extern "C" int ruk_close(ruk_device_t dev)
     struct ruk__ep *rep = dev;
     arista_fini(rep);
 
-    __atomic_store_n((uint32_t *)&rep->rep_state, (uint32_t)REP_STATE_NEEDCLOSE, __ATOMIC_SEQ_CST);
+    begin_close(rep);
     ruk__ep_rx_lock(rep);
     if (defer_close(rep)) {
         ruk__ep_rx_unlock(rep);

@@ -487,7 +487,7 @@ extern "C" int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, e
 
 /*
  * rep_inuse is changed under the receive lock, but for the sleeper that a shutdown sends home without it; hence
- * atomic where there are locks. Entering takes the lock; leaving returns the new count and keeps it.
+ * atomic where there are locks. Entering takes the lock; leaving returns the new count and keeps the lock.
  */
 static inline void enter(struct ruk__ep *rep)
 {
@@ -527,7 +527,24 @@ static inline uint32_t state_of(const struct ruk__ep *rep) { return tov_ld32_acq
     return rc;
 }
 
-static inline int finish(struct ruk__ep *rep, int rc, bool locked) { return finish_left(rep, leave(rep), rc, locked); }
+static inline int finish(struct ruk__ep *rep, int rc) { return finish_left(rep, leave(rep), rc, true); }
+
+/* The same without the receive lock. Unless it completes a close, the endpoint may be gone once this one is out. */
+[[gnu::noinline, gnu::cold]] static int finish_unlocked(struct ruk__ep *rep, int rc)
+{
+    ruk__use_word *word = ruk__use(rep);
+    uint64_t use = __atomic_load_n(word, __ATOMIC_SEQ_CST), left;
+    bool close_it;
+    do {
+        left = ruk__use_of(ruk__use_state(use), ruk__use_inuse(use) - 1);
+        close_it = left == ruk__use_of(REP_STATE_CLOSING, 0);
+        if (close_it)
+            left = ruk__use_of(REP_STATE_NEEDCLOSE, 0);
+    } while (!__atomic_compare_exchange_n(word, &use, left, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
+    if (close_it)
+        ruk_close(rep);
+    return rc;
+}
 
 /* What an empty queue means: go on (true), or return *rc (false; the endpoint has been left). */
 [[gnu::noinline]] static bool wait_for_event(struct ruk__ep *rep, enum ruk_recvmode mode, int *rc)
@@ -542,17 +559,17 @@ static inline int finish(struct ruk__ep *rep, int rc, bool locked) { return fini
     case RUK_RECV_DEFAULT:
         if (tov_ld32(&rep->rep_shutdown) != 1)
             return true;
-        *rc = finish(rep, EINTR, true);
+        *rc = finish(rep, EINTR);
         return false;
     case RUK_RECV_NONBLOCK:
     case RUK_RECV_PEEK:
     case RUK_RECV_PEEK_MSG:
-        *rc = finish(rep, EAGAIN, true);
+        *rc = finish(rep, EAGAIN);
         return false;
     case RUK_RECV_BLOCK:
         break;
     default:
-        *rc = finish(rep, EINVAL, true);
+        *rc = finish(rep, EINVAL);
         return false;
     }
 
@@ -561,14 +578,14 @@ static inline int finish(struct ruk__ep *rep, int rc, bool locked) { return fini
     int ready;
     while ((ready = poll(&pfd, 1, 1000)) == 0) {
         if (tov_ld32(&rep->rep_shutdown)) {
-            *rc = finish(rep, EINTR, false);
+            *rc = finish_unlocked(rep, EINTR);
             return false;
         }
     }
     int cause = errno;
     ruk__ep_rx_lock(rep);
     if (state_of(rep) != REP_STATE_OPEN) {
-        *rc = finish(rep, ENXIO, true);
+        *rc = finish(rep, ENXIO);
         return false;
     }
     if (ready < 0) {
@@ -600,10 +617,10 @@ template <typename Handle>
         else
             fate = handle(&p);
         if (__builtin_expect(fate == PACKET_PEEK, 0))
-            return finish(rep, 0, true);
+            return finish(rep, 0);
         consume(evq, &p);
         if (__builtin_expect(fate == PACKET_DONE, 1))
-            return finish(rep, 0, true);
+            return finish(rep, 0);
     }
 }
 
