@@ -17,9 +17,10 @@ int init_done;
 
 void tov_init(void)
 {
-    if (!init_done) {
+    /* Two threads may both come here first: both fill the table, alike. Who finds it filled sees all of it. */
+    if (!__atomic_load_n(&init_done, __ATOMIC_ACQUIRE)) {
         tov_init_fops();
-        init_done = 1;
+        __atomic_store_n(&init_done, 1, __ATOMIC_RELEASE);
     }
 }
 

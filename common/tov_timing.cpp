@@ -12,6 +12,19 @@
 uint64_t cycles_per_second;
 double seconds_per_cycle;
 
+/*
+ * Two threads may find the rate at once; what the last one finds stays. The period is stored before the rate, so that
+ * whoever sees the rate has a period as well.
+ */
+static void set_rate(uint64_t rate)
+{
+    double period = 1.0 / static_cast<double>(rate);
+    __atomic_store(&seconds_per_cycle, &period, __ATOMIC_RELAXED);
+    __atomic_store_n(&cycles_per_second, rate, __ATOMIC_RELEASE);
+}
+
+static uint64_t known_rate(void) { return __atomic_load_n(&cycles_per_second, __ATOMIC_ACQUIRE); }
+
 int cmp_uint64(const void *ap, const void *bp)
 {
     uint64_t a = *static_cast<const uint64_t *>(ap);
@@ -64,22 +77,23 @@ void tov_cycles_counter_init(void)
         qsort(samples, 4, sizeof samples[0], cmp_uint64);
         rate = samples[2];
     }
-    cycles_per_second = rate;
-    seconds_per_cycle = 1.0 / static_cast<double>(rate);
+    set_rate(rate);
 }
 
 tov_cycles_t tov_cycles_per_second(void)
 {
-    if (cycles_per_second == 0)
+    if (known_rate() == 0)
         tov_cycles_counter_init();
-    return cycles_per_second;
+    return known_rate();
 }
 
 double tov_seconds_per_cycle(void)
 {
-    if (cycles_per_second == 0)
+    if (known_rate() == 0)
         tov_cycles_counter_init();
-    return seconds_per_cycle;
+    double period;
+    __atomic_load(&seconds_per_cycle, &period, __ATOMIC_RELAXED);
+    return period;
 }
 
 uint64_t tov_host_nsecs(void)

@@ -70,8 +70,8 @@ extern "C" void arista_init(struct ruk__ep *rep)
 
 #define SUMMARY_BYTES 512
 
-/* Counters are shown by their low 32 bits. */
-static long low32(uint64_t value) { return (long)(int32_t)(uint32_t)value; }
+/* Counters are shown by their low 32 bits. They are read without a lock, while a receiver may be counting. */
+static long low32(const uint64_t *value) { return (long)(int32_t)(uint32_t)tov_ld64(value); }
 
 /* Prints through a format that was itself composed. */
 static void format_again(char *to, const char *format, ...)
@@ -86,7 +86,7 @@ extern "C" void arista_fini(struct ruk__ep *rep)
 {
     const ast_ctl_t *ctl = &rep->arista_control;
     const struct arista_stats *stats = &ctl->arct_stats;
-    if (ctl->arct_status == ARISTA_STATUS_DISABLED)
+    if (__atomic_load_n(&ctl->arct_status, __ATOMIC_RELAXED) == ARISTA_STATUS_DISABLED)
         return;
 
     char *line = (char *)malloc(SUMMARY_BYTES);
@@ -99,9 +99,9 @@ extern "C" void arista_fini(struct ruk__ep *rep)
     snprintf(line, SUMMARY_BYTES,
              "Arista stats: KF [recv %ld, flips %ld, shortages %ld, malformed %ld] "
              "Sw [ptp out of sync. %ld, unsupp. %ld, dropped frm %ld, neg_adj_events %ld]",
-             low32(stats->arst_kfrecv), low32(stats->arst_flips), low32(stats->arst_kfneeded),
-             low32(stats->arst_kfmalformed), low32(stats->arst_ptpoos), low32(stats->arst_unsupported_mode),
-             low32(ctl->arct_lastkf.ak_dropped_frames), low32(stats->arst_neg_adj_event));
+             low32(&stats->arst_kfrecv), low32(&stats->arst_flips), low32(&stats->arst_kfneeded),
+             low32(&stats->arst_kfmalformed), low32(&stats->arst_ptpoos), low32(&stats->arst_unsupported_mode),
+             low32(&ctl->arct_lastkf.ak_dropped_frames), low32(&stats->arst_neg_adj_event));
     format_again(text, line);
     if (__ruk_verbose) {
         fprintf(stderr, "%s\n", text);
@@ -109,6 +109,16 @@ extern "C" void arista_fini(struct ruk__ep *rep)
     }
     free(line); /* the text stays: whoever looks at the process afterwards finds it */
 }
+
+/* ------------------------------------------------------------------ status and counters */
+
+/* The receiver, which has the receive lock, is the only writer; closing looks at them before it asks for that lock. */
+static void set_status(ast_ctl_t *ctl, enum arista_tsp_status status)
+{
+    __atomic_store_n(&ctl->arct_status, status, __ATOMIC_RELAXED);
+}
+
+static void count(uint64_t *counter) { tov_st64(counter, *counter + 1); }
 
 /* ------------------------------------------------------------------ dating frames */
 
@@ -146,7 +156,7 @@ extern "C" uint64_t arista_compute_timestamp(struct ruk__ep *rep, uint32_t stamp
     /* 1. A wrap of the switch's clock. */
     if (stamp < ctl->arct_kf_last_ts && ctl->arct_kf_last_ts > 0xFFFFF000u && stamp <= 0xFFE) {
         ctl->arct_kf_flipped++;
-        ctl->arct_stats.arst_flips++;
+        count(&ctl->arct_stats.arst_flips);
     }
 
     /* 2. Ticks since the keyframe, and nanoseconds a tick. */
@@ -160,7 +170,7 @@ extern "C" uint64_t arista_compute_timestamp(struct ruk__ep *rep, uint32_t stamp
     /* 3. The time, through single precision: coarse when the keyframe is long ago. It never goes back. */
     uint64_t time = float_to_u64((float)((double)ticks * factor)) + kf->ak_utc_time;
     if (time < ctl->arct_last_ts) {
-        ctl->arct_stats.arst_neg_adj_event++;
+        count(&ctl->arct_stats.arst_neg_adj_event);
         time = ctl->arct_last_ts;
     }
     ctl->arct_last_ts = time;
@@ -172,8 +182,8 @@ extern "C" void arista_need_new_keyframe(struct ruk__ep *rep, uint64_t frame_tim
     ast_ctl_t *ctl = &rep->arista_control;
     if (!ctl->arct_kf_check_rate || ctl->arct_kf_flipped != 3 || ctl->arct_status == ARISTA_STATUS_NEED_KEYFRAME)
         return;
-    ctl->arct_stats.arst_kfneeded++;
-    ctl->arct_status = ARISTA_STATUS_NEED_KEYFRAME;
+    count(&ctl->arct_stats.arst_kfneeded);
+    set_status(ctl, ARISTA_STATUS_NEED_KEYFRAME);
     fprintf(stderr, "%lu: Arista switch keyframe shortage beginning %s\n", (unsigned long)(uint32_t)frame_time, "");
 }
 
@@ -222,7 +232,7 @@ static void parse_keyframe(struct ruk__ep *rep, const struct ruk__evpacket *evp)
         kf->ak_skew_denominator = payload.take(8);
     }
     kf->ak_kf_timestamp = payload.take(8);
-    kf->ak_dropped_frames = payload.take(8);
+    tov_st64(&kf->ak_dropped_frames, payload.take(8));
     kf->ak_device_id = (uint16_t)payload.take(2);
     kf->ak_egress_swport = (uint16_t)payload.take(2);
     kf->ak_fcs_type = (uint8_t)payload.take(1);
@@ -240,15 +250,15 @@ static void follow_mode(ast_ctl_t *ctl, kf_changes *changes)
     const enum arista_tsp_status before = ctl->arct_status;
     const bool supported = ctl->arct_lastkf.ak_fcs_type == ARISTA_FCS_TIMESTAMPING_APPENDED;
     if (before == ARISTA_STATUS_NEED_KEYFRAME) {
-        ctl->arct_status = ARISTA_STATUS_ACTIVE;
+        set_status(ctl, ARISTA_STATUS_ACTIVE);
         changes->shortage_ended = true;
     }
     if (!supported && before != ARISTA_STATUS_CHANGEDMODE) {
-        ctl->arct_stats.arst_unsupported_mode++;
-        ctl->arct_status = ARISTA_STATUS_CHANGEDMODE;
+        count(&ctl->arct_stats.arst_unsupported_mode);
+        set_status(ctl, ARISTA_STATUS_CHANGEDMODE);
         changes->disabled = true;
     } else if (supported && before == ARISTA_STATUS_CHANGEDMODE) {
-        ctl->arct_status = ARISTA_STATUS_ACTIVE;
+        set_status(ctl, ARISTA_STATUS_ACTIVE);
         changes->reenabled = true;
     }
 }
@@ -258,7 +268,7 @@ static void follow_ptp(ast_ctl_t *ctl, kf_changes *changes)
     if (ctl->arct_lastkf.ak_last_sync_time != 0) {
         if (ctl->arct_status == ARISTA_STATUS_OUTOFSYNC) {
             ctl->arct_kf_ptp_wait = 0;
-            ctl->arct_status = ARISTA_STATUS_ACTIVE;
+            set_status(ctl, ARISTA_STATUS_ACTIVE);
             changes->resync = true;
         }
         return;
@@ -269,9 +279,9 @@ static void follow_ptp(ast_ctl_t *ctl, kf_changes *changes)
     if (ctl->arct_kf_ptp_wait == 0 || ctl->arct_kf_ptp_wait == UINT64_MAX)
         ctl->arct_kf_ptp_wait = now + ARISTA_PTP_GRACE_NSECS;
     if (ctl->arct_kf_ptp_wait < now) {
-        ctl->arct_stats.arst_ptpoos++;
+        count(&ctl->arct_stats.arst_ptpoos);
         ctl->arct_kf_ptp_wait = 0;
-        ctl->arct_status = ARISTA_STATUS_OUTOFSYNC;
+        set_status(ctl, ARISTA_STATUS_OUTOFSYNC);
         changes->ptp_lost = true;
     }
 }
@@ -296,14 +306,14 @@ extern "C" void arista_get_kf_pkt(struct ruk__ep *rep, struct ruk__evpacket *evp
     ast_ctl_t *ctl = &rep->arista_control;
     const uint32_t expected = ctl->arct_kf_hasskew ? ARISTA_KF_LENGTH_SKEW : ARISTA_KF_LENGTH;
     if (evp->length != expected) {
-        ctl->arct_stats.arst_kfmalformed++;
+        count(&ctl->arct_stats.arst_kfmalformed);
         ctl->arct_stats.arst_kfmalformedlen = evp->length;
         fprintf(stderr, "---: Arista switch sent malformed IP PROTO 253 packet, expected=%lu got=%d.\n",
                 (unsigned long)expected, evp->length);
         return;
     }
     parse_keyframe(rep, evp);
-    ctl->arct_stats.arst_kfrecv++;
+    count(&ctl->arct_stats.arst_kfrecv);
     ctl->arct_kf_flipped = 0;
 
     kf_changes changes = {};
@@ -311,6 +321,6 @@ extern "C" void arista_get_kf_pkt(struct ruk__ep *rep, struct ruk__evpacket *evp
     if (ctl->arct_kf_check_ptp)
         follow_ptp(ctl, &changes);
     if (!changes.any())
-        ctl->arct_status = ARISTA_STATUS_ACTIVE;
+        set_status(ctl, ARISTA_STATUS_ACTIVE);
     report_changes(&changes, ctl->arct_lastkf.ak_utc_time);
 }

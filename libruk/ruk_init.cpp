@@ -46,6 +46,11 @@ void ruk__debug_line(const char *func, const char *fmt, ...)
     fprintf(stderr, "RUK (%s): %s\n", func, message);
 }
 
+/* Process-wide switches have no lock: each is read and written whole, and two threads may do so at once. */
+static int switch_is(const int *which) { return __atomic_load_n(which, __ATOMIC_RELAXED); }
+static void set_switch(int *which, int value) { __atomic_store_n(which, value, __ATOMIC_RELAXED); }
+
+/* Two threads that open at the same moment may both print it. */
 static void show_banner_once(int *once)
 {
     const char *value = getenv("RUK_BANNER");
@@ -54,13 +59,13 @@ static void show_banner_once(int *once)
         char *end;
         long number = strtol(value, &end, 0);
         if (end != value && number == 0) {
-            banner = 0;
+            set_switch(&banner, 0);
             return;
         }
     }
-    if (!banner || ruk__init_ext != 1 || !*once)
+    if (!switch_is(&banner) || switch_is(&ruk__init_ext) != 1 || !switch_is(once))
         return;
-    *once = 0;
+    set_switch(once, 0);
 
     char name[128] = {};
     strncpy(name, __progname, sizeof name - 1);
@@ -133,7 +138,7 @@ int ruk_init(uint16_t api_version)
 
 int ruk__init(uint16_t api_version)
 {
-    ruk__init_ext = 1;
+    set_switch(&ruk__init_ext, 1);
     return ruk_init(api_version);
 }
 
