@@ -12,6 +12,39 @@ using namespace test_support;
 
 namespace {
 
+struct LockUse {
+    pthread_mutex_t *lock;
+    bool taken; /* else released */
+    bool operator==(const LockUse &) const = default;
+};
+thread_local std::vector<LockUse> *lock_uses; /* of this thread, while a test asks for them */
+
+} // namespace
+
+/* The linker gives the calls of linked-in code to these. */
+extern "C" {
+int __real_pthread_mutex_lock(pthread_mutex_t *lock);
+int __real_pthread_mutex_unlock(pthread_mutex_t *lock);
+int __wrap_pthread_mutex_lock(pthread_mutex_t *lock);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t *lock);
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t *lock)
+{
+    if (lock_uses)
+        lock_uses->push_back({lock, true});
+    return __real_pthread_mutex_lock(lock);
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t *lock)
+{
+    if (lock_uses)
+        lock_uses->push_back({lock, false});
+    return __real_pthread_mutex_unlock(lock);
+}
+}
+
+namespace {
+
 /* A call on a thread of its own. */
 class Caller {
 public:
@@ -321,6 +354,34 @@ TEST_F(LifecycleTest, Close_LocksHeldUntilTheEnd)
     EXPECT_EQ(held, (std::vector<int>{EBUSY, EBUSY, EBUSY, EBUSY}));
 }
 
+/* In the reverse order, when all else is done, and none of them twice. */
+TEST_F(LifecycleTest, Close_TakesReceiveLockThenEndpointLock_ReleasesEndpointLockThenReceiveLock)
+{
+    open(RUK_OPEN_THREAD_SAFE);
+    pthread_mutex_t *const receive = &dev->rep_rx_lock, *const endpoint = &dev->rep_lock;
+    std::vector<LockUse> all;
+    size_t before_last_close = 0; /* of the send socket, the last thing given back */
+    auto answer = host.sockets.close;
+    host.sockets.close = [&](int fd) {
+        before_last_close = all.size();
+        return answer(fd);
+    };
+    lock_uses = &all;
+    EXPECT_EQ(ruk_close(dev), 0);
+    lock_uses = nullptr;
+    dev = nullptr;
+    host.sockets.close = answer;
+
+    std::vector<LockUse> ours;
+    for (size_t i = 0; i < all.size(); i++) {
+        if (all[i].lock != receive && all[i].lock != endpoint)
+            continue;
+        EXPECT_EQ(all[i].taken, i < before_last_close) << "held until all is given back";
+        ours.push_back(all[i]);
+    }
+    EXPECT_EQ(ours, (std::vector<LockUse>{{receive, true}, {endpoint, true}, {endpoint, false}, {receive, false}}));
+}
+
 /* The receive lock comes first: a close that waits for it does not keep others from the endpoint. */
 TEST_F(LifecycleTest, Close_ReceiveLockHeldByAnotherThread_WaitsForItWithoutTheEndpointLock)
 {
@@ -345,9 +406,19 @@ TEST_F(LifecycleTest, Close_ReceiverCountedAndEndpointLockHeld_ReturnsAtOnce)
 {
     open(RUK_OPEN_THREAD_SAFE);
     dev->rep_inuse = 1;
-    pthread_mutex_lock(&dev->rep_lock);
+    std::atomic<bool> held = false, enough = false;
+    Caller holder([&] {
+        pthread_mutex_lock(&dev->rep_lock);
+        held = true;
+        while (!enough)
+            usleep(100);
+        pthread_mutex_unlock(&dev->rep_lock);
+    });
+    while (!held)
+        usleep(100);
     EXPECT_EQ(ruk_close(dev), 0);
-    pthread_mutex_unlock(&dev->rep_lock);
+    enough = true;
+    holder.join();
     EXPECT_EQ(dev->rep_state, REP_STATE_CLOSING);
     dev->rep_inuse = 0;
 }
