@@ -1,4 +1,5 @@
 #include "plain_host.h"
+#include "nuv_types.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -64,12 +65,51 @@ int answer_arp(struct arpreq *arp)
     return 0;
 }
 
+void answer_address(struct ifreq *request)
+{
+    struct sockaddr_in sin;
+    set_address(&sin, "127.0.0.1");
+    memcpy(&request->ifr_addr, &sin, sizeof sin);
+}
+
+int list_names(struct ifconf *conf)
+{
+    if (conf->ifc_len < static_cast<int>(sizeof(struct ifreq)))
+        return refuse(EINVAL);
+    conf->ifc_len = sizeof(struct ifreq);
+    *conf->ifc_req = {};
+    memcpy(conf->ifc_req->ifr_name, name_of_it, sizeof name_of_it);
+    answer_address(conf->ifc_req);
+    return 0;
+}
+
+constexpr useconds_t CALIBRATION_USECS = 200000;
+
+thread_local unsigned waits;
+
 } // namespace
+
+unsigned PlainHost::own_waits() { return waits; }
+
+int PlainHost::wait_in_driver(int fd, unsigned long request, void *arg)
+{
+    waits++;
+    waiting_.fetch_add(1, std::memory_order_relaxed);
+    const int rc = test_support::real::ioctl(fd, request, arg);
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
+    return rc;
+}
 
 PlainHost::PlainHost(const uint8_t *mac)
 {
     namespace real = test_support::real;
     memcpy(mac_, mac, sizeof mac_);
+    hooks_->usleep = [](useconds_t usecs) { return usecs == CALIBRATION_USECS ? 0 : real::usleep(usecs); };
+    hooks_->gettimeofday = [](struct timeval *tv) {
+        thread_local time_t now;
+        *tv = {++now, 0};
+        return 0;
+    };
     hooks_->getifaddrs = list_interfaces;
     hooks_->freeifaddrs = [](struct ifaddrs *list) { delete reinterpret_cast<List *>(list); };
     hooks_->fopen = [](const char *path, const char *mode) {
@@ -82,8 +122,15 @@ PlainHost::PlainHost(const uint8_t *mac)
         case SIOCGIFHWADDR:
             memcpy(static_cast<struct ifreq *>(arg)->ifr_hwaddr.sa_data, mac_, sizeof mac_);
             return 0;
+        case SIOCGIFCONF:
+            return list_names(static_cast<struct ifconf *>(arg));
+        case SIOCGIFADDR:
+            answer_address(static_cast<struct ifreq *>(arg));
+            return 0;
         case SIOCGARP:
             return answer_arp(static_cast<struct arpreq *>(arg));
+        case OXEL_WAIT_SEND_COMPLETION:
+            return wait_in_driver(fd, request, arg);
         default:
             return real::ioctl(fd, request, arg);
         }

@@ -5,26 +5,31 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <string.h>
 #include <unistd.h>
 
 namespace threads {
 
-/* Of no channel: what arrives there is dropped and counted. */
-constexpr uint16_t STRAY_PORT = 899, STRAY_TAG = 3967;
+constexpr uint16_t STRAY_TAG = 3967;
+constexpr uint64_t MS = 1000000;
 
-Adapter::Adapter()
+Adapter::Adapter(Switch before) : switch_times("OXEL_ARISTA_ENABLE_TIMESTAMPING", before == Switch::on ? "1" : nullptr)
 {
     softnic_board_config_t config;
     softnic_board_defaults(&config, 0);
     config.one_address = 1;
     config.endpoints = 4;
     config.recvq_size = 65536;
+    config.sreqs_count = REQUESTS;
     config.manual_sends = 1; /* requests are posted over here, faster than a firmware that looks for them can read */
     nic = softnic_create(&config, 1, 1700000000000000000);
     EXPECT_EQ(softnic_attach(nic), 0);
-    host = std::make_unique<PlainHost>(config.mac);
+    softnic_set_blocking_waits(nic, 1);
+    if (before == Switch::on)
+        EXPECT_EQ(softnic_set_switch(nic, 0, "interval=1"), 0);
+    memcpy(mac, config.mac, sizeof mac);
+    host = std::make_unique<PlainHost>(mac);
     EXPECT_EQ(ruk_init(RUK_API_VERSION), 0);
-    tov_cycles_per_second(); /* found once, by whoever is first */
 }
 
 Adapter::~Adapter() { softnic_destroy(nic); }
@@ -38,6 +43,12 @@ void Adapter::deliver(uint32_t to, uint16_t port) const
     frame.payload = {'a', 'b', 'c'};
     const recv_rig::Bytes bytes = frame.bytes();
     softnic_inject(nic, 0, bytes.data(), bytes.size() - 4);
+    deliver_keyframe();
+}
+
+void Adapter::deliver_keyframe() const
+{
+    softnic_advance(nic, MS);
     softnic_run(nic);
 }
 
@@ -49,10 +60,15 @@ ruk_device_t open_endpoint(int flags)
     return dev;
 }
 
+void add_stray(ruk_device_t dev)
+{
+    EXPECT_EQ(ruk_filter_add(dev, 17, 0, htonl(HOST), htons(STRAY_PORT), STRAY_TAG, 0), 0);
+}
+
 Shared::Shared(const Adapter &a) : adapter(a), dev(open_endpoint())
 {
     EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 0, this, &ch), 0);
-    EXPECT_EQ(ruk_filter_add(dev, 17, 0, htonl(HOST), htons(STRAY_PORT), STRAY_TAG, 0), 0);
+    add_stray(dev);
     sockaddr_in sin = {};
     EXPECT_EQ(ruk_getaddress(ch, &sin), 0);
     port = ntohs(sin.sin_port);
@@ -95,6 +111,25 @@ void Shared::settle()
     left++;
     softnic_bump_completions(adapter.nic, 0, dev->rep_epid, left);
     ruk__try_send_completion(dev);
+    posted.store(0, std::memory_order_relaxed);
+    completed = 0;
+}
+
+void Shared::fill()
+{
+    const uint8_t payload[64] = {};
+    int rc;
+    while ((rc = ruk_send(handle, payload, sizeof payload, RUK_NONBLOCK)) == 0)
+        posted.fetch_add(1, std::memory_order_relaxed);
+    EXPECT_EQ(rc, EAGAIN);
+}
+
+void Shared::complete_one()
+{
+    if (adapter.host->waiting() == 0 || posted.load(std::memory_order_relaxed) == completed)
+        return;
+    softnic_bump_completions(adapter.nic, 0, dev->rep_epid, 1);
+    completed++;
 }
 
 void pause(int i)

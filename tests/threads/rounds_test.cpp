@@ -1,6 +1,6 @@
 /*
- * A receiver in each mode against shutdown and close, 10,000 rounds. Sleeps end at once: poll() is answered here, so
- * that a round takes microseconds.
+ * A receiver in each mode against shutdown and close, 10,000 rounds, and some more behind a switch. Sleeps end at once:
+ * poll() is answered here, so that a round takes microseconds.
  */
 #include "rig.h"
 #include "ruk_core.h"
@@ -18,6 +18,8 @@ using namespace threads;
 
 constexpr unsigned STOPPED_ROUNDS = 700; /* of each mode of each call, 10 in all */
 constexpr unsigned CLOSED_ROUNDS = 750;  /* of each mode that waits, 4 in all */
+constexpr unsigned BOTH_ROUNDS = 250;    /* of each mode that waits, 4 in all */
+constexpr unsigned SWITCH_ROUNDS = 100;  /* of each mode that waits, 4 in all, behind a switch */
 
 using Receive = int (*)(ruk_device_t, enum ruk_recvmode);
 
@@ -37,7 +39,7 @@ int frame(ruk_device_t dev, enum ruk_recvmode mode)
 
 class ThreadRounds : public testing::Test {
 protected:
-    ThreadRounds()
+    explicit ThreadRounds(Switch before = Switch::off) : adapter(before)
     {
         hooks->poll = [this](struct pollfd *fds, nfds_t, int) {
             polls.fetch_add(1, std::memory_order_relaxed);
@@ -129,6 +131,118 @@ TEST_F(ThreadRounds, WaitingReceiver_ClosedUnderneath_LeavesAndOneOfThemComplete
     }
     printf("thread rounds: %u receivers closed underneath\n", rounds);
     EXPECT_EQ(rounds, 3000u);
+}
+
+/* A sleeper that a shutdown sends home leaves without the receive lock: it must not look back at what is closed. */
+TEST_F(ThreadRounds, WaitingReceiver_ShutDownAndClosedAtOnce_OneOfThemCompletesTheClose)
+{
+    unsigned rounds = 0, shut_down = 0;
+    for (Receive receive : {datagram, frame}) {
+        for (auto mode : {RUK_RECV_DEFAULT, RUK_RECV_BLOCK}) {
+            for (unsigned i = 0; i < BOTH_ROUNDS; i++, rounds++) {
+                ruk_device_t dev = open_endpoint();
+                int rc = -1;
+                polls.store(0);
+                std::thread thread = receiver(dev, receive, mode, &rc);
+                for (int n = 0; __atomic_load_n(&dev->rep_inuse, __ATOMIC_RELAXED) == 0; n++)
+                    pause(n);
+                if (mode == RUK_RECV_BLOCK) /* sometimes on its way home as the close comes */
+                    for (int n = 0; polls.load(std::memory_order_relaxed) < i % 3; n++)
+                        pause(n);
+                EXPECT_EQ(ruk_shutdown(dev, 0), 0);
+                if (i % 2)
+                    pause(PATIENCE);
+                EXPECT_EQ(ruk_close(dev), 0);
+                thread.join();
+                EXPECT_TRUE(rc == EINTR || rc == ENXIO) << rc << ", mode " << mode;
+                shut_down += rc == EINTR;
+                ASSERT_EQ(softnic_claimed(adapter.nic, 0), 0u) << "closed by neither";
+            }
+        }
+    }
+    EXPECT_EQ(rounds, 1000u);
+    printf("thread rounds: %u receivers shut down and closed, %u left for the shutdown\n", rounds, shut_down);
+}
+
+/* ------------------------------------------------------------------ behind a switch */
+
+/* Closing sums the switch's counters up before it asks for the receive lock, while a receiver may be counting. */
+class ThreadRoundsBehindASwitch : public ThreadRounds {
+protected:
+    ThreadRoundsBehindASwitch() : ThreadRounds(Switch::on) { event.store(true); }
+
+    /* Keyframes, and frames that a receiver of datagrams dates and drops: nothing that makes a receiver leave. */
+    void feed(Receive receive, unsigned n) const
+    {
+        for (unsigned i = 0; i < n; i++) {
+            if (receive == datagram)
+                adapter.deliver(HOST, STRAY_PORT);
+            else
+                adapter.deliver_keyframe();
+        }
+    }
+    static uint64_t keyframes_of(ruk_device_t dev) { return tov_ld64(&dev->arista_control.arct_stats.arst_kfrecv); }
+    static ruk_device_t open_for_keyframes()
+    {
+        ruk_device_t dev = open_endpoint();
+        EXPECT_EQ(dev->arista_control.arct_status, ARISTA_STATUS_INITED);
+        add_stray(dev);
+        return dev;
+    }
+};
+
+TEST_F(ThreadRoundsBehindASwitch, ReceiverThatTakesKeyframes_ClosedUnderneath_LeavesAndOneOfThemCompletesTheClose)
+{
+    unsigned rounds = 0;
+    for (Receive receive : {datagram, frame}) {
+        for (auto mode : {RUK_RECV_DEFAULT, RUK_RECV_BLOCK}) {
+            for (unsigned i = 0; i < SWITCH_ROUNDS; i++, rounds++) {
+                ruk_device_t dev = open_for_keyframes();
+                int rc = -1;
+                std::thread thread = receiver(dev, receive, mode, &rc);
+                await_inside();
+                for (int n = 0; __atomic_load_n(&dev->rep_inuse, __ATOMIC_RELAXED) == 0; n++)
+                    pause(n);
+                feed(receive, 1 + i % 4);
+                if (i % 2) /* taken the first for certain; else it may be about to */
+                    for (int n = 0; keyframes_of(dev) == 0; n++)
+                        pause(n);
+                EXPECT_EQ(ruk_close(dev), 0);
+                thread.join();
+                EXPECT_EQ(rc, ENXIO) << "mode " << mode;
+                ASSERT_EQ(softnic_claimed(adapter.nic, 0), 0u) << "closed by neither";
+            }
+        }
+    }
+    EXPECT_EQ(rounds, 400u);
+}
+
+/* Nothing orders the receiver's last keyframe before the close but the library. */
+TEST_F(ThreadRoundsBehindASwitch, ReceiverThatTakesKeyframes_ShutdownThenClosedAtOnce_EndsEveryTime)
+{
+    unsigned rounds = 0;
+    event.store(false); /* sleeps end without traffic */
+    for (Receive receive : {datagram, frame}) {
+        for (auto mode : {RUK_RECV_DEFAULT, RUK_RECV_BLOCK}) {
+            for (unsigned i = 0; i < SWITCH_ROUNDS; i++, rounds++) {
+                ruk_device_t dev = open_for_keyframes();
+                int rc = -1;
+                feed(receive, 1 + i % 4);
+                std::thread thread = receiver(dev, receive, mode, &rc);
+                for (int n = 0; keyframes_of(dev) == 0; n++)
+                    pause(n);
+                for (int n = 0; !left.load(std::memory_order_relaxed); n++) {
+                    EXPECT_EQ(ruk_shutdown(dev, 0), 0);
+                    pause(n);
+                }
+                EXPECT_EQ(ruk_close(dev), 0);
+                thread.join();
+                EXPECT_EQ(rc, EINTR) << "mode " << mode;
+                ASSERT_EQ(softnic_claimed(adapter.nic, 0), 0u);
+            }
+        }
+    }
+    EXPECT_EQ(rounds, 400u);
 }
 
 } // namespace
