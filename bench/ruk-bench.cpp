@@ -236,6 +236,7 @@ int main(int argc, char **argv)
     app.add_option("--only", only, "Only the cases whose names begin so")->type_name("NAME");
     app.add_flag("--dpdk", dpdk, "DPDK beside the library too, where it is part of the build");
     app.footer("Exit status: 0 it ran, whatever the ratios; 1 a case failed; 2 usage error.");
+    app.failure_message([](const CLI::App *, const CLI::Error &e) { return fmt::format("ruk-bench: {}\n", e.what()); });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {

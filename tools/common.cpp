@@ -41,7 +41,15 @@ std::string errno_name(int error)
 int run_program(CLI::App &app, int argc, char **argv, const std::function<int()> &body)
 {
     program_name = app.get_name();
-    app.set_version_flag("--version", program_name + " " RUK_VERSION, "Print the version and exit");
+    auto add_version = [](CLI::App &to) {
+        to.set_version_flag("--version", program_name + " " RUK_VERSION, "Print the version and exit");
+    };
+    add_version(app);
+    for (CLI::App *subcommand : app.get_subcommands([](CLI::App *sub) { return !sub->get_name().empty(); }))
+        add_version(*subcommand);
+    app.failure_message([](const CLI::App *, const CLI::Error &e) {
+        return fmt::format("{0}: {1}\n{0}: --help shows what it takes\n", program_name, e.what());
+    });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
@@ -56,6 +64,42 @@ int run_program(CLI::App &app, int argc, char **argv, const std::function<int()>
         return exit_error;
     }
 }
+
+namespace {
+
+/* Has the option take what the whole of its argument is as a Number in the range, and nothing else. */
+template <typename Number> CLI::Option *only(CLI::Option *option, Number least, Number most, const std::string &what)
+{
+    auto check = [=](std::string &text) -> std::string {
+        Number value{};
+        const char *const end = text.data() + text.size();
+        auto [stop, error] = std::from_chars(text.data(), end, value);
+        /* Infinity and what is not a number are in no range. */
+        if (error != std::errc{} || stop != end || text[0] == '-' || !(value >= least && value <= most))
+            return fmt::format("'{}' is not {}", text, what);
+        text = fmt::format("{}", value); /* without leading zeros, which would mean another base */
+        return {};
+    };
+    return option->transform(CLI::Validator(check, ""));
+}
+
+} // namespace
+
+CLI::Option *only_whole(CLI::Option *option, uint64_t least, uint64_t most)
+{
+    const bool bounded = most != std::numeric_limits<uint64_t>::max();
+    return only(option, least, most,
+                bounded ? fmt::format("a whole number from {} to {}", least, most) : std::string("a whole number"));
+}
+
+CLI::Option *only_number(CLI::Option *option, double least, double most)
+{
+    return only(option, least, most, fmt::format("a number from {:.15g} to {:.15g}", least, most));
+}
+
+CLI::Option *only_seconds(CLI::Option *option) { return only_number(option, 0, 1e9); }
+
+CLI::Option *only_port(CLI::Option *option) { return only_whole(option, 0, 65535); }
 
 void note(std::string_view text)
 {
@@ -291,10 +335,42 @@ std::string send_error_text(int error)
     case EADDRNOTAVAIL:
         return "the next hop does not answer ARP";
     case EINVAL:
-        return "the destination is on this very adapter, or not a valid one";
+        return "the next hop has this adapter's own MAC address, or the destination is not a valid one";
     default:
         return errno_text(error);
     }
+}
+
+namespace {
+
+/* Tries again while the next hop has not answered ARP, at most as long as the library itself would sleep for it. */
+template <typename Attempt> int await_next_hop(const StopSignal &stop, Attempt attempt)
+{
+    constexpr int64_t patience = 10 * second_ns;
+    constexpr int64_t longest_step = second_ns / 10;
+    int rc = attempt();
+    const int64_t end = monotonic_ns() + patience;
+    for (int64_t step = second_ns / 1000; rc == EADDRNOTAVAIL && monotonic_ns() < end;
+         step = std::min(2 * step, longest_step)) {
+        stop.sleep_until(monotonic_ns() + step);
+        if (stop.requested())
+            return ECANCELED;
+        rc = attempt();
+    }
+    return rc;
+}
+
+} // namespace
+
+int connect_waiting(const StopSignal &stop, ruk_channel_t channel, const sockaddr_in &to, int ttl, ruk_send_t *handle)
+{
+    return await_next_hop(stop, [&] { return ruk_send_connect(channel, &to, RUK_NONBLOCK, ttl, handle); });
+}
+
+int sendto_waiting(const StopSignal &stop, ruk_channel_t channel, const sockaddr_in &to, const void *data, int len)
+{
+    int rc = await_next_hop(stop, [&] { return ruk_sendto(channel, &to, data, len, RUK_NONBLOCK); });
+    return rc == EAGAIN ? ruk_sendto(channel, &to, data, len, 0) : rc;
 }
 
 std::vector<std::pair<std::string, uint64_t>> endpoint_counters(ruk_device_t dev)

@@ -24,7 +24,8 @@
 /* Slow to compile: only where options are described. */
 namespace CLI {
 class App;
-}
+class Option;
+} // namespace CLI
 
 namespace tools {
 
@@ -54,6 +55,15 @@ std::string errno_name(int error);
 
 /* Parses the arguments, runs body and turns exceptions into messages and statuses. Adds --version. */
 int run_program(CLI::App &app, int argc, char **argv, const std::function<int()> &body);
+
+/*
+ * What the option takes, in decimal digits: no sign, no other base, nothing that is not a finite number. The option
+ * itself, for chaining.
+ */
+CLI::Option *only_whole(CLI::Option *option, uint64_t least = 0, uint64_t most = std::numeric_limits<uint64_t>::max());
+CLI::Option *only_number(CLI::Option *option, double least, double most);
+CLI::Option *only_seconds(CLI::Option *option); /* none to many years */
+CLI::Option *only_port(CLI::Option *option);
 
 /* A line on standard error: "ruk-recv: listening ...". */
 void note(std::string_view text);
@@ -164,6 +174,13 @@ public:
     /* Sleeps until the moment or until a stop is requested. */
     void sleep_until(int64_t when_ns) const;
 };
+
+/*
+ * ruk_send_connect() and ruk_sendto() that wait for ARP outside of the library, where a stop request ends it:
+ * ECANCELED.
+ */
+int connect_waiting(const StopSignal &stop, ruk_channel_t channel, const sockaddr_in &to, int ttl, ruk_send_t *handle);
+int sendto_waiting(const StopSignal &stop, ruk_channel_t channel, const sockaddr_in &to, const void *data, int len);
 
 enum class WaitMode { spin, nonblock, block };
 const char *wait_mode_name(WaitMode mode);

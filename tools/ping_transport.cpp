@@ -12,20 +12,20 @@ namespace {
 class RukTransport : public Transport {
 public:
     RukTransport(const TransportOptions &opt, const StopSignal &stop)
-        : opt_(opt), endpoint_(opt.interface, 0), channel_(endpoint_.bind(opt.port)),
+        : opt_(opt), endpoint_(opt.interface, 0), channel_(endpoint_.bind(opt.port)), stop_(stop),
           receiver_(endpoint_.dev(), opt.wait, stop)
     {
         if (!opt.destination || opt.sendto)
             return;
-        int rc = ruk_send_connect(channel_, &*opt.destination, 0, 0, &handle_);
-        if (rc != 0)
+        int rc = connect_waiting(stop, channel_, *opt.destination, 0, &handle_);
+        if (rc != 0 && rc != ECANCELED) /* after a stop request nothing is sent */
             fail("cannot send to {}: {}", endpoint_text(*opt.destination), send_error_text(rc));
     }
 
     int send(const void *data, size_t len) override
     {
         return handle_ ? ruk_send(handle_, data, static_cast<int>(len), 0)
-                       : ruk_sendto(channel_, &*opt_.destination, data, static_cast<int>(len), 0);
+                       : sendto_waiting(stop_, channel_, *opt_.destination, data, static_cast<int>(len));
     }
 
     int receive(void *buf, size_t size, size_t *len, int64_t deadline_ns) override
@@ -41,7 +41,7 @@ public:
 
     int reply(const void *data, size_t len) override
     {
-        return ruk_sendto(channel_, &from_, data, static_cast<int>(len), 0);
+        return sendto_waiting(stop_, channel_, from_, data, static_cast<int>(len));
     }
 
     const Interface &interface() const override { return endpoint_.interface(); }
@@ -52,6 +52,7 @@ private:
     Endpoint endpoint_;
     ruk_channel_t channel_;
     ruk_send_t handle_ = nullptr; /* ends with its channel */
+    const StopSignal &stop_;
     Receiver receiver_;
     sockaddr_in from_{};
 };

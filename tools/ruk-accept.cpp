@@ -1069,16 +1069,14 @@ int main(int argc, char **argv)
     std::string own = "0.0.0.0";
     CLI::App *peer = app.add_subcommand("peer", "The other end: an ordinary program over kernel sockets");
     peer->add_option("-a,--address", own, "Address to serve on (default: all)")->type_name("ADDR");
-    peer->add_option("-p,--port", opt.port, "Port of requests; the next one echoes (7700)")
-        ->type_name("PORT")
-        ->check(CLI::Range(1, 65534));
+    only_whole(peer->add_option("-p,--port", opt.port, "Port of requests; the next one echoes (7700)"), 1, 65534)
+        ->type_name("PORT");
     CLI::App *run_it = app.add_subcommand("run", "The run itself, on the host with the adapter");
     opt.interface.add_options(*run_it);
     run_it->add_option("peer", opt.peer, "Address of the other host")->type_name("PEER")->required();
-    run_it->add_option("-p,--port", opt.port, "Its port (7700)")->type_name("PORT")->check(CLI::Range(1, 65534));
-    run_it->add_option("--minutes", opt.minutes, "How long it may take, about (10)")
-        ->type_name("N")
-        ->check(CLI::Range(0.01, 1000.0));
+    only_whole(run_it->add_option("-p,--port", opt.port, "Its port (7700)"), 1, 65534)->type_name("PORT");
+    only_number(run_it->add_option("--minutes", opt.minutes, "How long it may take, about (10)"), 0.01, 1000)
+        ->type_name("N");
     run_it->add_option("-o,--report", opt.report, "Write the report to this new file, as JSON")->type_name("FILE");
     run_it->add_option("--only", opt.only, "Only this probe, by the name that it has in the report (repeatable)")
         ->type_name("PROBE")

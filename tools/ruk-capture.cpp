@@ -37,13 +37,10 @@ void describe_options(CLI::App &app, Options &opt)
 {
     opt.interface.add_options(app);
     app.add_option("-w,--write", opt.file, "File to write; - is standard output")->type_name("FILE")->required();
-    app.add_option("-n,--count", opt.count, "End after so many frames")->type_name("COUNT");
-    app.add_option("-t,--time", opt.seconds, "End after so many seconds")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("-s,--snaplen", opt.snaplen, "Keep so many bytes of a frame (65536)")
-        ->type_name("SNAPLEN")
-        ->check(CLI::Range(1, 65536));
+    only_whole(app.add_option("-n,--count", opt.count, "End after so many frames"))->type_name("COUNT");
+    only_seconds(app.add_option("-t,--time", opt.seconds, "End after so many seconds"))->type_name("SECONDS");
+    only_whole(app.add_option("-s,--snaplen", opt.snaplen, "Keep so many bytes of a frame (65536)"), 1, 65536)
+        ->type_name("SNAPLEN");
     app.add_flag("--keep-trailer", opt.keep_trailer, "Keep the 4-byte trailer of each frame");
     app.add_flag("--force", opt.force, "Overwrite FILE");
     app.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"

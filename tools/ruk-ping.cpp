@@ -39,18 +39,16 @@ void describe_common(CLI::App &app, Options &opt)
 {
     opt.transport.interface.add_options(app);
     app.add_flag("--kernel", opt.transport.kernel, "Use kernel sockets instead of libruk");
-    app.add_option("--cpu", opt.processor, "Run on this processor")->type_name("N")->check(CLI::Range(0, 1023));
+    only_whole(app.add_option("--cpu", opt.processor, "Run on this processor"), 0, 1023)->type_name("N");
 }
 
 void describe_server(CLI::App &app, Options &opt)
 {
     describe_common(app, opt);
-    app.add_option("-p,--port", opt.transport.port, "UDP port to answer on")->type_name("PORT")->required();
+    only_port(app.add_option("-p,--port", opt.transport.port, "UDP port to answer on"))->type_name("PORT")->required();
     add_wait_option(app, opt.transport.wait);
-    app.add_option("-n,--count", opt.limit, "End after so many requests")->type_name("COUNT");
-    app.add_option("-t,--time", opt.seconds, "End after so many seconds")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
+    only_whole(app.add_option("-n,--count", opt.limit, "End after so many requests"))->type_name("COUNT");
+    only_seconds(app.add_option("-t,--time", opt.seconds, "End after so many seconds"))->type_name("SECONDS");
 }
 
 void describe_client(CLI::App &app, Options &opt)
@@ -59,22 +57,21 @@ void describe_client(CLI::App &app, Options &opt)
     app.add_option("destination", opt.destination, "The server, or any UDP echo service")
         ->type_name("DEST:PORT")
         ->required();
-    app.add_option("-p,--port", opt.transport.port, "Source port (0 lets the host choose)")->type_name("SRCPORT");
+    only_port(app.add_option("-p,--port", opt.transport.port, "Source port (0 lets the host choose)"))
+        ->type_name("SRCPORT");
     add_wait_option(app, opt.transport.wait);
-    app.add_option("--size", opt.size, "Payload bytes (64)")->type_name("N");
-    app.add_option("--count", opt.count, "Requests to measure (10000)")
-        ->type_name("N")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}));
-    app.add_option("-t,--time", opt.seconds, "End the measurement after so many seconds, whatever the count")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("--warmup", opt.warmup, "Requests before those (100)")->type_name("N");
-    app.add_option("--interval", opt.interval_us, "Microseconds from request to request (0: at once)")
-        ->type_name("US")
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("--timeout", opt.timeout_ms, "Milliseconds until a request counts as lost (1000)")
-        ->type_name("MS")
-        ->check(CLI::PositiveNumber);
+    only_whole(app.add_option("--size", opt.size, "Payload bytes (64)"), 0, SIZE_MAX)->type_name("N");
+    only_whole(app.add_option("--count", opt.count, "Requests to measure (10000)"), 1, 1000000000)->type_name("N");
+    only_seconds(
+        app.add_option("-t,--time", opt.seconds, "End the measurement after so many seconds, whatever the count"))
+        ->type_name("SECONDS");
+    only_whole(app.add_option("--warmup", opt.warmup, "Requests before those (100)"), 0, 1000000000)->type_name("N");
+    only_number(app.add_option("--interval", opt.interval_us, "Microseconds from request to request (0: at once)"), 0,
+                1e9)
+        ->type_name("US");
+    only_number(app.add_option("--timeout", opt.timeout_ms, "Milliseconds until a request counts as lost (1000)"),
+                0.001, 1e9)
+        ->type_name("MS");
     CLI::Option *connect = app.add_flag(
         "--connect", [](int64_t) {}, "Send on a handle or connected socket (this is the default)");
     app.add_flag("--sendto", opt.transport.sendto, "Address each datagram")->excludes(connect);

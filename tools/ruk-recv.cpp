@@ -36,7 +36,7 @@ struct Options {
 void describe_options(CLI::App &app, Options &opt)
 {
     opt.interface.add_options(app);
-    app.add_option("-p,--port", opt.ports, "UDP port to receive on (repeatable; 0 lets the host choose)")
+    only_port(app.add_option("-p,--port", opt.ports, "UDP port to receive on (repeatable; 0 lets the host choose)"))
         ->type_name("PORT")
         ->allow_extra_args(false);
     app.add_option("-g,--group", opt.groups, "Multicast group to join, from any source or from one (repeatable)")
@@ -48,10 +48,8 @@ void describe_options(CLI::App &app, Options &opt)
            "what arrives, but routers are told and may keep the source away")
         ->type_name("GROUP@SOURCE")
         ->allow_extra_args(false);
-    app.add_option("-n,--count", opt.count, "End after so many datagrams")->type_name("COUNT");
-    app.add_option("-t,--time", opt.seconds, "End after so many seconds")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
+    only_whole(app.add_option("-n,--count", opt.count, "End after so many datagrams"))->type_name("COUNT");
+    only_seconds(app.add_option("-t,--time", opt.seconds, "End after so many seconds"))->type_name("SECONDS");
     add_wait_option(app, opt.wait);
     app.add_flag("--hw-timestamps", opt.hw_timestamps, "Date datagrams by the adapter's clock");
     app.add_option_function<std::string>(

@@ -41,20 +41,21 @@ void describe_options(CLI::App &app, Options &opt)
 {
     opt.interface.add_options(app);
     app.add_option("destination", opt.destination, "Where to send")->type_name("DEST:PORT")->required();
-    app.add_option("-p,--port", opt.source_port, "Source port (0 lets the host choose)")->type_name("SRCPORT");
+    only_port(app.add_option("-p,--port", opt.source_port, "Source port (0 lets the host choose)"))
+        ->type_name("SRCPORT");
     CLI::Option_group *payload =
         app.add_option_group("payload", "What to send; without any of these each line of standard input is a datagram");
     payload->add_option("-m,--message", opt.text, "This text")->type_name("TEXT");
     payload->add_option("-f,--file", opt.file, "The contents of a file, as one datagram")->type_name("FILE");
-    payload->add_option("--size", opt.size, "So many bytes (0, 1, 2, ... 255, 0, ...)")->type_name("N");
+    only_whole(payload->add_option("--size", opt.size, "So many bytes (0, 1, 2, ... 255, 0, ...)"), 0, SIZE_MAX)
+        ->type_name("N");
     payload->require_option(0, 1);
-    app.add_option("-n,--count", opt.count, "How many datagrams (1; of standard input: all lines)")->type_name("COUNT");
-    app.add_option("-r,--rate", opt.per_second, "Datagrams a second (as fast as they go)")
-        ->type_name("PER_SECOND")
-        ->check(CLI::PositiveNumber);
-    CLI::Option *ttl = app.add_option("--ttl", opt.ttl, "Time to live, 1 to 64 (64; to a group 1)")
-                           ->type_name("N")
-                           ->check(CLI::Range(1, 64));
+    only_whole(app.add_option("-n,--count", opt.count, "How many datagrams (1; of standard input: all lines)"))
+        ->type_name("COUNT");
+    only_number(app.add_option("-r,--rate", opt.per_second, "Datagrams a second (as fast as they go)"), 0.001, 1e9)
+        ->type_name("PER_SECOND");
+    CLI::Option *ttl =
+        only_whole(app.add_option("--ttl", opt.ttl, "Time to live, 1 to 64 (64; to a group 1)"), 1, 64)->type_name("N");
     CLI::Option *connect = app.add_flag("--connect", opt.connect, "Send on a handle made once (this is the default)");
     app.add_flag("--sendto", opt.sendto, "Send to the address each time, on the handle that the library keeps")
         ->excludes(connect)
@@ -153,14 +154,14 @@ std::optional<std::string> fixed_payload(const Options &opt)
 /* One destination of one channel. */
 class Sender {
 public:
-    Sender(const Options &opt, ruk_channel_t channel, const sockaddr_in &to)
-        : channel_(channel), to_(to), flags_(opt.nonblock ? RUK_NONBLOCK : 0)
+    Sender(const Options &opt, ruk_channel_t channel, const sockaddr_in &to, const StopSignal &stop)
+        : channel_(channel), to_(to), stop_(stop), flags_(opt.nonblock ? RUK_NONBLOCK : 0)
     {
         if (opt.sendto)
             return;
         /* Waits for ARP even with --nonblock: without the handle there would be nothing to send on. */
-        int rc = ruk_send_connect(channel, &to_, 0, opt.ttl, &handle_);
-        if (rc != 0)
+        int rc = connect_waiting(stop, channel, to_, opt.ttl, &handle_);
+        if (rc != 0 && rc != ECANCELED) /* after a stop request nothing is sent */
             fail("cannot send to {}: {}", endpoint_text(to_), send_error_text(rc));
     }
 
@@ -172,16 +173,20 @@ public:
     Sender(const Sender &) = delete;
     Sender &operator=(const Sender &) = delete;
 
+    /* Of the library's errors, and ECANCELED after a stop request. */
     int send(std::string_view payload)
     {
         int len = static_cast<int>(payload.size());
-        return handle_ ? ruk_send(handle_, payload.data(), len, flags_)
-                       : ruk_sendto(channel_, &to_, payload.data(), len, flags_);
+        if (handle_)
+            return ruk_send(handle_, payload.data(), len, flags_);
+        return flags_ & RUK_NONBLOCK ? ruk_sendto(channel_, &to_, payload.data(), len, flags_)
+                                     : sendto_waiting(stop_, channel_, to_, payload.data(), len);
     }
 
 private:
     ruk_channel_t channel_;
     sockaddr_in to_;
+    const StopSignal &stop_;
     int flags_;
     ruk_send_t handle_ = nullptr;
 };
@@ -217,19 +222,23 @@ private:
     int64_t next_ = monotonic_ns() + second_ns;
 };
 
-void send_one(Sender &sender, std::string_view payload, size_t limit, Tally &tally)
+/* False when a stop request came before the datagram was accepted or refused. */
+bool send_one(Sender &sender, std::string_view payload, size_t limit, Tally &tally)
 {
     if (payload.size() > limit) {
         tally.refused[fmt::format("longer than {} bytes", limit)]++;
-        return;
+        return true;
     }
     int rc = sender.send(payload);
+    if (rc == ECANCELED)
+        return false;
     if (rc == 0) {
         tally.sent++;
         tally.bytes += payload.size();
     } else {
         tally.refused[errno_name(rc)]++;
     }
+    return true;
 }
 
 /* True when all datagrams asked for were offered to the library. */
@@ -250,7 +259,8 @@ bool send_all(const Options &opt, const std::optional<std::string> &payload, Sen
             stop.sleep_until(start + static_cast<int64_t>(static_cast<double>(i) * 1e9 / *opt.per_second));
         if (stop.requested())
             return false;
-        send_one(sender, next, limit, tally);
+        if (!send_one(sender, next, limit, tally))
+            return false;
         progress.show(tally);
     }
     return true;
@@ -295,7 +305,7 @@ int send(const Options &opt)
 
     ruk_channel_t channel = endpoint.bind(opt.source_port);
     Tally tally;
-    Sender sender(opt, channel, to);
+    Sender sender(opt, channel, to, stop);
     int64_t start = monotonic_ns();
     bool complete = send_all(opt, payload, sender, limit, stop, tally);
     summarise(opt, tally, static_cast<double>(monotonic_ns() - start) / 1e9);

@@ -145,10 +145,9 @@ int main(int argc, char **argv)
     CLI::App app("Shows what the boards of the software adapter do: rates, fill of the event rings, drops by reason.",
                  "ruk-top");
     Options opt;
-    app.add_option("-d,--delay", opt.seconds, "Seconds between two looks (default 1)")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 3600.0));
-    app.add_option("-n,--count", opt.count, "End after so many looks")->type_name("COUNT");
+    only_number(app.add_option("-d,--delay", opt.seconds, "Seconds between two looks (default 1)"), 0.01, 3600)
+        ->type_name("SECONDS");
+    only_whole(app.add_option("-n,--count", opt.count, "End after so many looks"))->type_name("COUNT");
     app.add_option("-i,--interface", opt.interface, "Only boards on this interface")->type_name("IF");
     app.add_flag("--json", opt.json, "One JSON object a look");
     app.footer("Exit status: 0 there was something to show; 1 there was not; 2 error.\n"

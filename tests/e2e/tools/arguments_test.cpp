@@ -1,6 +1,7 @@
 // What the programs say to wrong arguments and on a host without an adapter. Needs no network.
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -27,6 +28,12 @@ Outcome run(const std::string &command, const std::string &redirect = "2>&1")
     const int status = pclose(pipe);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
+}
+
+/* A command with one more option; the value is one word, whatever is in it. */
+std::string with(const std::string &command, const std::string &option, const std::string &value)
+{
+    return command + " " + option + " \"" + value + "\"";
 }
 
 bool has(const Outcome &outcome, const std::string &text) { return outcome.out.find(text) != std::string::npos; }
@@ -61,6 +68,86 @@ TEST(ToolArguments, UnknownOption_IsRefusedWithStatusTwo)
 {
     for (const char *program : programs)
         EXPECT_EQ(run(std::string(program) + " --no-such-option").status, 2) << program;
+}
+
+TEST(ToolArguments, Version_AskedOfASubcommand_IsTheProgramsOwn)
+{
+    for (const char *command : {"ruk-ping client --version", "ruk-ping server --version", "ruk-accept run --version",
+                                "ruk-accept peer --version"}) {
+        const Outcome result = run(command);
+        EXPECT_EQ(result.status, 0) << command;
+        const std::string program(command, strchr(command, ' '));
+        EXPECT_EQ(result.out, program + " " RUK_VERSION "\n");
+    }
+}
+
+TEST(ToolArguments, UsageError_IsSaidAfterTheProgramsName)
+{
+    EXPECT_EQ(run("ruk-send -i lo 10.0.0.1:5000 -m x -p 70000").out,
+              "ruk-send: --port: '70000' is not a whole number from 0 to 65535\n"
+              "ruk-send: --help shows what it takes\n");
+    for (const char *program : {"ruk-info", "ruk-recv", "ruk-send", "ruk-ping", "ruk-accept", "ruk-top", "ruk-bench"}) {
+        if (access((RUK_BINARY_DIR "/bin/" + std::string(program)).c_str(), X_OK) != 0)
+            continue; // left out of this build
+        const Outcome result = run(std::string(program) + " --no-such-option");
+        EXPECT_EQ(result.status, 2) << program;
+        EXPECT_EQ(result.out.rfind(std::string(program) + ": ", 0), 0u) << result.out;
+    }
+}
+
+// A count below 0 would be a number beyond all bounds, and no moment lies a "nan" of seconds ahead.
+TEST(ToolArguments, Number_WithASignOrNotFiniteOrOutOfRange_IsRefused)
+{
+    const std::string count = "is not a whole number", seconds = "is not a number from 0 to 1000000000";
+    const struct {
+        const char *command, *option;
+        std::string refusal;
+    } cases[] = {
+        {"ruk-send -i lo 10.0.0.1:5000 -m x", "-n", count},
+        {"ruk-send -i lo 10.0.0.1:5000", "--size", count},
+        {"ruk-send -i lo 10.0.0.1:5000 -m x", "-p", count + " from 0 to 65535"},
+        {"ruk-send -i lo 10.0.0.1:5000 -m x", "--ttl", count + " from 1 to 64"},
+        {"ruk-send -i lo 10.0.0.1:5000 -m x", "-r", "is not a number from 0.001 to 1000000000"},
+        {"ruk-recv -i lo -p 5000", "-n", count},
+        {"ruk-recv -i lo -p 5000", "-p", count + " from 0 to 65535"},
+        {"ruk-recv -i lo -p 5000", "-t", seconds},
+        {"ruk-top", "-n", count},
+        {"ruk-top", "-d", "is not a number from 0.01 to 3600"},
+        {"ruk-capture -i lo -w /dev/null", "-n", count},
+        {"ruk-capture -i lo -w /dev/null", "-t", seconds},
+        {"ruk-capture -i lo -w /dev/null", "-s", count + " from 1 to 65536"},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--warmup", count + " from 0 to 1000000000"},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--count", count + " from 1 to 1000000000"},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--size", count},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--interval", seconds},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--timeout", "is not a number from 0.001 to 1000000000"},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "-t", seconds},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--cpu", count + " from 0 to 1023"},
+        {"ruk-ping server --kernel -i lo -p 0", "-n", count},
+        {"ruk-ping server --kernel -i lo -p 0", "-t", seconds},
+        {"ruk-accept run -i lo 127.0.0.1", "--minutes", "is not a number from 0.01 to 1000"},
+        {"ruk-accept run -i lo 127.0.0.1", "-p", count + " from 1 to 65534"},
+    };
+    for (const auto &[command, option, refusal] : cases) {
+        const std::string program(command, strcspn(command, " "));
+        if (access((RUK_BINARY_DIR "/bin/" + program).c_str(), X_OK) != 0)
+            continue; // left out of this build
+        for (const char *value : {"-1", "+1", "nan", "inf", "-inf", "1x", "0x1", " 1", "", "1e300",
+                                  "340282366920938463463374607431768211457"}) { // 1 in 64 bits, and in 32
+            const Outcome result = run(with(command, option, value));
+            EXPECT_EQ(result.status, 2) << command << " " << option << " " << value << "\n" << result.out;
+            EXPECT_TRUE(has(result, program + ": ") && has(result, refusal))
+                << command << " " << option << " " << value << "\n"
+                << result.out;
+        }
+    }
+}
+
+TEST(ToolArguments, Number_WithLeadingZeros_IsDecimal)
+{
+    // 0010 is ten, not eight.
+    const Outcome result = run("ruk-recv -i lo -p 10 -p 0010");
+    EXPECT_EQ(result.out, "ruk-recv: port 10 is given twice\n");
 }
 
 TEST(ToolArguments, Interface_MissingOrDouble_IsRefused)
