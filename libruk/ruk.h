@@ -271,11 +271,12 @@ void ruk_dump_stats(ruk_device_t dev, int non_zero);
 /*
  * Makes a send handle for a destination: resolves its next hop and prepares the frame's header. ttl 0 takes
  * 64, or 1 for a group; at most 64. Takes the endpoint lock, and drops it while the kernel is asked.
- * The kernel's ARP table is asked up to 1001 times, with RUK_NONBLOCK in flags twice: one time after the other without
- * a pause, so that EADDRNOTAVAIL may also mean a neighbour slow to answer. Try again then.
- * Errors, stored in errno too: EINVAL a null or zero destination, a ttl out of range, a destination on this very
- * adapter; EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP yet; ENXIO (EAGAIN with RUK_NONBLOCK) the host's
- * interfaces cannot be listed; ENOMEM; others of the host; those of the driver.
+ * Where the kernel's ARP table does not know the next hop the kernel is prompted and asked up to 1001 times: the call
+ * may sleep about ten seconds. With RUK_NONBLOCK in flags it prompts once and returns EADDRNOTAVAIL at once; try again.
+ * Errors, stored in errno too: EINVAL a null or zero destination, a ttl out of range, a next hop with the MAC address
+ * of this very adapter; EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP yet, as for the endpoint's own address
+ * always; ENXIO (EAGAIN with RUK_NONBLOCK) the host's interfaces cannot be listed; ENOMEM; others of the host; those of
+ * the driver.
  */
 int ruk_send_connect(ruk_channel_t ch, const struct sockaddr_in *sin, int flags, int ttl, ruk_send_t *dhsend_o);
 
@@ -326,9 +327,9 @@ int ruk__post_soft_data(tov_handle_t d);
 
 /*
  * The MAC address (6 bytes) of the next hop to dst_ip_be32; src_ip_addr_be32 is not used. The caller holds
- * the endpoint lock, which is dropped while the kernel is asked, as often as by ruk_send_connect().
- * Errors: EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP yet; ENXIO the host's interfaces cannot be listed;
- * others of the host; those of the driver.
+ * the endpoint lock, which is dropped while the kernel is asked, as often as by ruk_send_connect() without
+ * RUK_NONBLOCK: for about ten seconds. Errors: EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP; ENXIO the host's
+ * interfaces cannot be listed; others of the host; those of the driver.
  */
 int ruk__resolve_mac(ruk_device_t dev, uint32_t src_ip_addr_be32, uint32_t dst_ip_addr_be32, uint8_t *mac);
 

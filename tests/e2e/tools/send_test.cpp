@@ -88,6 +88,51 @@ protected:
     ScratchDir scratch_;
 };
 
+/* 10.77.0.9, a neighbour that is not there yet. */
+class SendToLateNeighbour : public SendTool {
+protected:
+    void SetUp() override
+    {
+        SendTool::SetUp();
+        if (!IsSkipped())
+            wire_ = lab.packet_socket(lab.peer);
+    }
+    void TearDown() override
+    {
+        if (wire_ >= 0)
+            close(wire_);
+    }
+
+    /* Waits until the kernel of the adapter's host asks for the neighbour's MAC address. */
+    bool asked_for()
+    {
+        const std::string request("\x08\x06\x00\x01\x08\x00\x06\x04\x00\x01", 10);
+        const std::string target("\x0a\x4d\x00\x09", 4);
+        constexpr size_t ether_type = 12, target_address = 38;
+        char frame[2048];
+        for (pollfd waiting = {wire_, POLLIN, 0}; poll(&waiting, 1, 20000) == 1;) {
+            const ssize_t n = read(wire_, frame, sizeof frame);
+            if (n >= 42 && std::string(frame + ether_type, request.size()) == request &&
+                std::string(frame + target_address, target.size()) == target)
+                return true;
+        }
+        return false;
+    }
+
+    void appear() { lab.run(lab.peer, "ip address add 10.77.0.9/32 dev peer0"); }
+
+    /* A socket that is there before the address is. */
+    test_support::LabHost anywhere()
+    {
+        test_support::LabHost host = lab.peer;
+        host.address = "0.0.0.0";
+        return host;
+    }
+
+private:
+    int wire_ = -1;
+};
+
 } // namespace
 
 TEST_F(SendTool, Message_ArrivesAtAKernelSocket)
@@ -226,6 +271,61 @@ TEST_F(SendTool, DestinationThatCannotBeReached_IsExplained)
     EXPECT_TRUE(program->exited_with(2)) << *program;
     EXPECT_NE(program->err().find("ruk-send: cannot send to 10.77.0.9:5000: the next hop does not answer ARP\n"),
               std::string::npos)
+        << *program;
+}
+
+// The neighbour's address comes only after the kernel was made to ask for it.
+TEST_F(SendToLateNeighbour, LibraryCallThatMayBlock_WaitsForIt)
+{
+    KernelSocket peer(lab, anywhere(), 40000);
+    auto program = soft({RUK_BINARY_DIR "/examples/example-send", "oxel0", "10.77.0.9", "40000", "late"});
+    ASSERT_TRUE(asked_for()) << *program;
+    appear();
+    EXPECT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    for (int i = 0; i < 2; i++) { // on a handle, and to the address
+        const std::string got = peer.receive();
+        EXPECT_EQ(got.substr(got.find(' ')), " late");
+    }
+}
+
+TEST_F(SendToLateNeighbour, ProgramWaitsForIt)
+{
+    for (const char *way : {"--connect", "--sendto"}) {
+        KernelSocket peer(lab, anywhere(), 40000);
+        auto program = soft({"ruk-send", "-i", "oxel0", "-p", "5000", "10.77.0.9:40000", "-m", "late", way});
+        ASSERT_TRUE(asked_for()) << *program;
+        appear();
+        EXPECT_TRUE(program->finish()) << *program;
+        EXPECT_TRUE(program->exited_with(0)) << way << "\n" << *program;
+        EXPECT_EQ(peer.receive(), "10.77.0.1:5000 late");
+        EXPECT_EQ(program->out().rfind("sent 1 datagrams, 4 bytes", 0), 0u) << *program;
+        lab.run(lab.peer, "ip address del 10.77.0.9/32 dev peer0");
+        lab.run(lab.adapter, "ip neigh flush to 10.77.0.9");
+    }
+}
+
+TEST_F(SendToLateNeighbour, Terminated_ProgramEndsWithItsSummary)
+{
+    for (const char *way : {"--connect", "--sendto"}) {
+        auto program = soft({"ruk-send", "-i", "oxel0", "10.77.0.9:40000", "-m", "never", way});
+        ASSERT_TRUE(asked_for()) << *program;
+        program->signal(SIGTERM);
+        EXPECT_TRUE(program->finish()) << *program;
+        EXPECT_TRUE(program->exited_with(1)) << way << "\n" << *program;
+        EXPECT_EQ(program->out().rfind("sent 0 datagrams, 0 bytes", 0), 0u) << *program;
+        EXPECT_NE(program->out().find("; refused 0\n"), std::string::npos) << *program;
+        lab.run(lab.adapter, "ip neigh flush to 10.77.0.9");
+    }
+}
+
+// ARP is never asked for an address of the host itself.
+TEST_F(SendTool, DestinationIsTheEndpointsOwnAddress_NoAnswerToArp)
+{
+    auto program = soft({RUK_BINARY_DIR "/examples/example-send", "oxel0", "10.77.0.1", "40000", "to myself"});
+    EXPECT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(1)) << *program;
+    EXPECT_NE(program->err().find("ruk_send_connect: Cannot assign requested address\n"), std::string::npos)
         << *program;
 }
 
