@@ -48,8 +48,8 @@ prepare() {
     scripts/install-deps.sh demo || die "packages are missing and could not be installed"
     say "2. build (the first time this takes a minute or two)"
     local options=()
-    # A first build of the demo needs no tests; a build directory of the user's stays as it was configured.
-    [[ -e $build/CMakeCache.txt ]] || options=(-DRUK_BUILD_TESTS=OFF -DRUK_BUILD_BENCH=OFF)
+    # What the tests need is not installed for a demo; a build directory of the user's stays as it was configured.
+    [[ -e $build/CMakeCache.txt ]] || options=(-DRUK_BUILD_TESTS=OFF)
     local log
     log=$(mktemp)
     if ! cmake -S . -B "$build" -G Ninja "${options[@]}" >"$log" 2>&1; then
@@ -65,12 +65,10 @@ prepare() {
 if ((!inside)); then
     ((!build_it)) || prepare
     [[ -x $build/bin/rukrun ]] || die "$build/bin/rukrun is not there: run without --no-build"
-    if ((EUID == 0)); then
-        isolate=(unshare --net)
-    else
-        isolate=(unshare --user --map-root-user --net)
-    fi
-    "${isolate[@]}" true || die "this machine allows no network namespaces to user $(id -un); try as root"
+    isolate=(unshare --user --map-root-user --net)
+    ((EUID != 0)) || isolate=(unshare --net)
+    "${isolate[@]}" ip link set lo up || die "user $(id -un) may not make network namespaces here: be root; in a" \
+        "container, have the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN"
     status=0
     "${isolate[@]}" "$PWD/demo.sh" --inside --build-dir "$build" || status=$?
     exit "$status"
@@ -131,13 +129,16 @@ interface_drops() {
     ip -s -j link show dev oxel0 | python3 -c 'import json, sys; print(json.load(sys.stdin)[0]["stats64"]["rx"]["dropped"])'
 }
 
-# What the adapter dropped on its way to the program, from the account that it leaves at its end.
+# What the adapter dropped on its way to the program, from the account that it leaves at its end: the usual reasons
+# always, the others where there is something to tell.
 adapter_drops() {
     python3 - "$work/ledger" <<'PY'
 import json, sys
 board = json.load(open(sys.argv[1]))["boards"][0]
-full = sum(endpoint["ring_full"] for endpoint in board["endpoints"])
-print(f"{board['port']['rx_dropped']} before the adapter, {full} by a full ring", end="")
+drops = {name: sum(endpoint[name] for endpoint in board["endpoints"]) for name in ("ring_full", "disabled", "oversize")}
+text = f"{board['port']['rx_dropped']} before the adapter, {drops.pop('ring_full')} by a full ring"
+drops = {"rx_malformed": board["port"]["rx_malformed"], "malformed": board["malformed"], **drops}
+print(text + "".join(f", {count} {name}" for name, count in drops.items() if count), end="")
 PY
 }
 

@@ -92,6 +92,39 @@ TEST_F(Documents, ReadmeExample_CompiledAsSaid_Receives)
     EXPECT_TRUE(first->exited_with(0)) << *first;
 }
 
+// The README's own commands, in a directory that looks like the source tree, and with nothing prepared.
+TEST_F(Documents, ReadmeExample_RunAsSaid_ReceivesFromTheOtherHost)
+{
+    std::string commands = readme_block("first-run");
+    ASSERT_EQ(commands.rfind("unshare -Urn ", 0), 0u) << commands;
+    if (system("unshare -Urn true 2>/dev/null") != 0) // as it says for root
+        commands.replace(0, 13, "unshare -n ");
+    ScratchDir tree;
+    std::ofstream(tree.file("first.c")) << readme_block("receive-example");
+    std::filesystem::create_directory_symlink(source_dir + "/libruk", tree.file("libruk"));
+    std::filesystem::create_directory_symlink(source_dir + "/common", tree.file("common"));
+    std::filesystem::create_directory_symlink(RUK_BINARY_DIR, tree.file("build"));
+    const std::string as_the_library = sizeof(void *) == 4 ? " -m32" : "";
+    lab.run(lab.adapter, "cd " + tree.file("") + " && " RUK_C_COMPILER + as_the_library +
+                             " -Ilibruk -Icommon first.c -Lbuild/lib -lruk -Wl,-rpath,$PWD/build/lib -o first");
+    std::ofstream(tree.file("run.sh")) << commands;
+    auto run = lab.start(lab.adapter, {"sh", "-c", "cd " + tree.file("") + " && exec sh run.sh"});
+    EXPECT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    EXPECT_EQ(run->out(), "hello\n") << *run;
+}
+
+TEST_F(Documents, Demo_WithoutTheRightToMakeNamespaces_NamesWhatIsNeeded)
+{
+    if (geteuid() != 0 || system("setpriv --bounding-set -sys_admin true 2>/dev/null") != 0)
+        GTEST_SKIP() << "capabilities cannot be given up here";
+    auto demo = lab.start(lab.adapter, {"setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin",
+                                        source_dir + "/demo.sh", "--no-build", "--build-dir", RUK_BINARY_DIR});
+    EXPECT_TRUE(demo->finish(60000)) << *demo;
+    EXPECT_TRUE(demo->exited_with(1)) << *demo;
+    EXPECT_NE(demo->out().find("have the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN\n"), std::string::npos) << *demo;
+}
+
 TEST_F(Documents, Readme_NamesNoFileThatIsNotThere)
 {
     const std::string text = contents(source_dir + "/README.md");
