@@ -154,6 +154,18 @@ def run_help(binary, *arguments):
     return "\n".join(line.rstrip() for line in done.stdout.strip("\n").split("\n"))
 
 
+def statuses(text):
+    """Lines "0 what it means" as a list; another line is running text between lists."""
+    page, inside = "", False
+    for line in text.strip().split("\n"):
+        entry = re.fullmatch(r"(\d+) (.*)", line)
+        if bool(entry) != inside:
+            inside = not inside
+            page += ".Bl -tag -width Ds\n" if inside else ".El\n"
+        page += f".It {entry[1]}\n{paragraphs(entry[2])}\n" if entry else paragraphs(line) + "\n"
+    return page + (".El\n" if inside else "")
+
+
 def program_pages(directory):
     pages = {}
     for entry in re.split(r"(?m)^= ", re.sub(r"(?m)^#.*\n", "", read("docs/man/programs.txt")))[1:]:
@@ -163,13 +175,14 @@ def program_pages(directory):
         if not os.path.exists(binary):
             print(f"{name}: not built, its page is left as it is")
             continue
-        description, example, see = re.fullmatch(r"(.*?)^@example\n(.*?)^@see (.*)", rest.strip(), re.S | re.M).groups()
+        description, status, example, see = re.fullmatch(r"(.*?)^@status\n(.*?)^@example\n(.*?)^@see (.*)", rest.strip(),
+                                                         re.S | re.M).groups()
         page = head(name, 1, [], purpose) + f".Sh SYNOPSIS\n.Nm\n" + "\n".join([".Ar argument ..."]) + "\n"
         page += ".Sh DESCRIPTION\n" + paragraphs(description) + "\n"
-        page += ".Pp\nThe program describes its arguments and exit statuses so:\n.Bd -literal\n" + roff(run_help(binary)) + "\n.Ed\n"
+        page += ".Pp\nThe program describes its arguments so:\n.Bd -literal\n" + roff(run_help(binary)) + "\n.Ed\n"
         for sub in subcommands:
             page += f".Ss {name} {sub}\n.Bd -literal\n" + roff(run_help(binary, sub)) + "\n.Ed\n"
-        page += ".Sh EXIT STATUS\nAs the description ends: 0 is success, and an error is " + ("125" if name == "rukrun" else "2") + ".\n"
+        page += ".Sh EXIT STATUS\n" + statuses(status)
         page += ".Sh EXAMPLES\n.Bd -literal\n" + roff(example.strip()) + "\n.Ed\n"
         page += ".Sh SEE ALSO\n" + see_also(see.split() + ["ruk(7)"]) + "\n"
         pages[f"{name}.1"] = page

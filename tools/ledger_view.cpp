@@ -63,7 +63,7 @@ constexpr Reason<Page> board_reasons[] = {
       "look for a damaged sender"}},
     {&Page::raw_dropped,
      {"raw_dropped", "frames for a raw endpoint that had 256 waiting already",
-      "call oxel_raw_next_event() more often, from a thread of its own"}},
+      "take the frames more often, from a thread of its own"}},
 };
 
 using Queues = softnic::LedgerEndpoint;

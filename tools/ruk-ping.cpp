@@ -392,8 +392,10 @@ int main(int argc, char **argv)
     describe_server(*server, server_options);
     describe_client(*client, client_options);
     app.require_subcommand(1);
-    app.footer("Exit status: 0 every request was answered; 1 some were not; 2 error.\n"
-               "SIGINT and SIGTERM end it with what it has.");
+    app.footer(
+        "Exit status: 0 of the client, every request was answered, of the server, COUNT was reached or none was\n"
+        "given, whatever became of the replies; 1 not so; 2 error.\n"
+        "SIGINT and SIGTERM end it with what it has.");
     return run_program(app, argc, argv,
                        [&] { return server->parsed() ? serve(server_options) : measure(client_options); });
 }

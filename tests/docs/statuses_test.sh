@@ -32,7 +32,8 @@ done
 # What has a page is there, and what is there has a page; each page tells the statuses.
 while read -r name subcommands; do
     [[ -x $bin/$name ]] || complain "$name is missing"
-    grep -q '^\.Sh EXIT STATUS' "$root/man/$name.1" || complain "$name(1) tells no exit status"
+    told=$(sed -n '/^\.Sh EXIT STATUS/,/^\.Sh EXAMPLES/p' "$root/man/$name.1" | grep -c '^\.It [0-9]')
+    ((told >= 3)) || complain "$name(1) tells $told exit statuses"
     programs=$((programs - 1))
     for subcommand in $subcommands; do
         help=$("$bin/$name" "$subcommand" --help 2>/dev/null) || complain "$name $subcommand --help: status $?"
@@ -40,6 +41,8 @@ while read -r name subcommands; do
         "$bin/$name" "$subcommand" --no-such-option >/dev/null 2>&1
         status=$?
         ((status == 2)) || complain "$name $subcommand --no-such-option: status $status"
+        said=$("$bin/$name" "$subcommand" --version 2>/dev/null) || complain "$name $subcommand --version: status $?"
+        [[ $said == "$name $version" ]] || complain "$name $subcommand --version says '$said'"
     done
 done < <(sed -n 's/^= //p' "$root/docs/man/programs.txt")
 ((programs == 0)) || complain "$programs programs without a page"
