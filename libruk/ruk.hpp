@@ -1,7 +1,7 @@
 /*
  * A C++20 face over ruk.h: owners that may be moved, std::span payloads, std::chrono times, and each error as an
  * exception or as a std::error_code. Everything is inline, an owner holds one handle, and a datagram is the record that
- * the library fills: sending and receiving cost what the C calls do.
+ * the library fills: sending and receiving are the C calls and a few instructions, with error codes a few more.
  *
  *     ruk::init();
  *     auto endpoint = ruk::endpoint::open_if("oxel0", ruk::open_flags::thread_safe);
