@@ -4,6 +4,14 @@
 #   packaging/try-packages.sh PACKAGE_DIR [CHROOT_DIR]     as root; CHROOT_DIR is made with debootstrap unless it is there
 set -euo pipefail
 packages=$(realpath "$1")
+# Tells what a command said only when it failed.
+quietly() {
+    local log=$packages/try.log
+    "$@" >"$log" 2>&1 && return
+    tail -n 30 "$log" >&2
+    echo "try-packages: failed: $*" >&2
+    return 1
+}
 root=${2:-}
 leave() {
     for mounted in proc sys dev; do
@@ -18,7 +26,11 @@ else
 fi
 if [[ ! -e $root/etc/debian_version ]]; then
     echo "Making a chroot ..."
-    debootstrap --variant=minbase bookworm "$root" >"$packages/debootstrap.log" 2>&1
+    command -v debootstrap >/dev/null || {
+        echo "try-packages: debootstrap is missing; scripts/install-deps.sh packages installs it" >&2
+        exit 1
+    }
+    quietly debootstrap --variant=minbase bookworm "$root"
     for file in sources.list sources.list.d apt.conf.d; do # as this machine gets its packages
         [[ -e /etc/apt/$file ]] && cp -r "/etc/apt/$file" "$root/etc/apt/"
     done
@@ -36,18 +48,35 @@ files() {
         -o -path /var/cache -o -path /var/log \) -prune -o -print | sort
 }
 
-inside apt-get update -qq
+quietly inside apt-get update -qq
 # What users have already: compilers, man, and a test library.
-inside apt-get install -y -qq --no-install-recommends g++ libc6-dev pkg-config cmake make iproute2 man-db bash-completion \
-    libgtest-dev >/dev/null 2>&1
+quietly inside apt-get install -y -qq --no-install-recommends g++ libc6-dev pkg-config cmake make iproute2 man-db \
+    bash-completion libgtest-dev
 inside rm -f /etc/ld.so.cache && inside ldconfig
 files >"$packages/before"
 
-echo "Installing ..."
 rm -rf "$root/tmp/debs"
 mkdir "$root/tmp/debs"
 cp "$packages"/*.deb "$root/tmp/debs/"
-inside sh -c 'apt-get install -y -qq --no-install-recommends /tmp/debs/*.deb' >/dev/null 2>&1
+
+# A package with what it depends on, and nothing else, has its programs and the pages that they refer to.
+for package in ruk-tools ruk-softnic; do
+    echo "Trying $package alone ..."
+    quietly inside sh -c "apt-get install -y -qq --no-install-recommends /tmp/debs/libruk0_*.deb /tmp/debs/${package}_*.deb"
+    inside bash -euc '
+        for program in $(dpkg -L "$0" | grep ^/usr/bin/); do
+            "$program" --version
+            man -w 1 "${program##*/}" >/dev/null
+        done
+        for page in ruk ruk-environment ruk-timestamps ruk-softnic; do man -w 7 "$page" >/dev/null; done
+        test -r /usr/share/doc/libruk0/docs/hazards.md -a -r /usr/share/doc/libruk0/docs/operating.md
+    ' "$package"
+    quietly inside apt-get purge -y -qq libruk0 "$package"
+    quietly inside apt-get autoremove -y -qq --purge
+done
+
+echo "Installing ..."
+quietly inside sh -c 'apt-get install -y -qq --no-install-recommends /tmp/debs/*.deb'
 
 echo "Using ..."
 cat >"$root/tmp/use.c" <<'C'
@@ -97,6 +126,11 @@ inside bash -euc '
         man -w "$name" >/dev/null
         ( . /usr/share/bash-completion/completions/$name && complete -p $name >/dev/null )
     done
+    for document in $(find -L /usr/share/doc/libruk0 /usr/share/doc/libruk-dev /usr/share/doc/ruk-tools -name "*.md"); do
+        for target in $(grep -o "]([^)#:]*" "$document" | cut -c3-); do
+            test -e "${document%/*}/$target" || { echo "$document: no $target"; exit 1; }
+        done
+    done
     test "$(man -w 3 ruk_open_if)" = "$(man -w 3 ruk_open)"
     for page in ruk_recvfrom ruk_send_connect ruk_mcast_join_source tov_getifaddrs; do
         MANPAGER=cat man 3 $page | grep -q "EXAMPLES"
@@ -122,8 +156,8 @@ inside bash -euc '
 '
 
 echo "Removing ..."
-inside apt-get purge -y -qq libruk0 libruk-dev ruk-tools ruk-softnic >/dev/null 2>&1
-inside apt-get autoremove -y -qq --purge >/dev/null 2>&1
+quietly inside apt-get purge -y -qq libruk0 libruk-dev ruk-tools ruk-softnic
+quietly inside apt-get autoremove -y -qq --purge
 files >"$packages/after"
 if left=$(comm -13 "$packages/before" "$packages/after" | grep -v '^/root' | grep .); then
     echo "left behind: $left"
