@@ -38,6 +38,7 @@ mkdir -p "$build" "$(dirname "$results")"
 results=$(realpath "$results") # ctest would take it from the build directory
 rm -f "$results"
 log=$build/build.log
+began=$SECONDS
 if ! {
     cmake -S "$root" -B "$build" -G Ninja "${options[@]}" "${further[@]}" &&
         cmake --build "$build" -j 2
@@ -46,6 +47,9 @@ if ! {
     echo "build_and_test: the $kind build failed; all of it is in $log"
     exit 1
 fi
+# A clean build of the whole project is meant to take less than five minutes on two processors that do nothing else.
+took=$((SECONDS - began))
+echo "the $kind build took $took s$( [[ $kind != 64 ]] || ((took <= 300)) || echo '; warning: that is more than the 300 s meant')"
 # A warning is worth seeing even where it is no error.
 grep -E 'warning:' "$log" | sort -u | head -n 20 || true
 

@@ -47,7 +47,12 @@ stage() {
     return "$status"
 }
 
-print_stage_times() {
+# With a number of minutes, which all together are meant to take at most, a word about that, too.
+print_stage_times() { # [MINUTES]
+    local took=$((SECONDS - script_began))
     printf '\nMinutes:\n'
     printf '%s\n' "${stage_times[@]}"
+    (($#)) || return 0
+    printf '%6s of %2d min  all together%s\n' "$(minutes "$took")" "$1" \
+        "$( ((took <= $1 * 60)) || echo '; warning: that is more than meant')"
 }
