@@ -17,8 +17,8 @@ TEST(LedgerView, FramesThatARawEndpointDidNotFetch_ReasonAndRemedy)
     const std::vector<tools::Drop> drops = tools::adapter_drops(page);
     ASSERT_EQ(drops.size(), 1u);
     EXPECT_EQ(tools::drop_text(drops[0]),
-              "raw_dropped (board): 44: frames for a raw endpoint that had 256 waiting already; call "
-              "oxel_raw_next_event() more often, from a thread of its own");
+              "raw_dropped (board): 44: frames for a raw endpoint that had 256 waiting already; take "
+              "the frames more often, from a thread of its own");
 }
 
 namespace {
