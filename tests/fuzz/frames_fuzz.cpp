@@ -71,7 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const ruk_device_t dev = station.plain->dev;
     fuzz::Bytes in(data, size);
 
-    softnic_clear_commands(station.wire.nic); /* its log of them only grows */
+    softnic_clear_commands(station.wire.nic); /* these logs only grow */
+    station.wire.host.sockets.clear();
     const uint8_t choice = in.u8();
     const auto mode = static_cast<ruk_filter_mode>(choice % 3);
     const auto how = (choice & 4) != 0 ? RUK_RECV_PEEK_MSG : RUK_RECV_NONBLOCK;
