@@ -28,8 +28,14 @@ protected:
     // The same without an adapter, in a mount namespace that a shell script has prepared. `run` stands before ruk-info.
     json examine_after(const std::string &script, const std::string &run = "")
     {
-        auto program = lab.start(lab.adapter, {"unshare", "-m", "sh", "-euc",
-                                               script + "\nexec " + run + " " + bin("ruk-info") + " --doctor --json"});
+        // In a chroot the root is no mount point; what is mounted below it is made private one by one.
+        static const std::string apart = "mount --make-rprivate / 2>/dev/null ||\n"
+                                         "for at in $(cut -d' ' -f5 /proc/self/mountinfo); do\n"
+                                         "    mount --make-private $at\n"
+                                         "done\n";
+        auto program =
+            lab.start(lab.adapter, {"unshare", "-m", "--propagation", "unchanged", "sh", "-euc",
+                                    apart + script + "\nexec " + run + " " + bin("ruk-info") + " --doctor --json"});
         EXPECT_TRUE(program->finish()) << *program;
         status_ = program->status();
         expect_schema("ruk-info-doctor", program->out());
