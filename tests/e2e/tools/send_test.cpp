@@ -103,11 +103,11 @@ protected:
             close(wire_);
     }
 
-    /* Waits until the kernel of the adapter's host asks for the neighbour's MAC address. */
-    bool asked_for()
+    /* Waits until the kernel of the adapter's host asks for the MAC address of 10.77.0.`host`. */
+    bool asked_for(uint8_t host = 9)
     {
         const std::string request("\x08\x06\x00\x01\x08\x00\x06\x04\x00\x01", 10);
-        const std::string target("\x0a\x4d\x00\x09", 4);
+        const std::string target = {'\x0a', '\x4d', '\x00', static_cast<char>(host)};
         constexpr size_t ether_type = 12, target_address = 38;
         char frame[2048];
         for (pollfd waiting = {wire_, POLLIN, 0}; poll(&waiting, 1, 20000) == 1;) {
@@ -119,7 +119,12 @@ protected:
         return false;
     }
 
-    void appear() { lab.run(lab.peer, "ip address add 10.77.0.9/32 dev peer0"); }
+    void appear(int host = 9) { lab.run(lab.peer, "ip address add 10.77.0." + std::to_string(host) + "/32 dev peer0"); }
+
+    /* Ways to send, each to an address of its own: questions about one say nothing of the other. */
+    const std::vector<std::pair<std::string, uint8_t>> ways_ = {{"--connect", 9}, {"--sendto", 10}};
+
+    static std::string late(uint8_t host) { return "10.77.0." + std::to_string(host) + ":40000"; }
 
     /* A socket that is there before the address is. */
     test_support::LabHost anywhere()
@@ -291,31 +296,28 @@ TEST_F(SendToLateNeighbour, LibraryCallThatMayBlock_WaitsForIt)
 
 TEST_F(SendToLateNeighbour, ProgramWaitsForIt)
 {
-    for (const char *way : {"--connect", "--sendto"}) {
+    for (const auto &[way, host] : ways_) {
         KernelSocket peer(lab, anywhere(), 40000);
-        auto program = soft({"ruk-send", "-i", "oxel0", "-p", "5000", "10.77.0.9:40000", "-m", "late", way});
-        ASSERT_TRUE(asked_for()) << *program;
-        appear();
+        auto program = soft({"ruk-send", "-i", "oxel0", "-p", "5000", late(host), "-m", "late", way});
+        ASSERT_TRUE(asked_for(host)) << *program;
+        appear(host);
         EXPECT_TRUE(program->finish()) << *program;
         EXPECT_TRUE(program->exited_with(0)) << way << "\n" << *program;
         EXPECT_EQ(peer.receive(), "10.77.0.1:5000 late");
         EXPECT_EQ(program->out().rfind("sent 1 datagrams, 4 bytes", 0), 0u) << *program;
-        lab.run(lab.peer, "ip address del 10.77.0.9/32 dev peer0");
-        lab.run(lab.adapter, "ip neigh flush to 10.77.0.9");
     }
 }
 
 TEST_F(SendToLateNeighbour, Terminated_ProgramEndsWithItsSummary)
 {
-    for (const char *way : {"--connect", "--sendto"}) {
-        auto program = soft({"ruk-send", "-i", "oxel0", "10.77.0.9:40000", "-m", "never", way});
-        ASSERT_TRUE(asked_for()) << *program;
+    for (const auto &[way, host] : ways_) {
+        auto program = soft({"ruk-send", "-i", "oxel0", late(host), "-m", "never", way});
+        ASSERT_TRUE(asked_for(host)) << *program;
         program->signal(SIGTERM);
         EXPECT_TRUE(program->finish()) << *program;
         EXPECT_TRUE(program->exited_with(1)) << way << "\n" << *program;
         EXPECT_EQ(program->out().rfind("sent 0 datagrams, 0 bytes", 0), 0u) << *program;
         EXPECT_NE(program->out().find("; refused 0\n"), std::string::npos) << *program;
-        lab.run(lab.adapter, "ip neigh flush to 10.77.0.9");
     }
 }
 

@@ -443,6 +443,25 @@ TEST(ClosingEndpoint, NeedcloseWhileAsleep_EnxioWithNothingConsumedOrClosed)
     }
 }
 
+TEST(ClosingEndpoint, NeedcloseWhileAsleepAndShutDown_InterruptedAndTheCloseLeftToTheCloser)
+{
+    in_each_way({RUK_RECV_BLOCK}, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
+        Handle handle(rig);
+        rig.bind(0, HOST, 5000);
+        Polls polls({[&] {
+            rig.ep->rep_state = REP_STATE_NEEDCLOSE;
+            EXPECT_EQ(ruk_shutdown(rig.ep, 0), 0);
+            return 0;
+        }});
+        EXPECT_EQ(call.receive(rig, mode), EINTR);
+        EXPECT_EQ(polls.asked, 1u);
+        EXPECT_EQ(rig.ep->rep_inuse, 0u);
+        EXPECT_TRUE(rig.rx_lock_free());
+        EXPECT_FALSE(rig.closed());
+        EXPECT_EQ(rig.ep->rep_state, REP_STATE_NEEDCLOSE);
+    });
+}
+
 TEST(DeferredClose, QueueEmptyAndOthersInside_EagainAndLeftToThem)
 {
     in_each_way(modes_that_return_at_once, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
