@@ -272,7 +272,8 @@ void ruk_dump_stats(ruk_device_t dev, int non_zero);
  * Makes a send handle for a destination: resolves its next hop and prepares the frame's header. ttl 0 takes
  * 64, or 1 for a group; at most 64. Takes the endpoint lock, and drops it while the kernel is asked.
  * Where the kernel's ARP table does not know the next hop the kernel is prompted and asked up to 1001 times: the call
- * may sleep about ten seconds. With RUK_NONBLOCK in flags it prompts once and returns EADDRNOTAVAIL at once; try again.
+ * may sleep about ten seconds. With RUK_NONBLOCK in flags it prompts once and returns EADDRNOTAVAIL at once; try again
+ * every 50 to 100 ms. Prompts add up: at a few hundred within three seconds, as by a call every 10 ms, it sleeps too.
  * Errors, stored in errno too: EINVAL a null or zero destination, a ttl out of range, a next hop with the MAC address
  * of this very adapter; EHOSTUNREACH no route; EADDRNOTAVAIL no answer to ARP yet, as for the endpoint's own address
  * always; ENXIO (EAGAIN with RUK_NONBLOCK) the host's interfaces cannot be listed; ENOMEM; others of the host; those of

@@ -310,7 +310,11 @@ public:
         return sin;
     }
 
-    /* ttl 0 takes the library's; ARP is asked up to 1001 times without a pause, with send_flags::nonblock twice. */
+    /*
+     * ttl 0 takes the library's. Where the next hop is not known the call may sleep about ten seconds; with
+     * send_flags::nonblock it gives EADDRNOTAVAIL at once: try again every 50 to 100 ms. At a few hundred tries within
+     * three seconds, as one every 10 ms, it sleeps too.
+     */
     send_handle connect(const sockaddr_in &to, std::error_code &ec, int ttl = 0, int flags = send_flags::none) noexcept
     {
         ruk_send_t handle = nullptr;
@@ -336,7 +340,7 @@ public:
 
     /*
      * False when there is no room, which is no error, and in the same way when the host's interfaces cannot be listed
-     * (EAGAIN as well). ARP is asked twice at most.
+     * (EAGAIN as well). ARP is asked twice at most; to a next hop not known yet, tries as with connect().
      */
     [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
     {
