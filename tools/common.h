@@ -182,6 +182,12 @@ public:
 int connect_waiting(const StopSignal &stop, ruk_channel_t channel, const sockaddr_in &to, int ttl, ruk_send_t *handle);
 int sendto_waiting(const StopSignal &stop, ruk_channel_t channel, const sockaddr_in &to, const void *data, int len);
 
+/*
+ * Between two tries while the next hop is unknown. Each prompts the kernel, which lets the caller sleep at a few
+ * hundred prompts within three seconds.
+ */
+constexpr int64_t next_hop_pause_ns = 50'000'000;
+
 enum class WaitMode { spin, nonblock, block };
 const char *wait_mode_name(WaitMode mode);
 void add_wait_option(CLI::App &app, WaitMode &mode);

@@ -702,7 +702,7 @@ private:
             attempts++;
             rc = ruk_send_connect(channel.handle, &to, RUK_NONBLOCK, 0, &handle);
             if (rc != 0)
-                stop_.sleep_until(monotonic_ns() + 5 * ms);
+                stop_.sleep_until(monotonic_ns() + next_hop_pause_ns);
         } while (rc != 0 && monotonic_ns() - start < 3 * second && !stop_.requested());
         const int64_t after = monotonic_ns() - start;
         uint32_t address = hop.s_addr;
@@ -853,7 +853,7 @@ private:
                 const int error = errno;
                 if (run.stop_.requested() || monotonic_ns() >= deadline)
                     fail("cannot send to {}: {}", endpoint_text(to), send_error_text(error));
-                run.stop_.sleep_until(monotonic_ns() + 20 * ms);
+                run.stop_.sleep_until(monotonic_ns() + next_hop_pause_ns);
             }
         }
         ~Echo() { ruk_send_disconnect(handle_); }

@@ -179,16 +179,30 @@ public:
         int len = static_cast<int>(payload.size());
         if (handle_)
             return ruk_send(handle_, payload.data(), len, flags_);
-        return flags_ & RUK_NONBLOCK ? ruk_sendto(channel_, &to_, payload.data(), len, flags_)
+        return flags_ & RUK_NONBLOCK ? sendto_at_once(payload.data(), len)
                                      : sendto_waiting(stop_, channel_, to_, payload.data(), len);
     }
 
 private:
+    /* While the next hop is unknown the library is called now and then only: each call prompts the kernel. */
+    int sendto_at_once(const void *data, int len)
+    {
+        if (unknown_ && monotonic_ns() < next_try_)
+            return EADDRNOTAVAIL;
+        int rc = ruk_sendto(channel_, &to_, data, len, RUK_NONBLOCK);
+        unknown_ = rc == EADDRNOTAVAIL;
+        if (unknown_)
+            next_try_ = monotonic_ns() + next_hop_pause_ns;
+        return rc;
+    }
+
     ruk_channel_t channel_;
     sockaddr_in to_;
     const StopSignal &stop_;
     int flags_;
     ruk_send_t handle_ = nullptr;
+    bool unknown_ = false; /* the next hop, when the library was called last */
+    int64_t next_try_ = 0;
 };
 
 /* A line a second for whoever watches a terminal. */

@@ -54,10 +54,10 @@ protected:
         EXPECT_TRUE(program.exited_with(0)) << program;
     }
 
-    // UDP counters of the other host, by name.
-    std::map<std::string, uint64_t> udp_counters()
+    // UDP counters of a host, by name.
+    std::map<std::string, uint64_t> udp_counters(const test_support::LabHost &host)
     {
-        std::istringstream lines(lab.run(lab.peer, "grep ^Udp: /proc/net/snmp"));
+        std::istringstream lines(lab.run(host, "grep ^Udp: /proc/net/snmp"));
         std::string names, values, name;
         std::getline(lines, names);
         std::getline(lines, values);
@@ -105,7 +105,7 @@ TEST_F(SendPeers, EveryPayloadSize_AtAKernelSocket_UnchangedAndNoChecksumError)
     // A test that is kept waiting loses nothing: the whole stream has room, where this user may ask for so much.
     const int room = 16 << 20;
     setsockopt(peer.fd(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
-    const auto before = udp_counters();
+    const auto before = udp_counters(lab.peer);
     std::string text;
     for (size_t n = 0; n < kSizes; n++)
         text += line_of(n) + "\n";
@@ -113,7 +113,7 @@ TEST_F(SendPeers, EveryPayloadSize_AtAKernelSocket_UnchangedAndNoChecksumError)
     for (size_t n = 0; n < kSizes; n++)
         ASSERT_EQ(peer.receive(), "10.77.0.1:5000 " + line_of(n)) << n << *program;
     expect_sent(*program);
-    auto after = udp_counters();
+    auto after = udp_counters(lab.peer);
     EXPECT_EQ(after["InCsumErrors"], before.at("InCsumErrors"));
     EXPECT_EQ(after["InErrors"], before.at("InErrors"));
     EXPECT_EQ(after["InDatagrams"] - before.at("InDatagrams"), kSizes);
@@ -216,4 +216,58 @@ TEST_F(SendPeers, NonblockingBeyondTheRing_RefusesAndLosesNothingItAccepted)
     for (uint64_t i = 0; i < sent; i++)
         ASSERT_EQ(peer.receive(), "10.77.0.1:5000 " + payload) << i << " of " << sent;
     EXPECT_EQ(peer.receive(50), "nothing");
+}
+
+namespace {
+
+// 10.77.0.9, a neighbour that is not there, or not yet; without waiting for it.
+class SendWithoutWaiting : public SendPeers {
+protected:
+    // Datagrams that the adapter's host sent by its own sockets: the library sends by a packet socket, and prompts the
+    // kernel by an empty datagram each.
+    uint64_t prompts() { return udp_counters(lab.adapter)["OutDatagrams"]; }
+
+    // As many as there can be with 50 ms from the end of one try to the next.
+    static uint64_t most_prompts(const json &summary)
+    {
+        return 1 + static_cast<uint64_t>(summary.at("seconds").get<double>() / 0.05);
+    }
+};
+
+} // namespace
+
+TEST_F(SendWithoutWaiting, AbsentNeighbour_AllIsRefusedAndTheKernelPromptedEvery50ms)
+{
+    const uint64_t before = prompts();
+    auto program = soft({"ruk-send", "-i", "oxel0", "-p", "5000", "10.77.0.9:6000", "-m", "never", "--sendto",
+                         "--nonblock", "-r", "1000", "-n", "300", "--json"});
+    ASSERT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(1)) << *program;
+    const json summary = parse(program->out());
+    EXPECT_EQ(summary["sent"], 0);
+    EXPECT_EQ(summary["refused"], json({{"EADDRNOTAVAIL", 300}}));
+    EXPECT_GE(prompts() - before, 1u);
+    EXPECT_LE(prompts() - before, most_prompts(summary)) << *program;
+}
+
+TEST_F(SendWithoutWaiting, NeighbourThatComesLater_IsFound_AndASignalEndsItWithItsSummary)
+{
+    test_support::LabHost anywhere = lab.peer;
+    anywhere.address = "0.0.0.0";
+    KernelSocket peer(lab, anywhere, 6000);
+    const uint64_t before = prompts();
+    auto program = soft({"ruk-send", "-i", "oxel0", "-p", "5000", "10.77.0.9:6000", "-m", "found", "--sendto",
+                         "--nonblock", "-r", "1000", "-n", "1000000", "--json"});
+    for (int i = 0; i < 2000 && prompts() == before; i++)
+        usleep(10000);
+    ASSERT_GT(prompts(), before) << *program;
+    lab.run(lab.peer, "ip address add 10.77.0.9/32 dev peer0");
+    EXPECT_EQ(peer.receive(), "10.77.0.1:5000 found") << *program;
+    program->signal(SIGTERM);
+    ASSERT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(1)) << *program;
+    const json summary = parse(program->out());
+    EXPECT_GE(summary["sent"], 1);
+    EXPECT_GE(summary["refused"].value("EADDRNOTAVAIL", 0), 1);
+    EXPECT_LE(prompts() - before, most_prompts(summary)) << *program;
 }
