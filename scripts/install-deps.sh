@@ -1,5 +1,5 @@
 #!/bin/bash
-# Installs the Debian packages that are missing for: build, demo, test or ci, each with the groups before it.
+# Installs the Debian packages that are missing for: build, demo, test, ci or packages, each with the groups before it.
 # Says nothing and needs no privileges when nothing is missing.
 #
 #   scripts/install-deps.sh GROUP
