@@ -1026,11 +1026,12 @@ int run(const Options &opt)
     /* Found out before the time is spent. */
     if (!opt.report.empty() && (!write_report(opt.report, report) || unlink(opt.report.c_str()) != 0))
         fail("cannot write {}", opt.report);
-    bool differs = false, failed = false, written = true;
+    bool differs = false, failed = false, probed = false, written = true;
     const bool finished = session.all([&](const Probe &p) {
         const std::string result = p.result(), measured = p.measured.dump();
         differs = differs || result == "differs";
         failed = failed || result == "failed";
+        probed = probed || result != "not probed";
         ordered_json entry = {
             {"probe", p.name}, {"result", result}, {"expected", p.expected}, {"measured", p.measured}};
         const std::string reason = p.failure + p.lacking;
@@ -1047,15 +1048,17 @@ int run(const Options &opt)
             written = write_report(opt.report, report);
     });
     if (finished)
-        report["result"] = failed ? "failed" : differs ? "differs" : "as expected";
+        report["result"] = !probed ? "nothing probed" : failed ? "failed" : differs ? "differs" : "as expected";
     if (opt.json)
         put_line(report.dump());
+    else if (finished && !probed)
+        put_line("nothing probed");
     if (!opt.report.empty()) {
         if (!write_report(opt.report, report) || !written)
             fail("cannot write {}", opt.report);
         note("the report is in " + opt.report);
     }
-    return finished && !failed && !differs ? exit_ok : exit_incomplete;
+    return finished && probed && !failed && !differs ? exit_ok : exit_incomplete;
 }
 
 } // namespace
@@ -1083,8 +1086,8 @@ int main(int argc, char **argv)
         ->allow_extra_args(false);
     run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs, failed or was left out; 2 "
-               "error.");
+    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs, failed or was left out, "
+               "or nothing was probed; 2 error.");
     return run_program(app, argc, argv,
                        [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
 }
