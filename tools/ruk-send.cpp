@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -187,12 +188,16 @@ private:
     /* While the next hop is unknown the library is called now and then only: each call prompts the kernel. */
     int sendto_at_once(const void *data, int len)
     {
-        if (unknown_ && monotonic_ns() < next_try_)
+        if (next_try_ != 0 && monotonic_ns() < next_try_)
             return EADDRNOTAVAIL;
         int rc = ruk_sendto(channel_, &to_, data, len, RUK_NONBLOCK);
-        unknown_ = rc == EADDRNOTAVAIL;
-        if (unknown_)
-            next_try_ = monotonic_ns() + next_hop_pause_ns;
+        if (rc != EADDRNOTAVAIL) {
+            pause_ = first_pause_ns;
+            next_try_ = 0;
+            return rc;
+        }
+        next_try_ = monotonic_ns() + pause_;
+        pause_ = std::min(2 * pause_, next_hop_pause_ns);
         return rc;
     }
 
@@ -201,8 +206,8 @@ private:
     const StopSignal &stop_;
     int flags_;
     ruk_send_t handle_ = nullptr;
-    bool unknown_ = false; /* the next hop, when the library was called last */
-    int64_t next_try_ = 0;
+    static constexpr int64_t first_pause_ns = 1'000'000; /* a neighbour that is there answers soon */
+    int64_t pause_ = first_pause_ns, next_try_ = 0; /* 0: the next hop was known when the library was called last */
 };
 
 /* A line a second for whoever watches a terminal. */

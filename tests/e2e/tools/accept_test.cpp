@@ -271,7 +271,7 @@ TEST_F(AcceptTool, VlanOfTheAdapterAlone_IsNotProbed)
     auto peer = serve();
     auto run = probe({"vlan"});
     ASSERT_TRUE(run->finish(120000)) << *run;
-    EXPECT_TRUE(run->exited_with(0)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
     expect_schema("ruk-accept", run->out());
     const json entry = entry_of(parse(run->out()), "vlan");
     EXPECT_EQ(entry["result"], "not probed");
