@@ -30,7 +30,7 @@ for kind in "${kinds[@]}"; do
     64) stage "64 bit: build and test" 18 scripts/build_and_test.sh 64 build "$results/64.xml" ;;
     32) stage "32 bit: build and test" 14 scripts/build_and_test.sh 32 build-32 "$results/32.xml" ;;
     address)
-        stage "address and undefined-behaviour sanitizers: build and test" 13 \
+        stage "address and undefined-behaviour sanitizers: build and test" 16 \
             scripts/build_and_test.sh address build-address "$results/address.xml"
         ;;
     *)

@@ -357,12 +357,13 @@ class Workshop:
         words = shlex.split(command)
         words = [archive if w == "lib/libruk.a" else replaced.get(w, w) for w in words]
         words[words.index("-o") + 1] = output
-        done = subprocess.run(words + self.lld + ["-Wl,--trace"], cwd=self.build, env=self.environment, capture_output=True, text=True,
+        done = subprocess.run(words + self.lld + ["-Wl,--trace", "-Wl,--trace"], cwd=self.build, env=self.environment, capture_output=True, text=True,
                               timeout=300)  # fmt: skip
         if done.returncode:
             raise Failure(f"{program.name} does not link: {done.stderr[:500]}")
         if not program.members:
-            program.members = set(re.findall(r"libruk\.a\((\w+\.cpp\.o)\)", done.stdout)) or {"none"}
+            # "libruk.a(ruk_open.cpp.o)" of one linker is "(libruk.a)ruk_open.cpp.o" of another, told when asked twice.
+            program.members = set(re.findall(r"libruk\.a[()]+(\w+\.cpp\.o)", done.stdout)) or {"none"}
         return output
 
     def order(self, name):
@@ -570,6 +571,8 @@ def main():
             p.seconds = time.monotonic() - start
             if how:
                 raise Failure(f"{p.name} fails without any mistake: {how}")
+        if all(p.members == {"none"} for p in shop.programs):
+            raise Failure("no test program has anything of the library's archive, by what the linker says")
         print(f"{len(shop.programs)} test programs pass as things are, "
               f"in {sum(p.seconds for p in shop.programs):.1f} s")  # fmt: skip
         for m in drawn:
