@@ -3,9 +3,9 @@
 #
 #   scripts/build_and_test.sh KIND BUILD_DIR RESULTS.xml [CTEST_ARGUMENT...]
 #
-# KIND: 64 (all of the project); 32 (all but the benchmarks); address, thread (without the tools: unit tests, sweep of
-# faults (thread alone), simulation, and of the tests with whole programs those of the port, of steering, of rukrun and, with address,
-# of the send modes). Results are JUnit XML. Further cmake arguments may be given in RUK_CMAKE_ARGS.
+# KIND: 64 (all of the project); 32 (all but the benchmarks); address, thread (without the tools: unit tests, simulation,
+# with thread the sweep of faults, and of the tests with whole programs those of the port, of steering, of rukrun and,
+# with address, of the send modes). Results are JUnit XML. Further cmake arguments may be given in RUK_CMAKE_ARGS.
 set -euo pipefail
 
 kind=$1 build=$2 results=$3
