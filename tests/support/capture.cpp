@@ -1,11 +1,24 @@
 #include "capture.h"
 
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+/* Of a sanitizer's run time, where there is one. */
+extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void *fd);
+
 namespace test_support {
+
+static int captures; /* that are nested at present */
+
+/* A report ends the process, and what was captured with it: it goes where standard error went before. */
+static void report_to(int fd)
+{
+    if (__sanitizer_set_report_fd)
+        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
+}
 
 static void flush()
 {
@@ -32,11 +45,15 @@ StreamCapture::StreamCapture()
         if (saved_[i] < 0 || file_[i] < 0 || fcntl(file_[i], F_SETFL, O_APPEND) < 0 || dup2(file_[i], i + 1) < 0)
             abort();
     }
+    if (captures++ == 0)
+        report_to(saved_[1]);
 }
 
 StreamCapture::~StreamCapture()
 {
     flush();
+    if (--captures == 0)
+        report_to(STDERR_FILENO);
     for (int i = 0; i < 2; i++) {
         dup2(saved_[i], i + 1);
         close(saved_[i]);
