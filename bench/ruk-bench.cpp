@@ -266,9 +266,8 @@ int main(int argc, char **argv)
         fmt::print("{}, {} processors{}; {}; load {}\n", machine["processor"].get<std::string>(),
                    machine["processors"].get<unsigned>(), machine["virtual"].get<bool>() ? " (a virtual machine)" : "",
                    machine["kernel"].get<std::string>(), machine["load"].get<std::string>());
-        fmt::print("No card was involved: rings and windows are plain memory, but for kernel_* (sockets) and veth_* "
-                   "(the software "
-                   "adapter).\nTimes are ns an operation.\n\n");
+        fmt::print("No card was involved: rings and windows are plain memory, but for kernel_* (sockets) and veth_*\n"
+                   "(the software adapter). Times are ns an operation.\n\n");
         fmt::print("{:<28} {:>9} {:>9} {:>9} {:>9} {:>6}    {:>2} {:<5}{:>5}\n", "case", "median", "min", "max",
                    "floor", "ratio", "", "must", "aim");
     }
