@@ -196,11 +196,18 @@ void Seam::take_libc()
             "close", "close", -1, [&] { return below_.close ? below_.close(fd) : real::close(fd); }, true);
     };
     hooks.munmap = [this](void *start, size_t length) {
-        if (watching())
-            mappings_.erase(start);
+        /* The library unmaps some regions again after a failure. A sanitizer may have mapped memory there since. */
+        const bool again = length != 0 && unmapped_.count(start) != 0;
+        if (watching() && mappings_.erase(start) != 0)
+            unmapped_.insert(start);
         return call(
             "munmap", "munmap", -1,
-            [&] { return below_.munmap ? below_.munmap(start, length) : real::munmap(start, length); }, true);
+            [&] {
+                if (again)
+                    return 0; /* as the kernel says of what is not mapped */
+                return below_.munmap ? below_.munmap(start, length) : real::munmap(start, length);
+            },
+            true);
     };
     hooks.mmap = [this](void *start, size_t length, int prot, int flags, int fd, off_t offset) {
         void *at = call("mmap", "mmap", MAP_FAILED, [&] {
@@ -209,6 +216,7 @@ void Seam::take_libc()
         });
         if (watching() && at != MAP_FAILED)
             mappings_[at] = length;
+        unmapped_.erase(at);
         return at;
     };
     hooks.fopen = [this](const char *path, const char *mode) {

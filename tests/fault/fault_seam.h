@@ -91,6 +91,7 @@ private:
     unsigned failed_ = 0;
     std::vector<Call> calls_;
     std::map<void *, size_t> blocks_, mappings_;
+    std::set<void *> unmapped_;                            /* by the library, and not mapped again by it */
     std::set<std::pair<int, std::string>> filters_, kept_; /* device file, and the filter as the driver has it */
 };
 
