@@ -31,7 +31,15 @@ protected:
         uint64_t received = 0, disorder = 0;
         double per_second = 0;
         Footprint early, late;
+        std::string ledger; // where a frame that is missing was lost
     };
+
+    std::string ledger()
+    {
+        auto info = lab.start(lab.adapter, {bin("ruk-info"), "--stats"});
+        EXPECT_TRUE(info->finish()) << *info;
+        return info->out();
+    }
 
     // Sends so many datagrams at that rate, 0 being as many as the sender can.
     Run run(uint64_t count, uint64_t rate)
@@ -39,7 +47,7 @@ protected:
         const std::string program = std::string(RUK_BINARY_DIR) + "/tests/soak_program";
         auto receiver =
             lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", program, "receive", "10.77.0.1", "5000"},
-                      {"RUK_SOFTNIC_RECVQ=16777216"});
+                      {"RUK_SOFTNIC_RECVQ=16777216", "RUK_SOFTNIC_PACKETQ=67108864"});
         EXPECT_TRUE(receiver->wait_for_err("listening")) << *receiver;
         auto sender =
             lab.start(lab.peer, {program, "send", "10.77.0.1", "5000", std::to_string(count), std::to_string(rate)});
@@ -50,6 +58,7 @@ protected:
         std::string line;
         EXPECT_TRUE(sender->read_line(&line, (seconds * 2 + 60) * 1000)) << *sender; // all is sent
         result.late = footprint(receiver->pid());
+        result.ledger = ledger();
         EXPECT_TRUE(receiver->finish()) << *receiver;
         EXPECT_TRUE(receiver->exited_with(0)) << *receiver;
         const json end = parse(receiver->out());
@@ -78,7 +87,7 @@ TEST_F(Soak, HalfTheCeiling_NothingIsLostAndNothingGrows)
            ceiling, static_cast<unsigned long long>(rate), static_cast<unsigned long long>(half.received),
            static_cast<unsigned long long>(count), half.early.resident_kb, half.late.resident_kb,
            half.early.descriptors, half.late.descriptors);
-    EXPECT_EQ(half.received, count);
+    EXPECT_EQ(half.received, count) << half.ledger;
     EXPECT_EQ(half.disorder, 0u);
     EXPECT_EQ(half.late.descriptors, half.early.descriptors);
     EXPECT_LE(half.late.resident_kb, half.early.resident_kb + 1024);
