@@ -47,7 +47,8 @@ using Page = softnic::LedgerPage;
 constexpr Reason<Page> interface_reasons[] = {
     {&Page::rx_dropped,
      {"rx_dropped", "frames lost before the adapter saw them: the packet ring was full",
-      "give the adapter's thread a processor of its own (RUK_SOFTNIC_CPU)"}},
+      "give the adapter's thread a processor of its own (RUK_SOFTNIC_CPU), or the ring more room "
+      "(RUK_SOFTNIC_PACKETQ)"}},
     {&Page::rx_malformed,
      {"rx_malformed", "frames that the interface handed over incomplete, or without the trailer that they should bear",
       "look at the sender's offload settings, and whether the switch adds its trailer (--switch=wire)"}},

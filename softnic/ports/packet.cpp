@@ -26,8 +26,6 @@ namespace softnic {
 namespace {
 
 constexpr uint32_t kMinSlot = 2048, kMaxSlot = 16384;
-constexpr uint32_t kRingBytes = 8u << 20; // 4096 slots at the usual MTU
-constexpr uint32_t kMinRingBytes = 256u << 10;
 constexpr uint32_t kBlockBytes = 64u << 10;
 constexpr uint32_t kVlanTag = 4;
 constexpr uint32_t kLargestFrame = 1u << 16;
@@ -95,7 +93,7 @@ private:
 
 class PacketPort final : public Port {
 public:
-    explicit PacketPort(uint32_t trailer) : trailer_(trailer) {}
+    PacketPort(uint32_t trailer, uint32_t ring_bytes) : trailer_(trailer), ring_bytes_(std::bit_ceil(ring_bytes)) {}
     ~PacketPort() override
     {
         if (ring_ != nullptr)
@@ -135,7 +133,7 @@ private:
     int ifindex_ = 0;
     Socket rx_, tx_;
     uint8_t *ring_ = nullptr;
-    uint32_t ring_bytes_ = 0, slot_bytes_ = 0, slots_ = 0;
+    uint32_t ring_bytes_, slot_bytes_ = 0, slots_ = 0;
     uint32_t next_ = 0;            // slot that the kernel fills next
     tpacket2_hdr *held_ = nullptr; // slot of the frame handed out last
     unsigned empty_looks_ = 0;
@@ -221,7 +219,8 @@ bool PacketPort::set_up_ring(uint32_t mtu)
     const uint32_t overhead =
         TPACKET_ALIGN(TPACKET2_HDRLEN + 16) + sizeof(OffloadHeader) + ETH_HLEN + 2 * kVlanTag + TPACKET_ALIGNMENT;
     slot_bytes_ = std::clamp(std::bit_ceil(std::min(mtu, kMaxSlot) + overhead), kMinSlot, kMaxSlot);
-    ring_bytes_ = kRingBytes * (slot_bytes_ > kMinSlot ? 4 : 1);
+    if (slot_bytes_ > kMinSlot)
+        ring_bytes_ *= 4;
     for (;; ring_bytes_ /= 2) {
         tpacket_req request = {};
         request.tp_block_size = kBlockBytes;
@@ -230,7 +229,7 @@ bool PacketPort::set_up_ring(uint32_t mtu)
         request.tp_frame_nr = ring_bytes_ / slot_bytes_;
         if (rx_.set(SOL_PACKET, PACKET_RX_RING, request))
             break;
-        if (errno != ENOMEM || ring_bytes_ <= kMinRingBytes)
+        if (errno != ENOMEM || ring_bytes_ <= kMinPacketRing)
             return false;
     }
     void *ring = sys::mmap(nullptr, ring_bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, rx_.fd());
@@ -437,9 +436,10 @@ PortCounters PacketPort::counters() const
 
 } // namespace
 
-std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error, bool trailer_on_wire)
+std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error, bool trailer_on_wire,
+                                       uint32_t ring_bytes)
 {
-    auto port = std::make_unique<PacketPort>(trailer_on_wire ? NUV_UEVT_FCS_LEN : 0);
+    auto port = std::make_unique<PacketPort>(trailer_on_wire ? NUV_UEVT_FCS_LEN : 0, ring_bytes);
     std::string why;
     if (port->open(ifname, &why))
         return port;

@@ -216,13 +216,16 @@ Driver *make_live_driver()
     options.cpu =
         setting("RUK_SOFTNIC_CPU") != nullptr ? static_cast<int>(number("RUK_SOFTNIC_CPU", 0, 0, CPU_SETSIZE - 1)) : -1;
 
+    const auto packet_ring =
+        static_cast<uint32_t>(number("RUK_SOFTNIC_PACKETQ", kPacketRing, kMinPacketRing, kMaxPacketRing));
+
     std::vector<std::unique_ptr<Card>> cards;
     for (const std::string &name : split(names, ',')) {
         HostInterface host;
         std::string error = "no such interface";
         std::unique_ptr<Port> port;
         if (look_up(name, &host))
-            port = make_packet_port(name, &error, trailer_on_wire());
+            port = make_packet_port(name, &error, trailer_on_wire(), packet_ring);
         if (!port) {
             complain(std::string(name).append(": ").append(error));
             continue;

@@ -103,6 +103,21 @@ protected:
     }
     static constexpr char kFiller[] = "filler\n";
 
+    // When this returns each of its threads stands.
+    static void stop(pid_t pid)
+    {
+        kill(pid, SIGSTOP);
+        for (const auto &thread : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+            const auto stands = [&] {
+                const std::string status = contents(thread.path() / "stat");
+                return status.substr(status.rfind(')') + 2, 1) == "T";
+            };
+            for (int attempt = 0; attempt < 5000 && !stands(); attempt++)
+                usleep(1000);
+            EXPECT_TRUE(stands()) << thread;
+        }
+    }
+
     // A receiver whose output is stopped up: its ring fills, and what is left is lost. When this returns all that was
     // sent has arrived, whatever became of it; the board then.
     std::unique_ptr<test_support::Program> overflowing_receiver(KernelSocket &peer, json *board,
@@ -444,7 +459,7 @@ TEST_F(Ledger, BurstWhileTheReceiverIsStopped_Info_ShowsTheHighWaterMark)
 {
     KernelSocket peer(lab, lab.peer, 40000);
     auto program = receiver({"-p", "5000"});
-    kill(program->pid(), SIGSTOP); // its firmware too: frames wait in the interface's ring
+    stop(program->pid()); // its firmware too: frames wait in the interface's ring
     for (int i = 0; i < 50; i++)
         peer.send(std::string(1000, 'x'), "10.77.0.1", 5000);
     kill(program->pid(), SIGCONT);
@@ -452,6 +467,50 @@ TEST_F(Ledger, BurstWhileTheReceiverIsStopped_Info_ShowsTheHighWaterMark)
     expect_sums(board);
     EXPECT_EQ(n(board["endpoints"][0], "ring_full"), 0u);
     EXPECT_GT(n(board["endpoints"][0], "high_water"), 0u);
+}
+
+TEST_F(Ledger, AdapterThatStandsStill_PacketRing_HoldsWhatItHasRoomFor)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    struct {
+        const char *ring;
+        unsigned sent, kept; // 2 KiB a frame
+    } const cases[] = {{"262144", 300, 128}, {"33554432", 6000, 6000}};
+    for (const auto &c : cases) {
+        auto program =
+            lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-recv"), "-i", "oxel0", "-p", "5000"},
+                      {std::string("RUK_SOFTNIC_PACKETQ=") + c.ring});
+        ASSERT_TRUE(program->wait_for_err("listening")) << *program;
+        stop(program->pid());
+        for (unsigned i = 0; i < c.sent; i++)
+            peer.send("x", "10.77.0.1", 5000);
+        kill(program->pid(), SIGCONT);
+        // A few frames of the hosts' own, for neither of them, may have come between.
+        json board;
+        for (int attempt = 0; attempt < 200; attempt++, usleep(20000)) {
+            board = board_with(c.kept - (c.kept < c.sent ? 20 : 0));
+            if (n(board["endpoints"][0], "steered") + n(board["port"], "rx_dropped") >= c.sent)
+                break;
+        }
+        expect_sums(board);
+        EXPECT_LE(n(board["endpoints"][0], "steered"), c.kept) << board;
+        EXPECT_GE(n(board["endpoints"][0], "steered") + n(board["port"], "rx_dropped"), c.sent) << board;
+        EXPECT_EQ(n(board["port"], "rx_dropped") > 0, c.kept < c.sent) << board;
+        kill(program->pid(), SIGINT);
+        ASSERT_TRUE(program->finish()) << *program;
+    }
+}
+
+TEST_F(Ledger, PacketRingOfNoSize_IsToldAndTheUsualOneIsMade)
+{
+    auto program =
+        lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-info")}, {"RUK_SOFTNIC_PACKETQ=4096"});
+    ASSERT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_NE(program->err().find("softnic: RUK_SOFTNIC_PACKETQ=4096 is not a number from 262144 to 268435456, "
+                                  "using 8388608\n"),
+              std::string::npos)
+        << *program;
 }
 
 TEST_F(Ledger, RunningReceiver_Top_ShowsRatesAndRing)
