@@ -32,6 +32,7 @@ elseif(RUK_SANITIZE STREQUAL "fuzzer")
   # clang alone. The fuzzing programs themselves take the driver with its main() as well.
   add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
                       -fno-omit-frame-pointer)
+  add_compile_definitions(_GLIBCXX_ASSERTIONS) # an element that is not there lies in memory that is
   add_link_options(-fsanitize=address,undefined)
 elseif(NOT RUK_SANITIZE STREQUAL "")
   message(FATAL_ERROR "RUK_SANITIZE is empty, address, thread or fuzzer, not '${RUK_SANITIZE}'")
