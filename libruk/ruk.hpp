@@ -1,7 +1,7 @@
 /*
  * A C++20 face over ruk.h: owners that may be moved, std::span payloads, std::chrono times, and each error as an
  * exception or as a std::error_code. Everything is inline, an owner holds one handle, and a datagram is the record that
- * the library fills: sending and receiving are the C calls and a few instructions, with error codes a few more.
+ * the library fills: sending and receiving are the C calls and not an instruction more, with error codes up to four.
  *
  *     ruk::init();
  *     auto endpoint = ruk::endpoint::open_if("oxel0", ruk::open_flags::thread_safe);
@@ -59,7 +59,17 @@ inline void raise(const std::error_code &ec, const char *what)
         fail(ec, what);
 }
 
-/* For calls that are worth it: no error_code is touched while all goes well, since making one calls a function. */
+/*
+ * For calls that are worth it: no error_code is touched while all goes well, and what is done when it does not stays
+ * out of the way, with the registers that it takes.
+ */
+[[gnu::cold, gnu::noinline]] inline void store(std::error_code &ec, int rc) noexcept
+{
+    if (rc != 0)
+        ec = code(rc);
+    else
+        ec.clear();
+}
 inline void check(int rc, const char *what)
 {
     if (rc != 0) [[unlikely]]
@@ -67,10 +77,8 @@ inline void check(int rc, const char *what)
 }
 inline void set(std::error_code &ec, int rc) noexcept
 {
-    if (rc != 0) [[unlikely]]
-        ec = code(rc);
-    else if (ec) [[unlikely]]
-        ec.clear();
+    if (rc != 0 || ec) [[unlikely]]
+        store(ec, rc);
 }
 
 } // namespace detail
@@ -155,16 +163,13 @@ private:
 /* A datagram that was received; its payload lies in the buffer that it was received into. */
 class datagram {
 public:
-    datagram() noexcept : info_() {}
+    datagram() noexcept : buffer_(nullptr), size_(0), info_() {}
 
     /* What of it is in the buffer. */
-    std::span<std::byte> data() const noexcept
-    {
-        return buffer_.first(std::min<size_t>(buffer_.size(), info_.msg_len));
-    }
+    std::span<std::byte> data() const noexcept { return {buffer_, std::min<size_t>(size_, info_.msg_len)}; }
     /* Its full length as the UDP header tells it. */
     uint32_t length() const noexcept { return info_.msg_len; }
-    bool truncated() const noexcept { return length() > buffer_.size(); }
+    bool truncated() const noexcept { return length() > size_; }
 
     const sockaddr_in &from() const noexcept { return info_.sin_from; }
     const sockaddr_in &to() const noexcept { return info_.sin_to; }
@@ -182,10 +187,62 @@ public:
 
 private:
     friend class endpoint;
-    explicit datagram(std::span<std::byte> buffer) noexcept : buffer_(buffer) {} /* the library fills the record */
+    friend class maybe_datagram;
+    struct unfilled {};
+    explicit datagram(unfilled) noexcept {}
+    [[gnu::cold, gnu::noinline]] std::span<std::byte> told(std::error_code &ec, int rc,
+                                                           std::span<std::byte> buffer) noexcept
+    {
+        detail::store(ec, rc);
+        if (rc == 0)
+            return buffer;
+        info_ = {};
+        return {};
+    }
+    void lies_in(std::span<std::byte> buffer) noexcept
+    {
+        buffer_ = buffer.data();
+        size_ = buffer.size();
+    }
 
-    std::span<std::byte> buffer_;
+    /* The library fills the record. Buffer and size are set after its call, so that compilers need not ask memory. */
+    std::byte *buffer_;
+    size_t size_;
     ruk_recv_info info_;
+};
+
+/* A datagram or none, to be used as a std::optional is. It knows without asking memory which of them it is. */
+class maybe_datagram {
+public:
+    maybe_datagram() noexcept : there_(false) {}
+
+    bool has_value() const noexcept { return there_; }
+    explicit operator bool() const noexcept { return there_; }
+    const datagram &operator*() const noexcept { return datagram_; }
+    const datagram *operator->() const noexcept { return &datagram_; }
+    const datagram &value() const
+    {
+        if (!there_)
+            throw std::bad_optional_access();
+        return datagram_;
+    }
+
+private:
+    friend class endpoint;
+    explicit maybe_datagram(datagram::unfilled u) noexcept : datagram_(u) {}
+    void is_in(std::span<std::byte> buffer) noexcept
+    {
+        datagram_.lies_in(buffer);
+        there_ = true;
+    }
+    void is_not() noexcept
+    {
+        datagram_.lies_in({});
+        there_ = false;
+    }
+
+    datagram datagram_;
+    bool there_;
 };
 
 /* Frames are never cut, so that a buffer for them holds the largest of any adapter. */
@@ -600,35 +657,36 @@ public:
     /* EAGAIN when nothing waits and wait::none was asked for; EINTR after a shutdown. */
     datagram receive(std::span<std::byte> buffer, wait how, std::error_code &ec) noexcept
     {
-        datagram d(buffer);
-        const int rc = take(static_cast<ruk_recvmode>(how), d);
-        detail::set(ec, rc);
-        if (rc != 0) [[unlikely]]
-            d = {};
+        datagram d{datagram::unfilled{}};
+        const int rc = take(static_cast<ruk_recvmode>(how), buffer, d);
+        if (rc != 0 || ec) [[unlikely]]
+            buffer = d.told(ec, rc, buffer);
+        d.lies_in(buffer);
         return d;
     }
     datagram receive(std::span<std::byte> buffer, wait how = wait::spin)
     {
-        datagram d(buffer);
-        detail::check(take(static_cast<ruk_recvmode>(how), d), "ruk_recvfrom");
+        datagram d{datagram::unfilled{}};
+        detail::check(take(static_cast<ruk_recvmode>(how), buffer, d), "ruk_recvfrom");
+        d.lies_in(buffer);
         return d;
     }
 
     /* Nothing when no datagram waits, which is no error. */
-    std::optional<datagram> try_receive(std::span<std::byte> buffer, std::error_code &ec) noexcept
+    maybe_datagram try_receive(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
         return take_if_any(RUK_RECV_NONBLOCK, buffer, ec);
     }
-    std::optional<datagram> try_receive(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_NONBLOCK, buffer); }
+    maybe_datagram try_receive(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_NONBLOCK, buffer); }
 
     /* The next datagram, which stays there; without a buffer all but its payload. */
-    std::optional<datagram> peek(std::error_code &ec) noexcept { return take_if_any(RUK_RECV_PEEK, {}, ec); }
-    std::optional<datagram> peek() { return take_if_any(RUK_RECV_PEEK, {}); }
-    std::optional<datagram> peek(std::span<std::byte> buffer, std::error_code &ec) noexcept
+    maybe_datagram peek(std::error_code &ec) noexcept { return take_if_any(RUK_RECV_PEEK, {}, ec); }
+    maybe_datagram peek() { return take_if_any(RUK_RECV_PEEK, {}); }
+    maybe_datagram peek(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
         return take_if_any(RUK_RECV_PEEK_MSG, buffer, ec);
     }
-    std::optional<datagram> peek(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_PEEK_MSG, buffer); }
+    maybe_datagram peek(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_PEEK_MSG, buffer); }
 
     /* Whole frames, of filters without a channel or in the raw filter mode; waits as receive() does. */
     std::span<std::byte> receive_frame(frame_buffer buffer, wait how, std::error_code &ec) noexcept
@@ -707,26 +765,30 @@ private:
         return e;
     }
 
-    int take(ruk_recvmode mode, datagram &d) noexcept
+    int take(ruk_recvmode mode, std::span<std::byte> buffer, datagram &d) noexcept
     {
-        return ruk_recvfrom(handle_, mode, d.buffer_.data(), d.buffer_.size(), &d.info_);
+        return ruk_recvfrom(handle_, mode, buffer.data(), buffer.size(), &d.info_);
     }
-    std::optional<datagram> take_if_any(ruk_recvmode mode, std::span<std::byte> buffer, std::error_code &ec) noexcept
+    maybe_datagram take_if_any(ruk_recvmode mode, std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
-        std::optional<datagram> d(datagram{buffer});
-        const int rc = take(mode, *d);
+        maybe_datagram d{datagram::unfilled{}};
+        const int rc = take(mode, buffer, d.datagram_);
         detail::set(ec, rc == EAGAIN ? 0 : rc);
-        if (rc != 0)
-            d.reset();
+        if (rc == 0)
+            d.is_in(buffer);
+        else
+            d.is_not();
         return d;
     }
-    std::optional<datagram> take_if_any(ruk_recvmode mode, std::span<std::byte> buffer)
+    maybe_datagram take_if_any(ruk_recvmode mode, std::span<std::byte> buffer)
     {
-        std::optional<datagram> d(datagram{buffer});
-        const int rc = take(mode, *d);
-        if (rc != 0) {
+        maybe_datagram d{datagram::unfilled{}};
+        const int rc = take(mode, buffer, d.datagram_);
+        if (rc == 0) {
+            d.is_in(buffer);
+        } else {
             detail::check(rc == EAGAIN ? 0 : rc, "ruk_recvfrom");
-            d.reset();
+            d.is_not();
         }
         return d;
     }

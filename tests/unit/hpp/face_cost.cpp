@@ -7,16 +7,18 @@ namespace face_cost {
 
 namespace {
 
-/* What is in the buffer, and the time where there is one. */
-uint64_t read(const ruk_recv_info &info, size_t size)
+/* What an application takes from a datagram: its time, or that of the one before; how much there is, who sent it, and
+ * how it begins. */
+uint64_t read(CApp &app, const ruk_recv_info &info, const std::byte *buffer, size_t size)
 {
-    return std::min<size_t>(info.msg_len, size) + info.sin_from.sin_port + (info.timestamp != 0 ? info.timestamp : 0);
+    app.last = info.timestamp != 0 ? info.timestamp : app.last;
+    return std::min<size_t>(info.msg_len, size) + info.sin_from.sin_port + std::to_integer<uint64_t>(buffer[0]);
 }
 
-uint64_t read(const ruk::datagram &d)
+uint64_t read(FaceApp &app, const ruk::datagram &d)
 {
-    const auto time = d.time();
-    return d.data().size() + d.from().sin_port + (time ? static_cast<uint64_t>(time->time_since_epoch().count()) : 0);
+    app.last = d.time().value_or(app.last);
+    return d.data().size() + d.from().sin_port + std::to_integer<uint64_t>(d.data()[0]);
 }
 
 /* What a C program does about an error that it does not expect. */
@@ -24,68 +26,84 @@ uint64_t read(const ruk::datagram &d)
 
 } // namespace
 
-uint64_t c_receive(ruk_device_t dev, std::byte *buffer, size_t size)
+uint64_t receive(CApp &app, std::byte *buffer, size_t size)
 {
     ruk_recv_info info;
-    if (ruk_recvfrom(dev, RUK_RECV_NONBLOCK, buffer, size, &info) != 0)
+    if (ruk_recvfrom(app.dev, RUK_RECV_NONBLOCK, buffer, size, &info) != 0)
         give_up();
-    return read(info, size);
+    return read(app, info, buffer, size);
 }
 
-uint64_t face_receive(ruk::endpoint &endpoint, std::byte *buffer, size_t size)
+uint64_t receive(FaceApp &app, std::byte *buffer, size_t size)
 {
-    return read(endpoint.receive({buffer, size}, ruk::wait::none));
+    return read(app, app.endpoint.receive({buffer, size}, ruk::wait::none));
 }
 
-uint64_t face_receive_with_code(ruk::endpoint &endpoint, std::byte *buffer, size_t size, std::error_code &ec)
-{
-    const ruk::datagram d = endpoint.receive({buffer, size}, ruk::wait::none, ec);
-    if (ec)
-        give_up();
-    return read(d);
-}
-
-uint64_t c_poll(ruk_device_t dev, std::byte *buffer, size_t size)
+uint64_t receive_with_code(CApp &app, std::byte *buffer, size_t size)
 {
     ruk_recv_info info;
-    const int rc = ruk_recvfrom(dev, RUK_RECV_NONBLOCK, buffer, size, &info);
+    app.error = ruk_recvfrom(app.dev, RUK_RECV_NONBLOCK, buffer, size, &info);
+    if (app.error != 0)
+        give_up();
+    return read(app, info, buffer, size);
+}
+
+uint64_t receive_with_code(FaceApp &app, std::byte *buffer, size_t size)
+{
+    const ruk::datagram d = app.endpoint.receive({buffer, size}, ruk::wait::none, app.error);
+    if (app.error)
+        give_up();
+    return read(app, d);
+}
+
+uint64_t poll(CApp &app, std::byte *buffer, size_t size)
+{
+    ruk_recv_info info;
+    const int rc = ruk_recvfrom(app.dev, RUK_RECV_NONBLOCK, buffer, size, &info);
     if (rc == EAGAIN)
         return 0;
     if (rc != 0)
         give_up();
-    return read(info, size);
+    return read(app, info, buffer, size);
 }
 
-uint64_t face_poll(ruk::endpoint &endpoint, std::byte *buffer, size_t size)
+uint64_t poll(FaceApp &app, std::byte *buffer, size_t size)
 {
-    const auto d = endpoint.try_receive({buffer, size});
-    return d ? read(*d) : 0;
+    const auto d = app.endpoint.try_receive({buffer, size});
+    return d ? read(app, *d) : 0;
 }
 
-void c_send(ruk_send_t handle, const void *data, size_t size)
+void send(CApp &app, const void *data, size_t size)
 {
-    if (ruk_send(handle, data, static_cast<int>(size), 0) != 0)
+    if (ruk_send(app.handle, data, static_cast<int>(size), 0) != 0)
         give_up();
 }
 
-void face_send(ruk::send_handle &handle, const void *data, size_t size) { handle.send({data, size}); }
+void send(FaceApp &app, const void *data, size_t size) { app.handle.send({data, size}); }
 
-void face_send_with_code(ruk::send_handle &handle, const void *data, size_t size, std::error_code &ec)
+void send_with_code(CApp &app, const void *data, size_t size)
 {
-    handle.send({data, size}, ec);
-    if (ec)
+    app.error = ruk_send(app.handle, data, static_cast<int>(size), 0);
+    if (app.error != 0)
         give_up();
 }
 
-void c_send_to(ruk_channel_t channel, const sockaddr_in &to, const void *data, size_t size)
+void send_with_code(FaceApp &app, const void *data, size_t size)
 {
-    if (ruk_sendto(channel, &to, data, static_cast<int>(size), 0) != 0)
+    app.handle.send({data, size}, app.error);
+    if (app.error)
         give_up();
 }
 
-void face_send_to(ruk::channel &channel, const sockaddr_in &to, const void *data, size_t size)
+void send_to(CApp &app, const sockaddr_in &to, const void *data, size_t size)
 {
-    channel.send_to(to, {data, size});
+    if (ruk_sendto(app.channel, &to, data, static_cast<int>(size), 0) != 0)
+        give_up();
+}
+
+void send_to(FaceApp &app, const sockaddr_in &to, const void *data, size_t size)
+{
+    app.channel.send_to(to, {data, size});
 }
 
 } // namespace face_cost

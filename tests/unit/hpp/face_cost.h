@@ -7,20 +7,38 @@
 
 namespace face_cost {
 
-/* Takes a datagram that waits; its length, sender's port and time together, so that they are read. */
-uint64_t c_receive(ruk_device_t dev, std::byte *buffer, size_t size);
-uint64_t face_receive(ruk::endpoint &endpoint, std::byte *buffer, size_t size);
-uint64_t face_receive_with_code(ruk::endpoint &endpoint, std::byte *buffer, size_t size, std::error_code &ec);
+/* What the application keeps from step to step. */
+struct CApp {
+    ruk_device_t dev;
+    ruk_channel_t channel;
+    ruk_send_t handle;
+    int error;     /* the errno value of the last step that tells one */
+    uint64_t last; /* time of the last datagram that has one */
+};
+struct FaceApp {
+    ruk::endpoint endpoint;
+    ruk::channel channel;
+    ruk::send_handle handle;
+    std::error_code error;
+    ruk::time_point last;
+};
+
+/* Takes a datagram that waits; the sum of its length and its sender's port, so that they are read. */
+uint64_t receive(CApp &app, std::byte *buffer, size_t size);
+uint64_t receive(FaceApp &app, std::byte *buffer, size_t size);
+uint64_t receive_with_code(CApp &app, std::byte *buffer, size_t size);
+uint64_t receive_with_code(FaceApp &app, std::byte *buffer, size_t size);
 
 /* The same, and 0 when nothing waits. */
-uint64_t c_poll(ruk_device_t dev, std::byte *buffer, size_t size);
-uint64_t face_poll(ruk::endpoint &endpoint, std::byte *buffer, size_t size);
+uint64_t poll(CApp &app, std::byte *buffer, size_t size);
+uint64_t poll(FaceApp &app, std::byte *buffer, size_t size);
 
-void c_send(ruk_send_t handle, const void *data, size_t size);
-void face_send(ruk::send_handle &handle, const void *data, size_t size);
-void face_send_with_code(ruk::send_handle &handle, const void *data, size_t size, std::error_code &ec);
+void send(CApp &app, const void *data, size_t size);
+void send(FaceApp &app, const void *data, size_t size);
+void send_with_code(CApp &app, const void *data, size_t size);
+void send_with_code(FaceApp &app, const void *data, size_t size);
 
-void c_send_to(ruk_channel_t channel, const sockaddr_in &to, const void *data, size_t size);
-void face_send_to(ruk::channel &channel, const sockaddr_in &to, const void *data, size_t size);
+void send_to(CApp &app, const sockaddr_in &to, const void *data, size_t size);
+void send_to(FaceApp &app, const sockaddr_in &to, const void *data, size_t size);
 
 } // namespace face_cost

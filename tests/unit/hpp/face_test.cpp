@@ -291,6 +291,50 @@ TEST_F(Face, Error_OfReceive_GivesAnEmptyDatagram)
     EXPECT_FALSE(d.time());
 }
 
+TEST_F(Face, CodeOfAnEarlierError_DatagramThere_IsClearedAndTheDatagramIsWhole)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    for (int i = 0; i < 2; i++) /* the first is received, the second looked at and then received */
+        arrive("datagram");
+    const std::error_code stale = std::make_error_code(std::errc::io_error);
+    std::error_code ec = stale;
+    const ruk::datagram d = endpoint.receive(room, ruk::wait::none, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(text_of(d.data()), "datagram");
+    EXPECT_EQ(d.channel(), channel.get());
+    ec = stale;
+    const auto peeked = endpoint.peek(room, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(text_of(peeked.value().data()), "datagram");
+    ec = stale;
+    const auto tried = endpoint.try_receive(room, ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(text_of(tried.value().data()), "datagram");
+    ec = stale;
+    endpoint.receive(room, ruk::wait::none, ec);
+    EXPECT_EQ(ec, std::errc::resource_unavailable_try_again);
+}
+
+TEST_F(Face, DatagramOrNone_IsUsedAsAnOptional)
+{
+    ruk::endpoint endpoint = opened();
+    ruk::channel channel = endpoint.bind(5000);
+    const ruk::maybe_datagram none, nothing_waits = endpoint.try_receive(room);
+    for (const ruk::maybe_datagram *empty : {&none, &nothing_waits}) {
+        EXPECT_FALSE(*empty);
+        EXPECT_FALSE(empty->has_value());
+        EXPECT_THROW((void)empty->value(), std::bad_optional_access);
+    }
+    arrive("here");
+    ruk::maybe_datagram d;
+    d = endpoint.try_receive(room);
+    ASSERT_TRUE(d.has_value());
+    EXPECT_EQ(d->length(), 4u);
+    EXPECT_EQ(text_of((*d).data()), "here");
+    EXPECT_EQ(text_of(d.value().data()), "here");
+}
+
 TEST_F(Face, Peek_TellsOfTheNextDatagramAndLeavesIt)
 {
     ruk::endpoint endpoint = opened();
