@@ -5,27 +5,17 @@
  */
 #include "ruk.h"
 
+#include <errno.h>
+#include <error.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
-static int add(int epoll, int fd)
+static void check(int rc, const char *what)
 {
-    struct epoll_event event = {.events = EPOLLIN, .data.fd = fd}; /* level-triggered */
-    return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
-}
-
-/* Takes all that waits: the descriptor stays readable until then. */
-static void drain(ruk_device_t dev)
-{
-    char payload[1500];
-    struct ruk_recv_info info;
-    while (ruk_recvfrom(dev, RUK_RECV_NONBLOCK, payload, sizeof payload, &info) == 0)
-        if (info.msg_len <= sizeof payload)
-            printf("%.*s\n", (int)info.msg_len, payload);
-    fflush(stdout);
+    if (rc != 0)
+        error(1, abs(rc), "%s", what); /* ends the program, and with it the endpoint */
 }
 
 int main(int argc, char **argv)
@@ -36,23 +26,26 @@ int main(int argc, char **argv)
     }
     ruk_device_t dev;
     ruk_channel_t channel;
-    int rc = ruk_init(RUK_API_VERSION);
-    if (rc != 0 || (rc = ruk_open_if(argv[1], 0, &dev)) != 0) {
-        fprintf(stderr, "cannot open %s: %s\n", argv[1], strerror(abs(rc)));
-        return 1;
+    check(ruk_init(RUK_API_VERSION), "ruk_init");
+    check(ruk_open_if(argv[1], 0, &dev), "ruk_open_if");
+    check(ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel), "ruk_bind");
+
+    int epoll = epoll_create1(EPOLL_CLOEXEC), fds[] = {STDIN_FILENO, ruk_device_handle(dev)};
+    for (int i = 0; i < 2; i++) { /* level-triggered */
+        struct epoll_event readable = {.events = EPOLLIN, .data.fd = fds[i]};
+        check(epoll_ctl(epoll, EPOLL_CTL_ADD, fds[i], &readable) == 0 ? 0 : errno, "epoll_ctl");
     }
-    int epoll = epoll_create1(EPOLL_CLOEXEC);
-    int running = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel) == 0 && add(epoll, STDIN_FILENO) == 0 &&
-                  add(epoll, ruk_device_handle(dev)) == 0;
-    int failed = !running;
-    while (running) {
+    for (int running = 1; running;) {
         struct epoll_event event;
-        char input[256];
+        struct ruk_recv_info info;
+        char payload[1500], input[256];
         if (epoll_wait(epoll, &event, 1, -1) == 1 && event.data.fd == STDIN_FILENO)
             running = read(STDIN_FILENO, input, sizeof input) > 0;
-        drain(dev);
+        /* Takes all that waits: the descriptor stays readable until then. */
+        while (ruk_recvfrom(dev, RUK_RECV_NONBLOCK, payload, sizeof payload, &info) == 0)
+            if (info.msg_len <= sizeof payload)
+                printf("%.*s\n", (int)info.msg_len, payload);
+        fflush(stdout);
     }
-    close(epoll);
-    ruk_close(dev);
-    return failed;
+    return ruk_close(dev);
 }

@@ -6,15 +6,15 @@
 #include "ruk.h"
 
 #include <arpa/inet.h>
+#include <error.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-static int check(int rc, const char *what)
+static void check(int rc, const char *what)
 {
     if (rc != 0)
-        fprintf(stderr, "%s: %s\n", what, strerror(abs(rc)));
-    return rc;
+        error(1, abs(rc), "%s", what); /* ends the program, and with it the endpoint */
 }
 
 int main(int argc, char **argv)
@@ -29,16 +29,15 @@ int main(int argc, char **argv)
     ruk_device_t dev;
     ruk_channel_t channel;
     ruk_send_t handle;
-    if (check(ruk_init(RUK_API_VERSION), "ruk_init") || check(ruk_open_if(argv[1], 0, &dev), "ruk_open_if"))
-        return 1;
+    check(ruk_init(RUK_API_VERSION), "ruk_init");
+    check(ruk_open_if(argv[1], 0, &dev), "ruk_open_if");
+    check(ruk_bind(dev, 0, 0, NULL, &channel), "ruk_bind"); /* port 0: the host chooses */
 
-    int failed = check(ruk_bind(dev, 0, 0, NULL, &channel), "ruk_bind") /* port 0: the host chooses */
-                 /* The handle knows the next hop and has the headers ready: the way for many datagrams. */
-                 || check(ruk_send_connect(channel, &to, 0, 0, &handle), "ruk_send_connect") ||
-                 check(ruk_send(handle, argv[4], len, 0), "ruk_send") ||
-                 check(ruk_send_disconnect(handle), "ruk_send_disconnect")
-                 /* Here the library keeps the handle. */
-                 || check(ruk_sendto(channel, &to, argv[4], len, 0), "ruk_sendto");
-    ruk_close(dev);
-    return failed;
+    /* The handle knows the next hop and has the headers ready: the way for many datagrams. */
+    check(ruk_send_connect(channel, &to, 0, 0, &handle), "ruk_send_connect");
+    check(ruk_send(handle, argv[4], len, 0), "ruk_send");
+    check(ruk_send_disconnect(handle), "ruk_send_disconnect");
+
+    check(ruk_sendto(channel, &to, argv[4], len, 0), "ruk_sendto"); /* the library keeps the handle */
+    return ruk_close(dev);
 }

@@ -1,11 +1,12 @@
 /*
- * Threads: one receives while another sends to it what standard input says; the right order to stop.
+ * Threads: one receives while another sends the lines of standard input to a peer; the right order to stop.
  *
  *     example-threads IF PORT PEER PEERPORT
  */
 #include "ruk.h"
 
 #include <arpa/inet.h>
+#include <error.h>
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -17,10 +18,9 @@ static atomic_int stopping, receiver_left;
 
 static void *receive(void *dev)
 {
-    while (!stopping) {
-        char payload[1500];
-        struct ruk_recv_info info;
-        /* Sleeps; a shutdown ends it with EINTR within a second. */
+    char payload[1500];
+    struct ruk_recv_info info;
+    while (!stopping) { /* the call sleeps; a shutdown ends it with EINTR within a second */
         if (ruk_recvfrom(dev, RUK_RECV_BLOCK, payload, sizeof payload, &info) == 0 && info.msg_len <= sizeof payload)
             printf("%.*s\n", (int)info.msg_len, payload);
         fflush(stdout);
@@ -40,22 +40,20 @@ int main(int argc, char **argv)
     ruk_device_t dev;
     ruk_channel_t channel;
     pthread_t receiver;
-    /* An endpoint that several threads use needs its locks. */
-    if (ruk_init(RUK_API_VERSION) || ruk_open_if(argv[1], RUK_OPEN_THREAD_SAFE, &dev))
-        return 1;
-    int rc = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel);
-    if (rc == 0 && pthread_create(&receiver, NULL, receive, dev) == 0) {
-        char line[1400];
-        while (rc == 0 && fgets(line, sizeof line, stdin))
-            rc = ruk_sendto(channel, &peer, line, (int)strcspn(line, "\n"), 0);
+    char line[1400];
+    int rc;
+    if ((rc = ruk_init(RUK_API_VERSION)) || (rc = ruk_open_if(argv[1], RUK_OPEN_THREAD_SAFE, &dev)) || /* with locks */
+        (rc = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel)) || (rc = pthread_create(&receiver, NULL, receive, dev)))
+        error(1, abs(rc), "cannot receive on %s", argv[1]);
 
-        /* Closing wakes no sleeping receiver, and a receive call forgets a shutdown made before it: repeat. */
-        for (stopping = 1; !receiver_left; usleep(10000))
-            ruk_shutdown(dev, 0);
-        pthread_join(receiver, NULL);
-    }
+    while (fgets(line, sizeof line, stdin))
+        if ((rc = ruk_sendto(channel, &peer, line, (int)strcspn(line, "\n"), 0)) != 0)
+            error(0, rc, "ruk_sendto");
+
+    /* Closing wakes no sleeping receiver, and a receive call forgets a shutdown made before it: repeat. */
+    for (stopping = 1; !receiver_left; usleep(10000))
+        ruk_shutdown(dev, 0);
+    pthread_join(receiver, NULL);
     ruk_close(dev);
-    if (rc != 0)
-        fprintf(stderr, "%s\n", strerror(rc));
     return rc != 0;
 }

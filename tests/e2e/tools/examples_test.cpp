@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 using namespace tool_test;
 
@@ -109,7 +111,7 @@ TEST_F(Examples, Timestamps_AreOfTheHostsScale)
     long long age = 0;
     ASSERT_EQ(sscanf(line.c_str(), "arrived at %llu ns, received %lld ns later", &at, &age), 2) << line;
     EXPECT_NEAR(static_cast<double>(at) / 1e9, static_cast<double>(time(nullptr)), 60);
-    EXPECT_LT(std::abs(age), 1'000'000'000) << line;
+    EXPECT_LT(std::abs(age), 60'000'000'000) << line;
 }
 
 TEST_F(Examples, Capture_PrintsFrames)
@@ -138,11 +140,18 @@ TEST_F(Examples, Threads_SendStandardInputAndStopInOrder)
 TEST_F(Examples, Epoll_ReceivesUntilStandardInputEnds)
 {
     KernelSocket peer(lab, lab.peer, 40000);
+    const ScratchDir scratch;
+    const std::string input = scratch.file("input");
+    ASSERT_EQ(mkfifo(input.c_str(), 0600), 0);
     auto program = lab.start(
-        lab.adapter, {"sh", "-c", "sleep 3 | " + bin("rukrun") + " --soft=oxel0 -- " + path("epoll") + " oxel0 5000"});
+        lab.adapter,
+        {"sh", "-c", "exec " + bin("rukrun") + " --soft=oxel0 -- " + path("epoll") + " oxel0 5000 <" + input});
+    const int end = open(input.c_str(), O_WRONLY | O_CLOEXEC); /* once the program is there to read */
+    ASSERT_GE(end, 0);
     std::string line;
     send_until_line(*program, peer, "in the loop", "10.77.0.1", &line);
     EXPECT_EQ(line, "in the loop");
+    close(end);
     EXPECT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
