@@ -7,6 +7,7 @@
  */
 #include "adapter_rig.h"
 #include "capture.h"
+#include "child.h"
 #include "libc_seam.h"
 #include "ruk_core.h"
 #include "sanitizer.h"
@@ -14,19 +15,25 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <deque>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <net/if.h>
 #include <sched.h>
-#include <set>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace adapter_rig;
+
+/* There with a sanitizer. */
+extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*callback)());
 
 namespace {
 
@@ -53,8 +60,8 @@ private:
 };
 
 struct Figures {
-    uint64_t steps, sent, refused, send_errors, lost, duplicated, reordered, corrupted, cut, arrived, malformed,
-        unmatched, ring_full, delivered, received, stale, inherited, faults;
+    uint64_t steps, sent, refused, send_errors, lost, lost_in_a_row, delayed, duplicated, reordered, corrupted, cut,
+        bursts, arrived, malformed, unmatched, ring_full, delivered, received, stale, inherited, faults, jumps;
 };
 
 size_t open_descriptors()
@@ -207,6 +214,9 @@ public:
             config[b].dmasend_threshold = random_.one_in(3) ? 0 : random_.below(1473);
             config[b].max_packets = 1 + random_.below(5);
             config[b].clock_drift_ppb = static_cast<int64_t>(random_.below(100001)) - 50000;
+            /* Its counter runs over soon. */
+            config[b].clock_ticks_mask = random_.one_in(2) ? 0 : (uint64_t{1} << 48) - 1;
+            config[b].clock_first_ticks = 0ULL - random_.below(1U << 26);
             config[b].hardware_order = static_cast<int>(random_.below(2));
             config[b].manual_sends = 1;
             hosts_[b].late_bytes = config[b].hardware_order != 0;
@@ -292,6 +302,12 @@ private:
             return fault(b);
         case 6:
         case 7:
+            if (jumps_left_ != 0 && random_.one_in(100)) { /* a host that stood still */
+                softnic_advance(nic_, uint64_t{1 + random_.below(1000)} * 1000000000);
+                jumps_left_--;
+                figures_.jumps++;
+                return;
+            }
             softnic_advance(nic_, random_.below(5000000));
             return;
         case 8:
@@ -768,12 +784,18 @@ private:
             ASSERT_TRUE(std::equal(payload.begin(), payload.end(), f.payload()));
             ASSERT_TRUE(f.is_datagram());
             ASSERT_EQ(f.src(), kAddress[b]);
-            if (random_.below(1000) < loss_) {
+            if (random_.one_in(300))
+                gap_ = 2 + random_.below(8);
+            if (gap_ != 0 || random_.below(1000) < loss_) {
                 figures_.lost++;
+                figures_.lost_in_a_row += gap_ != 0;
+                gap_ -= gap_ != 0;
                 continue;
             }
             disturb(&f);
-            f.due = softnic_now(nic_) + random_.below(random_.one_in(5) ? 3000000 : 1000);
+            const bool late = random_.one_in(5);
+            f.due = softnic_now(nic_) + random_.below(late ? 3000000 : 1000);
+            figures_.delayed += late;
             if (random_.one_in(20)) {
                 peer.wire.push_back(f);
                 figures_.duplicated++;
@@ -807,7 +829,8 @@ private:
     void arrive(unsigned b)
     {
         Host &h = hosts_[b];
-        for (unsigned burst = 1 + random_.below(burst_ + 1); burst != 0 && !h.wire.empty(); burst--) {
+        const unsigned at_once = 1 + random_.below(burst_ + 1);
+        for (unsigned n = 0; n != at_once && !h.wire.empty(); n++) {
             const auto it =
                 std::find_if(h.wire.begin(), h.wire.end(), [&](const Frame &f) { return f.due <= softnic_now(nic_); });
             if (it == h.wire.end())
@@ -815,6 +838,7 @@ private:
             softnic_inject(nic_, b, it->bytes.data(), it->bytes.size());
             h.port.push_back(*it);
             h.wire.erase(it);
+            figures_.bursts += n == 8;
         }
     }
 
@@ -917,6 +941,8 @@ private:
             softnic_fail_sends(nic_, b, ENOBUFS, 1); /* of the next batch the first */
             return;
         }
+        if (random_.one_in(2))
+            return taken_port(b);
         Channel *c = any(b);
         in_addr addr = {htonl(group(9))}; /* nobody sends there */
         if (c == nullptr)
@@ -927,6 +953,21 @@ private:
         hosts_[b].tags.put(hosts_[b].tags.take(told(hosts_[b])));
         ASSERT_EQ(std::exchange(g_fault.error, 0), 0);
         ASSERT_NE(diagnostics.err().find("FAILED with return value 28"), std::string::npos);
+    }
+
+    /* A bind to a port that somebody else has takes nothing. */
+    void taken_port(unsigned b)
+    {
+        const int other = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in sin = {};
+        sin.sin_family = AF_INET;
+        sin.sin_addr.s_addr = htonl(kAddress[b]);
+        sin.sin_port = htons(static_cast<uint16_t>(next_port_));
+        ASSERT_EQ(::bind(other, reinterpret_cast<sockaddr *>(&sin), sizeof sin), 0);
+        ruk_channel_t none = nullptr;
+        ASSERT_EQ(ruk_bind(hosts_[b].dev, 0, next_port_, nullptr, &none), EADDRINUSE);
+        ASSERT_EQ(none, nullptr);
+        ::close(other);
     }
 
     /* arrived = delivered + each reason for a drop, and each of them is the model's. */
@@ -962,6 +1003,8 @@ private:
     Host hosts_[2];
     size_t idle_descriptors_ = 0; /* open without any endpoint */
     uint32_t loss_ = 0, burst_ = 0, idle_ = 0;
+    unsigned gap_ = 0;        /* frames that the wire still loses in a row */
+    unsigned jumps_left_ = 3; /* of the clock: a time of an hour ago cannot be told from its ticks */
     unsigned step_ = 0;
     int next_port_ = 10000;
     uint64_t serial_ = 0, number_ = 0, hash_ = 0xcbf29ce484222325;
@@ -975,21 +1018,101 @@ uint64_t setting(const char *name, uint64_t fallback)
 
 constexpr uint64_t kSteps = 1000;
 
+/*
+ * The line that makes a seed happen again. It is written when a check failed, and also when the process does not
+ * survive the seed: at a fatal signal or a sanitizer's report, to where standard output went before anything was
+ * captured.
+ */
+class Replay {
+public:
+    Replay(uint64_t seed, uint64_t steps) : output_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0))
+    {
+        const int n = snprintf(line_, sizeof line_,
+                               "replay: RUK_SIM_SEED=%" PRIu64 " RUK_SIM_STEPS=%" PRIu64
+                               " tests/sim_test --gtest_filter='*EverySeed*'\n",
+                               seed, steps);
+        length_ = static_cast<size_t>(n);
+        current_ = this;
+        fflush(stdout); /* what stands before it comes before it */
+        struct sigaction action = {};
+        action.sa_handler = [](int signal) {
+            tell();
+            raise(signal); /* the default, once this returns */
+        };
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        for (size_t i = 0; i < kCaught; i++)
+            sigaction(kSignals[i], &action, &before_[i]);
+        if (__sanitizer_set_death_callback != nullptr)
+            __sanitizer_set_death_callback(tell);
+    }
+    ~Replay()
+    {
+        for (size_t i = 0; i < kCaught; i++)
+            sigaction(kSignals[i], &before_[i], nullptr);
+        current_ = nullptr;
+        close(output_);
+    }
+    Replay(const Replay &) = delete;
+    Replay &operator=(const Replay &) = delete;
+
+    /* As a signal handler may. */
+    static void tell()
+    {
+        if (const Replay *r = std::exchange(current_, nullptr))
+            (void)!write(r->output_, r->line_, r->length_);
+    }
+
+private:
+    static constexpr int kSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL};
+    static constexpr size_t kCaught = test_support::kSanitized ? 1 : std::size(kSignals); /* it reports the others */
+
+    static inline const Replay *current_ = nullptr;
+    char line_[160];
+    size_t length_;
+    int output_;
+    struct sigaction before_[kCaught];
+};
+
+/* The blocks of memory that the library, or whoever else calls malloc() here, took and did not give back. */
+class Held : public test_support::AllocWatch {
+public:
+    bool refuses() override { return false; }
+    void taken(void *, size_t) override
+    {
+        blocks++;
+        total++;
+    }
+    void given_back(void *) override { blocks--; }
+    int64_t blocks = 0;
+    uint64_t total = 0;
+};
+
+uint64_t simulate(uint64_t seed, uint64_t steps, Figures &figures)
+{
+    Simulation simulation(seed, figures);
+    return simulation.run(static_cast<unsigned>(steps));
+}
+
 uint64_t run(uint64_t seed, Figures &figures)
 {
-    const size_t descriptors = open_descriptors(), mappings = shared_mappings();
     const uint64_t steps = setting("RUK_SIM_STEPS", kSteps);
-    uint64_t hash;
-    {
-        Simulation simulation(seed, figures);
-        hash = simulation.run(static_cast<unsigned>(steps));
-    }
+    const Replay replay(seed, steps);
+    const size_t descriptors = open_descriptors(), mappings = shared_mappings();
+    Held held;
+    const uint64_t hash = simulate(seed, steps, figures);
     EXPECT_EQ(open_descriptors(), descriptors);
     EXPECT_EQ(shared_mappings(), mappings);
-    if (testing::Test::HasFailure())
-        printf("replay: RUK_SIM_SEED=%" PRIu64 " RUK_SIM_STEPS=%" PRIu64
-               " tests/sim_test --gtest_filter='*EverySeed*'\n",
-               seed, steps);
+    EXPECT_GT(held.total, 0u);
+    if (held.blocks != 0 && !testing::Test::HasFailure()) { /* what is made once is there now */
+        Figures again = {};
+        Held held_again;
+        EXPECT_EQ(simulate(seed, steps, again), hash);
+        EXPECT_EQ(held_again.blocks, 0);
+    }
+    if (testing::Test::HasFailure()) {
+        fflush(stdout);
+        Replay::tell();
+    }
     return hash;
 }
 
@@ -1023,19 +1146,38 @@ TEST_F(Simulations, EverySeed_WhatArrivesIsDeliveredOrCountedAndNothingLeaks)
     uint64_t hash = 0;
     for (uint64_t seed = first; seed < first + seeds && !HasFailure(); seed++)
         hash = run(seed, f);
-    printf(
-        "seeds %" PRIu64 ", trace of the last %016" PRIx64 ", steps %" PRIu64 ", sent %" PRIu64 ", refused %" PRIu64
-        ", send errors %" PRIu64 ", lost %" PRIu64 ", duplicated %" PRIu64 ", reordered %" PRIu64 ", corrupted %" PRIu64
-        ", cut %" PRIu64 ", arrived %" PRIu64 ", malformed %" PRIu64 ", unmatched %" PRIu64 ", ring full %" PRIu64
-        ", delivered %" PRIu64 ", received %" PRIu64 ", stale %" PRIu64 ", inherited %" PRIu64 ", faults %" PRIu64 "\n",
-        seeds, hash, f.steps, f.sent, f.refused, f.send_errors, f.lost, f.duplicated, f.reordered, f.corrupted, f.cut,
-        f.arrived, f.malformed, f.unmatched, f.ring_full, f.delivered, f.received, f.stale, f.inherited, f.faults);
-    EXPECT_EQ(f.arrived, f.malformed + f.unmatched + f.ring_full + f.delivered);
-    if (seeds >= 100) /* each kind of trouble took place */
-        for (const uint64_t n : {f.refused, f.send_errors, f.lost, f.duplicated, f.reordered, f.corrupted, f.cut,
-                                 f.malformed, f.unmatched, f.ring_full, f.received, f.stale, f.faults}) {
-            EXPECT_GT(n, 0u);
+    printf("seeds %" PRIu64 ", trace of the last %016" PRIx64, seeds, hash);
+    const struct {
+        const char *what;
+        uint64_t n;
+    } troubles[] = {{"refused", f.refused},
+                    {"send errors", f.send_errors},
+                    {"lost", f.lost},
+                    {"lost in a row", f.lost_in_a_row},
+                    {"delayed", f.delayed},
+                    {"duplicated", f.duplicated},
+                    {"reordered", f.reordered},
+                    {"corrupted", f.corrupted},
+                    {"cut", f.cut},
+                    {"bursts", f.bursts},
+                    {"malformed", f.malformed},
+                    {"unmatched", f.unmatched},
+                    {"ring full", f.ring_full},
+                    {"stale", f.stale},
+                    {"faults", f.faults},
+                    {"clock jumps", f.jumps}},
+      rest[] = {{"steps", f.steps},         {"sent", f.sent},         {"arrived", f.arrived},
+                {"delivered", f.delivered}, {"received", f.received}, {"inherited", f.inherited}};
+    for (const auto &[what, n] : rest)
+        printf(", %s %" PRIu64, what, n);
+    for (const auto &[what, n] : troubles) {
+        printf(", %s %" PRIu64, what, n);
+        if (seeds >= 100) { /* each kind of trouble took place */
+            EXPECT_GT(n, 0u) << what;
         }
+    }
+    printf("\n");
+    EXPECT_EQ(f.arrived, f.malformed + f.unmatched + f.ring_full + f.delivered);
 }
 
 TEST_F(Simulations, SameSeedTwice_SameTrace_AnotherSeed_AnotherTrace)
@@ -1050,30 +1192,44 @@ TEST_F(Simulations, SameSeedTwice_SameTrace_AnotherSeed_AnotherTrace)
 
 namespace {
 
-/* The blocks of memory that were taken and not given back. */
-class Held : public test_support::AllocWatch {
-public:
-    bool refuses() override { return false; }
-    void taken(void *block, size_t) override
-    {
-        blocks.insert(block);
-        total++;
-    }
-    void given_back(void *block) override { blocks.erase(block); }
-    std::set<void *> blocks;
-    size_t total = 0;
-};
+constexpr char kReplayOf7[] = "replay: RUK_SIM_SEED=7 RUK_SIM_STEPS=9 tests/sim_test --gtest_filter='*EverySeed*'\n";
 
 } // namespace
 
-TEST_F(Simulations, SeedRunAgain_AllMemoryTakenIsGivenBack)
+TEST_F(Simulations, SeedThatTheProcessDoesNotSurvive_PrintsItsReplayAndEndsAsItWould)
 {
-    Figures f = {};
-    for (uint64_t seed = 1; seed <= 10; seed++) {
-        run(seed, f); /* what is made once is made */
-        Held held;
-        run(seed, f);
-        EXPECT_EQ(held.blocks.size(), 0u) << "seed " << seed;
-        EXPECT_GT(held.total, 0u) << "seed " << seed;
+    const auto dies = [](const std::function<void()> &blow) {
+        return test_support::run_in_child([&] {
+            const Replay replay(7, 9);
+            test_support::StreamCapture diagnostics; /* its output is lost with the process, the line is not */
+            blow();
+            return 0;
+        });
+    };
+    const test_support::ChildResult checked = dies([] { ruk__assertion_failed("rc == 0", 1, "sim"); });
+    EXPECT_TRUE(checked.killed_by(SIGABRT)) << checked;
+    EXPECT_EQ(checked.out, kReplayOf7);
+    const test_support::ChildResult wild = dies([] {
+        void *nowhere = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        *static_cast<volatile int *>(nowhere) = 1;
+    });
+    EXPECT_FALSE(wild.exited_with(0)) << wild;
+    EXPECT_EQ(wild.out, kReplayOf7);
+    if (!test_support::kSanitized) {
+        EXPECT_TRUE(wild.killed_by(SIGSEGV)) << wild;
     }
+    const test_support::ChildResult survived = dies([] {});
+    EXPECT_TRUE(survived.exited_with(0)) << survived;
+    EXPECT_EQ(survived.out, "");
+}
+
+/* What is left behind is seen. */
+TEST_F(Simulations, MemoryThatIsKept_IsCounted)
+{
+    Held held;
+    void *volatile kept = malloc(16); /* or the compiler does without it */
+    EXPECT_EQ(held.blocks, 1);
+    free(kept);
+    EXPECT_EQ(held.blocks, 0);
+    EXPECT_EQ(held.total, 1u);
 }
