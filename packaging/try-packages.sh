@@ -1,8 +1,54 @@
 #!/bin/bash
-# Tries the packages as a user would: in a fresh chroot they are installed, used, and removed without a trace.
+# Tries the packages as a user would: they are installed, used, and removed without a trace. As root.
 #
-#   packaging/try-packages.sh PACKAGE_DIR [CHROOT_DIR]     as root; CHROOT_DIR is made with debootstrap unless it is there
+#   packaging/try-packages.sh PACKAGE_DIR [CHROOT_DIR]  in a fresh chroot; made with debootstrap unless it is there
+#   packaging/try-packages.sh --here PACKAGE_DIR        on a copy of this system that lies in memory and ends with the
+#                                                       script: in a minute and without a network, but what a package
+#                                                       forgets to ask for may be there
+#   packaging/try-packages.sh --here                    only whether that can be done here: status 0, or 1 and the reason
 set -euo pipefail
+here=
+if [[ ${1:-} == --here ]]; then
+    here=1
+    shift
+fi
+# Mounts of a namespace end with its last process, however that ends.
+if [[ -n $here && -z ${RUK_TRY_IN_NAMESPACE:-} ]]; then
+    ((EUID == 0)) || { echo "try-packages: not root" >&2; exit 1; }
+    exec env RUK_TRY_IN_NAMESPACE=1 unshare --mount --propagation private "${BASH_SOURCE[0]}" --here "$@"
+fi
+
+inside() { chroot "$root" env DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
+
+# This system as the lower layer, what is written in memory above it. What does not come with Debian is left out.
+copy_this_system() {
+    for layers in /mnt /media /srv ''; do # one that hides nothing
+        [[ -d $layers && -z $(ls -A "$layers") ]] && break
+    done
+    root=$layers/root
+    [[ -n $layers ]] && mount -t tmpfs tmpfs "$layers" &&
+        mkdir "$layers/upper" "$layers/work" "$root" &&
+        mount -t overlay overlay -o "lowerdir=/,upperdir=$layers/upper,workdir=$layers/work" "$root" &&
+        mount -t tmpfs tmpfs "$root/tmp" &&
+        mount -t tmpfs tmpfs "$root/usr/local" &&
+        mount --rbind /proc "$root/proc" &&
+        mount --rbind /sys "$root/sys" &&
+        mount --rbind /dev "$root/dev" &&
+        inside bash -euc '
+            for program in dpkg ldconfig gcc g++ cmake make pkg-config ip; do command -v $program; done
+            test -e /usr/include/gtest/gtest.h
+            unshare -n ip link add oxel0 type veth peer name peer0
+        ' >/dev/null || return
+    # Containers leave pages and documents out; an index of all pages is not needed; mandoc's program has another name.
+    rm -rf "$root/etc/dpkg/dpkg.cfg.d" "$root/var/lib/man-db/auto-update"
+    [[ -e $root/usr/bin/man ]] || ln -s mman "$root/usr/bin/man"
+}
+if [[ -n $here ]] && ! copy_this_system; then
+    echo "try-packages: no copy of this system can be made, or it lacks what the packages are tried with" >&2
+    exit 1
+fi
+[[ -n $here && $# -eq 0 ]] && exit 0
+
 packages=$(realpath "$1")
 # Tells what a command said only when it failed.
 quietly() {
@@ -12,46 +58,75 @@ quietly() {
     echo "try-packages: failed: $*" >&2
     return 1
 }
-root=${2:-}
-leave() {
-    for mounted in proc sys dev; do
-        umount -q -l -R "$root/$mounted" || true
-    done
-}
-if [[ -z $root ]]; then
-    root=$(mktemp -d)
-    trap 'leave; rm -rf --one-file-system "$root"' EXIT
-else
-    trap leave EXIT
-fi
-if [[ ! -e $root/etc/debian_version ]]; then
-    echo "Making a chroot ..."
-    command -v debootstrap >/dev/null || {
-        echo "try-packages: debootstrap is missing; scripts/install-deps.sh packages installs it" >&2
-        exit 1
+
+make_chroot() { # [CHROOT_DIR]
+    root=${1:-}
+    leave() {
+        for mounted in proc sys dev; do
+            umount -q -l -R "$root/$mounted" || true
+        done
     }
-    quietly debootstrap --variant=minbase bookworm "$root"
-    for file in sources.list sources.list.d apt.conf.d; do # as this machine gets its packages
-        [[ -e /etc/apt/$file ]] && cp -r "/etc/apt/$file" "$root/etc/apt/"
-    done
-    cp /etc/resolv.conf "$root/etc/" 2>/dev/null || true
-fi
-mount -t proc proc "$root/proc"
-mount --rbind --make-rslave /sys "$root/sys" 2>/dev/null || true
-mount --bind /dev "$root/dev"
-inside() { chroot "$root" env DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
+    if [[ -z $root ]]; then
+        root=$(mktemp -d)
+        trap 'leave; rm -rf --one-file-system "$root"' EXIT
+    else
+        trap leave EXIT
+    fi
+    if [[ ! -e $root/etc/debian_version ]]; then
+        echo "Making a chroot ..."
+        command -v debootstrap >/dev/null || {
+            echo "try-packages: debootstrap is missing; scripts/install-deps.sh packages installs it" >&2
+            exit 1
+        }
+        quietly debootstrap --variant=minbase bookworm "$root"
+        for file in sources.list sources.list.d apt.conf.d; do # as this machine gets its packages
+            [[ -e /etc/apt/$file ]] && cp -r "/etc/apt/$file" "$root/etc/apt/"
+        done
+        cp /etc/resolv.conf "$root/etc/" 2>/dev/null || true
+    fi
+    mount -t proc proc "$root/proc"
+    mount --rbind --make-rslave /sys "$root/sys" 2>/dev/null || true
+    mount --bind /dev "$root/dev"
+    quietly inside apt-get update -qq
+    # What users have already: compilers, man, and a test library.
+    quietly inside apt-get install -y -qq --no-install-recommends g++ libc6-dev pkg-config cmake make iproute2 man-db \
+        bash-completion libgtest-dev
+}
+[[ -n $here ]] || make_chroot "${2:-}"
 
+# The packages in /tmp/debs by these names.
+install() {
+    local files
+    mapfile -t files < <(cd "$root" && for name in "$@"; do ls tmp/debs/"$name"_*.deb; done)
+    if [[ -n $here ]]; then
+        quietly inside dpkg --force-unsafe-io -i "${files[@]/#//}"
+    else
+        quietly inside apt-get install -y -qq --no-install-recommends "${files[@]/#//}"
+    fi
+}
+purge() {
+    if [[ -n $here ]]; then
+        quietly inside dpkg --force-unsafe-io --purge "$@"
+    else
+        quietly inside apt-get purge -y -qq "$@"
+        quietly inside apt-get autoremove -y -qq --purge
+    fi
+}
 
-# Everything but what apt and dpkg keep about packages, and caches that others keep.
+# Everything but what apt and dpkg keep about packages, and caches that others keep; of a copy what differs from the
+# original, where a directory that is there as well does not.
 files() {
+    if [[ -n $here ]]; then
+        (cd "$layers/upper" && find . -mindepth 1 \( -path ./var/lib/dpkg -o -path ./var/cache -o -path ./var/log \) -prune \
+            -o -printf '%y /%P\n') | while read -r kind path; do
+            [[ $kind == d && -d $path ]] || echo "$path"
+        done | sort
+        return
+    fi
     inside find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /tmp -o -path /var/lib/apt -o -path /var/lib/dpkg \
         -o -path /var/cache -o -path /var/log \) -prune -o -print | sort
 }
 
-quietly inside apt-get update -qq
-# What users have already: compilers, man, and a test library.
-quietly inside apt-get install -y -qq --no-install-recommends g++ libc6-dev pkg-config cmake make iproute2 man-db \
-    bash-completion libgtest-dev
 inside rm -f /etc/ld.so.cache && inside ldconfig
 files >"$packages/before"
 
@@ -62,7 +137,7 @@ cp "$packages"/*.deb "$root/tmp/debs/"
 # A package with what it depends on, and nothing else, has its programs and the pages that they refer to.
 for package in ruk-tools ruk-softnic; do
     echo "Trying $package alone ..."
-    quietly inside sh -c "apt-get install -y -qq --no-install-recommends /tmp/debs/libruk0_*.deb /tmp/debs/${package}_*.deb"
+    install libruk0 "$package"
     inside bash -euc '
         for program in $(dpkg -L "$0" | grep ^/usr/bin/); do
             "$program" --version
@@ -71,12 +146,11 @@ for package in ruk-tools ruk-softnic; do
         for page in ruk ruk-environment ruk-timestamps ruk-softnic; do man -w 7 "$page" >/dev/null; done
         test -r /usr/share/doc/libruk0/docs/hazards.md -a -r /usr/share/doc/libruk0/docs/operating.md
     ' "$package"
-    quietly inside apt-get purge -y -qq libruk0 "$package"
-    quietly inside apt-get autoremove -y -qq --purge
+    purge libruk0 "$package"
 done
 
 echo "Installing ..."
-quietly inside sh -c 'apt-get install -y -qq --no-install-recommends /tmp/debs/*.deb'
+install libruk0 libruk-dev ruk-tools ruk-softnic
 
 echo "Using ..."
 cat >"$root/tmp/use.c" <<'C'
@@ -131,12 +205,14 @@ inside bash -euc '
             test -e "${document%/*}/$target" || { echo "$document: no $target"; exit 1; }
         done
     done
-    test "$(man -w 3 ruk_open_if)" = "$(man -w 3 ruk_open)"
+    test "$(readlink -f "$(man -w 3 ruk_open_if)")" = "$(readlink -f "$(man -w 3 ruk_open)")"
     for page in ruk_recvfrom ruk_send_connect ruk_mcast_join_source tov_getifaddrs; do
-        MANPAGER=cat man 3 $page | grep -q "EXAMPLES"
+        MANPAGER=cat man 3 $page | sed "s/.\x08//g" | grep -q "EXAMPLES"
     done
-    for page in ruk ruk-timestamps ruk-environment ruk-softnic; do MANPAGER=cat man 7 $page | grep -q "SEE ALSO"; done
-    ! ldd use-static | grep -q libruk
+    for page in ruk ruk-timestamps ruk-environment ruk-softnic; do
+        MANPAGER=cat man 7 $page | sed "s/.\x08//g" | grep -q "SEE ALSO"
+    done
+    if ldd use-static | grep libruk; then exit 1; fi
     unshare -n sh -euc "
         ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0
         ip addr add 10.77.0.1/24 dev oxel0
@@ -150,14 +226,18 @@ inside bash -euc '
         rukrun --soft -- ruk-send -i oxel0 10.77.0.255:9 -m broadcast -n 3
         rukrun --soft -- ruk-recv -i oxel0 -p 5000 -t 0.2
         rukrun --soft -- ./example-send oxel0 10.77.0.255 9 text
-        rukrun --soft -- ruk-info --doctor >doctor || test \$? -eq 1
-        ! grep -q ^failure doctor
+        for try in 1 2 3 4 5 6 7 8 9 10; do # links take a moment to come up
+            status=0
+            rukrun --soft -- ruk-info --doctor >doctor || status=\$?
+            test \$status -ge 2 || break
+            sleep 0.5
+        done
+        ! grep ^failure doctor
     "
 '
 
 echo "Removing ..."
-quietly inside apt-get purge -y -qq libruk0 libruk-dev ruk-tools ruk-softnic
-quietly inside apt-get autoremove -y -qq --purge
+purge libruk0 libruk-dev ruk-tools ruk-softnic
 files >"$packages/after"
 if left=$(comm -13 "$packages/before" "$packages/after" | grep -v '^/root' | grep .); then
     echo "left behind: $left"
