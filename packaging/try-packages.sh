@@ -36,12 +36,13 @@ copy_this_system() {
         mount --rbind /dev "$root/dev" &&
         inside bash -euc '
             for program in dpkg ldconfig gcc g++ cmake make pkg-config ip; do command -v $program; done
+            command -v man || command -v mman
             test -e /usr/include/gtest/gtest.h
             unshare -n ip link add oxel0 type veth peer name peer0
         ' >/dev/null || return
     # Containers leave pages and documents out; an index of all pages is not needed; mandoc's program has another name.
     rm -rf "$root/etc/dpkg/dpkg.cfg.d" "$root/var/lib/man-db/auto-update"
-    [[ -e $root/usr/bin/man ]] || ln -s mman "$root/usr/bin/man"
+    [[ -e $root/usr/bin/man ]] || install -m 755 <(printf '#!/bin/sh\nexec mman "$@"\n') "$root/usr/bin/man"
 }
 if [[ -n $here ]] && ! copy_this_system; then
     echo "try-packages: no copy of this system can be made, or it lacks what the packages are tried with" >&2
@@ -95,7 +96,7 @@ make_chroot() { # [CHROOT_DIR]
 [[ -n $here ]] || make_chroot "${2:-}"
 
 # The packages in /tmp/debs by these names.
-install() {
+install_packages() {
     local files
     mapfile -t files < <(cd "$root" && for name in "$@"; do ls tmp/debs/"$name"_*.deb; done)
     if [[ -n $here ]]; then
@@ -137,7 +138,7 @@ cp "$packages"/*.deb "$root/tmp/debs/"
 # A package with what it depends on, and nothing else, has its programs and the pages that they refer to.
 for package in ruk-tools ruk-softnic; do
     echo "Trying $package alone ..."
-    install libruk0 "$package"
+    install_packages libruk0 "$package"
     inside bash -euc '
         for program in $(dpkg -L "$0" | grep ^/usr/bin/); do
             "$program" --version
@@ -150,7 +151,7 @@ for package in ruk-tools ruk-softnic; do
 done
 
 echo "Installing ..."
-install libruk0 libruk-dev ruk-tools ruk-softnic
+install_packages libruk0 libruk-dev ruk-tools ruk-softnic
 
 echo "Using ..."
 cat >"$root/tmp/use.c" <<'C'
