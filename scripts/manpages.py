@@ -175,9 +175,10 @@ def program_pages(directory):
         if not os.path.exists(binary):
             print(f"{name}: not built, its page is left as it is")
             continue
-        description, status, example, see = re.fullmatch(r"(.*?)^@status\n(.*?)^@example\n(.*?)^@see (.*)", rest.strip(),
-                                                         re.S | re.M).groups()
-        page = head(name, 1, [], purpose) + f".Sh SYNOPSIS\n.Nm\n" + "\n".join([".Ar argument ..."]) + "\n"
+        description, calls, status, example, see = re.fullmatch(
+            r"(.*?)^@synopsis\n(.*?)^@status\n(.*?)^@example\n(.*?)^@see (.*)", rest.strip(), re.S | re.M).groups()
+        page = head(name, 1, [], purpose) + ".Sh SYNOPSIS\n"
+        page += "".join(".Nm\n" + roff(call).replace("-", "\\-") + "\n" for call in calls.strip().split("\n"))
         page += ".Sh DESCRIPTION\n" + paragraphs(description) + "\n"
         page += ".Pp\nThe program describes its arguments so:\n.Bd -literal\n" + roff(run_help(binary)) + "\n.Ed\n"
         for sub in subcommands:

@@ -29,12 +29,18 @@ for path in "$bin"/ruk-* "$bin"/rukrun; do
     [[ -z $output ]] || complain "$name --no-such-option writes to standard output"
 done
 
-# What has a page is there, and what is there has a page; each page tells the statuses.
+# What has a page is there, and what is there has a page; each page tells the statuses, and begins with options that
+# the program has.
 while read -r name subcommands; do
     [[ -x $bin/$name ]] || complain "$name is missing"
     told=$(sed -n '/^\.Sh EXIT STATUS/,/^\.Sh EXAMPLES/p' "$root/man/$name.1" | grep -c '^\.It [0-9]')
     ((told >= 3)) || complain "$name(1) tells $told exit statuses"
     programs=$((programs - 1))
+    all=$(for subcommand in '' $subcommands; do "$bin/$name" $subcommand --help; done 2>/dev/null)
+    while read -r option; do
+        [[ $all =~ (^|[^a-z-])"$option"([^a-z]|$) ]] || complain "$name(1) begins with '$option', which $name does not tell"
+    done < <(sed -n '/^\.Sh SYNOPSIS/,/^\.Sh DESCRIPTION/p' "$root/man/$name.1" | sed 's/\\-/-/g' | grep -oE -- '(^|[[{ ])--?[a-z]+' |
+        tr -d '[{ ')
     for subcommand in $subcommands; do
         help=$("$bin/$name" "$subcommand" --help 2>/dev/null) || complain "$name $subcommand --help: status $?"
         [[ $help == *[Uu]sage:* ]] || complain "$name $subcommand --help tells no usage"
