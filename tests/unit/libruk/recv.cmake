@@ -1,6 +1,6 @@
 # Programs over the receive path alone: an endpoint of plain memory, no adapter.
 function(ruk_receive_test name)
-  add_executable(${name} ${ARGN} recv_rig.cpp recv_frames.cpp)
+  add_executable(${name} ${ARGN} $<TARGET_OBJECTS:rig_recv_rig> $<TARGET_OBJECTS:rig_recv_frames>)
   target_link_libraries(${name} PRIVATE test_support ruk_static GTest::gtest)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   ruk_discover_tests(${name} TIMEOUT 300 SOURCES ${ARGN})
@@ -19,11 +19,12 @@ ruk_receive_test(libruk_recv_tests
 ruk_receive_test(libruk_recv_order_tests recv_order_test.cpp)
 
 ruk_receive_test(libruk_arista_tests
-    arista_model.cpp
+    $<TARGET_OBJECTS:rig_arista_model>
     arista_keyframe_test.cpp
     arista_dating_test.cpp
     arista_settings_test.cpp)
 
 # Through the public calls and the stepped adapter.
-ruk_unit_test(libruk_recv_adapter_tests recv_adapter_test.cpp recv_frames.cpp)
-ruk_unit_test(libruk_switch_adapter_tests switch_adapter_test.cpp arista_model.cpp recv_frames.cpp)
+ruk_unit_test(libruk_recv_adapter_tests recv_adapter_test.cpp $<TARGET_OBJECTS:rig_recv_frames>)
+ruk_unit_test(libruk_switch_adapter_tests switch_adapter_test.cpp $<TARGET_OBJECTS:rig_arista_model>
+               $<TARGET_OBJECTS:rig_recv_frames>)

@@ -1,5 +1,6 @@
 # Programs over the send path.
-set(RUK_SEND_TEST_SUPPORT send_rig.cpp recv_frames.cpp driver_script.cpp)
+set(RUK_SEND_TEST_SUPPORT $<TARGET_OBJECTS:rig_send_rig> $<TARGET_OBJECTS:rig_recv_frames>
+    $<TARGET_OBJECTS:rig_driver_script>)
 ruk_unit_test(libruk_send_tests ${RUK_SEND_TEST_SUPPORT}
     send_request_test.cpp
     send_completion_test.cpp
