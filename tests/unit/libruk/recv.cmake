@@ -23,6 +23,8 @@ ruk_receive_test(libruk_arista_tests
     arista_keyframe_test.cpp
     arista_dating_test.cpp
     arista_settings_test.cpp)
+# Millions of frames through a model.
+set_property(TARGET libruk_arista_tests PROPERTY COMPILE_OPTIONS ${RUK_OPTIMISED})
 
 # Through the public calls and the stepped adapter.
 ruk_unit_test(libruk_recv_adapter_tests recv_adapter_test.cpp $<TARGET_OBJECTS:rig_recv_frames>)
