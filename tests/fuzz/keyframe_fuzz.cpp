@@ -5,6 +5,36 @@
 
 using namespace recv_rig;
 
+namespace {
+
+constexpr size_t longest = 1600;
+constexpr unsigned frames = 200; /* of one input: time, not correctness */
+
+/* An event of one frame where the endpoint reads next. */
+void put(RigEndpoint &rig, std::span<const uint8_t> frame)
+{
+    const auto length = static_cast<uint16_t>(frame.size());
+    nuv_uevt_ruk_t header = {};
+    static uint8_t event[longest + 3 * NUV_UEVT_SLOT];
+    const size_t bytes =
+        (sizeof header + nuv_uevt_pkt_space(length) + NUV_UEVT_SLOT - 1) / NUV_UEVT_SLOT * NUV_UEVT_SLOT;
+    header.pkts[0].length = tov_be16(length);
+    header.batch_len = tov_be16(static_cast<uint16_t>(bytes));
+    header.pkt_cnt = 1;
+    header.offset = sizeof header;
+    memset(event, 0, bytes);
+    memcpy(event, &header, sizeof header);
+    memcpy(event + sizeof header + NUV_UEVT_FRAME_OFFSET, frame.data(), length);
+
+    uint8_t *ring = rig.ring_memory.data();
+    const size_t at = rig.ep->rep_eventq.evq_recvq_offset, before_end = rig.ring_memory.size() - at;
+    memcpy(ring + at, event, std::min(bytes, before_end));
+    if (bytes > before_end)
+        memcpy(ring, event + before_end, bytes - before_end);
+}
+
+} // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static RigEndpoint rig;
@@ -24,10 +54,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     in.fill(&ctl.arct_lastkf, sizeof ctl.arct_lastkf);
 
     uint64_t last = 0;
-    while (!in.empty()) {
-        const size_t length = in.u16() % 1600;
-        Bytes frame = in.some(std::max<size_t>(length, 1));
-        rig.ring.put({{std::move(frame), 0}});
+    for (unsigned n = 0; n < frames && !in.empty(); n++) {
+        static constexpr uint8_t none[1] = {};
+        const auto frame = in.stretch(std::max<size_t>(in.u16() % longest, 1));
+        put(rig, frame.empty() ? none : frame);
         for (;;) {
             ruk_recv_info info = {};
             uint8_t buffer[64];
