@@ -392,6 +392,16 @@ TEST(InterfaceMac, KnownName_Asked_ThroughTableSocketClosedDirectly)
     EXPECT_EQ(closed, std::vector<int>{log[0].result});
 }
 
+TEST(InterfaceMac, LongName_Asked_ByItsFirst15Characters)
+{
+    FakeHost host;
+    host.interfaces[0].name = "abcdefghijklmno";
+    host.interfaces[0].mac = {0x02, 1, 2, 3, 4, 5};
+    uint8_t mac[6] = {};
+    EXPECT_EQ(tov_get_macaddr("abcdefghijklmnopqrs", mac), 0);
+    EXPECT_EQ(memcmp(mac, "\x02\x01\x02\x03\x04\x05", 6), 0);
+}
+
 TEST(InterfaceMac, UnknownName_Asked_EnodevWhateverCloseSays)
 {
     FakeHost host;
