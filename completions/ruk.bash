@@ -48,6 +48,11 @@ _ruk_complete()
         mapfile -t COMPREPLY < <(compgen -W 'normal allmulti raw' -- "$word")
         return
         ;;
+    --only)
+        mapfile -t COMPREPLY < <(compgen -W "$(_ruk_help "$program" $subcommand |
+            sed -n 's/^ *--only .*(repeatable): //p' | tr -d ,)" -- "$word")
+        return
+        ;;
     -w | --write | -f | --file | --csv | --plot | -o | --report)
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return

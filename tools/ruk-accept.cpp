@@ -118,41 +118,29 @@ public:
     AcceptRun(const AcceptRun &) = delete;
     AcceptRun &operator=(const AcceptRun &) = delete;
 
+    /* The names of all probes. */
+    static std::string probe_names()
+    {
+        std::string names;
+        for (const auto &[name, step] : probes())
+            names += (names.empty() ? "" : ", ") + std::string(name);
+        return names;
+    }
+
     /* All probes, or those that were chosen; each is told of when it ends, be it by a failure or a stop request. False
      * when not all were tried to the end. */
     bool all(const std::function<void(const Probe &)> &ended)
     {
-        using Step = void (AcceptRun::*)(Probe &);
-        const std::pair<const char *, Step> steps[] = {
-            {"endpoints", &AcceptRun::endpoints},
-            {"delivery", &AcceptRun::delivery},
-            {"event_order", &AcceptRun::event_order},
-            {"coalescing", &AcceptRun::coalescing},
-            {"poll", &AcceptRun::polling},
-            {"blocking", &AcceptRun::blocking},
-            {"filter_modes", &AcceptRun::filter_modes},
-            {"kernel_duplicate", &AcceptRun::kernel_duplicate},
-            {"group", &AcceptRun::group},
-            {"source_group", &AcceptRun::source_group},
-            {"broadcast", &AcceptRun::broadcast},
-            {"vlan", &AcceptRun::vlan},
-            {"next_hop", &AcceptRun::next_hop},
-            {"tag_reuse", &AcceptRun::tag_reuse},
-            {"clock", &AcceptRun::clock},
-            {"thresholds", &AcceptRun::thresholds},
-            {"store_to_wire", &AcceptRun::store_to_wire},
-            {"full_ring", &AcceptRun::full_ring},
-        };
+        const auto steps = probes();
         for (const std::string &name : opt_.only)
-            if (std::none_of(std::begin(steps), std::end(steps), [&](const auto &s) { return name == s.first; }))
-                fail("there is no probe named '{}'", name);
+            if (std::none_of(steps.begin(), steps.end(), [&](const auto &s) { return name == s.first; }))
+                fail("there is no probe named '{}'; there are: {}", name, probe_names());
         ask("hello");
         size_t number = 0;
         for (const auto &[name, step] : steps) {
             if (!opt_.only.empty() && std::find(opt_.only.begin(), opt_.only.end(), name) == opt_.only.end())
                 continue;
-            note(fmt::format("{} of {}: {} ...", ++number, opt_.only.empty() ? std::size(steps) : opt_.only.size(),
-                             name));
+            note(fmt::format("{} of {}: {} ...", ++number, opt_.only.empty() ? steps.size() : opt_.only.size(), name));
             Probe probe;
             probe.name = name;
             try {
@@ -172,6 +160,33 @@ public:
     }
 
 private:
+    using Step = void (AcceptRun::*)(Probe &);
+
+    /* In their order. */
+    static std::vector<std::pair<const char *, Step>> probes()
+    {
+        return {
+            {"endpoints", &AcceptRun::endpoints},
+            {"delivery", &AcceptRun::delivery},
+            {"event_order", &AcceptRun::event_order},
+            {"coalescing", &AcceptRun::coalescing},
+            {"poll", &AcceptRun::polling},
+            {"blocking", &AcceptRun::blocking},
+            {"filter_modes", &AcceptRun::filter_modes},
+            {"kernel_duplicate", &AcceptRun::kernel_duplicate},
+            {"group", &AcceptRun::group},
+            {"source_group", &AcceptRun::source_group},
+            {"broadcast", &AcceptRun::broadcast},
+            {"vlan", &AcceptRun::vlan},
+            {"next_hop", &AcceptRun::next_hop},
+            {"tag_reuse", &AcceptRun::tag_reuse},
+            {"clock", &AcceptRun::clock},
+            {"thresholds", &AcceptRun::thresholds},
+            {"store_to_wire", &AcceptRun::store_to_wire},
+            {"full_ring", &AcceptRun::full_ring},
+        };
+    }
+
     ruk__ep *ep() { return endpoint_.dev(); }
 
     /* A channel for the time of a probe. */
@@ -1086,7 +1101,7 @@ int main(int argc, char **argv)
     only_number(run_it->add_option("--minutes", opt.minutes, "How long it may take, about (10)"), 0.01, 1000)
         ->type_name("N");
     run_it->add_option("-o,--report", opt.report, "Write the report to this new file, as JSON")->type_name("FILE");
-    run_it->add_option("--only", opt.only, "Only this probe, by the name that it has in the report (repeatable)")
+    run_it->add_option("--only", opt.only, "Only this probe (repeatable): " + AcceptRun::probe_names())
         ->type_name("PROBE")
         ->allow_extra_args(false);
     run_it->add_flag("--json", opt.json, "Print the report as one JSON object");

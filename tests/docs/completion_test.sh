@@ -55,6 +55,8 @@ offers client "$bin/ruk-ping" c
 offers_not server "$bin/ruk-ping" c
 offers run "$bin/ruk-accept" r
 offers --minutes "$bin/ruk-accept" run --m
+offers clock "$bin/ruk-accept" run --only c
+offers_not delivery "$bin/ruk-accept" run --only c
 offers --tiny "$bin/ruk-bench" --t
 offers --plot "$bin/ruk-ping" client --p
 offers_not --plot "$bin/ruk-ping" server --p

@@ -481,5 +481,8 @@ TEST_F(AcceptTool, ProbeOfNoSuchName_IsAUsageError)
     auto unknown = soft({"ruk-accept", "run", "-i", "oxel0", "10.77.0.2", "--only", "everything"});
     ASSERT_TRUE(unknown->finish());
     EXPECT_TRUE(unknown->exited_with(2));
-    EXPECT_EQ(unknown->err(), "ruk-accept: there is no probe named 'everything'\n");
+    EXPECT_EQ(unknown->err(),
+              "ruk-accept: there is no probe named 'everything'; there are: endpoints, delivery, event_order, "
+              "coalescing, poll, blocking, filter_modes, kernel_duplicate, group, source_group, broadcast, vlan, "
+              "next_hop, tag_reuse, clock, thresholds, store_to_wire, full_ring\n");
 }
