@@ -75,6 +75,14 @@ inline void check(int rc, const char *what)
     if (rc != 0) [[unlikely]]
         fail(rc, what);
 }
+/* False when there is no room, or nothing waits, which is no error. */
+inline bool done(int rc, const char *what)
+{
+    if (rc == 0)
+        return true;
+    check(rc == EAGAIN ? 0 : rc, what);
+    return false;
+}
 inline void set(std::error_code &ec, int rc) noexcept
 {
     if (rc != 0 || ec) [[unlikely]]
@@ -317,9 +325,7 @@ public:
     }
     [[nodiscard]] bool try_send(payload data)
     {
-        const int rc = ruk_send(handle_, data.data(), data.size(), RUK_NONBLOCK);
-        detail::check(rc == EAGAIN ? 0 : rc, "ruk_send");
-        return rc == 0;
+        return detail::done(ruk_send(handle_, data.data(), data.size(), RUK_NONBLOCK), "ruk_send");
     }
 
 private:
@@ -407,9 +413,7 @@ public:
     }
     [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data)
     {
-        const int rc = ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK);
-        detail::check(rc == EAGAIN ? 0 : rc, "ruk_sendto");
-        return rc == 0;
+        return detail::done(ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK), "ruk_sendto");
     }
 
     void join(in_addr group, std::error_code &ec) noexcept
@@ -726,12 +730,7 @@ public:
         detail::set(ec, rc == EAGAIN ? 0 : rc);
         return rc == 0;
     }
-    bool frame_waits() const
-    {
-        const int rc = ruk_raw_recv_peek(handle_);
-        detail::check(rc == EAGAIN ? 0 : rc, "ruk_raw_recv_peek");
-        return rc == 0;
-    }
+    bool frame_waits() const { return detail::done(ruk_raw_recv_peek(handle_), "ruk_raw_recv_peek"); }
 
     /*
      * A frame with a header of the caller's, as ruk_raw_send() has it; on a thread-safe endpoint the caller holds its
@@ -747,9 +746,7 @@ public:
     bool send_frame(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data,
                     int flags = send_flags::none)
     {
-        const int rc = post(header, header_sum, checksum_offset, data, flags);
-        detail::check(rc == EAGAIN ? 0 : rc, "ruk_raw_send");
-        return rc == 0;
+        return detail::done(post(header, header_sum, checksum_offset, data, flags), "ruk_raw_send");
     }
 
     /* The counters, on standard output. */

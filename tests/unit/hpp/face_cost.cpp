@@ -81,6 +81,18 @@ void send(CApp &app, const void *data, size_t size)
 
 void send(FaceApp &app, const void *data, size_t size) { app.handle.send({data, size}); }
 
+bool try_send(CApp &app, const void *data, size_t size)
+{
+    const int rc = ruk_send(app.handle, data, static_cast<int>(size), RUK_NONBLOCK);
+    if (rc == 0)
+        return true;
+    if (rc != EAGAIN)
+        give_up();
+    return false;
+}
+
+bool try_send(FaceApp &app, const void *data, size_t size) { return app.handle.try_send({data, size}); }
+
 void send_with_code(CApp &app, const void *data, size_t size)
 {
     app.error = ruk_send(app.handle, data, static_cast<int>(size), 0);

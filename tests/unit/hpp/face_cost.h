@@ -35,6 +35,9 @@ uint64_t poll(FaceApp &app, std::byte *buffer, size_t size);
 
 void send(CApp &app, const void *data, size_t size);
 void send(FaceApp &app, const void *data, size_t size);
+/* False when there is no room. */
+bool try_send(CApp &app, const void *data, size_t size);
+bool try_send(FaceApp &app, const void *data, size_t size);
 void send_with_code(CApp &app, const void *data, size_t size);
 void send_with_code(FaceApp &app, const void *data, size_t size);
 

@@ -147,6 +147,12 @@ TEST(FaceCost, Send_IsTheCall)
                    cost_of_sending([](Bench &b) { send(b.face, b.bytes, 64); }));
 }
 
+TEST(FaceCost, TrySend_IsTheCall)
+{
+    expect_at_most(0, cost_of_sending([](Bench &b) { (void)try_send(b.c, b.bytes, 64); }),
+                   cost_of_sending([](Bench &b) { (void)try_send(b.face, b.bytes, 64); }));
+}
+
 TEST(FaceCost, SendWithCode_IsTheCallAndAtMostTwoInstructions)
 {
     expect_at_most(2, cost_of_sending([](Bench &b) { send_with_code(b.c, b.bytes, 64); }),
