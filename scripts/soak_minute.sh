@@ -3,7 +3,7 @@
 #
 #   scripts/soak_minute.sh BUILD_DIR
 set -euo pipefail
-output=$(RUK_SOAK_SECONDS=60 "$1/tests/e2e_soak") || {
+output=$(RUK_SOAK_SECONDS=60 "$1/tests/e2e_tools" --gtest_filter='Soak.*') || {
     printf '%s\n' "$output"
     exit 1
 }

@@ -13,6 +13,7 @@ ruk_receive_test(libruk_recv_tests
     recv_raw_test.cpp
     recv_wait_test.cpp
     stats_report_test.cpp)
+ruk_compile_together(libruk_recv_tests 3)
 
 # Receiving and the clock are built into this one over a vocabulary that writes down each access; the archive's are not
 # linked.
@@ -24,7 +25,7 @@ ruk_receive_test(libruk_arista_tests
     arista_dating_test.cpp
     arista_settings_test.cpp)
 # Millions of frames through a model.
-set_property(TARGET libruk_arista_tests PROPERTY COMPILE_OPTIONS ${RUK_OPTIMISED})
+target_compile_options(libruk_arista_tests PRIVATE ${RUK_OPTIMISED})
 
 # Through the public calls and the stepped adapter.
 ruk_unit_test(libruk_recv_adapter_tests recv_adapter_test.cpp $<TARGET_OBJECTS:rig_recv_frames>)

@@ -12,7 +12,7 @@ using test_support::LibcHookGuard;
 
 namespace {
 
-constexpr uint32_t HOST = 0x0a4d0001;
+constexpr uint32_t OWN_ADDRESS = 0x0a4d0001;
 
 RigEndpoint::Options with_locks()
 {
@@ -151,7 +151,7 @@ TEST(RecvArguments, UnknownMode_EinvalOnlyWhenTheQueueIsEmpty)
 {
     for (int mode : {5, 6, 7}) {
         RigEndpoint rig(with_locks());
-        rig.bind(0, HOST, 5000);
+        rig.bind(0, OWN_ADDRESS, 5000);
         rig.ring.put({{udp_frame("x"), 0}});
         EXPECT_EQ(rig.recv(static_cast<enum ruk_recvmode>(mode)).rc, 0);
         EXPECT_EQ(rig.recv(static_cast<enum ruk_recvmode>(mode)).rc, EINVAL);
@@ -186,7 +186,7 @@ TEST(RecvModes, EmptyQueue_NonblockAndPeeksReturnEagain)
 TEST(SpinningReceiverThread, DatagramArrives_DeliveredWithTheLockHeldMeanwhile)
 {
     RigEndpoint rig(with_locks());
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     int rc = -1;
     std::thread receiver([&] { rc = datagram(rig, RUK_RECV_DEFAULT); });
     ASSERT_TRUE(wait_until([&] { return inuse(rig) == 1; }));
@@ -229,7 +229,7 @@ TEST(SpinningReceiverThread, Shutdown_Eintr)
 TEST(SpinningReceiverThread, ShutdownBeforeTheCall_Forgotten)
 {
     RigEndpoint rig;
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     ruk_shutdown(rig.ep, 0);
     EXPECT_EQ(rig.recv().rc, EAGAIN);
     EXPECT_EQ(rig.ep->rep_shutdown, 0u);
@@ -257,7 +257,7 @@ TEST(SleepingReceiver, QueueNotEmpty_NoPoll)
     RigEndpoint rig;
     Handle handle(rig);
     Polls polls({});
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     rig.ring.put({{udp_frame("x"), 0}});
     EXPECT_EQ(rig.recv(RUK_RECV_BLOCK).rc, 0);
     EXPECT_EQ(polls.asked, 0u);
@@ -268,7 +268,7 @@ TEST(SleepingReceiver, Timeouts_PollAgainWithTheLockFree)
     for (const Call &call : calls) {
         RigEndpoint rig(with_locks());
         Handle handle(rig);
-        rig.bind(0, HOST, 5000);
+        rig.bind(0, OWN_ADDRESS, 5000);
         auto timeout = [&] {
             EXPECT_TRUE(rig.rx_lock_free());
             EXPECT_EQ(inuse(rig), 1u);
@@ -290,7 +290,7 @@ TEST(SleepingReceiver, EventArrivesDuringATimeout_SeenOnlyWhenPollSaysSo)
 {
     RigEndpoint rig;
     Handle handle(rig);
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     Polls polls({[&] {
                      rig.ring.put({{udp_frame("x"), 0}});
                      return 0;
@@ -304,7 +304,7 @@ TEST(SleepingReceiver, WokenForNothing_SleepsAgain)
 {
     RigEndpoint rig(with_locks());
     Handle handle(rig);
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     Polls polls({[] { return 1; }, [] { return 1; },
                  [&] {
                      rig.ring.put({{udp_frame("dropped"), 9}});
@@ -343,7 +343,7 @@ TEST(SleepingReceiver, ShutdownWithAnEventReady_NotAskedFor)
 {
     RigEndpoint rig;
     Handle handle(rig);
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     Polls polls({[&] {
         ruk_shutdown(rig.ep, 0);
         rig.ring.put({{udp_frame("x"), 0}});
@@ -375,7 +375,7 @@ TEST(SleepingReceiver, RealPollOnAReadableDescriptor_ThreadWoken)
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
     RigEndpoint rig(with_locks());
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     rig.ep->rep_handle = pipe_fds[0];
     int rc = -1;
     std::thread receiver([&] { rc = datagram(rig, RUK_RECV_BLOCK); });
@@ -410,7 +410,7 @@ TEST(ClosingEndpoint, NeedcloseAndQueueEmpty_Enxio)
 TEST(ClosingEndpoint, NeedcloseButDatagramWaiting_Delivered)
 {
     RigEndpoint rig;
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     rig.ep->rep_state = REP_STATE_NEEDCLOSE;
     rig.ring.put({{udp_frame("x"), 0}});
     EXPECT_EQ(rig.recv().rc, 0);
@@ -423,7 +423,7 @@ TEST(ClosingEndpoint, NeedcloseWhileAsleep_EnxioWithNothingConsumedOrClosed)
     for (int ready : {1, -1}) {
         in_each_way({RUK_RECV_BLOCK}, [ready](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
             Handle handle(rig);
-            rig.bind(0, HOST, 5000);
+            rig.bind(0, OWN_ADDRESS, 5000);
             Polls polls({[&] {
                 rig.ring.put({{udp_frame("x"), 0}});
                 rig.ep->rep_state = REP_STATE_NEEDCLOSE;
@@ -447,7 +447,7 @@ TEST(ClosingEndpoint, NeedcloseWhileAsleepAndShutDown_InterruptedAndTheCloseLeft
 {
     in_each_way({RUK_RECV_BLOCK}, [](RigEndpoint &rig, const Call &call, enum ruk_recvmode mode) {
         Handle handle(rig);
-        rig.bind(0, HOST, 5000);
+        rig.bind(0, OWN_ADDRESS, 5000);
         Polls polls({[&] {
             rig.ep->rep_state = REP_STATE_NEEDCLOSE;
             EXPECT_EQ(ruk_shutdown(rig.ep, 0), 0);
@@ -558,7 +558,7 @@ TEST(DeferredClose, EventReadyAfterwards_NotDelivered)
     CloseLog log;
     RigEndpoint rig(with_locks());
     rig.ep->rep_handle = 4711;
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     Polls polls({[&] {
         rig.ring.put({{udp_frame("x"), 0}});
         EXPECT_EQ(ruk_close(rig.ep), 0);
@@ -680,7 +680,7 @@ TEST(ThreadSafeEndpoint, FourReceiversOneWriter_EveryDatagramOnceAndIntact)
     RigEndpoint::Options options = with_locks();
     options.ring = 4096;
     RigEndpoint rig(options);
-    rig.bind(0, HOST, 5000);
+    rig.bind(0, OWN_ADDRESS, 5000);
     constexpr unsigned total = 20000;
     std::vector<uint8_t> seen(total);
     unsigned received = 0, damaged = 0;

@@ -7,8 +7,6 @@ namespace {
 
 using namespace send_rig;
 
-constexpr unsigned PIO = 13, DMA = 14;
-
 Bytes header_bytes(const Bytes &request) { return Bytes(request.begin() + 6, request.begin() + 48); }
 
 class ChecksumTest : public RequestTest {

@@ -9,8 +9,6 @@ namespace {
 
 using namespace send_rig;
 
-constexpr unsigned PIO = 13, DMA = 14;
-
 /* ------------------------------------------------------------------ the template */
 
 /* 10.77.0.1:5000 of an adapter with MAC address 02:6f:78:00:00:01, to 10.77.0.2:5001 by 02:00:00:00:00:02. */

@@ -5,8 +5,6 @@ namespace {
 
 using namespace send_rig;
 
-constexpr unsigned PIO = 13, DMA = 14;
-
 /* ------------------------------------------------------------------ the request */
 
 TEST_F(RequestTest, SmallPayload_Sent_PioRequestByteForByte)

@@ -20,6 +20,9 @@ using namespace test_support;
 using recv_rig::Bytes;
 using recv_rig::pattern;
 
+/* Kinds of request: the payload in the adapter's memory, or fetched. */
+constexpr unsigned PIO = 13, DMA = 14;
+
 Bytes unhex(const std::string &digits); /* blanks are ignored */
 
 /* ------------------------------------------------------------------ Internet checksums, as their standard has them */

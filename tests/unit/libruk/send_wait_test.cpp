@@ -10,8 +10,6 @@ namespace {
 
 using namespace send_rig;
 
-constexpr unsigned PIO = 13;
-
 /* ------------------------------------------------------------------ waiting for room */
 
 class WaitTest : public RequestTest {
