@@ -94,8 +94,9 @@ void ruk__assertion_failed(const char *expr, int line, const char *file);
  * Errors: EINVAL a null argument, the library is not initialised (not asked by ruk_open_by_perm_mac), no adapter of
  * that MAC address, a region that cannot be mapped; ENODEV no such local adapter address, or (all that
  * ruk_open_by_perm_mac() asks) no adapter interface at all; EBUSY every endpoint is taken; ENOMEM; errno of the
- * endpoint's kernel socket; those of the driver. ruk_open_if(): ENXIO no interface of that name; a negative errno value
- * when asking the host failed.
+ * endpoint's kernel socket; those of the driver. ruk_open_if(): ENXIO no interface of that name, one without an IPv4
+ * address, or one behind the first 51 or so of the host's addresses (64 where pointers have 32 bits); a negative errno
+ * value when asking the host failed.
  */
 int ruk_open(const struct in_addr *interface_addr, int flags, ruk_device_t *dev_out);
 int ruk_open_if(const char *ifname, int flags, ruk_device_t *dev_out);
@@ -134,7 +135,8 @@ int ruk_device_enable(ruk_device_t dev);
 
 /*
  * Asks waiting receive calls to return EINTR: spinning ones at once, sleeping ones within a second.
- * ruk_recvfrom() forgets a request made before it was called. how is not used. Errors: EINVAL a null endpoint.
+ * ruk_recvfrom() forgets a request made before it was called, and nothing else does: until then every ruk_raw_recv()
+ * that would wait gives EINTR. how is not used. Errors: EINVAL a null endpoint.
  */
 int ruk_shutdown(ruk_device_t dev, int how);
 
@@ -163,6 +165,8 @@ int ruk_close(ruk_device_t dev);
  * thread-safe endpoint the endpoint lock then stays held); EADDRINUSE and others of the kernel socket; -1 with errno
  * when it refuses an option that a flag asks for; EAGAIN no filter tag until some are out of use; ENOMEM, also no
  * filter tag; those of the driver.
+ * Of several channels with one address and port the first has all unicast until it is unbound, and its flags count:
+ * RUK_BIND_KERNEL of a later one does nothing for unicast, not even once that has inherited it.
  */
 int ruk_bind(ruk_device_t dev, int flags, int port, void *context, ruk_channel_t *handle_out);
 int ruk_bind_addr(ruk_device_t dev, const struct in_addr *interface_addr, int flags, int port, void *context,
@@ -173,7 +177,9 @@ int ruk_getaddress(ruk_channel_t ch, struct sockaddr_in *sin);
 
 /*
  * Install or remove an adapter filter for a tag of the caller's choice, without a channel. ip_proto is 17, 6
- * or 253; flags: RUK_BIND_KERNEL. Take no lock. Errors: EINVAL another protocol; those of the driver.
+ * or 253; flags: RUK_BIND_KERNEL. Take 3968 or a higher tag: those below are the library's own, for binds and groups,
+ * and 0 is a switch's keyframes' as well. The frames are for the raw receive calls: ruk_recvfrom() consumes them and
+ * counts them in dropped_nosock. Take no lock. Errors: EINVAL another protocol; those of the driver.
  */
 int ruk_filter_add(ruk_device_t dev, int ip_proto, uint16_t vlan_be16, uint32_t dst_ip_be32, uint16_t dst_port_be16,
                    uint16_t tag, int flags);
@@ -233,15 +239,16 @@ struct ruk_recv_info {
     ruk_channel_t chan;          /* channel it arrived on; null in the ALLMULTI and RAW filter modes */
     void *chan_context;          /* that channel's context; null in those modes */
     void *in_buffer;             /* not written */
-    struct sockaddr_in sin_from; /* source */
-    struct sockaddr_in sin_to;   /* destination */
+    struct sockaddr_in sin_from; /* source; in the RAW mode not written for a frame that is not IPv4 */
+    struct sockaddr_in sin_to;   /* destination; the same, and in ALLMULTI and RAW sin_family is never written */
     uint32_t msg_len;            /* the datagram's full length, bytes, before truncation to the buffer */
-    uint64_t timestamp;          /* ns, 0 when no time is known; with interface version 2 or later */
+    uint64_t timestamp;          /* ns, 0 when no time is known; from interface version 2 on; not written by a peek */
 };
 
 /*
  * Receives the next datagram of any channel of the endpoint into buf, cut to len bytes. Frames that fail a
- * check are counted and skipped; no checksum is verified. Takes the receive lock, except while it sleeps.
+ * check are counted and skipped; no checksum is verified. What is not written of *info keeps what was there: clear it
+ * before a peek, and in the ALLMULTI and RAW filter modes. Takes the receive lock, except while it sleeps.
  * Errors: EINVAL a null endpoint or info, a disabled endpoint, an unknown mode on an empty queue; EAGAIN
  * nothing waits; EINTR shut down, or a signal handler ran while it slept; ENXIO the endpoint is being closed; errno of
  * poll().
@@ -250,7 +257,8 @@ int ruk_recvfrom(ruk_device_t dev, enum ruk_recvmode recv_mode, void *buf, size_
 
 /*
  * Whole frames, with the 4-byte trailer, but for frames that a switch dates, which come without it. buf must hold the
- * largest frame; *len receives the length. ruk_raw_recv() takes the receive lock and never writes *timestamp; the other
+ * largest frame; *len receives the length. ruk_raw_recv() takes the receive lock, never writes *timestamp, and does not
+ * forget a shutdown: from one on it gives EINTR whenever it would wait, until ruk_recvfrom() is called. The other
  * two take no lock, are for an endpoint that one thread reads, and complete no close. timestamp and tag of
  * ruk_raw_recv_nb() may be null. A null endpoint or len is not tested in any of them. ruk_raw_recv_nb() hands out a
  * switch's keyframes too: where the endpoint recognises them their time is all ones.
@@ -271,6 +279,8 @@ void ruk_dump_stats(ruk_device_t dev, int non_zero);
 /*
  * Makes a send handle for a destination: resolves its next hop and prepares the frame's header. ttl 0 takes
  * 64, or 1 for a group; at most 64. Takes the endpoint lock, and drops it while the kernel is asked.
+ * The route is the one with the longest mask of /proc/net/route, the last of several; metrics and other tables of the
+ * host's do not count.
  * Where the kernel's ARP table does not know the next hop the kernel is prompted and asked up to 1001 times: the call
  * may sleep about ten seconds. With RUK_NONBLOCK in flags it prompts once and returns EADDRNOTAVAIL at once; try again
  * every 50 to 100 ms. Prompts add up: at a few hundred within three seconds, as by a call every 10 ms, it sleeps too.
