@@ -33,6 +33,7 @@
 #include <span>
 #include <string_view>
 #include <system_error>
+#include <type_traits>
 #include <utility>
 
 namespace ruk {
@@ -179,9 +180,14 @@ public:
     uint32_t length() const noexcept { return info_.msg_len; }
     bool truncated() const noexcept { return length() > size_; }
 
+    /*
+     * In the filter modes other than normal the family of to() is what was in memory, and in the raw mode so are both
+     * whole where data() is no IPv4 frame: the library does not write them, and to clear them would cost every
+     * datagram. After a peek they are zero then.
+     */
     const sockaddr_in &from() const noexcept { return info_.sin_from; }
     const sockaddr_in &to() const noexcept { return info_.sin_to; }
-    /* When it arrived, when that is known. */
+    /* When it arrived, when that is known; never of a peek. */
     std::optional<time_point> time() const noexcept
     {
         if (info_.timestamp == 0)
@@ -197,7 +203,9 @@ private:
     friend class endpoint;
     friend class maybe_datagram;
     struct unfilled {};
+    struct cleared {};
     explicit datagram(unfilled) noexcept {}
+    explicit datagram(cleared) noexcept : info_() {}
     [[gnu::cold, gnu::noinline]] std::span<std::byte> told(std::error_code &ec, int rc,
                                                            std::span<std::byte> buffer) noexcept
     {
@@ -237,7 +245,7 @@ public:
 
 private:
     friend class endpoint;
-    explicit maybe_datagram(datagram::unfilled u) noexcept : datagram_(u) {}
+    template <typename How> explicit maybe_datagram(How how) noexcept : datagram_(how) {}
     void is_in(std::span<std::byte> buffer) noexcept
     {
         datagram_.lies_in(buffer);
@@ -679,18 +687,18 @@ public:
     /* Nothing when no datagram waits, which is no error. */
     maybe_datagram try_receive(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
-        return take_if_any(RUK_RECV_NONBLOCK, buffer, ec);
+        return take_if_any<RUK_RECV_NONBLOCK>(buffer, ec);
     }
-    maybe_datagram try_receive(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_NONBLOCK, buffer); }
+    maybe_datagram try_receive(std::span<std::byte> buffer) { return take_if_any<RUK_RECV_NONBLOCK>(buffer); }
 
-    /* The next datagram, which stays there; without a buffer all but its payload. */
-    maybe_datagram peek(std::error_code &ec) noexcept { return take_if_any(RUK_RECV_PEEK, {}, ec); }
-    maybe_datagram peek() { return take_if_any(RUK_RECV_PEEK, {}); }
+    /* The next datagram, which stays there; without a buffer all but its payload. A peek never tells a time. */
+    maybe_datagram peek(std::error_code &ec) noexcept { return take_if_any<RUK_RECV_PEEK>({}, ec); }
+    maybe_datagram peek() { return take_if_any<RUK_RECV_PEEK>({}); }
     maybe_datagram peek(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
-        return take_if_any(RUK_RECV_PEEK_MSG, buffer, ec);
+        return take_if_any<RUK_RECV_PEEK_MSG>(buffer, ec);
     }
-    maybe_datagram peek(std::span<std::byte> buffer) { return take_if_any(RUK_RECV_PEEK_MSG, buffer); }
+    maybe_datagram peek(std::span<std::byte> buffer) { return take_if_any<RUK_RECV_PEEK_MSG>(buffer); }
 
     /* Whole frames, of filters without a channel or in the raw filter mode; waits as receive() does. */
     std::span<std::byte> receive_frame(frame_buffer buffer, wait how, std::error_code &ec) noexcept
@@ -766,9 +774,13 @@ private:
     {
         return ruk_recvfrom(handle_, mode, buffer.data(), buffer.size(), &d.info_);
     }
-    maybe_datagram take_if_any(ruk_recvmode mode, std::span<std::byte> buffer, std::error_code &ec) noexcept
+    /* The library does not write all of a peek's record. */
+    template <ruk_recvmode mode>
+    using peeked_or_not = std::conditional_t<mode == RUK_RECV_NONBLOCK, datagram::unfilled, datagram::cleared>;
+
+    template <ruk_recvmode mode> maybe_datagram take_if_any(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
-        maybe_datagram d{datagram::unfilled{}};
+        maybe_datagram d{peeked_or_not<mode>{}};
         const int rc = take(mode, buffer, d.datagram_);
         detail::set(ec, rc == EAGAIN ? 0 : rc);
         if (rc == 0)
@@ -777,9 +789,9 @@ private:
             d.is_not();
         return d;
     }
-    maybe_datagram take_if_any(ruk_recvmode mode, std::span<std::byte> buffer)
+    template <ruk_recvmode mode> maybe_datagram take_if_any(std::span<std::byte> buffer)
     {
-        maybe_datagram d{datagram::unfilled{}};
+        maybe_datagram d{peeked_or_not<mode>{}};
         const int rc = take(mode, buffer, d.datagram_);
         if (rc == 0) {
             d.is_in(buffer);

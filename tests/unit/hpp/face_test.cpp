@@ -8,6 +8,7 @@
 #include <array>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <new>
 #include <type_traits>
 
 namespace {
@@ -360,6 +361,53 @@ TEST_F(Face, Peek_TellsOfTheNextDatagramAndLeavesIt)
     EXPECT_FALSE(endpoint.peek());
 }
 
+/* The library writes no time in a peek's record, which lies where records with times lay before. */
+TEST_F(Face, Peek_OnADatedEndpoint_HasNoTime)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::thread_safe | ruk::open_flags::hw_timestamping);
+    ruk::channel channel = endpoint.bind(5000);
+    softnic_advance(nic, 1000000000);
+    arrive("dated");
+    arrive("dated, too");
+    std::error_code ec;
+    const auto around = [&](auto &&peek) {
+        alignas(ruk::maybe_datagram) std::byte place[sizeof(ruk::maybe_datagram)];
+        memset(place, 0x5a, sizeof place);
+        asm volatile("" : : "r"(place) : "memory"); /* compilers drop what is written before an object is made */
+        const auto *peeked = new (place) ruk::maybe_datagram(peek());
+        ASSERT_TRUE(*peeked);
+        EXPECT_FALSE((*peeked)->time());
+        EXPECT_EQ((*peeked)->info().timestamp, 0u);
+        EXPECT_EQ((*peeked)->length(), 5u);
+    };
+    around([&] { return endpoint.peek(); });
+    around([&] { return endpoint.peek(ec); });
+    around([&] { return endpoint.peek(room); });
+    around([&] { return endpoint.peek(room, ec); });
+    const auto received = endpoint.try_receive(room);
+    ASSERT_TRUE(received);
+    EXPECT_TRUE(received->time());
+}
+
+TEST_F(Face, Peek_InTheRawMode_AddressesThatAreNotToldAreZero)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    endpoint.set_filter(ruk::filter::raw);
+    Bytes frame = unhex("026f78000001 020000000002 88b5");
+    frame.resize(frame.size() + 46, 0x33);
+    softnic_inject(nic, 0, frame.data(), frame.size());
+    softnic_run(nic);
+    const auto peeked = endpoint.peek();
+    ASSERT_TRUE(peeked);
+    EXPECT_EQ(peeked->channel(), nullptr);
+    EXPECT_EQ(peeked->length(), 14u + 46 + 4 - 2);
+    for (const sockaddr_in *sin : {&peeked->from(), &peeked->to()}) {
+        EXPECT_EQ(sin->sin_family, 0);
+        EXPECT_EQ(sin->sin_port, 0);
+        EXPECT_EQ(sin->sin_addr.s_addr, 0u);
+    }
+}
+
 TEST_F(Face, Frame_InTheRawMode_IsWholeWithItsTrailer)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::none);
@@ -404,19 +452,19 @@ TEST_F(Face, Filter_WithoutAChannel_TagsItsFrames)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::none);
     const ruk::filter_rule rule = {.to = ruk::ip("10.77.0.1"), .port = 7000};
-    endpoint.add_filter(rule, 3000);
+    endpoint.add_filter(rule, 4000);
     EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0001, 7000, 0, 17), 1);
     arrive("tagged", 4000, 7000);
     std::error_code ec;
     const auto f = endpoint.try_receive_frame(frame_room, ec);
     ASSERT_TRUE(f);
     EXPECT_FALSE(ec);
-    EXPECT_EQ(f->tag, 3000);
-    endpoint.remove_filter(rule, 3000);
+    EXPECT_EQ(f->tag, 4000);
+    endpoint.remove_filter(rule, 4000);
     EXPECT_EQ(softnic_steered(nic, 0, 0x0a4d0001, 7000, 0, 17), 0);
     const ruk::filter_rule other = {.to = rule.to, .port = 7000, .protocol = 1};
-    EXPECT_EQ(error_of([&] { endpoint.add_filter(other, 3000); }), EINVAL);
-    endpoint.remove_filter(other, 3000, ec);
+    EXPECT_EQ(error_of([&] { endpoint.add_filter(other, 4000); }), EINVAL);
+    endpoint.remove_filter(other, 4000, ec);
     EXPECT_EQ(ec, std::errc::invalid_argument);
 }
 
@@ -835,10 +883,10 @@ TEST_F(Face, DriverRefuses_ToldAsCodeAndAsException)
     } calls[] = {
         {OXEL_SET_FILTER_MODE, [&](auto &ec) { endpoint.set_filter(ruk::filter::raw, ec); },
          [&] { endpoint.set_filter(ruk::filter::normal); }},
-        {OXEL_RX_FILTER, [&](auto &ec) { endpoint.add_filter(rule, 3000, 0, ec); },
-         [&] { endpoint.add_filter(rule, 3001); }},
-        {OXEL_RX_FILTER, [&](auto &ec) { endpoint.remove_filter(rule, 3000, ec); },
-         [&] { endpoint.remove_filter(rule, 3001); }},
+        {OXEL_RX_FILTER, [&](auto &ec) { endpoint.add_filter(rule, 4000, 0, ec); },
+         [&] { endpoint.add_filter(rule, 4001); }},
+        {OXEL_RX_FILTER, [&](auto &ec) { endpoint.remove_filter(rule, 4000, ec); },
+         [&] { endpoint.remove_filter(rule, 4001); }},
         {OXEL_SET_RUK_PARAMS, [&](auto &ec) { endpoint.set_attributes(attrs, ec); },
          [&] {
              attrs.recvq_filter_mode = RUK_RECV_FILTER_NORMAL;
