@@ -1,6 +1,7 @@
 #include "common.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -113,6 +114,11 @@ void put_line(std::string_view text)
     fputc('\n', stdout);
     if (fflush(stdout) != 0 || ferror(stdout))
         fail("cannot write to standard output: {}", errno_text(errno));
+}
+
+std::string json_text(const nlohmann::ordered_json &object, int indent)
+{
+    return object.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 /* ------------------------------------------------------------------ time */

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <fmt/core.h>
+#include <nlohmann/json_fwd.hpp>
 
 #include <atomic>
 #include <cstdint>
@@ -70,6 +71,12 @@ void note(std::string_view text);
 
 /* Writes a line to standard output at once; a failure to write ends the program. */
 void put_line(std::string_view text);
+
+/*
+ * The JSON of an object. Names of programs and the driver's texts come as they are: bytes that are not UTF-8 become
+ * U+FFFD.
+ */
+std::string json_text(const nlohmann::ordered_json &object, int indent = -1);
 
 /* ------------------------------------------------------------------ time */
 

@@ -1027,7 +1027,7 @@ bool write_report(const std::string &path, const ordered_json &report)
 {
     const std::string draft = path + ".new";
     std::ofstream file(draft);
-    file << report.dump(2) << '\n';
+    file << json_text(report, 2) << '\n';
     file.close();
     if (file && rename(draft.c_str(), path.c_str()) == 0)
         return true;
@@ -1048,7 +1048,7 @@ int run(const Options &opt)
         fail("cannot write {}", opt.report);
     bool differs = false, failed = false, probed = false, written = true;
     const bool finished = session.all([&](const Probe &p) {
-        const std::string result = p.result(), measured = p.measured.dump();
+        const std::string result = p.result(), measured = json_text(p.measured);
         differs = differs || result == "differs";
         failed = failed || result == "failed";
         probed = probed || result != "not probed";
@@ -1070,7 +1070,7 @@ int run(const Options &opt)
     if (finished)
         report["result"] = !probed ? "nothing probed" : failed ? "failed" : differs ? "differs" : "as expected";
     if (opt.json)
-        put_line(report.dump());
+        put_line(json_text(report));
     else if (finished && !probed)
         put_line("nothing probed");
     if (!opt.report.empty()) {

@@ -151,7 +151,7 @@ int show(bool json)
                                      : errno_text(rc);
 
     if (json)
-        put_line(info.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
+        put_line(json_text(info));
     else
         print_text(info);
     if (rc != 0 && !json)
@@ -174,7 +174,7 @@ int show_ledgers(const std::string &interface, bool json)
         put_drops(adapter_drops(ledger.page));
     }
     if (json)
-        put_line(ordered_json{{"ledgers", list}}.dump());
+        put_line(json_text({{"ledgers", list}}));
     else if (list.empty())
         note(interface.empty() ? "no running program uses the software adapter (that this user may look into)"
                                : "no running program uses the software adapter on " + interface);
@@ -195,7 +195,7 @@ int show_findings(const std::string &interface, bool json)
                                  f.remedy.empty() ? "" : "\n         -> " + f.remedy));
     }
     if (json)
-        put_line(ordered_json{{"status", health_name(worst)}, {"checks", list}}.dump());
+        put_line(json_text({{"status", health_name(worst)}, {"checks", list}}));
     return static_cast<int>(worst);
 }
 

@@ -298,7 +298,7 @@ void print_json(const Options &opt, const Result &result, const Distribution *di
     for (const auto &[use, share] : result.threads)
         threads.push_back({{"name", use.name}, {"cpu_share", share}, {"processor", use.processor}});
     out["threads"] = threads;
-    put_line(out.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
+    put_line(json_text(out));
 }
 
 void print_text(const Options &opt, const Result &result, const Distribution *distribution)

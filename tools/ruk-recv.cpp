@@ -201,7 +201,7 @@ std::string json_line(const Options &opt, const ruk_recv_info &info, bool bad, c
     else
         line["payload"] = hex(data, len);
     line["timestamp_source"] = time_source(opt, info);
-    return line.dump();
+    return json_text(line);
 }
 
 std::string text_line(const Options &opt, const ruk_recv_info &info, bool bad, const uint8_t *data, size_t len)
@@ -243,7 +243,7 @@ void print_stats(const Options &opt, const Endpoint &endpoint, const Tally &tall
                                {"adapters", ordered_json::array()}};
         for (const softnic::LiveLedger &ledger : ledgers)
             object["adapters"].push_back(ledger_object(ledger));
-        put_line(object.dump());
+        put_line(json_text(object));
         return;
     }
     put_line("counters:");

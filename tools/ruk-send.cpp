@@ -292,13 +292,11 @@ void summarise(const Options &opt, const Tally &tally, double seconds)
         ordered_json refused = ordered_json::object();
         for (const auto &[reason, n] : tally.refused)
             refused[reason] = n;
-        put_line(ordered_json{
-            {"sent", tally.sent},
-            {"bytes", tally.bytes},
-            {"refused", refused},
-            {"seconds", seconds},
-            {"per_second",
-             rate}}.dump());
+        put_line(json_text({{"sent", tally.sent},
+                            {"bytes", tally.bytes},
+                            {"refused", refused},
+                            {"seconds", seconds},
+                            {"per_second", rate}}));
         return;
     }
     std::string line = fmt::format("sent {} datagrams, {} bytes, in {:.6f} s ({:.0f} a second); refused {}", tally.sent,

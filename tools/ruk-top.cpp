@@ -128,7 +128,7 @@ int watch(const Options &opt)
                 print_board(look);
         }
         if (opt.json)
-            put_line(ordered_json{{"ledgers", list}}.dump());
+            put_line(json_text({{"ledgers", list}}));
         else if (seen.empty())
             put_line("no running program uses the software adapter (that this user may look into)");
         any = any || !seen.empty();

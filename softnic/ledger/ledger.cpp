@@ -75,6 +75,53 @@ void add_endpoint(std::string *out, const LedgerEndpoint &e)
     o.number("lost_requests", e.lost_requests);
 }
 
+// Length of the UTF-8 sequence at the head of a text; 0 when there is none.
+size_t utf8_length(const char *text)
+{
+    const auto byte = [text](size_t i) { return static_cast<uint8_t>(text[i]); };
+    const uint8_t first = byte(0);
+    if (first < 0x80)
+        return 1;
+    const size_t length = first >= 0xc2 && first <= 0xdf   ? 2
+                          : (first & 0xf0) == 0xe0         ? 3
+                          : first >= 0xf0 && first <= 0xf4 ? 4
+                                                           : 0;
+    // Neither a longer form than needed, nor a surrogate, nor beyond the last character.
+    if ((first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) || (first == 0xf0 && byte(1) < 0x90) ||
+        (first == 0xf4 && byte(1) > 0x8f))
+        return 0;
+    for (size_t i = 1; i < length; i++)
+        if ((byte(i) & 0xc0) != 0x80) // the terminating zero as well
+            return 0;
+    return length;
+}
+
+// As a JSON string. A name of an interface may have any bytes but blanks, slashes and colons: what is not UTF-8 becomes
+// U+FFFD.
+void add_text(std::string *out, const char *text)
+{
+    *out += '"';
+    while (*text != '\0') {
+        const size_t length = utf8_length(text);
+        if (length == 0) {
+            *out += "\xef\xbf\xbd";
+            text++;
+            continue;
+        }
+        const auto first = static_cast<uint8_t>(*text);
+        if (first < 0x20) {
+            constexpr char digits[] = "0123456789abcdef";
+            out->append("\\u00").append({digits[first >> 4], digits[first & 0xf]});
+        } else {
+            if (first == '"' || first == '\\')
+                *out += '\\';
+            out->append(text, length);
+        }
+        text += length;
+    }
+    *out += '"';
+}
+
 } // namespace
 
 std::string ledger_json(const LedgerPage &page)
@@ -82,7 +129,7 @@ std::string ledger_json(const LedgerPage &page)
     std::string out;
     {
         Object board(&out);
-        board.value("interface").append("\"").append(page.interface).append("\"");
+        add_text(&board.value("interface"), page.interface);
         {
             Object port(&board.value("port"));
             port.number("received", page.received);

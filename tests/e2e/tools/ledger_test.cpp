@@ -604,6 +604,36 @@ TEST_F(Ledger, ReceiverThatLosesFrames_TopInText_ShowsRatesRingPeakAndDropsByRea
     EXPECT_GT(std::stod(match[5]), 50) << "the peak stays: " << line;
 }
 
+// The kernel cuts the name of a program after 15 bytes, be it amid a character.
+TEST_F(Ledger, ProgramAndInterfaceWithUnusualNames_AreShownByAll)
+{
+    const std::string program_file = scratch_.file("ruk-recv-abcd\xe2\x82\xac"), name = "ruk-recv-abcd\xef\xbf\xbd";
+    const std::string stats = scratch_.file("stats"), interface = R"(x"y\z)";
+    std::filesystem::create_symlink(bin("ruk-recv"), program_file);
+    lab.run(lab.adapter, R"(ip link set oxel0 down; ip link set oxel0 name 'x"y\z';
+                            ip link set 'x"y\z' up; ip addr replace 10.77.0.1/24 dev 'x"y\z')");
+    auto program = lab.start(
+        lab.adapter,
+        {bin("rukrun"), "--soft=" + interface, "--", program_file, "-i", interface, "-p", "5000", "--json", "--stats"},
+        {"RUK_SOFTNIC_STATS=" + stats});
+    ASSERT_TRUE(program->wait_for_err("listening")) << *program;
+    const auto expect_names = [&](const std::string &schema, const std::string &line, const char *list) {
+        expect_schema(schema, line);
+        const json object = parse(line);
+        ASSERT_EQ(object.at(list).size(), 1u) << line;
+        EXPECT_EQ(object[list][0].at("program"), name) << line;
+        EXPECT_EQ(object[list][0].at("interface"), interface) << line;
+    };
+    expect_names("ruk-info-stats", run({"ruk-info", "--stats", "--json"})->out(), "ledgers");
+    expect_names("ruk-top", run({"ruk-top", "-n", "1", "--json"})->out(), "ledgers");
+    kill(program->pid(), SIGINT);
+    ASSERT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    expect_names("ruk-recv-stats", program->out(), "adapters");
+    expect_schema("rukrun-stats", contents(stats));
+    EXPECT_EQ(parse(contents(stats)).at("boards").at(0).at("interface"), interface);
+}
+
 TEST_F(Ledger, AdapterOfAnotherHost_Info_DoesNotShowIt)
 {
     auto program = receiver({"-p", "5000"});

@@ -1,6 +1,8 @@
 // The account of an adapter in words.
 #include "ledger_view.h"
 
+#include "common.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -94,4 +96,50 @@ TEST(LedgerView, EveryDropCounterOfTheLibrary_IsExplained)
     EXPECT_EQ(tools::drop_text(keyframes[0]), "keyframes_malformed (library): 5: frames of the switch's keyframe "
                                               "protocol, of a length that keyframes do not have; set "
                                               "OXEL_ARISTA_ENABLE_SKEW as the switch has it");
+}
+
+namespace {
+
+std::string interface_in_json(const char *name)
+{
+    softnic::LedgerPage page = {};
+    strcpy(page.interface, name);
+    const std::string text = softnic::ledger_json(page);
+    EXPECT_TRUE(json::accept(text)) << text;
+    return text.substr(0, text.find(",\"port\""));
+}
+
+} // namespace
+
+TEST(LedgerJson, InterfaceNameWithQuotesAndBackslashes_IsEscaped)
+{
+    EXPECT_EQ(interface_in_json("oxel0"), R"({"interface":"oxel0")");
+    EXPECT_EQ(interface_in_json(R"(a"b\c)"), R"({"interface":"a\"b\\c")");
+    EXPECT_EQ(interface_in_json("a\x01\x1f\x7f"), "{\"interface\":\"a\\u0001\\u001f\x7f\"");
+}
+
+TEST(LedgerJson, InterfaceNameThatIsNotUtf8_HasReplacementsInPlaceOfTheWrongBytes)
+{
+    const std::string replacement = "\xef\xbf\xbd", head = "{\"interface\":\"";
+    for (const char *good : {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xed\x9f\xbf", "\xf4\x8f\xbf\xbf"})
+        EXPECT_EQ(interface_in_json(good), head + good + "\"");
+    for (const char *one : {"\xff", "\xc3", "\x80"})
+        EXPECT_EQ(interface_in_json(one), head + replacement + "\"");
+    EXPECT_EQ(interface_in_json("a\xc3z"), head + "a" + replacement + "z\"");
+    for (const char *two : {"\xc0\xaf", "\xe2\x82", "\xf5\x80"})
+        EXPECT_EQ(interface_in_json(two), head + replacement + replacement + "\"");
+    // A longer form than needed, a surrogate, beyond the last character.
+    for (const char *three : {"\xe0\x80\xaf", "\xed\xa0\x80"})
+        EXPECT_EQ(interface_in_json(three), head + replacement + replacement + replacement + "\"");
+    for (const char *four : {"\xf0\x80\x80\xaf", "\xf4\x90\x80\x80"})
+        EXPECT_EQ(interface_in_json(four), head + replacement + replacement + replacement + replacement + "\"");
+}
+
+TEST(LedgerView, NamesThatAreNotUtf8_PrintAsJsonAllTheSame)
+{
+    softnic::LiveLedger ledger = {7, "caf\xc3", {}};
+    strcpy(ledger.page.interface, "\"\xff\\");
+    const json printed = json::parse(tools::json_text(tools::ledger_object(ledger)));
+    EXPECT_EQ(printed.at("program"), "caf\xef\xbf\xbd");
+    EXPECT_EQ(printed.at("interface"), "\"\xef\xbf\xbd\\");
 }
