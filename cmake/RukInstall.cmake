@@ -45,3 +45,14 @@ foreach(program rukrun ruk-accept ruk-bench ruk-capture ruk-info ruk-ping ruk-re
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
   endif()
 endforeach()
+
+# The dynamic linker finds a library of /usr/local by its cache alone. Package builds, which have DESTDIR, see to it
+# their own way.
+install(CODE "set(libdir \"${CMAKE_INSTALL_LIBDIR}\")")
+install(CODE [[
+  if("$ENV{DESTDIR}" STREQUAL "")
+    cmake_path(ABSOLUTE_PATH libdir BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)
+    message(STATUS "Programs find libruk.so in ${libdir} once 'ldconfig' has run as root; where the linker is not told "
+                   "of that directory, with LD_LIBRARY_PATH=${libdir}")
+  endif()
+]])

@@ -15,7 +15,8 @@ START = """# Examples
 
 First programs over `ruk.h`, one thing each. A build of the source tree makes `build/examples/example-*` of them, to be
 run over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/example-receive oxel0 5000`. Where
-the library is installed: `gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, then
+the library is installed (from the source tree with `ldconfig` run as root afterwards, or programs do not find it):
+`gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, then
 `rukrun --soft=oxel0 -- ./example-receive oxel0 5000`. How to have an interface `oxel0` and another host that sends to
 it, without a card and without being root, is in the [README](../README.md#receive-a-datagram).
 

@@ -18,6 +18,15 @@ cmake --install "$build" --prefix "$prefix" >"$tree/install.log" || {
 }
 pc=$(find "$prefix" -name ruk.pc)
 libdir=$(dirname "$(dirname "$pc")")
+grep -q "libruk.so in $libdir once 'ldconfig' has run" "$tree/install.log" || {
+    echo "installed tree: the installation does not say that ldconfig has to run"
+    exit 1
+}
+if DESTDIR=$tree/package cmake --install "$build" --prefix "$prefix" | grep ldconfig; then
+    echo "installed tree: it says so to a package build, too"
+    exit 1
+fi
+rm -r "$tree/package"
 export PKG_CONFIG_PATH=${pc%/*}
 pc_config() {
     pkg-config --define-variable=prefix="$prefix" "$@" ruk
