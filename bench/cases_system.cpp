@@ -79,15 +79,19 @@ Measure kernel_sockets(size_t bytes, size_t batches, bool receiving)
  * Two hosts joined by a veth pair, for as long as the shell lives. An echo server on the far one sleeps until a
  * request comes; ruk-ping on the near one spins for its replies. Lines on standard input say what to measure with:
  * "libruk" or "kernel"; each is answered by ruk-ping's result in JSON on one line, "ready" coming first of all.
+ *
+ * All of it is one process group. It ends with the shell, and with this program however that ends: the descriptor it
+ * is given then comes to its end, also while the shell itself waits for ruk-ping.
  */
 constexpr const char *veth_hosts = R"sh(
 set -e
-bin=$0 count=$1
+bin=$0 count=$1 alive=$2
 fail() { printf 'failed: %s\n' "$*"; exit 1; }
 work=$(mktemp -d)
+end() { rm -rf "$work"; kill -KILL 0; }
+trap end EXIT
+(read -r -u $alive || end) <&- >/dev/null 2>&1 &
 unshare --net sh -c 'echo there >"$0"; exec sleep 600' "$work/holder" & holder=$!
-echo=
-trap 'kill $holder $echo 2>/dev/null; rm -r "$work"' EXIT
 for ((i = 0; i < 100; i++)); do [[ -s $work/holder ]] && break; sleep 0.05; done
 { ip link set lo up &&
     ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02 netns $holder &&
@@ -96,11 +100,11 @@ peer() { nsenter --target $holder --net -- "$@"; }
 peer ip link set lo up
 peer ip address add 10.77.0.2/24 brd + dev peer0
 peer ip link set peer0 up
-nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p 7000 --wait block -t 500 >"$work/echo" 2>&1 & echo=$!
+nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p 7000 --wait block -t 500 >"$work/echo" 2>&1 &
 for ((i = 0; i < 100; i++)); do grep -q answering "$work/echo" && break; sleep 0.05; done
 echo ready
 while read -r with; do
-    run=(timeout 60)
+    run=(timeout --foreground 60)
     options=(client -i oxel0 10.77.0.2:7000 --size 64 --count $count --warmup 200 --wait spin --json)
     if [[ $with == libruk ]]; then run+=("$bin/rukrun" --soft=oxel0 --); else options+=(--kernel); fi
     "${run[@]}" "$bin/ruk-ping" "${options[@]}" >"$work/out" 2>"$work/err" || fail "$(tail -1 "$work/err")"
@@ -120,24 +124,29 @@ class VethHosts {
 public:
     explicit VethHosts(size_t count)
     {
-        int in[2], out[2];
-        if (pipe(in) != 0 || pipe(out) != 0)
+        int in[2], out[2], alive[2];
+        if (pipe(in) != 0 || pipe(out) != 0 || pipe(alive) != 0)
             throw std::runtime_error("no pipes");
         const std::string bin = directory_of_programs(), number = std::to_string(count);
+        const std::string end_of_this = std::to_string(alive[0]);
         pid_ = fork();
         if (pid_ == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
-            for (int fd : {in[0], in[1], out[0], out[1]})
+            for (int fd : {in[0], in[1], out[0], out[1], alive[1]})
                 close(fd);
+            if (setsid() < 0)
+                _exit(127); /* the shell kills its group at its end */
             const char *user = geteuid() == 0 ? "--net" : "--user";
             const char *map = geteuid() == 0 ? "--net" : "--map-root-user";
             execlp("unshare", "unshare", user, map, "--net", "--", "bash", "-c", veth_hosts, bin.c_str(),
-                   number.c_str(), nullptr);
+                   number.c_str(), end_of_this.c_str(), nullptr);
             _exit(127);
         }
         close(in[0]);
         close(out[1]);
+        close(alive[0]);
+        alive_ = alive[1];
         ask_ = fdopen(in[1], "w");
         answers_ = fdopen(out[0], "r");
         const std::string first = line();
@@ -149,6 +158,7 @@ public:
         fclose(ask_); /* the end of its input ends the shell, and with it the hosts */
         fclose(answers_);
         waitpid(pid_, nullptr, 0);
+        close(alive_);
     }
     VethHosts(const VethHosts &) = delete;
     VethHosts &operator=(const VethHosts &) = delete;
@@ -173,6 +183,7 @@ private:
         return text;
     }
     pid_t pid_ = -1;
+    int alive_ = -1;
     FILE *ask_ = nullptr, *answers_ = nullptr;
 };
 
