@@ -193,6 +193,9 @@ latency() {
     timeout --foreground 60 ruk-ping "${options[@]}" --kernel >"$work/ping.kernel" 2>&1 ||
         die "ruk-ping through kernel sockets: $(cat "$work/ping.kernel")"
     indent "$work/ping.kernel"
+    echo
+    echo "  Of a card this says nothing: the software adapter itself sends and receives through a packet socket of the"
+    echo "  kernel, which the datagrams of libruk pass here as well."
 }
 
 # The p50 column of ruk-ping's table.

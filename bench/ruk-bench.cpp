@@ -228,7 +228,7 @@ int main(int argc, char **argv)
     bool as_json_text = false, tiny = false, dpdk = false;
     std::vector<std::string> only;
     CLI::App app("Measures what libruk costs: nanoseconds a datagram, each case in turn with the least that could do "
-                 "the same; in about two minutes",
+                 "the same; in one to two minutes",
                  "ruk-bench");
     app.set_version_flag("--version", "ruk-bench " RUK_VERSION);
     app.add_flag("--json", as_json_text, "Result as one JSON object");
