@@ -1,7 +1,8 @@
 /*
  * A C++20 face over ruk.h: owners that may be moved, std::span payloads, std::chrono times, and each error as an
  * exception or as a std::error_code. Everything is inline, an owner holds one handle, and a datagram is the record that
- * the library fills: sending and receiving are the C calls and not an instruction more, with error codes up to four.
+ * the library fills: receiving is the C call and not an instruction more, sending the call and a test of the payload's
+ * length, two instructions (up to five in 32 bits); error codes add up to four and two.
  *
  *     ruk::init();
  *     auto endpoint = ruk::endpoint::open_if("oxel0", ruk::open_flags::thread_safe);
@@ -15,6 +16,10 @@
  *
  * Lifetimes are those of ruk.h: an endpoint outlives its channels, a channel its send handles. Declared in this
  * order, or as members in this order, they are. Threads: as in ruk.h.
+ *
+ * An owner that was made without a handle, moved from, released or reset is empty. It may be destroyed, assigned to,
+ * moved, asked whether it holds something, and get(), release() and reset(); any other call on it may crash. An
+ * interface_list that another was made from is an empty range.
  */
 #ifndef RUK_HPP
 #define RUK_HPP
@@ -26,6 +31,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -154,20 +160,60 @@ enum class filter { normal = RUK_RECV_FILTER_NORMAL, allmulti = RUK_RECV_FILTER_
 
 /* ------------------------------------------------------------------ what is sent and received */
 
-/* Payload to send: any contiguous sequence of trivially copyable elements. Nothing is copied here. */
+namespace detail {
+
+template <typename R> using element_of = std::remove_pointer_t<decltype(std::data(std::declval<R &>()))>;
+
+/* What lies in one piece and may be sent byte for byte. Not text in quotes, which ends in a byte that is none of it. */
+template <typename R>
+concept sendable = requires
+{
+    typename element_of<R>;
+}
+&&std::is_trivially_copyable_v<element_of<R>> && !std::is_volatile_v<element_of<R>> &&
+    std::is_constructible_v<std::span<const element_of<R>>, R &> &&
+    !(std::is_array_v<R> && std::is_same_v<element_of<R>, const char>);
+
+} // namespace detail
+
+/*
+ * Payload to send: any contiguous sequence of trivially copyable elements, such as a std::span, std::vector,
+ * std::array, array or text ("as such"sv). Nothing is copied here: the sequence outlives the payload.
+ */
 class payload {
 public:
     payload(const void *data, size_t size) noexcept : bytes_(static_cast<const std::byte *>(data), size) {}
     payload(std::string_view text) noexcept : payload(text.data(), text.size()) {}
-    template <typename T, size_t N> payload(std::span<T, N> elements) noexcept : bytes_(std::as_bytes(elements)) {}
+    template <typename R>
+    requires detail::sendable<std::remove_reference_t<R>> payload(R &&elements)
+    noexcept : bytes_(std::as_bytes(std::span<const detail::element_of<R>>(elements))) {}
 
     const void *data() const noexcept { return bytes_.data(); }
-    /* Longer than a frame in any case where an int does not hold it. */
-    int size() const noexcept { return static_cast<int>(bytes_.size()); }
+    size_t size() const noexcept { return bytes_.size(); }
 
 private:
     std::span<const std::byte> bytes_;
 };
+
+namespace detail {
+
+/* The calls take an int. What it does not hold is longer than any frame, and its low bits may be a wrong length. */
+inline bool too_long(payload data) noexcept { return data.size() > static_cast<size_t>(INT_MAX); }
+
+inline int send(ruk_send_t handle, payload data, int flags) noexcept
+{
+    if (too_long(data)) [[unlikely]]
+        return EMSGSIZE;
+    return ruk_send(handle, data.data(), static_cast<int>(data.size()), flags);
+}
+inline int send_to(ruk_channel_t channel, const sockaddr_in &to, payload data, int flags) noexcept
+{
+    if (too_long(data)) [[unlikely]]
+        return EMSGSIZE;
+    return ruk_sendto(channel, &to, data.data(), static_cast<int>(data.size()), flags);
+}
+
+} // namespace detail
 
 /* A datagram that was received; its payload lies in the buffer that it was received into. */
 class datagram {
@@ -317,23 +363,20 @@ public:
             ruk_send_disconnect(release());
     }
 
-    /* Waits for room. */
-    void send(payload data, std::error_code &ec) noexcept
-    {
-        detail::set(ec, ruk_send(handle_, data.data(), data.size(), 0));
-    }
-    void send(payload data) { detail::check(ruk_send(handle_, data.data(), data.size(), 0), "ruk_send"); }
+    /* Waits for room. EMSGSIZE for a payload of 2 GiB or more; what is too long for a frame is not refused. */
+    void send(payload data, std::error_code &ec) noexcept { detail::set(ec, detail::send(handle_, data, 0)); }
+    void send(payload data) { detail::check(detail::send(handle_, data, 0), "ruk_send"); }
 
     /* False when there is no room, which is no error. */
     [[nodiscard]] bool try_send(payload data, std::error_code &ec) noexcept
     {
-        const int rc = ruk_send(handle_, data.data(), data.size(), RUK_NONBLOCK);
+        const int rc = detail::send(handle_, data, RUK_NONBLOCK);
         detail::set(ec, rc == EAGAIN ? 0 : rc);
         return rc == 0;
     }
     [[nodiscard]] bool try_send(payload data)
     {
-        return detail::done(ruk_send(handle_, data.data(), data.size(), RUK_NONBLOCK), "ruk_send");
+        return detail::done(detail::send(handle_, data, RUK_NONBLOCK), "ruk_send");
     }
 
 private:
@@ -400,13 +443,14 @@ public:
         return handle;
     }
 
+    /* EMSGSIZE as by a send handle. */
     void send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
     {
-        detail::set(ec, ruk_sendto(handle_, &to, data.data(), data.size(), 0));
+        detail::set(ec, detail::send_to(handle_, to, data, 0));
     }
     void send_to(const sockaddr_in &to, payload data)
     {
-        detail::check(ruk_sendto(handle_, &to, data.data(), data.size(), 0), "ruk_sendto");
+        detail::check(detail::send_to(handle_, to, data, 0), "ruk_sendto");
     }
 
     /*
@@ -415,13 +459,13 @@ public:
      */
     [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data, std::error_code &ec) noexcept
     {
-        const int rc = ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK);
+        const int rc = detail::send_to(handle_, to, data, RUK_NONBLOCK);
         detail::set(ec, rc == EAGAIN ? 0 : rc);
         return rc == 0;
     }
     [[nodiscard]] bool try_send_to(const sockaddr_in &to, payload data)
     {
-        return detail::done(ruk_sendto(handle_, &to, data.data(), data.size(), RUK_NONBLOCK), "ruk_sendto");
+        return detail::done(detail::send_to(handle_, to, data, RUK_NONBLOCK), "ruk_sendto");
     }
 
     void join(in_addr group, std::error_code &ec) noexcept
@@ -581,7 +625,10 @@ public:
         set_filter(mode, ec);
         detail::raise(ec, "ruk_set_filter_mode");
     }
-    /* A filter without a channel, for frames that are received raw. Of the flags only bind_flags::kernel. */
+    /*
+     * A filter without a channel, for frames that are received raw. Tags from 3968 up: those below are the library's
+     * own. Of the flags only bind_flags::kernel.
+     */
     void add_filter(const filter_rule &rule, uint16_t tag, int flags, std::error_code &ec) noexcept
     {
         ec = detail::code(
@@ -666,7 +713,10 @@ public:
         return c;
     }
 
-    /* EAGAIN when nothing waits and wait::none was asked for; EINTR after a shutdown. */
+    /*
+     * EAGAIN when nothing waits and wait::none was asked for; EINTR when the endpoint is shut down while this waits,
+     * and when a signal handler runs while it sleeps. A shutdown before the call is forgotten.
+     */
     datagram receive(std::span<std::byte> buffer, wait how, std::error_code &ec) noexcept
     {
         datagram d{datagram::unfilled{}};
@@ -700,7 +750,10 @@ public:
     }
     maybe_datagram peek(std::span<std::byte> buffer) { return take_if_any<RUK_RECV_PEEK_MSG>(buffer); }
 
-    /* Whole frames, of filters without a channel or in the raw filter mode; waits as receive() does. */
+    /*
+     * Whole frames, of filters without a channel or in the raw filter mode; waits as receive() does, but forgets no
+     * shutdown: from one on each call that would wait gives EINTR, until receive(), try_receive() or peek() is called.
+     */
     std::span<std::byte> receive_frame(frame_buffer buffer, wait how, std::error_code &ec) noexcept
     {
         size_t length = 0;
@@ -742,7 +795,8 @@ public:
 
     /*
      * A frame with a header of the caller's, as ruk_raw_send() has it; on a thread-safe endpoint the caller holds its
-     * lock. False when there is no room and send_flags::nonblock was given, which is no error.
+     * lock. False when there is no room and send_flags::nonblock was given, which is no error. EINVAL for a header that
+     * has not 1 to 56 bytes, and for a checksum that does not lie in it; EMSGSIZE for a payload of 2 GiB or more.
      */
     bool send_frame(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data, int flags,
                     std::error_code &ec) noexcept
@@ -817,10 +871,18 @@ private:
         return rc;
     }
 
+    /* The library tests neither the header's length nor where the checksum goes. */
     int post(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data, int flags) noexcept
     {
+        constexpr size_t longest_header = 56, checksum_size = 2;
+        if (header.empty() || header.size() > longest_header)
+            return EINVAL;
+        if (checksum_offset > 0 && static_cast<size_t>(checksum_offset) + checksum_size > header.size())
+            return EINVAL;
+        if (detail::too_long(data))
+            return EMSGSIZE;
         return ruk_raw_send(handle_, header.data(), static_cast<int>(header.size()), header_sum, checksum_offset,
-                            static_cast<const uint8_t *>(data.data()), data.size(), flags);
+                            static_cast<const uint8_t *>(data.data()), static_cast<int>(data.size()), flags);
     }
 
     ruk_device_t handle_ = nullptr;

@@ -141,27 +141,30 @@ TEST(FaceCost, TryReceive_IsTheCall)
                    cost([](Bench &b) { return poll(b.face, b.bytes, sizeof b.bytes); }));
 }
 
-TEST(FaceCost, Send_IsTheCall)
+/* C has none: what an int does not hold is sent with another length. */
+constexpr uint64_t test_of_length = sizeof(void *) == 8 ? 2 : 5; /* 32 bits: on the stack, and more of that */
+
+TEST(FaceCost, Send_IsTheCallAndATestOfTheLength)
 {
-    expect_at_most(0, cost_of_sending([](Bench &b) { send(b.c, b.bytes, 64); }),
+    expect_at_most(test_of_length, cost_of_sending([](Bench &b) { send(b.c, b.bytes, 64); }),
                    cost_of_sending([](Bench &b) { send(b.face, b.bytes, 64); }));
 }
 
-TEST(FaceCost, TrySend_IsTheCall)
+TEST(FaceCost, TrySend_IsTheCallAndATestOfTheLength)
 {
-    expect_at_most(0, cost_of_sending([](Bench &b) { (void)try_send(b.c, b.bytes, 64); }),
+    expect_at_most(test_of_length, cost_of_sending([](Bench &b) { (void)try_send(b.c, b.bytes, 64); }),
                    cost_of_sending([](Bench &b) { (void)try_send(b.face, b.bytes, 64); }));
 }
 
-TEST(FaceCost, SendWithCode_IsTheCallAndAtMostTwoInstructions)
+TEST(FaceCost, SendWithCode_IsTheCallATestOfTheLengthAndAtMostTwoInstructions)
 {
-    expect_at_most(2, cost_of_sending([](Bench &b) { send_with_code(b.c, b.bytes, 64); }),
+    expect_at_most(test_of_length + 2, cost_of_sending([](Bench &b) { send_with_code(b.c, b.bytes, 64); }),
                    cost_of_sending([](Bench &b) { send_with_code(b.face, b.bytes, 64); }));
 }
 
-TEST(FaceCost, SendTo_IsTheCall)
+TEST(FaceCost, SendTo_IsTheCallAndATestOfTheLength)
 {
-    expect_at_most(0, cost_of_sending([](Bench &b) { send_to(b.c, b.to, b.bytes, 64); }),
+    expect_at_most(test_of_length, cost_of_sending([](Bench &b) { send_to(b.c, b.to, b.bytes, 64); }),
                    cost_of_sending([](Bench &b) { send_to(b.face, b.to, b.bytes, 64); }));
 }
 

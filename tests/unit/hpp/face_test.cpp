@@ -8,8 +8,11 @@
 #include <array>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <list>
 #include <new>
+#include <string>
 #include <type_traits>
+#include <vector>
 
 namespace {
 
@@ -22,6 +25,26 @@ constexpr bool move_only = std::is_nothrow_move_constructible_v<T> &&std::is_not
 static_assert(move_only<ruk::endpoint> && move_only<ruk::channel> && move_only<ruk::send_handle>);
 static_assert(sizeof(ruk::endpoint) == sizeof(void *) && sizeof(ruk::channel) == sizeof(void *) &&
               sizeof(ruk::send_handle) == sizeof(void *));
+
+struct Quote {
+    uint32_t price, size;
+};
+
+template <typename T> constexpr bool sent_as_it_is = std::is_convertible_v<T, ruk::payload>;
+static_assert(sent_as_it_is<std::vector<int>> && sent_as_it_is<std::vector<int> &> &&
+              sent_as_it_is<const std::vector<Quote> &>);
+static_assert(sent_as_it_is<std::array<uint8_t, 4>> && sent_as_it_is<const std::array<Quote, 2> &>);
+static_assert(sent_as_it_is<char (&)[4]> && sent_as_it_is<Quote (&)[3]> && sent_as_it_is<const Quote (&)[3]>);
+static_assert(sent_as_it_is<std::string> && sent_as_it_is<const std::string &> && sent_as_it_is<std::string_view>);
+static_assert(sent_as_it_is<std::span<std::byte>> && sent_as_it_is<std::span<const Quote, 2>>);
+static_assert(sent_as_it_is<ruk::payload &> && sent_as_it_is<const ruk::payload &>);
+/* What is not its bytes, what is not in one piece, and a text whose last byte nobody means. */
+template <typename T> constexpr bool never_sent = !std::is_constructible_v<ruk::payload, T>;
+static_assert(never_sent<std::span<std::string>> && never_sent<std::vector<std::string>> &&
+              never_sent<std::array<std::string, 2> &> && never_sent<std::string (&)[2]>);
+static_assert(never_sent<std::vector<bool>> && never_sent<std::list<int>> && never_sent<int> && never_sent<Quote>);
+static_assert(never_sent<std::span<volatile int>>);
+static_assert(!sent_as_it_is<const char (&)[6]> && !sent_as_it_is<const char *>);
 
 /* 10.77.0.1 on an adapter, nothing opened yet. */
 class Face : public SendTest {
@@ -570,6 +593,90 @@ TEST_F(Face, FrameWithAHeaderOfItsOwn_LeavesTheAdapter)
     EXPECT_FALSE(disabled.send_frame(header, 0, 0, "x"sv, ruk::send_flags::nonblock, ec));
     EXPECT_EQ(ec, std::errc::invalid_argument);
     EXPECT_EQ(error_of([&] { disabled.send_frame(header, 0, 0, "x"sv); }), EINVAL);
+}
+
+TEST_F(Face, Payload_OfElementsInOnePiece_IsTheirBytes)
+{
+    const auto bytes_of = [](const ruk::payload &p) {
+        const auto *first = static_cast<const uint8_t *>(p.data());
+        return Bytes(first, first + p.size());
+    };
+    const Bytes expected = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
+    std::vector<Quote> vector(1);
+    memcpy(vector.data(), "abcdefgh", 8);
+    EXPECT_EQ(bytes_of(vector), expected);
+    EXPECT_EQ(bytes_of(std::span(vector)), expected);
+    EXPECT_EQ(bytes_of(std::array{'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}), expected);
+    Quote quotes[1];
+    memcpy(quotes, "abcdefgh", 8);
+    EXPECT_EQ(bytes_of(quotes), expected);
+    EXPECT_EQ(bytes_of(std::string("abcdefgh")), expected);
+    EXPECT_EQ(bytes_of("abcdefgh"sv), expected);
+    EXPECT_TRUE(bytes_of(std::vector<int>()).empty());
+}
+
+/* Its low 32 bits alone would be a datagram of 5 bytes. The bytes behind the first are not there, and not read. */
+TEST_F(Face, PayloadThatNoIntHolds_IsRefused)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    ruk::channel channel = endpoint.bind(5000);
+    ruk::send_handle handle = channel.connect(ruk::address("10.77.0.255", 6000));
+    const auto to = ruk::address("10.77.0.255", 6000);
+    Bytes header = unhex("020000000002 026f78000001 88b5 0102");
+    const size_t beyond = sizeof(size_t) > 4 ? (size_t{1} << (sizeof(size_t) * 4)) + 5 : 0x80000005u;
+    for (const size_t size : {beyond, size_t{0x80000000u}, SIZE_MAX}) {
+        const ruk::payload data(header.data(), size);
+        EXPECT_EQ(data.size(), size);
+        std::error_code ec;
+        EXPECT_EQ(error_of([&] { handle.send(data); }), EMSGSIZE);
+        handle.send(data, ec);
+        EXPECT_EQ(std::exchange(ec, {}), std::errc::message_size);
+        EXPECT_EQ(error_of([&] { (void)handle.try_send(data); }), EMSGSIZE);
+        EXPECT_FALSE(handle.try_send(data, ec));
+        EXPECT_EQ(std::exchange(ec, {}), std::errc::message_size);
+        EXPECT_EQ(error_of([&] { channel.send_to(to, data); }), EMSGSIZE);
+        channel.send_to(to, data, ec);
+        EXPECT_EQ(std::exchange(ec, {}), std::errc::message_size);
+        EXPECT_EQ(error_of([&] { (void)channel.try_send_to(to, data); }), EMSGSIZE);
+        EXPECT_FALSE(channel.try_send_to(to, data, ec));
+        EXPECT_EQ(std::exchange(ec, {}), std::errc::message_size);
+        EXPECT_EQ(error_of([&] { endpoint.send_frame(header, 0, 0, data); }), EMSGSIZE);
+        EXPECT_FALSE(endpoint.send_frame(header, 0, 0, data, ruk::send_flags::none, ec));
+        EXPECT_EQ(ec, std::errc::message_size);
+    }
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(Face, FrameWhoseHeaderDoesNotFit_IsRefused)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    const auto data = "payload of an experimental protocol, long enough"sv;
+    Bytes header(58, 0x11);
+    std::error_code ec;
+    for (const size_t length : {size_t{0}, size_t{57}, size_t{58}}) {
+        const std::span<uint8_t> part(header.data(), length);
+        EXPECT_EQ(error_of([&] { endpoint.send_frame(part, 0, 0, data); }), EINVAL) << length;
+        EXPECT_FALSE(endpoint.send_frame(part, 0, 0, data, ruk::send_flags::none, ec));
+        EXPECT_EQ(std::exchange(ec, {}), std::errc::invalid_argument) << length;
+    }
+    const std::span<uint8_t> longest(header.data(), 56);
+    for (const int offset : {55, 56, 1000, INT_MAX})
+        EXPECT_EQ(error_of([&] { endpoint.send_frame(longest, 0, offset, data); }), EINVAL) << offset;
+    EXPECT_TRUE(sent().empty());
+    for (const int offset : {54, -1}) {
+        EXPECT_TRUE(endpoint.send_frame(longest, 0, offset, data));
+        const std::vector<Bytes> frames = sent();
+        ASSERT_EQ(frames.size(), 1u);
+        EXPECT_EQ(frames[0].size(), 56u + 48);
+        EXPECT_EQ(Bytes(frames[0].begin(), frames[0].begin() + 54), Bytes(54, 0x11));
+    }
+    EXPECT_TRUE(endpoint.send_frame(std::span(header).first(1), 0, 0, data));
+    softnic_run(nic);
+    nuv_ureq_t last = {};
+    for (Bytes request; !(request = next_request()).empty();)
+        memcpy(&last, request.data(), sizeof last);
+    EXPECT_EQ(last.ruk.header_length, 1);
+    EXPECT_EQ(last.ruk.ruk_header[0], 0x11);
 }
 
 TEST_F(Face, SendHandle_LeavesItsScope_IsGoneFromItsChannel)
