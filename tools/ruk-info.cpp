@@ -155,7 +155,8 @@ int show(bool json)
     else
         print_text(info);
     if (rc != 0 && !json)
-        note(word(info["error"]) + (rc == ENOENT ? "; for the software adapter run 'rukrun --soft -- ruk-info'" : ""));
+        note(word(info["error"]) +
+             (rc == ENOENT ? "; for the software adapter run 'rukrun --soft=IF -- ruk-info'" : ""));
     return rc == 0 && !info["boards"].empty() ? exit_ok : exit_incomplete;
 }
 

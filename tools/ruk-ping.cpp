@@ -38,7 +38,8 @@ struct Options {
 void describe_common(CLI::App &app, Options &opt)
 {
     opt.transport.interface.add_options(app);
-    app.add_flag("--kernel", opt.transport.kernel, "Use kernel sockets instead of libruk");
+    app.add_flag("--kernel", opt.transport.kernel,
+                 "Use kernel sockets instead of libruk, on any interface or address of the host");
     only_whole(app.add_option("--cpu", opt.processor, "Run on this processor"), 0, 1023)->type_name("N");
 }
 
@@ -61,7 +62,7 @@ void describe_client(CLI::App &app, Options &opt)
         ->type_name("SRCPORT");
     add_wait_option(app, opt.transport.wait);
     only_whole(app.add_option("--size", opt.size, "Payload bytes (64)"), 0, SIZE_MAX)->type_name("N");
-    only_whole(app.add_option("--count", opt.count, "Requests to measure (10000)"), 1, 1000000000)->type_name("N");
+    only_whole(app.add_option("-n,--count", opt.count, "Requests to measure (10000)"), 1, 1000000000)->type_name("N");
     only_seconds(
         app.add_option("-t,--time", opt.seconds, "End the measurement after so many seconds, whatever the count"))
         ->type_name("SECONDS");

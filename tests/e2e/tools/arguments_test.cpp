@@ -118,6 +118,7 @@ TEST(ToolArguments, Number_WithASignOrNotFiniteOrOutOfRange_IsRefused)
         {"ruk-capture -i lo -w /dev/null", "-s", count + " from 1 to 65536"},
         {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--warmup", count + " from 0 to 1000000000"},
         {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--count", count + " from 1 to 1000000000"},
+        {"ruk-ping client --kernel -i lo 127.0.0.1:9", "-n", count + " from 1 to 1000000000"},
         {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--size", count},
         {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--interval", seconds},
         {"ruk-ping client --kernel -i lo 127.0.0.1:9", "--timeout", "is not a number from 0.001 to 1000000000"},

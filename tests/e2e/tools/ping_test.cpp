@@ -73,7 +73,7 @@ TEST_F(PingTool, Client_InEveryWaitMode_GetsItsAnswers)
 {
     auto server = kernel_server();
     for (const char *wait : {"spin", "nonblock", "block"}) {
-        auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "--count", "50", "--warmup", "5",
+        auto client = soft({"ruk-ping", "client", "-i", "oxel0", "10.77.0.2:7000", "-n", "50", "--warmup", "5",
                             "--json", "--wait", wait});
         EXPECT_TRUE(client->finish()) << wait << *client;
         expect_complete(*client, "libruk", 50);
