@@ -101,7 +101,7 @@ peer ip link set lo up
 peer ip address add 10.77.0.2/24 brd + dev peer0
 peer ip link set peer0 up
 nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p 7000 --wait block -t 500 >"$work/echo" 2>&1 &
-for ((i = 0; i < 100; i++)); do grep -q answering "$work/echo" && break; sleep 0.05; done
+for ((i = 0; i < 100; i++)); do grep -qs answering "$work/echo" && break; sleep 0.05; done
 echo ready
 while read -r with; do
     run=(timeout --foreground 60)
