@@ -322,7 +322,7 @@ ruk_channel_t Endpoint::bind(int port, int flags)
     if (rc == EADDRINUSE)
         fail("port {} of {} is in use by another program", port, addr_text(interface_.addr));
     if (rc != 0)
-        fail("cannot bind port {}: {}", port, errno_text(rc));
+        fail("cannot bind port {}: {}", port, errno_text(rc < 0 ? errno : rc)); /* -1: the socket refused an option */
     return channel;
 }
 

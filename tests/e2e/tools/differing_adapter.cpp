@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -179,6 +180,17 @@ int poll(pollfd *fds, nfds_t count, int timeout)
         return 0;
     }
     return real(fds, count, timeout);
+}
+
+/* A host that refuses what a channel asks of its kernel socket. */
+int setsockopt(int fd, int level, int option, const void *value, socklen_t length) noexcept
+{
+    static auto *const real = next(static_cast<int (*)(int, int, int, const void *, socklen_t)>(nullptr), "setsockopt");
+    if (level == SOL_SOCKET && option == SO_BROADCAST && differs("sockets refuse broadcasts")) {
+        errno = EPERM;
+        return -1;
+    }
+    return real(fd, level, option, value, length);
 }
 
 /* A board without an account: the adapter works as well without the memory for it. */

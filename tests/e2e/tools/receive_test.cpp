@@ -301,6 +301,15 @@ TEST_F(ReceiveTool, Reuse_TwoProgramsShareAPort)
     EXPECT_TRUE(second->exited_with(0)) << *second;
 }
 
+TEST_F(ReceiveTool, KernelSocketRefusesAnOption_MessageNamesTheCause)
+{
+    auto program =
+        soft_differing("sockets refuse broadcasts", {"ruk-recv", "-i", "oxel0", "-p", "5000", "--broadcast"});
+    ASSERT_TRUE(program->finish()) << *program;
+    EXPECT_TRUE(program->exited_with(2)) << *program;
+    EXPECT_EQ(program->err(), "ruk-recv: cannot bind port 5000: Operation not permitted\n");
+}
+
 TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_IsShownAsFrame)
 {
     auto program = receiver({"--filter", "raw", "-t", "20"});
