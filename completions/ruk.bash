@@ -20,9 +20,22 @@ _ruk_interfaces()
     done
 }
 
+# The option that the word belongs to, and the word: bash takes "--soft=IF" apart at the equals sign.
+_ruk_option()
+{
+    word=${COMP_WORDS[COMP_CWORD]} option=${COMP_WORDS[COMP_CWORD - 1]} joined=''
+    if [[ $word == '=' ]]; then
+        word='' joined=1
+    elif [[ $option == '=' ]]; then
+        option=${COMP_WORDS[COMP_CWORD - 2]} joined=1
+    fi
+}
+
 _ruk_complete()
 {
-    local program=$1 word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local word option joined
+    _ruk_option
+    local program=$1
     local name=${program##*/} subcommands='' subcommand='' i
     COMPREPLY=()
 
@@ -35,7 +48,7 @@ _ruk_complete()
     done
 
     # What an option takes.
-    case $previous in
+    case $option in
     -i | --interface)
         mapfile -t COMPREPLY < <(compgen -W "$(_ruk_interfaces)" -- "$word")
         return
@@ -58,6 +71,7 @@ _ruk_complete()
         return
         ;;
     esac
+    [[ -n $joined ]] && return
 
     if [[ -n $subcommands && -z $subcommand && $word != -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$word")
@@ -73,16 +87,35 @@ _ruk_complete()
 # rukrun's own arguments, then a program and whatever completes that.
 _ruk_complete_rukrun()
 {
-    local word=${COMP_WORDS[COMP_CWORD]} i
+    local word option joined i
     COMPREPLY=()
-    # Bash takes "--soft=IF" apart at the equals sign.
-    local previous=${COMP_WORDS[COMP_CWORD - 1]} option=''
-    if [[ $word == '=' ]]; then
-        option=$previous word=''
-    elif [[ $previous == '=' ]]; then
-        option=${COMP_WORDS[COMP_CWORD - 2]}
+
+    # The program stands behind "--", or is the first word that is neither an option nor what one takes.
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+        --)
+            i=$((i + 1))
+            break
+            ;;
+        =) i=$((i + 1)) ;;
+        -*) ;;
+        *) break ;;
+        esac
+    done
+    if ((i < COMP_CWORD)); then
+        if declare -F _command_offset >/dev/null; then
+            _command_offset "$i"
+        elif [[ ${COMP_WORDS[i]##*/} == ruk-* ]]; then
+            COMP_WORDS=("${COMP_WORDS[@]:i}") COMP_CWORD=$((COMP_CWORD - i))
+            _ruk_complete "${COMP_WORDS[0]}"
+        else
+            mapfile -t COMPREPLY < <(compgen -f -- "${COMP_WORDS[COMP_CWORD]}")
+        fi
+        return
     fi
-    case $option in
+
+    _ruk_option
+    case ${joined:+$option} in
     --soft)
         mapfile -t COMPREPLY < <(compgen -W "$(_ruk_interfaces)" -- "$word")
         return
@@ -100,18 +133,9 @@ _ruk_complete_rukrun()
         return
         ;;
     esac
+    [[ -n $joined ]] && return
 
-    for ((i = 1; i < COMP_CWORD; i++)); do
-        if [[ ${COMP_WORDS[i]} == -- ]]; then
-            if declare -F _command_offset >/dev/null && ((COMP_CWORD > i + 1)); then
-                _command_offset $((i + 1))
-            else
-                mapfile -t COMPREPLY < <(compgen -c -- "$word")
-            fi
-            return
-        fi
-    done
-    if [[ $word == -* ]]; then
+    if [[ $word == -* && ${COMP_WORDS[COMP_CWORD - 1]} != -- ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_ruk_options "$1") --" -- "$word")
     else
         mapfile -t COMPREPLY < <(compgen -c -- "$word")

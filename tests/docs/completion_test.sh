@@ -66,6 +66,21 @@ offers exact "$bin/rukrun" --mode = e
 offers wire "$bin/rukrun" --switch = ''
 offers --soft "$bin/rukrun" --s
 offers bash "$bin/rukrun" --soft -- bas
+offers bash "$bin/rukrun" --soft = lo bas
+offers_not --soft "$bin/rukrun" --soft -- -
+offers --stats "$bin/rukrun" --soft = lo "$bin/ruk-recv" --st
+offers_not --soft "$bin/rukrun" --soft = lo "$bin/ruk-recv" --s
+offers --stats "$bin/rukrun" --mode = fast --soft -- "$bin/ruk-recv" --st
+offers lo "$bin/rukrun" --soft "$bin/ruk-recv" -i l
+offers --doctor "$bin/rukrun" --soft=lo "$bin/ruk-info" --d
+offers spin "$bin/ruk-recv" --wait = s
+offers block "$bin/ruk-recv" --wait =
+offers raw "$bin/ruk-recv" --filter = r
+offers_not normal "$bin/ruk-recv" --filter = r
+offers lo "$bin/ruk-send" --interface = l
+offers_not --json "$bin/ruk-recv" --port =
+offers_not --help "$bin/rukrun" --help =
+offers clock "$bin/ruk-accept" run --only = c
 
 echo "$failures failures"
 ((failures == 0))
