@@ -4,7 +4,7 @@ docs/man/programs.txt and what each program says with --help; section 7 is writt
 
     manpages.py update [BIN]      writes man/*.3, and man/*.1 when BIN is the directory of the built programs
     manpages.py check [BIN]       the same without writing: status 1 when a page is not current
-    manpages.py lint              mandoc -Tlint; everything that it says counts
+    manpages.py lint              mandoc -Tlint; everything that it says counts; status 77 without mandoc
     manpages.py exports           every exported operation has a page
     manpages.py errors            the errors of each page are those that the headers name
     manpages.py face              ruk.hpp has every operation of ruk.h
@@ -13,6 +13,7 @@ docs/man/programs.txt and what each program says with --help; section 7 is writt
 
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -220,6 +221,9 @@ def check(arguments):
 
 
 def lint(_):
+    if shutil.which("mandoc") is None:
+        print("skipped: mandoc is not installed")
+        return 77
     pages = sorted(os.path.join("man", n) for n in os.listdir(MAN) if not read(os.path.join(MAN, n)).startswith(".so "))
     if not pages:
         return 1
