@@ -19,6 +19,13 @@
  * C11 and C++20; a C program is linked with -lsoftnic -lstdc++ -lm -lpthread. All calls may be made from any thread
  * while others use the devices, but for attach, detach and destroy. Boards and endpoints are numbered from 0; one that
  * is not there makes a call do nothing and give 0, null or EINVAL.
+ *
+ * Frames may come out of a capture file: softnic_pcap_open(). examples/market_data is an application with a whole
+ * suite of tests over this header.
+ *
+ * Header and archives belong to one release: compile a test again with each. softnic_board_defaults() fills what a
+ * later one adds to the configuration, so that this needs no change of a test; other changes are named in the change
+ * log. Nothing more is promised before release 1.0.
  */
 #ifndef SOFTNIC_H
 #define SOFTNIC_H
