@@ -132,16 +132,19 @@ public:
 
     std::vector<Finding> all()
     {
-        if (device_files() && driver() && adapters()) {
+        if (device_files() && driver() && adapters())
             link();
+        else
+            host_interface();
+        if (!addresses_.empty()) {
             addresses();
             subnets();
-            for (const std::string &device : devices()) {
-                routes(device);
-                neighbours(device);
-                multicast(device);
-                reverse_path(device);
-            }
+        }
+        for (const std::string &device : devices()) {
+            routes(device);
+            neighbours(device);
+            multicast(device);
+            reverse_path(device);
         }
         socket_buffer();
         packet_socket();
@@ -264,13 +267,40 @@ private:
         if (!addresses_.empty())
             return true;
         if (!wanted_.empty() && if_nametoindex(device_of(wanted_).c_str()) == 0)
-            return bad("address", "there is no interface " + wanted_, "name one that 'ip link' shows");
+            return no_interface();
         return bad("address",
                    wanted_.empty() ? "no interface on an adapter has an IPv4 address"
                                    : wanted_ + " is on no adapter, or has no IPv4 address: sockets there are not "
                                                "accelerated",
                    "give the adapter's interface an address: ip addr add ADDRESS/LENGTH dev IF");
     }
+
+    /* Where no adapter tells of an interface: what the host has of the one that was asked for. */
+    void host_interface()
+    {
+        const bool told = std::ranges::any_of(findings_, [](const Finding &f) { return f.check == "address"; });
+        ifaddrs *entries = nullptr;
+        if (wanted_.empty() || getifaddrs(&entries) != 0)
+            return;
+        for (const ifaddrs *e = entries; e != nullptr; e = e->ifa_next) {
+            if (e->ifa_addr == nullptr || e->ifa_addr->sa_family != AF_INET ||
+                device_of(e->ifa_name) != device_of(wanted_))
+                continue;
+            sockaddr_in address{};
+            memcpy(&address, e->ifa_addr, sizeof address);
+            addresses_.push_back({e->ifa_name, address.sin_addr.s_addr, (e->ifa_flags & IFF_MULTICAST) != 0,
+                                  (e->ifa_flags & IFF_RUNNING) != 0});
+        }
+        freeifaddrs(entries);
+        if (!addresses_.empty() || told)
+            return;
+        if (if_nametoindex(device_of(wanted_).c_str()) == 0)
+            no_interface();
+        else
+            bad("address", wanted_ + " has no IPv4 address", "give it one: ip addr add ADDRESS/LENGTH dev IF");
+    }
+
+    bool no_interface() { return bad("address", "there is no interface " + wanted_, "name one that 'ip link' shows"); }
 
     void link()
     {

@@ -118,6 +118,35 @@ TEST_F(Doctor, NoDeviceFile_IsAFailureWithTheWayOut)
         << *text;
 }
 
+TEST_F(Doctor, NoDeviceFile_WhatTheHostHasOfTheNamedInterfaceIsCheckedAllTheSame)
+{
+    const auto without_adapter = [&](const std::string &interface) {
+        auto program = lab.start(lab.adapter, {bin("ruk-info"), "--doctor", "--json", "-i", interface});
+        EXPECT_TRUE(program->finish()) << *program;
+        EXPECT_TRUE(program->exited_with(2)) << *program;
+        expect_schema("ruk-info-doctor", program->out());
+        const json report = parse(program->out());
+        EXPECT_EQ(worst(report, "device_files")["status"], "failure") << report;
+        return report;
+    };
+    lab.run(lab.adapter, "echo 1 > /proc/sys/net/ipv4/conf/oxel0/rp_filter;"
+                         "echo 2 > /proc/sys/net/ipv4/conf/oxel0/force_igmp_version");
+    json report = without_adapter("oxel0");
+    EXPECT_EQ(worst(report, "address")["found"], "oxel0: 10.77.0.1") << report;
+    for (const char *check : {"address", "subnets", "routes", "neighbours", "multicast", "memberships"})
+        EXPECT_EQ(worst(report, check)["status"], "ok") << check << report;
+    for (const char *check : {"igmp_version", "reverse_path"})
+        EXPECT_EQ(worst(report, check)["status"], "warning") << check << report;
+    for (const char *check : {"driver_interface", "adapter", "link"})
+        EXPECT_EQ(worst(report, check)["status"], "") << check << report;
+
+    lab.run(lab.adapter, "ip addr flush dev oxel0");
+    report = without_adapter("oxel0");
+    EXPECT_EQ(worst(report, "address")["found"], "oxel0 has no IPv4 address") << report;
+    EXPECT_EQ(worst(report, "routes")["status"], "") << report;
+    EXPECT_EQ(worst(without_adapter("nowhere"), "address")["found"], "there is no interface nowhere");
+}
+
 TEST_F(Doctor, TwoAddressesOnOneSubnet_AreAFailure)
 {
     lab.run(lab.adapter, "ip addr add 10.77.0.9/24 dev oxel0");
