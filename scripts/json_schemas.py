@@ -28,9 +28,12 @@ KEYWORDS = {"$schema", "$defs", "$ref", "title", "description", "type", "propert
 HEAD = """# JSON output
 
 What the programs print with `--json`: one object a line ("ruk-accept -o" and "ruk-bench" write one over several
-lines), UTF-8. Times are nanoseconds since 1970, 0 when unknown. Members may be added in later releases; what is listed
-stays. The schemas are in [`docs/json`](json); this page is made of them by `scripts/json_schemas.py update`, and the
-tests hold what the programs print against them.
+lines), UTF-8. Times are nanoseconds since 1970, 0 when unknown. The schemas are in [`docs/json`](json); this page is made
+of them by `scripts/json_schemas.py update`, and the tests hold what the programs print against them.
+
+Members may be added in later releases, and values to those lists that name checks, probes and reasons; what is listed
+stays. Read past what you do not know. The schemas tell exactly what their own release prints and refuse anything else
+(`additionalProperties` is false): validate with those of the installed release.
 """
 
 loaded = {}

@@ -1106,8 +1106,8 @@ int main(int argc, char **argv)
         ->allow_extra_args(false);
     run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs, failed or was left out, "
-               "or nothing was probed; 2 error.");
+    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs or failed, a signal "
+               "ended the run, or nothing could be probed; 2 error.");
     return run_program(app, argc, argv,
                        [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
 }

@@ -218,6 +218,7 @@ int main(int argc, char **argv)
         ->excludes(live);
     app.add_option("-i,--interface", interface, "With --stats or --doctor: only this interface")->type_name("IF");
     app.footer("Exit status: 0 there is an adapter; 1 there is none; 2 error.\n"
+               "Of --stats: 0 there is an account; 1 there is none; 2 error.\n"
                "Of --doctor: 0 all is well; 1 there are warnings; 2 there are failures, or an error.");
     return run_program(app, argc, argv, [&] {
         if (!interface.empty() && !stats && !doctor)
