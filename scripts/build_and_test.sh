@@ -65,8 +65,7 @@ run_ctest() {
     "${in_fixed_layout[@]}" ctest --test-dir "$build" "$@"
 }
 status=0
-# Most tests wait for something most of the time: more of them than there are processors.
-run_ctest -j 3 --output-on-failure --no-tests=error --timeout 300 "${stop[@]}" --output-junit "$results" "$@" \
+run_ctest -j 2 --output-on-failure --no-tests=error --timeout 300 "${stop[@]}" --output-junit "$results" "$@" \
     >"$build/ctest.log" 2>&1 || status=$?
 
 # Which tests failed, and why, is in the results; without them ctest itself has something to say.
