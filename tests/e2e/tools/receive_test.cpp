@@ -307,7 +307,10 @@ TEST_F(ReceiveTool, KernelSocketRefusesAnOption_MessageNamesTheCause)
         soft_differing("sockets refuse broadcasts", {"ruk-recv", "-i", "oxel0", "-p", "5000", "--broadcast"});
     ASSERT_TRUE(program->finish()) << *program;
     EXPECT_TRUE(program->exited_with(2)) << *program;
-    EXPECT_EQ(program->err(), "ruk-recv: cannot bind port 5000: Operation not permitted\n");
+    // Behind what the loader may say of a shell of the other word size.
+    const std::string last = "ruk-recv: cannot bind port 5000: Operation not permitted\n";
+    ASSERT_GE(program->err().size(), last.size()) << *program;
+    EXPECT_EQ(program->err().substr(program->err().size() - last.size()), last);
 }
 
 TEST_F(ReceiveTool, RawFilter_FrameWithoutAddresses_IsShownAsFrame)
