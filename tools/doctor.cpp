@@ -3,6 +3,7 @@
 #include "common.h"
 
 #include "nuv_types.h"
+#include "ports/steer.h"
 #include "ruk_core.h"
 #include "tov.h"
 
@@ -132,10 +133,12 @@ public:
 
     std::vector<Finding> all()
     {
-        if (device_files() && driver() && adapters())
+        if (device_files() && driver() && adapters()) {
             link();
-        else
+            endpoints();
+        } else {
             host_interface();
+        }
         if (!addresses_.empty()) {
             addresses();
             subnets();
@@ -148,6 +151,7 @@ public:
         }
         socket_buffer();
         packet_socket();
+        steering();
         watchpoints();
         processors();
         governor();
@@ -260,9 +264,11 @@ private:
         if (const int rc = tov_getifaddrs(&list, 1, &count); rc != 0)
             return bad("address", "the interfaces cannot be listed: " + errno_text(rc), "try again");
         for (const tov_ifaddrs *i = list; i != nullptr; i = i->tov_ifa_next)
-            if (wanted_.empty() || device_of(i->tov_ifa_name) == device_of(wanted_))
+            if (wanted_.empty() || device_of(i->tov_ifa_name) == device_of(wanted_)) {
                 addresses_.push_back({i->tov_ifa_name, i->tov_ifa_ipaddr, (i->tov_ifa_flags & TOV_IFF_MULTICAST) != 0,
                                       i->tov_ifa_link_state != 0});
+                boards_[i->tov_ifa_boardnum] = i->tov_ifa_max_endpoints;
+            }
         tov_freeifaddrs(list);
         if (!addresses_.empty())
             return true;
@@ -311,6 +317,38 @@ private:
                 bad("link", a.interface + ": the adapter has no link",
                     "set the interface up (ip link set IF up) and look at the cable and the switch");
         }
+    }
+
+    /* No command tells which are taken: one that is free is claimed, as an open does, and given back at once. Programs
+     * take them from the first, so the last ones are tried first. */
+    void endpoints()
+    {
+        for (const auto &[board, count] : boards_) {
+            int rc = ENODEV;
+            for (uint32_t number = count; number > 0 && (rc = claim(board, number - 1)) == EBUSY; number--) {
+            }
+            if (rc == 0)
+                ok("endpoints", fmt::format("board {}: not all of its {} are taken", board, count));
+            else if (rc == EBUSY)
+                bad("endpoints",
+                    fmt::format("board {}: all of its {} are taken: an open fails with EBUSY", board, count),
+                    "end a program that has one; 'fuser -v /dev/oxel*' tells which have");
+            else
+                bad("endpoints", fmt::format("board {}: none can be had: {}", board, errno_text(rc)),
+                    "see what the driver says in the kernel's log");
+        }
+    }
+
+    static int claim(uint32_t board, uint32_t number)
+    {
+        tov_handle_t handle;
+        int rc = tov_open(static_cast<int>(board), static_cast<int>(number), &handle, TOV_PRODUCT);
+        if (rc != 0)
+            return rc;
+        oxel_set_endpt_t endpoint = {static_cast<int32_t>(number), OXEL_ES_RUK};
+        rc = tov_ioctl(handle, OXEL_SET_ENDPT, &endpoint, sizeof endpoint);
+        tov_close(handle);
+        return rc;
     }
 
     void addresses()
@@ -493,6 +531,20 @@ private:
         ok("packet_socket", "packet sockets can be opened");
     }
 
+    void steering()
+    {
+        const int error = softnic::try_steering();
+        if (error == 0)
+            ok("steering", "the host's own stack can be kept from the software adapter's frames");
+        else
+            warn("steering",
+                 "the host's own stack cannot be kept from the software adapter's frames, and gets them as well: " +
+                     errno_text(error),
+                 error == EPERM || error == EACCES
+                     ? "for that the software adapter needs root, CAP_NET_ADMIN, or 'unshare -Urn'"
+                     : "modprobe nf_tables; before version 5.12 kernels cannot do it");
+    }
+
     void watchpoints()
     {
         static uint32_t word;
@@ -589,6 +641,7 @@ private:
     std::string wanted_;
     tov_handle_t handle_{};
     std::vector<Address> addresses_;
+    std::map<uint32_t, uint32_t> boards_; /* of the addresses' adapters: number and endpoints */
     std::vector<Finding> findings_;
 };
 

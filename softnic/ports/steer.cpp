@@ -66,15 +66,16 @@ public:
         });
     }
 
-    // Only the last message asks for an answer: it speaks for the whole.
-    const std::vector<uint8_t> &finish()
+    // Only the last message asks for an answer: it speaks for the whole. What is not committed is checked, and undone.
+    const std::vector<uint8_t> &finish(bool commit)
     {
         nlmsghdr h;
         memcpy(&h, &buf_[message_], sizeof(h));
         h.nlmsg_flags |= NLM_F_ACK;
         memcpy(&buf_[message_], &h, sizeof(h));
         answer_seq_ = h.nlmsg_seq;
-        control(NFNL_MSG_BATCH_END);
+        if (commit)
+            control(NFNL_MSG_BATCH_END);
         return buf_;
     }
     uint32_t first_seq() const { return first_seq_; }
@@ -267,9 +268,22 @@ void add_rule(NetlinkBatch *batch, const std::string &table, const SetShape &set
     });
 }
 
+void add_all(NetlinkBatch *batch, const std::string &table, const std::string &ifname)
+{
+    batch->message(NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_EXCL, table);
+    batch->be32(NFTA_TABLE_FLAGS, NFT_TABLE_F_OWNER);
+    uint32_t id = 0;
+    for (const SetShape &set : kSets)
+        add_set(batch, table, set, ++id);
+    add_chain(batch, table, ifname);
+    for (const SetShape &set : kSets)
+        add_rule(batch, table, set);
+}
+
 } // namespace
 
-int Steering::open(const std::string &ifname)
+// The socket, and the name of its table.
+int Steering::connect()
 {
     close();
     fd_ = sys::keep(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
@@ -293,19 +307,30 @@ int Steering::open(const std::string &ifname)
     // The second number tells apart the tables of one process, and those of processes that share an id because
     // they live in different containers.
     table_ = "ruk_" + std::to_string(getpid()) + "_" + std::to_string(address.nl_pid);
+    return 0;
+}
+
+int Steering::open(const std::string &ifname)
+{
+    if (const int error = connect(); error != 0)
+        return error;
     NetlinkBatch batch(&seq_);
-    batch.message(NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_EXCL, table_);
-    batch.be32(NFTA_TABLE_FLAGS, NFT_TABLE_F_OWNER);
-    uint32_t id = 0;
-    for (const SetShape &set : kSets)
-        add_set(&batch, table_, set, ++id);
-    add_chain(&batch, table_, ifname);
-    for (const SetShape &set : kSets)
-        add_rule(&batch, table_, set);
+    add_all(&batch, table_, ifname);
     const int error = transact(batch);
     if (error != 0)
         close();
     return error;
+}
+
+// On the one interface that every host has.
+int try_steering()
+{
+    Steering steering;
+    if (const int error = steering.connect(); error != 0)
+        return error;
+    NetlinkBatch batch(&steering.seq_);
+    add_all(&batch, steering.table_, "lo");
+    return steering.transact(batch, false);
 }
 
 void Steering::close()
@@ -348,9 +373,9 @@ int Steering::change(const SteerKey &key, bool install)
     return transact(batch);
 }
 
-int Steering::transact(NetlinkBatch &batch)
+int Steering::transact(NetlinkBatch &batch, bool commit)
 {
-    const std::vector<uint8_t> &messages = batch.finish();
+    const std::vector<uint8_t> &messages = batch.finish(commit);
     if (::send(fd_, messages.data(), messages.size(), 0) < 0)
         return errno;
     for (;;) {

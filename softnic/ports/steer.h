@@ -30,13 +30,19 @@ public:
     const std::string &table() const { return table_; }
 
 private:
+    friend int try_steering();
+    int connect();
     int change(const SteerKey &key, bool install);
-    int transact(class NetlinkBatch &batch);
+    int transact(class NetlinkBatch &batch, bool commit = true);
 
     int fd_ = -1;
     uint32_t seq_ = 0;
     std::string table_;
     ForkGuard guard_;
 };
+
+// Whether the host would let this process make such a table: has it checked to the end, and nothing done. 0 or an errno
+// value.
+int try_steering();
 
 } // namespace softnic

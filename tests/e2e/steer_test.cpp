@@ -2,6 +2,7 @@
 #include "core/frame_key.h"
 #include "lab.h"
 #include "ports/packet.h"
+#include "ports/steer.h"
 #include "wire.h"
 
 #include <algorithm>
@@ -364,6 +365,29 @@ TEST_F(SteeringTest, HostRefuses_SaidOnce_PortWorksOn)
     EXPECT_EQ(status, 0) << text;
     EXPECT_EQ(text, "softnic: oxel0: the host cannot be kept from seeing the adapter's frames as well: Operation not "
                     "permitted\n");
+}
+
+TEST_F(SteeringTest, TriedOnly_HostAllows_NothingIsLeftAndNothingDisturbed)
+{
+    ASSERT_EQ(port->steer(kUdp5000, true), 0);
+    const std::string before = lab.run(lab.adapter, "nft list ruleset");
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(softnic::try_steering(), 0);
+    EXPECT_EQ(lab.run(lab.adapter, "nft list ruleset"), before);
+    EXPECT_FALSE(host_receives(sender, receiver, 5000));
+}
+
+TEST_F(SteeringTest, TriedOnly_HostRefuses_ErrorIsTold)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        drop_capability(CAP_NET_ADMIN);
+        _exit(softnic::try_steering());
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), EPERM);
 }
 
 TEST_F(SteeringTest, RandomFrames_TakenFromHost_ExactlyThoseThatFiltersMatch)

@@ -93,8 +93,8 @@ TEST_F(Doctor, HealthyHost_EveryCheckOfTheWayIsOk)
 {
     const json report = examine();
     for (const char *check :
-         {"device_files", "driver_interface", "adapter", "link", "address", "subnets", "routes", "neighbours",
-          "multicast", "igmp_version", "memberships", "reverse_path", "packet_socket"})
+         {"device_files", "driver_interface", "adapter", "link", "endpoints", "address", "subnets", "routes",
+          "neighbours", "multicast", "igmp_version", "memberships", "reverse_path", "packet_socket", "steering"})
         EXPECT_EQ(worst(report, check)["status"], "ok") << check << report.dump(1);
     for (const json &c : report["checks"])
         EXPECT_EQ(c["status"] == "ok", c["remedy"] == "") << c; // each complaint with what to do
@@ -137,7 +137,7 @@ TEST_F(Doctor, NoDeviceFile_WhatTheHostHasOfTheNamedInterfaceIsCheckedAllTheSame
         EXPECT_EQ(worst(report, check)["status"], "ok") << check << report;
     for (const char *check : {"igmp_version", "reverse_path"})
         EXPECT_EQ(worst(report, check)["status"], "warning") << check << report;
-    for (const char *check : {"driver_interface", "adapter", "link"})
+    for (const char *check : {"driver_interface", "adapter", "link", "endpoints"})
         EXPECT_EQ(worst(report, check)["status"], "") << check << report;
 
     lab.run(lab.adapter, "ip addr flush dev oxel0");
@@ -339,6 +339,12 @@ TEST_F(Doctor, PrivilegesThatTheSoftwareAdapterMisses_AreWarnings)
     const json report = examine_after("", "setpriv --bounding-set=-net_raw");
     EXPECT_EQ(worst(report, "packet_socket")["status"], "warning");
     EXPECT_EQ(worst(report, "packet_socket")["found"], "packet sockets are refused: Operation not permitted");
+    const json steering = worst(examine_after("", "setpriv --bounding-set=-net_admin"), "steering");
+    EXPECT_EQ(steering["status"], "warning");
+    EXPECT_EQ(steering["found"],
+              "the host's own stack cannot be kept from the software adapter's frames, and gets them "
+              "as well: Operation not permitted");
+    EXPECT_EQ(steering["remedy"], "for that the software adapter needs root, CAP_NET_ADMIN, or 'unshare -Urn'");
 }
 
 TEST_F(Doctor, WatchpointsThatAreTaken_AreAWarning)

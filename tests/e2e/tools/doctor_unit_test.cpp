@@ -7,6 +7,7 @@
 #include "ruk_core.h"
 #include "scoped_env.h"
 #include "softnic.h"
+#include "tov.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -33,6 +34,7 @@ struct Kernel {
     std::optional<int> processors;
     std::optional<int> clock_status;
     long clock_error_us = 0;
+    int steering_error = 0;
 };
 Kernel kernel;
 
@@ -46,6 +48,7 @@ int __real_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set);
 long __wrap_syscall(long number, ...);
 int __wrap_adjtimex(struct timex *state);
 int __wrap_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set);
+int __wrap__ZN7softnic12try_steeringEv();
 
 long __wrap_syscall(long number, ...)
 {
@@ -81,6 +84,8 @@ int __wrap_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set)
         CPU_SET(i, set);
     return 0;
 }
+
+int __wrap__ZN7softnic12try_steeringEv() { return kernel.steering_error; }
 }
 
 namespace {
@@ -92,6 +97,8 @@ class DoctorOfModel : public testing::Test {
 protected:
     ~DoctorOfModel() override
     {
+        for (const tov_handle_t handle : others_)
+            tov_close(handle);
         softnic_destroy(nic_);
         kernel = {};
     }
@@ -122,6 +129,19 @@ protected:
             &refused_);
     }
 
+    /* The endpoints that somebody has, a bit each. */
+    uint64_t claimed() { return softnic_claimed(nic_, 0); }
+
+    /* Another program has this endpoint. */
+    void take(int32_t number)
+    {
+        tov_handle_t handle;
+        ASSERT_EQ(tov_open(0, number, &handle, TOV_PRODUCT), 0);
+        others_.push_back(handle);
+        oxel_set_endpt_t endpoint = {number, OXEL_ES_RUK};
+        ASSERT_EQ(tov_ioctl(handle, OXEL_SET_ENDPT, &endpoint, sizeof endpoint), 0);
+    }
+
     static std::vector<Finding> findings(const std::string &check, const std::string &interface = "")
     {
         std::vector<Finding> found = tools::examine(interface);
@@ -146,6 +166,7 @@ protected:
 private:
     softnic_t *nic_ = nullptr;
     std::pair<unsigned long, int> refused_;
+    std::vector<tov_handle_t> others_;
 };
 
 // ------------------------------------------------------------------ driver and adapter
@@ -234,6 +255,58 @@ TEST_F(DoctorOfModel, NameThatFillsItsRecord_IsFine)
     const Finding found = only("address");
     EXPECT_EQ(found.health, Health::ok);
     EXPECT_EQ(found.found, "fifteen.letters: 10.1.0.1");
+}
+
+// ------------------------------------------------------------------ endpoints
+
+TEST_F(DoctorOfModel, OneEndpointFree_IsOkAndIsFreeStill)
+{
+    plug([](softnic_board_config_t &config) { config.endpoints = 3; });
+    take(2);
+    take(0);
+    EXPECT_EQ(claimed(), 5u);
+    const Finding found = only("endpoints");
+    EXPECT_EQ(found.health, Health::ok);
+    EXPECT_EQ(found.found, "board 0: not all of its 3 are taken");
+    EXPECT_EQ(found.remedy, "");
+    EXPECT_EQ(claimed(), 5u);
+    take(1);
+}
+
+TEST_F(DoctorOfModel, AllEndpointsFree_TheLastIsTried)
+{
+    plug();
+    std::vector<int32_t> tried;
+    host.sockets.on_ioctl[OXEL_SET_ENDPT] = [&](int, void *endpoint) {
+        tried.push_back(static_cast<const oxel_set_endpt_t *>(endpoint)->endpoint);
+        return 0;
+    };
+    EXPECT_EQ(only("endpoints").health, Health::ok);
+    EXPECT_EQ(tried, std::vector<int32_t>{7}) << "others that open meanwhile take the first";
+}
+
+TEST_F(DoctorOfModel, AllEndpointsTaken_IsAFailureWithTheWayOut)
+{
+    plug([](softnic_board_config_t &config) { config.endpoints = 2; });
+    take(0);
+    take(1);
+    for (const char *interface : {"", "oxel0"}) {
+        const Finding found = only("endpoints", interface);
+        EXPECT_EQ(found.health, Health::failure);
+        EXPECT_EQ(found.found, "board 0: all of its 2 are taken: an open fails with EBUSY");
+        EXPECT_EQ(found.remedy, "end a program that has one; 'fuser -v /dev/oxel*' tells which have");
+    }
+    EXPECT_EQ(claimed(), 3u);
+}
+
+TEST_F(DoctorOfModel, EndpointsThatCannotBeHadOtherwise_AreAFailureWithTheReason)
+{
+    plug();
+    refuse(OXEL_SET_ENDPT, EIO);
+    const Finding found = only("endpoints");
+    EXPECT_EQ(found.health, Health::failure);
+    EXPECT_EQ(found.found, "board 0: none can be had: Input/output error");
+    EXPECT_EQ(found.remedy, "see what the driver says in the kernel's log");
 }
 
 // ------------------------------------------------------------------ subnets
@@ -369,6 +442,32 @@ TEST_F(DoctorOfModel, WatchpointsRefused_TheRemedyGoesByTheReason)
     for (const auto &[error, text, remedy] : cases) {
         kernel.watchpoint_error = error;
         const Finding found = only("watchpoints");
+        EXPECT_EQ(found.health, Health::warning);
+        EXPECT_EQ(found.found, refused + text);
+        EXPECT_EQ(found.remedy, remedy);
+    }
+}
+
+TEST_F(DoctorOfModel, Steering_IsAsTheHostAllows)
+{
+    EXPECT_EQ(only("steering").health, Health::ok);
+    EXPECT_EQ(only("steering").found, "the host's own stack can be kept from the software adapter's frames");
+    const std::string refused =
+        "the host's own stack cannot be kept from the software adapter's frames, and gets them as well: ";
+    const char *const privilege = "for that the software adapter needs root, CAP_NET_ADMIN, or 'unshare -Urn'";
+    const char *const module = "modprobe nf_tables; before version 5.12 kernels cannot do it";
+    const struct {
+        int error;
+        const char *text, *remedy;
+    } cases[] = {
+        {EPERM, "Operation not permitted", privilege},       {EACCES, "Permission denied", privilege},
+        {EPROTONOSUPPORT, "Protocol not supported", module}, /* nothing that speaks to packet filters */
+        {EOPNOTSUPP, "Operation not supported", module},     /* no such filters, or none with an owner */
+        {ENOENT, "No such file or directory", module},       /* a part of them is missing */
+    };
+    for (const auto &[error, text, remedy] : cases) {
+        kernel.steering_error = error;
+        const Finding found = only("steering");
         EXPECT_EQ(found.health, Health::warning);
         EXPECT_EQ(found.found, refused + text);
         EXPECT_EQ(found.remedy, remedy);
