@@ -12,12 +12,6 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-static void check(int rc, const char *what)
-{
-    if (rc != 0)
-        error(1, abs(rc), "%s", what); /* ends the program, and with it the endpoint */
-}
-
 int main(int argc, char **argv)
 {
     if (argc != 3) {
@@ -26,14 +20,16 @@ int main(int argc, char **argv)
     }
     ruk_device_t dev;
     ruk_channel_t channel;
-    check(ruk_init(RUK_API_VERSION), "ruk_init");
-    check(ruk_open_if(argv[1], 0, &dev), "ruk_open_if");
-    check(ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel), "ruk_bind");
+    int rc;
+    if ((rc = ruk_init(RUK_API_VERSION)) || (rc = ruk_open_if(argv[1], 0, &dev)) ||
+        (rc = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel)))
+        error(1, abs(rc), "cannot receive on %s", argv[1]); /* ends the program, and with it the endpoint */
 
     int epoll = epoll_create1(EPOLL_CLOEXEC), fds[] = {STDIN_FILENO, ruk_device_handle(dev)};
     for (int i = 0; i < 2; i++) { /* level-triggered */
         struct epoll_event readable = {.events = EPOLLIN, .data.fd = fds[i]};
-        check(epoll_ctl(epoll, EPOLL_CTL_ADD, fds[i], &readable) == 0 ? 0 : errno, "epoll_ctl");
+        if (epoll_ctl(epoll, EPOLL_CTL_ADD, fds[i], &readable) != 0)
+            error(1, errno, "epoll_ctl");
     }
     for (int running = 1; running;) {
         struct epoll_event event;
@@ -44,8 +40,7 @@ int main(int argc, char **argv)
         /* Takes all that waits: the descriptor stays readable until then. */
         while (ruk_recvfrom(dev, RUK_RECV_NONBLOCK, payload, sizeof payload, &info) == 0)
             if (info.msg_len <= sizeof payload)
-                printf("%.*s\n", (int)info.msg_len, payload);
-        fflush(stdout);
+                dprintf(STDOUT_FILENO, "%.*s\n", (int)info.msg_len, payload);
     }
     return ruk_close(dev);
 }

@@ -14,18 +14,16 @@
 #include <string.h>
 #include <unistd.h>
 
-static atomic_int stopping, receiver_left;
+static atomic_int left;
 
 static void *receive(void *dev)
 {
     char payload[1500];
     struct ruk_recv_info info;
-    while (!stopping) { /* the call sleeps; a shutdown ends it with EINTR within a second */
-        if (ruk_recvfrom(dev, RUK_RECV_BLOCK, payload, sizeof payload, &info) == 0 && info.msg_len <= sizeof payload)
-            printf("%.*s\n", (int)info.msg_len, payload);
-        fflush(stdout);
-    }
-    receiver_left = 1;
+    while (ruk_recvfrom(dev, RUK_RECV_BLOCK, payload, sizeof payload, &info) == 0) /* EINTR ends it: a shutdown */
+        if (info.msg_len <= sizeof payload)
+            dprintf(STDOUT_FILENO, "%.*s\n", (int)info.msg_len, payload);
+    left = 1;
     return NULL;
 }
 
@@ -40,18 +38,16 @@ int main(int argc, char **argv)
     ruk_device_t dev;
     ruk_channel_t channel;
     pthread_t receiver;
-    char line[1400];
     int rc;
     if ((rc = ruk_init(RUK_API_VERSION)) || (rc = ruk_open_if(argv[1], RUK_OPEN_THREAD_SAFE, &dev)) || /* with locks */
         (rc = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel)) || (rc = pthread_create(&receiver, NULL, receive, dev)))
         error(1, abs(rc), "cannot receive on %s", argv[1]);
 
-    while (fgets(line, sizeof line, stdin))
+    for (char line[1400]; fgets(line, sizeof line, stdin);)
         if ((rc = ruk_sendto(channel, &peer, line, (int)strcspn(line, "\n"), 0)) != 0)
             error(0, rc, "ruk_sendto");
-
     /* Closing wakes no sleeping receiver, and a receive call forgets a shutdown made before it: repeat. */
-    for (stopping = 1; !receiver_left; usleep(10000))
+    for (; !left; usleep(10000))
         ruk_shutdown(dev, 0);
     pthread_join(receiver, NULL);
     ruk_close(dev);
