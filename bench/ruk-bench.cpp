@@ -221,6 +221,28 @@ void add_dpdk(std::vector<Case> &cases, Effort effort, bool asked)
                      .make = {}});
 }
 
+std::vector<Case> all_cases(Effort effort, bool dpdk)
+{
+    std::vector<Case> cases;
+    add_receive_cases(cases, effort);
+    add_send_cases(cases, effort);
+    add_face_cases(cases, effort);
+    add_pair_case(cases, effort);
+    add_kernel_cases(cases, effort);
+    add_veth_case(cases, effort);
+    add_dpdk(cases, effort, dpdk);
+    return cases;
+}
+
+/* The names of all cases; "dpdk" for those with DPDK, which all begin so. */
+std::string case_names()
+{
+    std::string names;
+    for (const Case &c : all_cases({}, false))
+        names += (names.empty() ? "" : ", ") + c.name;
+    return names;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -233,7 +255,8 @@ int main(int argc, char **argv)
     app.set_version_flag("--version", "ruk-bench " RUK_VERSION);
     app.add_flag("--json", as_json_text, "Result as one JSON object");
     app.add_flag("--tiny", tiny, "A moment of each case: shows that they run, measures nothing");
-    app.add_option("--only", only, "Only the cases whose names begin so")->type_name("NAME");
+    app.add_option("--only", only, "Only the cases whose names begin so (repeatable): " + case_names())
+        ->type_name("NAME");
     app.add_flag("--dpdk", dpdk, "DPDK beside the library too, where it is part of the build");
     app.footer("Exit status: 0 it ran, whatever the ratios; 1 a case failed; 2 usage error.");
     app.failure_message([](const CLI::App *, const CLI::Error &e) { return fmt::format("ruk-bench: {}\n", e.what()); });
@@ -243,21 +266,13 @@ int main(int argc, char **argv)
         return app.exit(e) == 0 ? 0 : 2; // --help and --version arrive here too
     }
 
-    std::vector<Case> cases;
-    const Effort effort{tiny ? 0.01 : 1.0};
-    add_receive_cases(cases, effort);
-    add_send_cases(cases, effort);
-    add_face_cases(cases, effort);
-    add_pair_case(cases, effort);
-    add_kernel_cases(cases, effort);
-    add_veth_case(cases, effort);
-    add_dpdk(cases, effort, dpdk);
+    std::vector<Case> cases = all_cases({tiny ? 0.01 : 1.0}, dpdk);
     if (!only.empty())
         std::erase_if(cases, [&](const Case &c) {
             return std::none_of(only.begin(), only.end(), [&](const auto &name) { return c.name.rfind(name, 0) == 0; });
         });
     if (cases.empty()) {
-        fmt::print(stderr, "ruk-bench: no case of that name\n");
+        fmt::print(stderr, "ruk-bench: no case of that name; there are: {}\n", case_names());
         return 2;
     }
 

@@ -57,6 +57,10 @@ offers run "$bin/ruk-accept" r
 offers --minutes "$bin/ruk-accept" run --m
 offers clock "$bin/ruk-accept" run --only c
 offers_not delivery "$bin/ruk-accept" run --only c
+offers receive_64 "$bin/ruk-bench" --only rec
+offers_not send_64 "$bin/ruk-bench" --only rec
+offers veth_64 "$bin/ruk-bench" --json --only = v
+offers dpdk "$bin/ruk-bench" --only ''
 offers --tiny "$bin/ruk-bench" --t
 offers --plot "$bin/ruk-ping" client --p
 offers_not --plot "$bin/ruk-ping" server --p
