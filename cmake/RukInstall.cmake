@@ -29,6 +29,9 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/ruk-config-version.cmake CO
 install(FILES ${CMAKE_BINARY_DIR}/ruk-config.cmake ${CMAKE_BINARY_DIR}/ruk-config-version.cmake
         DESTINATION ${RUK_CMAKE_DIR})
 install(EXPORT ruk-targets NAMESPACE ruk:: DESTINATION ${RUK_CMAKE_DIR})
+if(RUK_BUILD_SOFTNIC)
+  install(EXPORT ruk-softnic-targets NAMESPACE ruk:: DESTINATION ${RUK_CMAKE_DIR})
+endif()
 
 # man/ruk_open.3 goes to man3, man/ruk-recv.1 to man1; links among them stay links.
 foreach(section 1 3 7 8)

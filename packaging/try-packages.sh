@@ -174,6 +174,9 @@ add_executable(shared ../use.c)
 target_link_libraries(shared PRIVATE ruk::ruk)
 add_executable(static ../use.c)
 target_link_libraries(static PRIVATE ruk::ruk_static)
+find_package(ruk 0.1 REQUIRED COMPONENTS softnic)
+add_executable(adapter ../adapter_consumer.c)
+target_link_libraries(adapter PRIVATE ruk::softnic ruk::ruk)
 CMAKE
 cp "$(dirname "${BASH_SOURCE[0]}")/../tests/abi/adapter_consumer.c" "$root/tmp/"
 inside bash -euc '
@@ -194,6 +197,7 @@ inside bash -euc '
     ./adapter-capture
     cmake -S cmake-user -B cmake-build >/dev/null
     cmake --build cmake-build >/dev/null
+    cmake-build/adapter
 
     ruk-info --version
     for name in rukrun $(cd /usr/bin && ls -d ruk-*); do

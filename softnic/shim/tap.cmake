@@ -5,5 +5,6 @@ add_library(softnic_tap STATIC
   ${CMAKE_CURRENT_LIST_DIR}/tap_decode.cpp
   ${CMAKE_CURRENT_LIST_DIR}/tap_signals.cpp
   ${CMAKE_CURRENT_LIST_DIR}/tap_watch.cpp)
-target_include_directories(softnic_tap PUBLIC ${CMAKE_CURRENT_LIST_DIR} ${CMAKE_CURRENT_LIST_DIR}/../../common)
+target_include_directories(softnic_tap PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_LIST_DIR}>
+                                              $<BUILD_INTERFACE:${CMAKE_CURRENT_LIST_DIR}/../../common>)
 target_link_libraries(softnic_tap PUBLIC Threads::Threads ${CMAKE_DL_LIBS})

@@ -75,6 +75,16 @@ add_executable(with_shared "$here/consumer.c")
 target_link_libraries(with_shared PRIVATE ruk::ruk)
 add_executable(with_static "$here/consumer.c")
 target_link_libraries(with_static PRIVATE ruk::ruk_static)
+# The software adapter, in C as in C++, with either library.
+configure_file("$here/adapter_consumer.c" adapter_consumer.cpp COPYONLY)
+add_executable(adapter_c "$here/adapter_consumer.c")
+target_link_libraries(adapter_c PRIVATE ruk::softnic ruk::ruk)
+add_executable(adapter_cxx \${CMAKE_CURRENT_BINARY_DIR}/adapter_consumer.cpp)
+target_compile_features(adapter_cxx PRIVATE cxx_std_20)
+target_link_libraries(adapter_cxx PRIVATE ruk::ruk_static ruk::softnic)
+add_executable(adapter_capture "$here/adapter_consumer.c")
+target_compile_definitions(adapter_capture PRIVATE WITH_CAPTURE)
+target_link_libraries(adapter_capture PRIVATE ruk::softnic_capture ruk::ruk)
 CMAKE
 if ! {
     CC=$cc CXX=$cxx CFLAGS="${flags[*]} -D_DEFAULT_SOURCE" CXXFLAGS="${flags[*]}" \
@@ -84,9 +94,35 @@ if ! {
     cat "$tree/user.log"
     fail "the CMake package does not serve"
 fi
-for program in with_shared with_static; do
+for program in with_shared with_static adapter_c adapter_cxx adapter_capture; do
     "$tree/user/build/$program" || fail "$program failed"
 done
+# Where the adapter's archives are not, for they come in a package of their own, the rest serves all the same, and who
+# asks for the adapter is told.
+cmake_dir=$(dirname "$(find "$prefix" -name ruk-config.cmake)")
+mkdir "$tree/without" "$tree/hidden"
+mv "$cmake_dir"/ruk-softnic-targets*.cmake "$tree/hidden"
+find_without_adapter() { # [COMPONENTS NAME]
+    cat >"$tree/without/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(without LANGUAGES C)
+find_package(ruk REQUIRED $*)
+if(TARGET ruk::softnic OR NOT TARGET ruk::ruk)
+  message(FATAL_ERROR "wrong targets")
+endif()
+CMAKE
+    CC=$cc CFLAGS="${flags[*]}" cmake -S "$tree/without" -B "$tree/without/build" -G Ninja \
+        -DCMAKE_PREFIX_PATH="$prefix" >"$tree/without.log" 2>&1
+}
+if ! find_without_adapter; then
+    cat "$tree/without.log"
+    fail "the CMake package does not serve without the adapter"
+fi
+if find_without_adapter COMPONENTS softnic || ! grep -q 'archives of the software adapter' "$tree/without.log"; then
+    cat "$tree/without.log"
+    fail "the CMake package does not tell that the adapter is missing"
+fi
+mv "$tree/hidden"/*.cmake "$cmake_dir"
 # The software adapter for users' own tests, as its pkg-config file tells.
 read -ra adapter <<<"$(pkg-config --define-variable=prefix="$prefix" --cflags --libs ruk-softnic)"
 for program in c cxx c_capture; do
