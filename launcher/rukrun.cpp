@@ -208,8 +208,9 @@ void check_privilege()
     close(fd);
 }
 
-// Opens each adapter's port as the program is going to: what would leave it without an adapter is said here, before it
-// runs. An interface that is down would open all the same and carry nothing.
+// Opens each adapter's port as the program is going to, if it comes to the worst with the smallest ring: what would
+// leave it without an adapter is said here, before it runs. An interface that is down would open all the same and carry
+// nothing.
 void check_ports(const std::vector<std::string> &names)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -219,7 +220,7 @@ void check_ports(const std::vector<std::string> &names)
         if (ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) == 0)
             fail(kFailed, "interface '%s' is not up", name.c_str());
         std::string error;
-        if (!softnic::make_packet_port(name, &error))
+        if (!softnic::make_packet_port(name, &error, false, softnic::kMinPacketRing))
             fail(kFailed, "no adapter over '%s': %s", name.c_str(), error.c_str());
     }
     close(fd);

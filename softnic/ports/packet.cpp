@@ -120,6 +120,7 @@ private:
 
     packet_mreq membership(uint16_t type) const;
     bool set_up_ring(uint32_t mtu);
+    bool make_ring();
     tpacket2_hdr *slot(uint32_t i) const { return reinterpret_cast<tpacket2_hdr *>(ring_ + size_t{i} * slot_bytes_); }
     void release_held();
     void look_for_error();
@@ -221,23 +222,38 @@ bool PacketPort::set_up_ring(uint32_t mtu)
     slot_bytes_ = std::clamp(std::bit_ceil(std::min(mtu, kMaxSlot) + overhead), kMinSlot, kMaxSlot);
     if (slot_bytes_ > kMinSlot)
         ring_bytes_ *= 4;
-    for (;; ring_bytes_ /= 2) {
-        tpacket_req request = {};
-        request.tp_block_size = kBlockBytes;
-        request.tp_block_nr = ring_bytes_ / kBlockBytes;
-        request.tp_frame_size = slot_bytes_;
-        request.tp_frame_nr = ring_bytes_ / slot_bytes_;
-        if (rx_.set(SOL_PACKET, PACKET_RX_RING, request))
-            break;
-        if (errno != ENOMEM || ring_bytes_ <= kMinPacketRing)
+    const uint32_t wanted = ring_bytes_;
+    for (; !make_ring(); ring_bytes_ /= 2) {
+        const bool too_much = errno == ENOMEM || errno == EAGAIN; // the latter of what may be locked
+        if (!too_much || ring_bytes_ <= kMinPacketRing)
             return false;
     }
-    void *ring = sys::mmap(nullptr, ring_bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, rx_.fd());
-    if (ring == MAP_FAILED)
+    if (ring_bytes_ != wanted)
+        fprintf(stderr, "softnic: %s: the host refuses a packet ring of %u bytes; it has given one of %u\n",
+                ifname_.c_str(), wanted, ring_bytes_);
+    slots_ = ring_bytes_ / slot_bytes_;
+    return true;
+}
+
+// The kernel's memory, and the addresses for it: 32-bit programs, and those with a limit, may have too few of these.
+bool PacketPort::make_ring()
+{
+    tpacket_req request = {};
+    request.tp_block_size = kBlockBytes;
+    request.tp_block_nr = ring_bytes_ / kBlockBytes;
+    request.tp_frame_size = slot_bytes_;
+    request.tp_frame_nr = ring_bytes_ / slot_bytes_;
+    if (!rx_.set(SOL_PACKET, PACKET_RX_RING, request))
         return false;
+    void *ring = sys::mmap(nullptr, ring_bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, rx_.fd());
+    if (ring == MAP_FAILED) {
+        const int error = errno;
+        rx_.set(SOL_PACKET, PACKET_RX_RING, tpacket_req{}); // or there can be no other
+        errno = error;
+        return false;
+    }
     madvise(ring, ring_bytes_, MADV_DONTFORK);
     ring_ = static_cast<uint8_t *>(ring);
-    slots_ = ring_bytes_ / slot_bytes_;
     return true;
 }
 

@@ -24,7 +24,8 @@ constexpr uint32_t kPacketRing = 8u << 20, kMinPacketRing = 256u << 10, kMaxPack
 // any. A child process must not use an inherited port.
 //
 // With trailer_on_wire each frame ends in a 4-byte trailer already, which padding must not follow.
-// The ring's size is made a power of two; where the host has not that much memory, it is halved until it has.
+// The ring's size is made a power of two; where the host has not that much memory, or the process not that many
+// addresses, it is halved until they have, down to the smallest, and a line on standard error says so.
 std::unique_ptr<Port> make_packet_port(const std::string &ifname, std::string *error, bool trailer_on_wire = false,
                                        uint32_t ring_bytes = kPacketRing);
 

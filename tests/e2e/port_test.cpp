@@ -5,10 +5,12 @@
 
 #include <arpa/inet.h>
 #include <chrono>
+#include <fstream>
 #include <linux/if_packet.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -98,6 +100,18 @@ std::string text_of(size_t n)
     for (size_t i = 0; i < n; i++)
         s[i] = static_cast<char>('!' + (i * 7 + i / 90) % 90);
     return s;
+}
+
+// This process gets that many more bytes of addresses, and no more.
+bool limit_addresses(rlim_t bytes)
+{
+    std::ifstream statm("/proc/self/statm");
+    rlim_t pages = 0;
+    if (!(statm >> pages))
+        return false;
+    const rlim_t most = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + bytes;
+    const rlimit limit = {most, most};
+    return setrlimit(RLIMIT_AS, &limit) == 0;
 }
 
 // What a socket of the kernel tells about the next frame of the adapter's interface.
@@ -504,6 +518,64 @@ TEST_F(PacketPortTest, LargeMtu_FramesPassWhole)
     inject(frame.bytes());
     EXPECT_EQ(next(), frame.bytes());
     EXPECT_EQ(port->send(frame.bytes().data(), frame.bytes().size()), 0);
+}
+
+// In a process of its own, with room for another 20 MiB of addresses.
+TEST_F(PacketPortTest, RingLargerThanTheProcessMayMap_IsHalvedUntilItFits_AndSaidOnce)
+{
+    int said[2];
+    ASSERT_EQ(pipe(said), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(said[1], STDERR_FILENO);
+        port.reset();
+        std::string error;
+        const bool limited = limit_addresses(20u << 20);
+        port = softnic::make_packet_port(lab.adapter.ifname, &error, false, 64u << 20);
+        UdpFrame frame;
+        frame.payload = text_of(40);
+        // Once more than what the ring holds.
+        unsigned whole = 0;
+        for (unsigned i = 0; port && i < 10000; i++) {
+            inject(frame.bytes());
+            whole += next() == frame.bytes();
+        }
+        _exit(limited && whole == 10000 && !HasFailure() ? 0 : 1);
+    }
+    close(said[1]);
+    std::string text;
+    for (char c; read(said[0], &c, 1) == 1;)
+        text += c;
+    close(said[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << text;
+    EXPECT_EQ(text, "softnic: oxel0: the host refuses a packet ring of 67108864 bytes; it has given one of 16777216\n");
+}
+
+TEST_F(PacketPortTest, ProcessThatMayMapNoRing_OpenFails_SaysSo)
+{
+    int said[2];
+    ASSERT_EQ(pipe(said), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        port.reset();
+        std::string error;
+        error.reserve(256);
+        const bool limited = limit_addresses(200u << 10); // less than the smallest ring
+        const bool refused = softnic::make_packet_port(lab.adapter.ifname, &error) == nullptr;
+        const bool told = write(said[1], error.data(), error.size()) == static_cast<ssize_t>(error.size());
+        _exit(limited && refused && told ? 0 : 1);
+    }
+    close(said[1]);
+    std::string text;
+    for (char c; read(said[0], &c, 1) == 1;)
+        text += c;
+    close(said[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << text;
+    EXPECT_EQ(text, "receive ring on oxel0: Cannot allocate memory");
 }
 
 TEST_F(PacketPortTest, LinkGoesDownAndComesBack_ReportedAndFramesFlowAgain)
