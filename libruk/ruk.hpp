@@ -768,6 +768,37 @@ public:
         return buffer.first(length);
     }
 
+    /* The next frame, which stays there; without a buffer its length alone. Nothing when none waits, which is no error.
+     */
+    std::optional<size_t> peek_frame(std::error_code &ec) noexcept
+    {
+        size_t length = 0;
+        const int rc = ruk_raw_recv(handle_, RUK_RECV_PEEK, nullptr, &length, nullptr);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        return rc == 0 ? std::optional(length) : std::nullopt;
+    }
+    std::optional<size_t> peek_frame()
+    {
+        size_t length = 0;
+        const bool there =
+            detail::done(ruk_raw_recv(handle_, RUK_RECV_PEEK, nullptr, &length, nullptr), "ruk_raw_recv");
+        return there ? std::optional(length) : std::nullopt;
+    }
+    std::optional<std::span<std::byte>> peek_frame(frame_buffer buffer, std::error_code &ec) noexcept
+    {
+        size_t length = 0;
+        const int rc = ruk_raw_recv(handle_, RUK_RECV_PEEK_MSG, buffer.data(), &length, nullptr);
+        detail::set(ec, rc == EAGAIN ? 0 : rc);
+        return rc == 0 ? std::optional(buffer.first(length)) : std::nullopt;
+    }
+    std::optional<std::span<std::byte>> peek_frame(frame_buffer buffer)
+    {
+        size_t length = 0;
+        const bool there =
+            detail::done(ruk_raw_recv(handle_, RUK_RECV_PEEK_MSG, buffer.data(), &length, nullptr), "ruk_raw_recv");
+        return there ? std::optional(buffer.first(length)) : std::nullopt;
+    }
+
     /* With time and tag, without lock or waiting: for endpoints that one thread reads. */
     std::optional<frame> try_receive_frame(frame_buffer buffer, std::error_code &ec) noexcept
     {

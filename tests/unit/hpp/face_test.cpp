@@ -431,6 +431,58 @@ TEST_F(Face, Peek_InTheRawMode_AddressesThatAreNotToldAreZero)
     }
 }
 
+TEST_F(Face, PeekFrame_TellsOfTheNextFrameAndLeavesIt)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    endpoint.set_filter(ruk::filter::raw);
+    const std::error_code stale = std::make_error_code(std::errc::io_error);
+    std::error_code ec = stale;
+    EXPECT_FALSE(endpoint.peek_frame());
+    EXPECT_FALSE(endpoint.peek_frame(ec));
+    EXPECT_FALSE(ec);
+    EXPECT_FALSE(endpoint.peek_frame(frame_room));
+    ec = stale;
+    EXPECT_FALSE(endpoint.peek_frame(frame_room, ec));
+    EXPECT_FALSE(ec);
+
+    const std::string first(40, 'x'), second(50, 'y');
+    arrive(first);
+    arrive(second);
+    constexpr size_t around = 14 + 20 + 8 + 4;
+    EXPECT_EQ(endpoint.peek_frame(), around + 40);
+    ec = stale;
+    EXPECT_EQ(endpoint.peek_frame(ec), around + 40);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(frame_room[12], std::byte{0}) << "nothing is copied";
+    const auto copied = endpoint.peek_frame(frame_room);
+    ASSERT_TRUE(copied);
+    EXPECT_EQ(copied->size(), around + 40);
+    EXPECT_EQ(text_of(copied->subspan(42, 40)), first);
+    frame_room.fill(std::byte{0});
+    ec = stale;
+    const auto copied_again = endpoint.peek_frame(frame_room, ec);
+    EXPECT_FALSE(ec);
+    ASSERT_TRUE(copied_again);
+    EXPECT_EQ(text_of(copied_again->subspan(42, 40)), first);
+    EXPECT_EQ(text_of(endpoint.receive_frame(frame_room).subspan(42, 40)), first);
+    EXPECT_EQ(endpoint.peek_frame(), around + 50);
+    EXPECT_EQ(text_of(endpoint.receive_frame(frame_room).subspan(42, 50)), second);
+    EXPECT_FALSE(endpoint.peek_frame());
+}
+
+TEST_F(Face, PeekFrame_OnADisabledEndpoint_IsAnError)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
+    std::error_code ec;
+    EXPECT_FALSE(endpoint.peek_frame(ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    ec.clear();
+    EXPECT_FALSE(endpoint.peek_frame(frame_room, ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
+    EXPECT_EQ(error_of([&] { (void)endpoint.peek_frame(); }), EINVAL);
+    EXPECT_EQ(error_of([&] { (void)endpoint.peek_frame(frame_room); }), EINVAL);
+}
+
 TEST_F(Face, Frame_InTheRawMode_IsWholeWithItsTrailer)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::none);
