@@ -45,6 +45,7 @@ protected:
         json entry = report["probes"][0];
         EXPECT_EQ(entry["probe"], name);
         EXPECT_EQ(entry["result"], "differs") << entry;
+        said_ = run->err();
         return entry;
     }
 
@@ -100,7 +101,15 @@ protected:
     }
 
     ScratchDir scratch;
-    std::string how_; // the adapter differs
+    std::string how_;  // the adapter differs
+    std::string said_; // on standard error by the last run that differed
+
+    void expect_passed_over()
+    {
+        EXPECT_NE(said_.find("ruk-accept: an event of 6 packets is passed over: the library takes 5 at most\n"),
+                  std::string::npos)
+            << said_;
+    }
 };
 
 } // namespace
@@ -307,6 +316,31 @@ TEST_F(AcceptTool, EventCompletedSecondsLate_EventOrderDiffers)
     EXPECT_GE(measured["seen_before_complete"], 1);
     EXPECT_GE(measured["wait_for_completion_ns"]["max"], 1'000'000'000);
     EXPECT_EQ(measured["bad_length"], 0);
+}
+
+// The library has room for five packets and does not look how many there are: it is never given such an event.
+TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_EventOrderAndCoalescingDiffer)
+{
+    auto peer = serve();
+    const json order = differing("event_order", "an event of six packets")["measured"];
+    expect_passed_over();
+    EXPECT_EQ(order["bad_packet_count"], 1);
+    EXPECT_EQ(order["bad_length"], 0);
+    EXPECT_GT(order["events"], 10) << "what follows is taken";
+    const json coalesced = differing("coalescing", "an event of six packets")["measured"];
+    expect_passed_over();
+    EXPECT_EQ(coalesced["events_by_packets"]["6"], 1) << coalesced;
+    EXPECT_GT(coalesced["received"], 0);
+    EXPECT_LT(coalesced["received"], 5000);
+}
+
+TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_DeliveryDiffers)
+{
+    auto peer = serve();
+    const json measured = differing("delivery", "an event of six packets")["measured"];
+    expect_passed_over();
+    EXPECT_EQ(measured["sent"], 1473);
+    EXPECT_LT(measured["received"], 1473);
 }
 
 TEST_F(AcceptTool, NothingArrives_CoalescingDiffers)

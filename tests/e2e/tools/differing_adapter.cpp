@@ -74,6 +74,24 @@ void hold_the_first_event()
     pthread_detach(releaser);
 }
 
+/* The request that the program sent last is one that has datagrams sent. */
+bool awaits_datagrams = false;
+
+/* The first event tells of six packets. The program, which has just been told that datagrams come, has not looked yet.
+ */
+void overfill_the_first_event()
+{
+    static bool done = false;
+    if (done || !awaits_datagrams || ring == nullptr || flow == nullptr)
+        return;
+    auto *event = reinterpret_cast<volatile nuv_uevt_ruk_t *>(ring + flow->rx_flow.flow_data_off);
+    for (int i = 0; i < 2000 && event->pkt_cnt == 0; i++)
+        usleep(1000);
+    done = event->pkt_cnt != 0;
+    if (done)
+        event->pkt_cnt = NUV_UEVT_MAX_PKTS + 1;
+}
+
 void note_mapping(int fd, uint64_t offset, void *at)
 {
     if (fd != endpoint_fd || fd < 0 || at == MAP_FAILED)
@@ -180,6 +198,23 @@ int poll(pollfd *fds, nfds_t count, int timeout)
         return 0;
     }
     return real(fds, count, timeout);
+}
+
+ssize_t sendto(int fd, const void *data, size_t len, int flags, const sockaddr *to, socklen_t to_len)
+{
+    static auto *const real =
+        next(static_cast<ssize_t (*)(int, const void *, size_t, int, const sockaddr *, socklen_t)>(nullptr), "sendto");
+    awaits_datagrams = len > 5 && memcmp(data, "send ", 5) == 0;
+    return real(fd, data, len, flags, to, to_len);
+}
+
+ssize_t recv(int fd, void *data, size_t len, int flags)
+{
+    static auto *const real = next(static_cast<ssize_t (*)(int, void *, size_t, int)>(nullptr), "recv");
+    const ssize_t got = real(fd, data, len, flags);
+    if (got > 0 && differs("an event of six packets"))
+        overfill_the_first_event();
+    return got;
 }
 
 /* A host that refuses what a channel asks of its kernel socket. */
