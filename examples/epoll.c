@@ -18,7 +18,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: %s IF PORT\n", argv[0]);
         return 2;
     }
-    ruk_device_t dev;
+    ruk_device_t dev = NULL;
     ruk_channel_t channel;
     int rc;
     if ((rc = ruk_init(RUK_API_VERSION)) || (rc = ruk_open_if(argv[1], 0, &dev)) ||
