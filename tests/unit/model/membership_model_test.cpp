@@ -12,6 +12,7 @@
 #include "adapter_rig.h"
 #include "child.h"
 #include "ruk_core.h"
+#include "sanitizer.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -828,7 +829,7 @@ TEST(MembershipModel, RandomStepsAgainstThePlainModel_SameDeliveriesCountersAndE
     constexpr unsigned kSteps = 400;
     const bool one = getenv("RUK_MODEL_SEED") != nullptr;
     const uint64_t first = number("RUK_MODEL_SEED", 1);
-    const uint64_t steps = number("RUK_MODEL_STEPS", 400000);
+    const uint64_t steps = number("RUK_MODEL_STEPS", test_support::kSanitized ? 100000 : 400000);
     enter_own_network();
     ASSERT_FALSE(HasFailure());
     const LastWords last_words;
