@@ -18,7 +18,7 @@ ruk_compile_together(libruk_recv_tests 3)
 # Receiving and the clock are built into this one over a vocabulary that writes down each access; the archive's are not
 # linked.
 ruk_receive_test(libruk_recv_order_tests recv_order_test.cpp)
-target_compile_options(libruk_recv_order_tests PRIVATE ${RUK_OPTIMISED})
+target_compile_options(libruk_recv_order_tests PRIVATE ${RUK_AS_PRODUCT})
 
 ruk_receive_test(libruk_arista_tests
     $<TARGET_OBJECTS:rig_arista_model>

@@ -12,7 +12,7 @@ ruk_compile_together(libruk_send_tests 5)
 # Sending and the copy are built into this one over a vocabulary that writes down each access; the archive's are not
 # linked.
 ruk_unit_test(libruk_send_order_tests ${RUK_SEND_TEST_SUPPORT} send_order_test.cpp)
-target_compile_options(libruk_send_order_tests PRIVATE ${RUK_OPTIMISED})
+target_compile_options(libruk_send_order_tests PRIVATE ${RUK_AS_PRODUCT})
 
 # Routes, next hops and send handles.
 ruk_unit_test(libruk_route_tests ${RUK_SEND_TEST_SUPPORT}
