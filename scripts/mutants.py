@@ -53,15 +53,15 @@ LIKELY = {
     "libruk/ruk__ip": ["format_test", "libruk_send_tests"],
     "libruk/ruk.hpp": ["hpp_tests"],
     "common/nuv_": ["format_test"],
-    "common/tov_fops": ["fops_test", "fops_companion_test"],
-    "common/tov_sock_funcs": ["fops_test"],
-    "common/tov_timing": ["timing_test"],
-    "common/tov_kutils": ["kutils_test"],
-    "common/tov_utils": ["utils_test"],
-    "common/tov_ifaddrs": ["utils_test"],
+    "common/tov_fops": ["common_tests", "fops_companion_test"],
+    "common/tov_sock_funcs": ["common_tests"],
+    "common/tov_timing": ["common_tests"],
+    "common/tov_kutils": ["common_tests"],
+    "common/tov_utils": ["common_tests"],
+    "common/tov_ifaddrs": ["common_tests"],
     "common/tov_piocopy": ["piocopy_test", "libruk_send_order_tests"],
     "common/tov_io": ["libruk_send_order_tests", "libruk_recv_tests"],
-    "common/oxel_raw": ["oxel_raw_test"],
+    "common/oxel_raw": ["common_tests"],
 }
 
 # ---------------------------------------------------------------------------------------------------- what is changed

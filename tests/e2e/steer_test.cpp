@@ -423,7 +423,7 @@ TEST(UnprivilegedSteering, UserNamespace_AllOfTheAbove_HoldsAllTheSame)
             _exit(78);
         prctl(PR_SET_DUMPABLE, 1);
         alarm(60);
-        const char *const args[] = {"e2e_steer", "--gtest_filter=SteeringTest.*", nullptr};
+        const char *const args[] = {"e2e_ports", "--gtest_filter=SteeringTest.*", nullptr};
         fexecve(self, const_cast<char *const *>(args), environ);
         _exit(78);
     }
