@@ -14,13 +14,13 @@
 #include <string.h>
 #include <unistd.h>
 
-static atomic_int left;
+static atomic_int stopping, left;
 
 static void *receive(void *dev)
 {
     char payload[1500];
     struct ruk_recv_info info;
-    while (ruk_recvfrom(dev, RUK_RECV_BLOCK, payload, sizeof payload, &info) == 0) /* EINTR ends it: a shutdown */
+    while (!stopping && ruk_recvfrom(dev, RUK_RECV_BLOCK, payload, sizeof payload, &info) == 0) /* EINTR: shut down */
         if (info.msg_len <= sizeof payload)
             dprintf(STDOUT_FILENO, "%.*s\n", (int)info.msg_len, payload);
     left = 1;
@@ -38,18 +38,21 @@ int main(int argc, char **argv)
     ruk_device_t dev;
     ruk_channel_t channel;
     pthread_t receiver;
-    int rc;
+    int rc, refused = 0;
     if ((rc = ruk_init(RUK_API_VERSION)) || (rc = ruk_open_if(argv[1], RUK_OPEN_THREAD_SAFE, &dev)) || /* with locks */
         (rc = ruk_bind(dev, 0, atoi(argv[2]), NULL, &channel)) || (rc = pthread_create(&receiver, NULL, receive, dev)))
         error(1, abs(rc), "cannot receive on %s", argv[1]);
 
     for (char line[1400]; fgets(line, sizeof line, stdin);)
         if ((rc = ruk_sendto(channel, &peer, line, (int)strcspn(line, "\n"), 0)) != 0)
-            error(0, rc, "ruk_sendto");
-    /* Closing wakes no sleeping receiver, and a receive call forgets a shutdown made before it: repeat. */
-    for (; !left; usleep(10000))
+            error(0, refused = rc, "ruk_sendto");
+    /*
+     * Closing wakes no sleeping receiver, and a receive call forgets a shutdown made before it: repeat. While datagrams
+     * arrive none sleeps, and it is the flag that is seen.
+     */
+    for (stopping = 1; !left; usleep(10000))
         ruk_shutdown(dev, 0);
     pthread_join(receiver, NULL);
     ruk_close(dev);
-    return rc != 0;
+    return refused != 0;
 }

@@ -133,6 +133,11 @@ TEST_F(Examples, Threads_SendStandardInputAndStopInOrder)
                                                path("threads") + " oxel0 5000 10.77.0.2 40000"});
     EXPECT_EQ(peer.receive(), "10.77.0.1:5000 one");
     EXPECT_EQ(peer.receive(), "10.77.0.1:5000 two");
+    for (int i = 0; i < 300 && !program->has_ended(); i++) { /* traffic that goes on does not keep it */
+        peer.send("more", "10.77.0.1", 5000);
+        usleep(100000);
+    }
+    EXPECT_TRUE(program->has_ended());
     EXPECT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
