@@ -242,13 +242,14 @@ struct ruk_recv_info {
     struct sockaddr_in sin_from; /* source; in the RAW mode not written for a frame that is not IPv4 */
     struct sockaddr_in sin_to;   /* destination; the same, and in ALLMULTI and RAW sin_family is never written */
     uint32_t msg_len;            /* the datagram's full length, bytes, before truncation to the buffer */
-    uint64_t timestamp;          /* ns, 0 when no time is known; from interface version 2 on; not written by a peek */
+    uint64_t timestamp;          /* ns, 0 when no time is known; from interface version 2 on; see below for a peek */
 };
 
 /*
  * Receives the next datagram of any channel of the endpoint into buf, cut to len bytes. Frames that fail a
  * check are counted and skipped; no checksum is verified. What is not written of *info keeps what was there: clear it
- * before a peek, and in the ALLMULTI and RAW filter modes. Takes the receive lock, except while it sleeps.
+ * before a peek, and in the ALLMULTI and RAW filter modes. After a peek the timestamp is never the datagram's; it may
+ * be that of a frame skipped before it. Takes the receive lock, except while it sleeps.
  * Errors: EINVAL a null endpoint or info, a disabled endpoint, an unknown mode on an empty queue; EAGAIN
  * nothing waits; EINTR shut down, or a signal handler ran while it slept; ENXIO the endpoint is being closed; errno of
  * poll().

@@ -859,6 +859,14 @@ private:
     {
         return ruk_recvfrom(handle_, mode, buffer.data(), buffer.size(), &d.info_);
     }
+    /* In a peek's record the library may leave the time of a frame that it dropped before the datagram. */
+    template <ruk_recvmode mode> int take_or_peek(std::span<std::byte> buffer, datagram &d) noexcept
+    {
+        const int rc = take(mode, buffer, d);
+        if constexpr (mode != RUK_RECV_NONBLOCK)
+            d.info_.timestamp = 0;
+        return rc;
+    }
     /* The library does not write all of a peek's record. */
     template <ruk_recvmode mode>
     using peeked_or_not = std::conditional_t<mode == RUK_RECV_NONBLOCK, datagram::unfilled, datagram::cleared>;
@@ -866,7 +874,7 @@ private:
     template <ruk_recvmode mode> maybe_datagram take_if_any(std::span<std::byte> buffer, std::error_code &ec) noexcept
     {
         maybe_datagram d{peeked_or_not<mode>{}};
-        const int rc = take(mode, buffer, d.datagram_);
+        const int rc = take_or_peek<mode>(buffer, d.datagram_);
         detail::set(ec, rc == EAGAIN ? 0 : rc);
         if (rc == 0)
             d.is_in(buffer);
@@ -877,7 +885,7 @@ private:
     template <ruk_recvmode mode> maybe_datagram take_if_any(std::span<std::byte> buffer)
     {
         maybe_datagram d{peeked_or_not<mode>{}};
-        const int rc = take(mode, buffer, d.datagram_);
+        const int rc = take_or_peek<mode>(buffer, d.datagram_);
         if (rc == 0) {
             d.is_in(buffer);
         } else {

@@ -412,6 +412,31 @@ TEST_F(Face, Peek_OnADatedEndpoint_HasNoTime)
     EXPECT_TRUE(received->time());
 }
 
+TEST_F(Face, Peek_ThatDropsADatedFrame_HasNoTime)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::thread_safe | ruk::open_flags::hw_timestamping);
+    ruk::channel channel = endpoint.bind(5000);
+    softnic_advance(nic, 1000000000);
+    std::error_code ec;
+    const auto behind_a_frame_of_no_channel = [&](auto &&peek) {
+        {
+            ruk::channel gone = endpoint.bind(6000);
+            arrive("nobody's", 4000, 6000);
+        }
+        arrive("peeked");
+        const ruk::maybe_datagram peeked = peek();
+        ASSERT_TRUE(peeked);
+        EXPECT_EQ(peeked->length(), 6u);
+        EXPECT_FALSE(peeked->time());
+        EXPECT_EQ(peeked->info().timestamp, 0u);
+        EXPECT_TRUE(endpoint.receive(room).time());
+    };
+    behind_a_frame_of_no_channel([&] { return endpoint.peek(); });
+    behind_a_frame_of_no_channel([&] { return endpoint.peek(ec); });
+    behind_a_frame_of_no_channel([&] { return endpoint.peek(room); });
+    behind_a_frame_of_no_channel([&] { return endpoint.peek(room, ec); });
+}
+
 TEST_F(Face, Peek_InTheRawMode_AddressesThatAreNotToldAreZero)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::none);
