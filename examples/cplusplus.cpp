@@ -24,7 +24,8 @@ try {
         const ruk::datagram datagram = endpoint.receive(buffer, ruk::wait::sleep);
         printf("%zu bytes%s\n", datagram.data().size(), datagram.time() ? ", dated" : "");
         fflush(stdout);
-        channel.send_to(datagram.from(), datagram.data());
+        if (!datagram.truncated())
+            channel.send_to(datagram.from(), datagram.data());
     }
     return 0;
 } catch (const std::system_error &error) {

@@ -220,7 +220,7 @@ class datagram {
 public:
     datagram() noexcept : buffer_(nullptr), size_(0), info_() {}
 
-    /* What of it is in the buffer. */
+    /* What of it is in the buffer, if the UDP header's length is right: nobody compares it with the frame's. */
     std::span<std::byte> data() const noexcept { return {buffer_, std::min<size_t>(size_, info_.msg_len)}; }
     /* Its full length as the UDP header tells it. */
     uint32_t length() const noexcept { return info_.msg_len; }
