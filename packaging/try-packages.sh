@@ -190,6 +190,9 @@ inside bash -euc '
         $(pkg-config --cflags --libs ruk)
     g++ -std=c++20 /usr/share/doc/libruk-dev/examples/market_data/*.cpp -o market-data-test $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main
     ./market-data-test --gtest_brief=1
+    cmake -S /usr/share/doc/libruk-dev/examples/market_data -B market-data >/dev/null
+    cmake --build market-data >/dev/null
+    market-data/example-market-data-test --gtest_brief=1
     gcc -std=gnu11 adapter_consumer.c -o adapter $(pkg-config --cflags --libs ruk-softnic)
     ./adapter
     gcc -std=gnu11 -DWITH_CAPTURE adapter_consumer.c -o adapter-capture -lsoftnic_capture -lsoftnic_tap \

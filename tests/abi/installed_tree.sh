@@ -97,6 +97,19 @@ fi
 for program in with_shared with_static adapter_c adapter_cxx adapter_capture; do
     "$tree/user/build/$program" || fail "$program failed"
 done
+# The example that is a project of its own, as it is shipped. The host's test library is for its own word size only.
+if [[ " ${flags[*]} " != *" -m32 "* ]]; then
+    cp -r "$here/../../examples/market_data" "$tree/market_data"
+    if ! {
+        CXX=$cxx CXXFLAGS="${flags[*]}" cmake -S "$tree/market_data" -B "$tree/market_data/build" -G Ninja \
+            -DCMAKE_PREFIX_PATH="$prefix" &&
+            cmake --build "$tree/market_data/build" &&
+            ctest --test-dir "$tree/market_data/build" --output-on-failure --no-tests=error
+    } >"$tree/market_data.log" 2>&1; then
+        cat "$tree/market_data.log"
+        fail "the example market_data is of no use to its readers"
+    fi
+fi
 # Where the adapter's archives are not, for they come in a package of their own, the rest serves all the same, and who
 # asks for the adapter is told.
 cmake_dir=$(dirname "$(find "$prefix" -name ruk-config.cmake)")
