@@ -92,6 +92,7 @@ public:
     EventRing &ring(unsigned ep) { return endpoints_[ep]->ring; }
 
     void set_filter_mode(unsigned ep, FilterMode mode);
+    bool takes_unfiltered() const { return (raw_ | allmulti_) != 0; }
     bool takes_all() const { return raw_ != 0; } // an endpoint takes every frame, to whomever
 
     // False when there is no such filter. Frames of the filter that wait in an event being filled are published

@@ -309,6 +309,8 @@ void Card::follow_modes()
 {
     if (board_.takes_all() != promiscuous_ && port_->set_promiscuous(!promiscuous_) == 0)
         promiscuous_ = !promiscuous_;
+    if (board_.takes_unfiltered())
+        port_->listen();
 }
 
 // Brings the host's side of a key in line with the filters. *took tells whether the host gave its frames up now.

@@ -118,12 +118,18 @@ ReplayPort::ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> f
 int ReplayPort::steer(const SteerKey &key, bool install)
 {
     const int rc = wire_->steer(key, install);
-    if (rc == 0 && install && !started_) {
-        started_ = true;
-        start_ns_ = clock_();
-        read_next();
-    }
+    if (rc == 0 && install)
+        start();
     return rc;
+}
+
+void ReplayPort::start()
+{
+    if (started_)
+        return;
+    started_ = true;
+    start_ns_ = clock_();
+    read_next();
 }
 
 void ReplayPort::read_next()
@@ -132,10 +138,10 @@ void ReplayPort::read_next()
     if (!file_->next(&captured, &next_)) {
         due_ns_ = UINT64_MAX;
     } else {
-        if (first_ns_ == 0)
+        if (!first_ns_)
             first_ns_ = captured;
         // A clock that was set back while capturing holds nothing up.
-        const uint64_t since = captured > first_ns_ ? captured - first_ns_ : 0;
+        const uint64_t since = captured > *first_ns_ ? captured - *first_ns_ : 0;
         due_ns_ = start_ns_ + static_cast<uint64_t>(static_cast<double>(since) / speed_);
     }
     wake_.at(due_ns_);

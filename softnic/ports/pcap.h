@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,7 @@ private:
 bool parse_replay(const std::string &text, std::string *path, double *speed, std::string *error);
 
 // Another port, at which the frames of a file arrive as well, at the pace at which they were captured. They begin
-// with the first filter: nobody would get them earlier.
+// with the first filter, or with the first endpoint that takes frames without one: nobody would get them earlier.
 class ReplayPort : public Port {
 public:
     // speed 2 is twice as fast as captured. clock gives monotonic time in ns.
@@ -55,11 +56,13 @@ public:
     bool receive(RxFrame *frame) override;
     int send(const uint8_t *frame, size_t len) override { return wire_->send(frame, len); }
     int steer(const SteerKey &key, bool install) override;
+    void listen() override { start(); }
     int set_promiscuous(bool on) override { return wire_->set_promiscuous(on); }
     bool link_up() const override { return wire_->link_up(); }
     PortCounters counters() const override;
 
 private:
+    void start(); // the first call counts
     void read_next();
 
     std::unique_ptr<Port> wire_;
@@ -68,11 +71,11 @@ private:
     std::function<uint64_t()> clock_;
     TimedWake wake_;
     bool started_ = false;
-    uint64_t start_ns_ = 0;        // when the first frame was due
-    uint64_t first_ns_ = 0;        // when it was captured
-    uint64_t due_ns_ = UINT64_MAX; // when the next one is
-    std::vector<uint8_t> next_;    // it
-    std::vector<uint8_t> current_; // handed out last
+    uint64_t start_ns_ = 0;            // when the first frame was due
+    std::optional<uint64_t> first_ns_; // when it was captured
+    uint64_t due_ns_ = UINT64_MAX;     // when the next one is
+    std::vector<uint8_t> next_;        // it
+    std::vector<uint8_t> current_;     // handed out last
     uint64_t replayed_ = 0;
 };
 

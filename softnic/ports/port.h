@@ -49,6 +49,9 @@ public:
     // Takes matching frames from the host's stack, or gives them back. 0 or an errno value.
     virtual int steer(const SteerKey &key, bool install) = 0;
 
+    // An endpoint takes frames that no filter matches: from its first filter or from this call on somebody listens.
+    virtual void listen() {}
+
     // Frames to any station arrive as well, or only those to this one, to groups and to all. 0 or an errno value.
     virtual int set_promiscuous(bool on) = 0;
 

@@ -79,6 +79,7 @@ public:
     bool receive(RxFrame *frame) override;
     int send(const uint8_t *frame, size_t len) override { return wire_->send(frame, len); }
     int steer(const SteerKey &key, bool install) override { return wire_->steer(key, install); }
+    void listen() override { wire_->listen(); }
     int set_promiscuous(bool on) override { return wire_->set_promiscuous(on); }
     bool link_up() const override { return wire_->link_up(); }
     PortCounters counters() const override;

@@ -1,6 +1,7 @@
 // Capture files: every form of the classic format, and what is none.
 #include "ports/memory.h"
 #include "ports/pcap.h"
+#include "ports/switch.h"
 #include "softnic.h"
 
 #include <cstdlib>
@@ -195,6 +196,48 @@ TEST(Replay, FramesOfTheFile_ArriveFromTheFirstFilterOnAtTheirPace)
     now += 1000000000;
     EXPECT_FALSE(port.receive(&got));
     EXPECT_EQ(port.counters().received, 2u);
+}
+
+TEST(Replay, CaptureThatBeginsAtTimeZero_KeepsItsFirstGap)
+{
+    Bytes zero = kRecord, later = kRecord;
+    for (size_t i = 0; i < 8; i++)
+        zero[i] = later[i] = 0;
+    later[0] = 3; // seconds
+    const File file(kHeader + zero + frame(1) + later + frame(2));
+    std::string error;
+    uint64_t now = 5000000;
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1, [&] { return now; });
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    RxFrame got;
+    ASSERT_TRUE(port.receive(&got));
+    now += 2999999999;
+    EXPECT_FALSE(port.receive(&got));
+    now += 1;
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(2));
+}
+
+// Behind a switch as well.
+TEST(Replay, AnEndpointThatTakesFramesWithoutAFilter_StartsItOnce)
+{
+    const File file(kHeader + kRecord + frame(1));
+    std::string error;
+    auto replay = std::make_unique<ReplayPort>(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1,
+                                               [] { return UINT64_C(1); });
+    SwitchPort port(
+        std::move(replay), SwitchOptions{}, [] { return UINT64_C(1); }, false);
+    const auto replayed = [&] { return port.wire().counters().received; };
+    RxFrame got;
+    while (port.receive(&got))
+        ;
+    EXPECT_EQ(replayed(), 0u);
+    port.listen();
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    port.listen();
+    while (port.receive(&got))
+        ;
+    EXPECT_EQ(replayed(), 1u);
 }
 
 TEST(Replay, FramesOfTheWireItself_ArriveAsWell)
