@@ -183,7 +183,8 @@ def program_pages(directory):
         page += ".Sh DESCRIPTION\n" + paragraphs(description) + "\n"
         page += ".Pp\nThe program describes its arguments so:\n.Bd -literal\n" + roff(run_help(binary)) + "\n.Ed\n"
         for sub in subcommands:
-            page += f".Ss {name} {sub}\n.Bd -literal\n" + roff(run_help(binary, sub)) + "\n.Ed\n"
+            its_own = run_help(binary, sub).split("\n\nExit status:")[0]
+            page += f".Ss {name} {sub}\n.Bd -literal\n" + roff(its_own) + "\n.Ed\n"
         page += ".Sh EXIT STATUS\n" + statuses(status)
         page += ".Sh EXAMPLES\n.Bd -literal\n" + roff(example.strip()) + "\n.Ed\n"
         page += ".Sh SEE ALSO\n" + see_also(see.split() + ["ruk(7)"]) + "\n"

@@ -1123,6 +1123,9 @@ int main(int argc, char **argv)
                  "ruk-accept");
     Options opt;
     std::string own = "0.0.0.0";
+    // Before the subcommands, which take it over when they are made.
+    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs or failed, a signal "
+               "ended the run, or nothing could be probed; 2 error.");
     CLI::App *peer = app.add_subcommand("peer", "The other end: an ordinary program over kernel sockets");
     peer->add_option("-a,--address", own, "Address to serve on (default: all)")->type_name("ADDR");
     only_whole(peer->add_option("-p,--port", opt.port, "Port of requests; the next one echoes (7700)"), 1, 65534)
@@ -1139,8 +1142,6 @@ int main(int argc, char **argv)
         ->allow_extra_args(false);
     run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs or failed, a signal "
-               "ended the run, or nothing could be probed; 2 error.");
     return run_program(app, argc, argv,
                        [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
 }

@@ -388,15 +388,16 @@ int main(int argc, char **argv)
     Options server_options;
     Options client_options;
     client_options.transport.wait = WaitMode::spin;
+    // Before the subcommands, which take it over when they are made.
+    app.footer(
+        "Exit status: 0 of the client, every request was answered, of the server, COUNT was reached or none was\n"
+        "given, whatever became of the replies; 1 not so; 2 error.\n"
+        "SIGINT and SIGTERM end it with what it has.");
     CLI::App *server = app.add_subcommand("server", "Send every datagram back to where it came from");
     CLI::App *client = app.add_subcommand("client", "Send requests and measure until their replies arrive");
     describe_server(*server, server_options);
     describe_client(*client, client_options);
     app.require_subcommand(1);
-    app.footer(
-        "Exit status: 0 of the client, every request was answered, of the server, COUNT was reached or none was\n"
-        "given, whatever became of the replies; 1 not so; 2 error.\n"
-        "SIGINT and SIGTERM end it with what it has.");
     return run_program(app, argc, argv,
                        [&] { return server->parsed() ? serve(server_options) : measure(client_options); });
 }

@@ -44,6 +44,7 @@ while read -r name subcommands; do
     for subcommand in $subcommands; do
         help=$("$bin/$name" "$subcommand" --help 2>/dev/null) || complain "$name $subcommand --help: status $?"
         [[ $help == *[Uu]sage:* ]] || complain "$name $subcommand --help tells no usage"
+        [[ $help == *"Exit status"* ]] || complain "$name $subcommand --help tells no exit status"
         "$bin/$name" "$subcommand" --no-such-option >/dev/null 2>&1
         status=$?
         ((status == 2)) || complain "$name $subcommand --no-such-option: status $status"
