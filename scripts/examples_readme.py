@@ -16,7 +16,8 @@ START = """# Examples
 First programs over `ruk.h`, one thing each. A build of the source tree makes `build/examples/example-*` of them, to be
 run over the software adapter so: `build/bin/rukrun --soft=oxel0 -- build/examples/example-receive oxel0 5000`. Where
 the library is installed (from the source tree with `ldconfig` run as root afterwards, or programs do not find it):
-`gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, then
+`gcc receive.c -o example-receive $(pkg-config --cflags --libs ruk) -pthread`, for the one in C++
+`g++ -std=c++20 cplusplus.cpp -o example-cplusplus $(pkg-config --cflags --libs ruk)`, then
 `rukrun --soft=oxel0 -- ./example-receive oxel0 5000`. How to have an interface `oxel0` and another host that sends to
 it, without a card and without being root, is in the [README](../README.md#receive-a-datagram).
 
@@ -28,7 +29,8 @@ it, without a card and without being root, is in the [README](../README.md#recei
 END = """
 A larger one, [`market_data`](market_data), is a market data handler with a test suite of its own over the linked-in
 software adapter (`softnic.h`), which loses, delays and reorders datagrams in virtual time. Where the library is
-installed: `g++ -std=c++20 market_data/*.cpp $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main`.
+installed: `g++ -std=c++20 market_data/*.cpp $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main`, or with
+CMake, `cmake -S market_data -B build`.
 """
 
 
