@@ -315,9 +315,9 @@ int ruk_send(ruk_send_t dhs, const void *buf, int paylen, int flags);
 int ruk_sendto(ruk_channel_t ch, const struct sockaddr_in *sin, const void *buf, int len, int flags);
 
 /*
- * Sends a frame with a header of the caller's (1 to 56 bytes); the caller holds the endpoint lock, which is dropped
- * while this waits for room. chksum_hdr is the partial sum of what the UDP checksum covers besides the payload; the
- * checksum is stored at chksum_offset of the header when that is above 0. Errors: those of ruk_send().
+ * Sends a frame with a header of the caller's (1 to 56 bytes), for endpoints without locks: it takes none, and drops
+ * the endpoint's while it waits for room. chksum_hdr is the partial sum of what the UDP checksum covers besides the
+ * payload; the checksum is stored at chksum_offset of the header when that is above 0. Errors: those of ruk_send().
  */
 int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr, int chksum_offset,
                  const uint8_t *buffer, int paylen, int flags);

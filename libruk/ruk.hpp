@@ -768,7 +768,9 @@ public:
         return buffer.first(length);
     }
 
-    /* The next frame, which stays there; without a buffer its length alone. Nothing when none waits, which is no error.
+    /*
+     * The next frame, which stays there; without a buffer its length alone. Nothing when none waits, which is no error.
+     * It passes over a switch's keyframes and consumes them, while frame_waits() counts them.
      */
     std::optional<size_t> peek_frame(std::error_code &ec) noexcept
     {
@@ -825,9 +827,9 @@ public:
     bool frame_waits() const { return detail::done(ruk_raw_recv_peek(handle_), "ruk_raw_recv_peek"); }
 
     /*
-     * A frame with a header of the caller's, as ruk_raw_send() has it; on a thread-safe endpoint the caller holds its
-     * lock. False when there is no room and send_flags::nonblock was given, which is no error. EINVAL for a header that
-     * has not 1 to 56 bytes, and for a checksum that does not lie in it; EMSGSIZE for a payload of 2 GiB or more.
+     * A frame with a header of the caller's, as ruk_raw_send() has it, for endpoints without locks. False when there is
+     * no room and send_flags::nonblock was given, which is no error. EINVAL for a header that has not 1 to 56 bytes,
+     * and for a checksum that does not lie in it; EMSGSIZE for a payload of 2 GiB or more.
      */
     bool send_frame(std::span<uint8_t> header, uint32_t header_sum, int checksum_offset, payload data, int flags,
                     std::error_code &ec) noexcept

@@ -52,7 +52,7 @@ typedef struct softnic_board_config {
     uint32_t sreqs_count;          /* send request slots that the driver reports */
     uint32_t max_packets;          /* packets an event at most, 1 to 5 */
     uint32_t clock_ns_numerator;   /* nominal ns a tick = numerator / denominator */
-    uint32_t clock_ns_denominator; /* */
+    uint32_t clock_ns_denominator; /* see above */
     int64_t clock_drift_ppb;       /* how much faster than nominal the adapter clock runs */
     uint64_t clock_ticks_mask;     /* published tick mask, 0 = none */
     uint64_t clock_first_ticks;    /* the clock's value when the board is made */
@@ -62,7 +62,7 @@ typedef struct softnic_board_config {
     /* Mappings are the adapter's own memory at one address, so that a thread checker sees both sides; they end with
      * their handle and are never read-only. */
     int one_address;
-    int link_up;               /* */
+    int link_up;               /* non-zero: the link is up from the start */
     uint32_t driver_api_magic; /* driver interface version */
     char driver_version[60];   /* zero-terminated */
     char driver_build[128];    /* zero-terminated */
@@ -74,7 +74,7 @@ void softnic_board_defaults(softnic_board_config_t *config, unsigned board);
 /* Makes the boards; virtual time starts at start_ns of the host's real-time clock. Null when memory is short. */
 softnic_t *softnic_create(const softnic_board_config_t *boards, unsigned count, uint64_t start_ns);
 
-/* Makes their device files exist in this process. 0, or EBUSY when another adapter is attached. */
+/* Makes their device files exist in this process. 0, or EBUSY when this or another adapter is attached. */
 int softnic_attach(softnic_t *nic);
 
 /* Takes the device files away again. Descriptors that are still open are closed. */
@@ -161,6 +161,7 @@ int softnic_pcap_next(softnic_pcap_t *file, uint64_t *time_ns, const void **fram
 /* Null is harmless. */
 void softnic_pcap_close(softnic_pcap_t *file);
 
+/* The board's link goes up, or down with up = 0. */
 void softnic_set_link(softnic_t *nic, unsigned board, int up);
 
 /* The next n sends (all with n below 0), or all changes of the steering, fail with this errno value; 0 ends it. */
