@@ -16,7 +16,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -58,6 +57,7 @@ struct Probe {
     bool as_expected = true;
     std::string failure; /* why it could not be finished; what was measured until then is kept */
     std::string lacking; /* why it could not be tried at all here */
+    std::string differs; /* why it differs, where what was measured does not say */
     ordered_json measured = ordered_json::object();
 
     void require(bool holds) { as_expected = as_expected && holds; }
@@ -144,6 +144,7 @@ public:
             Probe probe;
             probe.name = name;
             passed_over_ = 0;
+            const bool deaf = !unfit_.empty();
             try {
                 (this->*step)(probe);
             } catch (const Failure &failure) {
@@ -151,7 +152,14 @@ public:
             } catch (const Lacking &lacking) {
                 probe.lacking = lacking.what();
             }
-            probe.require(passed_over_ == 0);
+            if (!unfit_.empty() && probe.lacking.empty())
+                probe.failure = (deaf ? "nothing is received any more: " : "") + unfit_;
+            if (passed_over_ != 0) {
+                probe.require(false);
+                probe.differs = fmt::format("{} of more than {} packets passed over, which the library does not take",
+                                            passed_over_ == 1 ? "an event" : fmt::format("{} events", passed_over_),
+                                            NUV_UEVT_MAX_PKTS);
+            }
             if (stop_.requested())
                 probe.failure = "stopped";
             ended(probe);
@@ -214,22 +222,31 @@ private:
     };
 
     /*
-     * Whether an event waits that the library can take. It has room for the packets that an event may have, and does
-     * not look how many there are: an event of more is passed over, and the probe differs.
+     * Whether an event waits that the library can take. The library has room for the packets that an event may have,
+     * and does not look how many there are: an event of more is passed over, and the probe differs. It waits without
+     * end for an event to be complete, and goes where the length says: after one that would lead it astray nothing is
+     * received any more. Behind a frame that the library drops it goes on by itself, and what comes there is not
+     * looked at.
      */
     bool event_waits()
     {
         ruk__eventq &evq = ep()->rep_eventq;
         const uint8_t packets = _eventq_present(&evq);
-        if (packets <= NUV_UEVT_MAX_PKTS)
-            return packets != 0;
+        if (packets == 0 || !unfit_.empty())
+            return false;
         const auto *event = evq.evq_recvq_state.evs_uevt_cur;
         const uint16_t length = _uevt_length(event);
         if (length == 0 || length % NUV_UEVT_SLOT != 0)
-            return false; /* where the next one lies is not known */
-        const volatile uint8_t *last = _eventq_crcbyte(&evq, event, length);
-        for (const int64_t seen = monotonic_ns(); tov_ld8_acq(last) != 0 && monotonic_ns() - seen < second;) {
+            unfit_ = fmt::format("an event has {} bytes, which is no multiple of {}", length, NUV_UEVT_SLOT);
+        else if (completion_of(event, length) >= second)
+            unfit_ = "an event was not complete after a second";
+        if (!unfit_.empty()) {
+            /* Out of sight: an unbind looks at what waits, too. The position stays, so the ring ends here. */
+            _eventq_clear(const_cast<volatile uint8_t *>(reinterpret_cast<const volatile uint8_t *>(event)));
+            return false;
         }
+        if (packets <= NUV_UEVT_MAX_PKTS)
+            return true;
         _eventq_release(&evq, reinterpret_cast<uintptr_t>(event), length);
         if (passed_over_++ == 0)
             note(fmt::format("an event of {} packets is passed over: the library takes {} at most", packets,
@@ -237,20 +254,43 @@ private:
         return false;
     }
 
-    Datagram next(int64_t timeout_ns, ruk_recvmode mode = RUK_RECV_NONBLOCK)
+    /* After what time an event was complete: 0 when it was at once, a second or more when it was not by then. */
+    int64_t completion_of(const volatile nuv_uevt_ruk_t *event, uint16_t length)
+    {
+        const volatile uint8_t *last = _eventq_crcbyte(&ep()->rep_eventq, event, length);
+        if (tov_ld8_acq(last) == 0)
+            return 0;
+        const int64_t seen = monotonic_ns();
+        int64_t waited = 0;
+        while (tov_ld8_acq(last) != 0 && waited < second)
+            waited = monotonic_ns() - seen;
+        return std::max<int64_t>(waited, 1);
+    }
+
+    /* Fails after an event that the library must not see. */
+    Datagram next(int64_t timeout_ns)
+    {
+        Datagram d = look(timeout_ns);
+        if (!unfit_.empty())
+            fail("{}", unfit_);
+        return d;
+    }
+
+    Datagram look(int64_t timeout_ns)
     {
         Datagram d;
         d.bytes.resize(receive_buffer_size);
         const int64_t start = monotonic_ns();
         for (;;) {
-            if (event_waits() && ruk_recvfrom(endpoint_.dev(), mode, d.bytes.data(), d.bytes.size(), &d.info) == 0) {
+            if (event_waits() &&
+                ruk_recvfrom(endpoint_.dev(), RUK_RECV_NONBLOCK, d.bytes.data(), d.bytes.size(), &d.info) == 0) {
                 d.at_ns = monotonic_ns();
                 d.there = true;
                 d.bytes.resize(std::min<size_t>(d.info.msg_len, d.bytes.size()));
                 return d;
             }
             const int64_t waited = monotonic_ns() - start;
-            if (waited >= timeout_ns || stop_.requested())
+            if (waited >= timeout_ns || stop_.requested() || !unfit_.empty())
                 return d;
             if (waited >= spins_for)
                 usleep(50);
@@ -259,13 +299,15 @@ private:
 
     void drain()
     {
-        while (next(20 * ms).there) {
+        while (look(20 * ms).there) { /* also at the end of a probe that has failed */
         }
     }
 
     /* Has the peer send; it answers before it begins, and after what it was asked for before. */
     std::string ask(const std::string &request, int attempts = 3)
     {
+        if (!unfit_.empty())
+            fail("{}", unfit_);
         char answer[16];
         while (recv(control_, answer, sizeof answer, MSG_DONTWAIT) >= 0) { /* one that came too late */
         }
@@ -382,19 +424,15 @@ private:
             const uint8_t packets = _eventq_present(&evq);
             if (packets == 0)
                 continue;
-            const int64_t seen = monotonic_ns();
             const auto *event = evq.evq_recvq_state.evs_uevt_cur;
             const uint16_t length = _uevt_length(event);
             events++;
             bad_count += packets > NUV_UEVT_MAX_PKTS;
             bad_length += length == 0 || length % NUV_UEVT_SLOT != 0;
-            if (length != 0) {
-                const volatile uint8_t *last = _eventq_crcbyte(&evq, event, length);
-                if (tov_ld8_acq(last) != 0) {
+            if (length != 0 && length % NUV_UEVT_SLOT == 0) {
+                if (const int64_t waited = completion_of(event, length); waited != 0) {
                     early++;
-                    while (tov_ld8_acq(last) != 0 && monotonic_ns() - seen < second) {
-                    }
-                    waits.push_back(monotonic_ns() - seen);
+                    waits.push_back(waited);
                 }
             }
             while (_eventq_present(&evq) != 0 && evq.evq_recvq_state.evs_uevt_cur == event) {
@@ -402,8 +440,6 @@ private:
                     break;
                 deadline = monotonic_ns() + second;
             }
-            if (packets > NUV_UEVT_MAX_PKTS && evq.evq_recvq_state.evs_uevt_cur == event)
-                break;
         }
         p.require(events > 0 && bad_length == 0 && bad_count == 0 && (waits.empty() || spread(waits)["max"] < second));
     }
@@ -430,12 +466,8 @@ private:
                 continue;
             if (evq.evq_recvq_state.evs_pkt_cur == nullptr)
                 histogram[packets]++;
-            const auto *event = evq.evq_recvq_state.evs_uevt_cur;
-            if (!next(0).there) {
-                if (packets > NUV_UEVT_MAX_PKTS && evq.evq_recvq_state.evs_uevt_cur == event)
-                    break;
+            if (!next(0).there)
                 continue;
-            }
             received++;
             deadline = monotonic_ns() + second;
         }
@@ -483,12 +515,15 @@ private:
         uint32_t received = 0;
         const AtEnd record([&] { p.measured = {{"sent", count}, {"received", received}}; });
         ask(send_request(channel.port(), count, 64, 10000));
-        Receiver receiver(endpoint_.dev(), WaitMode::block, stop_);
-        std::array<uint8_t, 2048> buffer;
-        ruk_recv_info info;
-        while (received < count &&
-               receiver.receive(buffer.data(), buffer.size(), &info, monotonic_ns() + 2 * second) == 0)
+        /* It sleeps here, not in the library, which would take the event that wakes it unseen. */
+        int64_t deadline = monotonic_ns() + 2 * second;
+        while (received < count && monotonic_ns() < deadline && !stop_.requested()) {
+            wait_readable(ruk_device_handle(endpoint_.dev()), stop_.fd(), deadline);
+            if (!readable(0) || !next(0).there)
+                continue;
             received++;
+            deadline = monotonic_ns() + 2 * second;
+        }
         p.require(received == count);
     }
 
@@ -1029,6 +1064,7 @@ private:
     int control_ = -1;
     double repeat_ = 1;        /* seconds for a long probe */
     uint32_t passed_over_ = 0; /* events of the probe that the library cannot take */
+    std::string unfit_;        /* why nothing may be received any more */
 };
 
 ordered_json about_the_host(const Options &opt)
@@ -1087,7 +1123,7 @@ int run(const Options &opt)
         probed = probed || result != "not probed";
         ordered_json entry = {
             {"probe", p.name}, {"result", result}, {"expected", p.expected}, {"measured", p.measured}};
-        const std::string reason = p.failure + p.lacking;
+        const std::string reason = result == "differs" ? p.differs : p.failure + p.lacking;
         if (!reason.empty())
             entry["reason"] = reason;
         report["probes"].push_back(std::move(entry));

@@ -169,6 +169,8 @@ def main(root, bin_directory):
             failures.append(f"ruk-accept: lets pass what {probe['probe']} measured under another name")
         if not fits("ruk-accept", report | {"probes": [probe | {"reason": "r"}]}):
             failures.append(f"ruk-accept: lets pass a reason of {probe['probe']}, which did not fail")
+        for extra in ({}, {"reason": "r"}):
+            failures.extend(fits("ruk-accept", report | {"probes": [probe | {"result": "differs"} | extra]}))
     # A probe that failed, or could not be tried, may have measured any part.
     for result in ("failed", "not probed"):
         ended = {"probe": "vlan", "result": result, "expected": "", "measured": {}, "reason": "r"}

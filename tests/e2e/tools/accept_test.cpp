@@ -49,6 +49,25 @@ protected:
         return entry;
     }
 
+    // The entries of these probes over this adapter, of which the first fails.
+    json failing(const std::vector<std::string> &names, const std::string &how)
+    {
+        how_ = how;
+        ScratchDir place;
+        const std::string file = place.file("report.json");
+        auto run = probe(names, {"-o", file});
+        how_.clear();
+        EXPECT_TRUE(run->finish(120000)) << *run;
+        EXPECT_TRUE(run->exited_with(1)) << *run;
+        expect_schema("ruk-accept", run->out());
+        json report = parse(run->out());
+        EXPECT_EQ(json::parse(contents(file)), report);
+        EXPECT_EQ(report["result"], "failed");
+        EXPECT_EQ(report["probes"].size(), names.size());
+        EXPECT_EQ(report["probes"][0]["result"], "failed") << report;
+        return report["probes"];
+    }
+
     // Frames that leave the other host and match are lost.
     void lose_of_peer(const std::string &match)
     {
@@ -104,8 +123,9 @@ protected:
     std::string how_;  // the adapter differs
     std::string said_; // on standard error by the last run that differed
 
-    void expect_passed_over()
+    void expect_passed_over(const json &entry)
     {
+        EXPECT_EQ(entry["reason"], "an event of more than 5 packets passed over, which the library does not take");
         EXPECT_NE(said_.find("ruk-accept: an event of 6 packets is passed over: the library takes 5 at most\n"),
                   std::string::npos)
             << said_;
@@ -309,26 +329,56 @@ TEST_F(AcceptTool, EndpointThatIsNotThere_EndpointsDiffer)
     EXPECT_EQ(measured["refusal"], "EINVAL");
 }
 
-TEST_F(AcceptTool, EventCompletedSecondsLate_EventOrderDiffers)
+// The library would wait for it without end.
+TEST_F(AcceptTool, EventThatIsNeverCompleted_EventOrderFailsAndNothingIsReceivedAfterIt)
 {
     auto peer = serve();
-    const json measured = differing("event_order", "an event is completed late")["measured"];
-    EXPECT_GE(measured["seen_before_complete"], 1);
-    EXPECT_GE(measured["wait_for_completion_ns"]["max"], 1'000'000'000);
-    EXPECT_EQ(measured["bad_length"], 0);
+    const json probes =
+        failing({"event_order", "coalescing", "blocking", "vlan", "full_ring"}, "an event is never completed");
+    EXPECT_EQ(probes[0]["reason"], "an event was not complete after a second");
+    EXPECT_EQ(probes[0]["measured"]["events"], 1);
+    EXPECT_EQ(probes[0]["measured"]["seen_before_complete"], 1);
+    EXPECT_GE(probes[0]["measured"]["wait_for_completion_ns"]["max"], 1'000'000'000);
+    EXPECT_EQ(probes[0]["measured"]["bad_length"], 0);
+    for (const size_t later : {1, 2, 4}) {
+        EXPECT_EQ(probes[later]["result"], "failed") << probes[later];
+        EXPECT_EQ(probes[later]["reason"], "nothing is received any more: an event was not complete after a second");
+    }
+    EXPECT_EQ(probes[3]["result"], "not probed");
+}
+
+// The library would go where the length says.
+TEST_F(AcceptTool, EventOfABadLength_EventOrderFailsAndNothingIsReceivedAfterIt)
+{
+    auto peer = serve();
+    const json none = failing({"event_order", "full_ring"}, "an event of no length");
+    EXPECT_EQ(none[0]["measured"]["bad_length"], 1);
+    EXPECT_EQ(none[0]["reason"], "an event has 0 bytes, which is no multiple of 64");
+    EXPECT_EQ(none[1]["reason"], "nothing is received any more: an event has 0 bytes, which is no multiple of 64");
+    const json odd = failing({"event_order", "store_to_wire"}, "an event of 100 bytes");
+    EXPECT_EQ(odd[0]["measured"]["bad_length"], 1);
+    EXPECT_EQ(odd[0]["reason"], "an event has 100 bytes, which is no multiple of 64");
+    EXPECT_EQ(odd[1]["result"], "failed");
+}
+
+TEST_F(AcceptTool, EventOfNoLength_AnyProbeThatReceivesFails)
+{
+    auto peer = serve();
+    const json probes = failing({"filter_modes"}, "an event of no length");
+    EXPECT_EQ(probes[0]["reason"], "an event has 0 bytes, which is no multiple of 64");
 }
 
 // The library has room for five packets and does not look how many there are: it is never given such an event.
 TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_EventOrderAndCoalescingDiffer)
 {
     auto peer = serve();
-    const json order = differing("event_order", "an event of six packets")["measured"];
-    expect_passed_over();
+    const json ordered = differing("event_order", "an event of six packets"), order = ordered["measured"];
+    expect_passed_over(ordered);
     EXPECT_EQ(order["bad_packet_count"], 1);
     EXPECT_EQ(order["bad_length"], 0);
     EXPECT_GT(order["events"], 10) << "what follows is taken";
-    const json coalesced = differing("coalescing", "an event of six packets")["measured"];
-    expect_passed_over();
+    const json coalescing = differing("coalescing", "an event of six packets"), coalesced = coalescing["measured"];
+    expect_passed_over(coalescing);
     EXPECT_EQ(coalesced["events_by_packets"]["6"], 1) << coalesced;
     EXPECT_GT(coalesced["received"], 0);
     EXPECT_LT(coalesced["received"], 5000);
@@ -337,10 +387,21 @@ TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_EventOrderAndCoalescingDiffer)
 TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_DeliveryDiffers)
 {
     auto peer = serve();
-    const json measured = differing("delivery", "an event of six packets")["measured"];
-    expect_passed_over();
+    const json entry = differing("delivery", "an event of six packets"), measured = entry["measured"];
+    expect_passed_over(entry);
     EXPECT_EQ(measured["sent"], 1473);
     EXPECT_LT(measured["received"], 1473);
+}
+
+// Its receiver sleeps, and what wakes it is looked at before the library is called.
+TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_BlockingDiffers)
+{
+    auto peer = serve();
+    const json entry = differing("blocking", "an event of six packets"), measured = entry["measured"];
+    expect_passed_over(entry);
+    EXPECT_EQ(measured["sent"], 50);
+    EXPECT_GT(measured["received"], 0);
+    EXPECT_LT(measured["received"], 50);
 }
 
 TEST_F(AcceptTool, NothingArrives_CoalescingDiffers)

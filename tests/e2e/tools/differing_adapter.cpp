@@ -15,11 +15,9 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace {
@@ -43,53 +41,27 @@ kz_get_copyblock_t regions;
 uint8_t *ring;
 const oxel_endpt_flow_t *flow;
 
-/* The place of the event's last byte that was taken back. */
-volatile uint8_t *held;
-
-void *release_later(void *)
-{
-    const timespec three_seconds = {3, 0};
-    nanosleep(&three_seconds, nullptr);
-    *held = 0;
-    return nullptr;
-}
-
-/* The first event that the program looks at is shown as incomplete for three seconds. */
-void hold_the_first_event()
-{
-    if (held != nullptr || ring == nullptr || flow == nullptr)
-        return;
-    const uint64_t at = flow->rx_flow.flow_data_off;
-    const auto *event = reinterpret_cast<volatile nuv_uevt_ruk_t *>(ring + at);
-    if (event->pkt_cnt == 0)
-        return;
-    volatile uint8_t *last = ring + (at + __builtin_bswap16(event->batch_len) - 1) % regions.recvq_len;
-    if (*last != 0)
-        return;
-    held = last;
-    *last = NUV_UEVT_FREE_BYTE;
-    pthread_t releaser;
-    if (pthread_create(&releaser, nullptr, release_later, nullptr) != 0)
-        abort();
-    pthread_detach(releaser);
-}
-
 /* The request that the program sent last is one that has datagrams sent. */
 bool awaits_datagrams = false;
 
-/* The first event tells of six packets. The program, which has just been told that datagrams come, has not looked yet.
- */
-void overfill_the_first_event()
+/* Changes the first event. The program, which has just been told that datagrams come, has not looked yet. */
+template <typename Change> void spoil_the_first_event(Change change)
 {
     static bool done = false;
     if (done || !awaits_datagrams || ring == nullptr || flow == nullptr)
         return;
-    auto *event = reinterpret_cast<volatile nuv_uevt_ruk_t *>(ring + flow->rx_flow.flow_data_off);
+    const uint64_t at = flow->rx_flow.flow_data_off;
+    auto *event = reinterpret_cast<volatile nuv_uevt_ruk_t *>(ring + at);
     for (int i = 0; i < 2000 && event->pkt_cnt == 0; i++)
         usleep(1000);
-    done = event->pkt_cnt != 0;
+    if (event->pkt_cnt == 0)
+        return;
+    volatile uint8_t *last = ring + (at + __builtin_bswap16(event->batch_len) - 1) % regions.recvq_len;
+    for (int i = 0; i < 2000 && *last != 0; i++)
+        usleep(1000);
+    done = *last == 0;
     if (done)
-        event->pkt_cnt = NUV_UEVT_MAX_PKTS + 1;
+        change(event, last);
 }
 
 void note_mapping(int fd, uint64_t offset, void *at)
@@ -179,16 +151,6 @@ void *mmap64(void *at, size_t len, int prot, int flags, int fd, off64_t offset) 
     return mapped;
 }
 
-int clock_gettime(clockid_t clock, timespec *now) noexcept
-{
-    static auto *const real = next(static_cast<int (*)(clockid_t, timespec *)>(nullptr), "clock_gettime");
-    const int rc = real(clock, now);
-    /* The program's main thread, which looks at the ring, looks at the clock in between. */
-    if (clock == CLOCK_MONOTONIC && gettid() == getpid() && differs("an event is completed late"))
-        hold_the_first_event();
-    return rc;
-}
-
 int poll(pollfd *fds, nfds_t count, int timeout)
 {
     static auto *const real = next(static_cast<int (*)(pollfd *, nfds_t, int)>(nullptr), "poll");
@@ -213,7 +175,13 @@ ssize_t recv(int fd, void *data, size_t len, int flags)
     static auto *const real = next(static_cast<ssize_t (*)(int, void *, size_t, int)>(nullptr), "recv");
     const ssize_t got = real(fd, data, len, flags);
     if (got > 0 && differs("an event of six packets"))
-        overfill_the_first_event();
+        spoil_the_first_event([](auto *event, auto *) { event->pkt_cnt = NUV_UEVT_MAX_PKTS + 1; });
+    if (got > 0 && differs("an event is never completed"))
+        spoil_the_first_event([](auto *, auto *last) { *last = NUV_UEVT_FREE_BYTE; });
+    if (got > 0 && differs("an event of no length"))
+        spoil_the_first_event([](auto *event, auto *) { event->batch_len = 0; });
+    if (got > 0 && differs("an event of 100 bytes"))
+        spoil_the_first_event([](auto *event, auto *) { event->batch_len = __builtin_bswap16(100); });
     return got;
 }
 
