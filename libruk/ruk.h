@@ -134,9 +134,10 @@ int ruk_device_set_attrs(ruk_device_t dev, struct ruk_device_attrs *attrs);
 int ruk_device_enable(ruk_device_t dev);
 
 /*
- * Asks waiting receive calls to return EINTR: spinning ones at once, sleeping ones within a second.
- * ruk_recvfrom() forgets a request made before it was called, and nothing else does: until then every ruk_raw_recv()
- * that would wait gives EINTR. how is not used. Errors: EINVAL a null endpoint.
+ * Asks waiting receive calls to return EINTR: spinning ones at once, sleeping ones after a second without any frame,
+ * dropped ones and keyframes included.
+ * ruk_recvfrom(), of any thread and in any mode, forgets a request made before it was called, and nothing else does:
+ * until then every ruk_raw_recv() that would wait gives EINTR. how is not used. Errors: EINVAL a null endpoint.
  */
 int ruk_shutdown(ruk_device_t dev, int how);
 

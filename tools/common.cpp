@@ -471,7 +471,7 @@ void add_wait_option(CLI::App &app, WaitMode &mode)
                        mode = value;
            },
            "How to wait: spin (shortest latency, takes a processor), nonblock (look, then poll the device "
-           "descriptor), block (sleep inside the library; an end may take a second longer)")
+           "descriptor), block (sleep inside the library)")
         ->check(CLI::IsMember({"spin", "nonblock", "block"}))
         ->type_name("MODE")
         ->default_str(wait_mode_name(mode));
@@ -498,6 +498,11 @@ Receiver::Receiver(ruk_device_t dev, WaitMode mode, const StopSignal &stop) : de
     quit_fd_ = eventfd(0, EFD_CLOEXEC);
     if (quit_fd_ < 0)
         fail("cannot make an event descriptor: {}", errno_text(errno));
+    /* Ignored unless it is handled, and whatever else it comes upon is restarted. */
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGURG, &action, nullptr);
     guard_ = std::thread([this] { guard(); });
     pthread_setname_np(guard_.native_handle(), "wait-guard");
 }
@@ -512,7 +517,10 @@ Receiver::~Receiver()
     close(quit_fd_);
 }
 
-/* Ends receive calls that wait past their deadline or past a stop request. */
+/*
+ * Ends receive calls that wait past their deadline or past a stop request. One that sleeps looks for a shutdown after
+ * a second without any frame, dropped ones included: a signal ends its poll, too.
+ */
 void Receiver::guard()
 {
     constexpr int64_t longest_sleep = second_ns / 5; /* a deadline may be set while this sleeps */
@@ -520,8 +528,11 @@ void Receiver::guard()
     while (!quit_) {
         int64_t now = monotonic_ns();
         bool due = stop_.requested() || now >= deadline_.load();
-        if (due && inside_)
+        if (due && inside_) {
             ruk_shutdown(dev_, 0);
+            if (mode_ == WaitMode::block)
+                pthread_kill(receiver_, SIGURG);
+        }
         int64_t wake = std::min(due ? now + (inside_ ? retry : longest_sleep) : deadline_.load(), now + longest_sleep);
         wait_readable(quit_fd_, stop_.requested() ? -1 : stop_.fd(), wake);
     }
@@ -564,6 +575,7 @@ int Receiver::receive_guarded(ruk_recvmode mode, void *buf, size_t len, ruk_recv
 {
     for (;;) {
         deadline_ = deadline_ns;
+        receiver_ = pthread_self();
         inside_ = true;
         int rc = ruk_recvfrom(dev_, mode, buf, len, info);
         inside_ = false;

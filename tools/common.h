@@ -202,7 +202,8 @@ void add_wait_option(CLI::App &app, WaitMode &mode);
 /*
  * Receives datagrams one at a time until a deadline or a stop request. A receive call that spins or sleeps
  * inside the library is ended from outside by ruk_shutdown(), which such a call forgets when it was made just
- * before: a helper thread repeats it until the receiver has left.
+ * before, and a sleeping one may not see for long: a helper thread repeats it, with a signal, until the receiver has
+ * left.
  */
 class Receiver {
 public:
@@ -228,6 +229,7 @@ private:
     int quit_fd_ = -1;
     std::atomic<bool> quit_{false};
     std::atomic<bool> inside_{false};
+    std::atomic<pthread_t> receiver_{}; /* of the thread that is or was inside */
     std::atomic<int64_t> deadline_{no_deadline};
     std::thread guard_;
 };

@@ -242,6 +242,27 @@ TEST_F(ReceiveTool, Group_IsReceivedFromTheSourcesAskedFor)
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
+// A receiver that sleeps in the library is woken by each, and the library drops it.
+TEST_F(ReceiveTool, Block_FramesOfAnotherSourceKeepComing_TimeRunsOutAllTheSame)
+{
+    lab.run(lab.peer, "ip address add 10.77.0.3/24 dev peer0");
+    auto other = lab.start(lab.peer, {"python3", "-B", "-c",
+                                      "import socket, time\n"
+                                      "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+                                      "s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, "
+                                      "socket.inet_aton('10.77.0.3'))\n"
+                                      "s.bind(('10.77.0.3', 40001))\n"
+                                      "print('sending', flush=True)\n"
+                                      "while True:\n"
+                                      "    s.sendto(b'unwanted', ('239.1.1.2', 5000))\n"
+                                      "    time.sleep(0.15)\n"});
+    ASSERT_TRUE(other->wait_for_out("sending")) << *other;
+    auto program = receiver({"-p", "5000", "-g", "239.1.1.2@10.77.0.2", "--wait", "block", "-t", "2"});
+    EXPECT_TRUE(program->finish(60000)) << *program;
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(program->out(), "");
+}
+
 TEST_F(ReceiveTool, AllmultiFilter_GroupNobodyJoined_IsShownWithItAlone)
 {
     KernelSocket peer(lab, lab.peer, 40000);
