@@ -1,5 +1,6 @@
 /*
- * Epoll: the device descriptor in an event loop beside others; here standard input, whose end stops the loop.
+ * Epoll: the device descriptor in an event loop beside others; here standard input, a terminal or
+ * a pipe, whose end stops the loop.
  *
  *     example-epoll IF PORT
  */
@@ -38,9 +39,11 @@ int main(int argc, char **argv)
         if (epoll_wait(epoll, &event, 1, -1) == 1 && event.data.fd == STDIN_FILENO)
             running = read(STDIN_FILENO, input, sizeof input) > 0;
         /* Takes all that waits: the descriptor stays readable until then. */
-        while (ruk_recvfrom(dev, RUK_RECV_NONBLOCK, payload, sizeof payload, &info) == 0)
+        while ((rc = ruk_recvfrom(dev, RUK_RECV_NONBLOCK, payload, sizeof payload, &info)) == 0)
             if (info.msg_len <= sizeof payload)
                 dprintf(STDOUT_FILENO, "%.*s\n", (int)info.msg_len, payload);
+        if (rc != EAGAIN)
+            error(1, rc, "ruk_recvfrom");
     }
     return ruk_close(dev);
 }
