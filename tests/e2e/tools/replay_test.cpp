@@ -83,32 +83,6 @@ TEST_F(ReplayTool, CapturedFeed_ArrivesInOrderAtItsPaceAndFaster)
 }
 
 // A capture takes every frame by its mode, and binds nothing.
-TEST_F(ReplayTool, ProgramWithAFilterModeAlone_GetsTheFramesToo)
-{
-    const auto number = [](std::initializer_list<uint32_t> numbers) {
-        std::string bytes;
-        for (const uint32_t n : numbers)
-            bytes.append(reinterpret_cast<const char *>(&n), sizeof n);
-        return bytes;
-    };
-    std::string file = number({0xa1b2c3d4, 2 | 4 << 16, 0, 0, 65535, 1}); // Ethernet
-    for (const char *text : {"the first of a file", "the second of a file"}) {
-        std::string frame = "\x02\x33\x44\x55\x66\x77\x02\x33\x44\x55\x66\x88\x88\xb5"; // to nobody here
-        frame += text;
-        frame.resize(60);
-        file += number({1600000000, 0, 60, 60}) + frame;
-    }
-    const std::string feed = scratch.file("others.pcap");
-    std::ofstream(feed, std::ios::binary) << file;
-    auto program = lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--replay=" + feed, "--", bin("ruk-capture"),
-                                           "-i", "oxel0", "-w", "-", "-t", "60"});
-    EXPECT_TRUE(program->wait_for_out("the first of a file")) << program->err();
-    EXPECT_TRUE(program->wait_for_out("the second of a file")) << program->err();
-    program->signal(SIGINT);
-    EXPECT_TRUE(program->finish());
-    EXPECT_TRUE(program->exited_with(0)) << program->err();
-}
-
 TEST_F(ReplayTool, FileThatIsNone_IsRefusedBeforeTheProgramRuns)
 {
     auto missing = replay(scratch.file("none"), {"-t", "0"});
