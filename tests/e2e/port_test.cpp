@@ -523,14 +523,30 @@ TEST_F(PacketPortTest, LargeMtu_FramesPassWhole)
 }
 
 #ifndef __SANITIZE_THREAD__ // which needs addresses of its own all the time
-// In a process of its own, with room for another 20 MiB of addresses.
-TEST_F(PacketPortTest, RingLargerThanTheProcessMayMap_IsHalvedUntilItFits_AndSaidOnce)
+// Runs it in a process of its own, which it hands a descriptor to write to; what is written there.
+template <typename Run> std::string written_in_child(const Run &run)
 {
     int said[2];
-    ASSERT_EQ(pipe(said), 0);
+    EXPECT_EQ(pipe(said), 0);
     const pid_t child = fork();
-    if (child == 0) {
-        dup2(said[1], STDERR_FILENO);
+    if (child == 0)
+        _exit(run(said[1]) && !testing::Test::HasFailure() ? 0 : 1);
+    close(said[1]);
+    std::string text;
+    for (char c; read(said[0], &c, 1) == 1;)
+        text += c;
+    close(said[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << text;
+    return text;
+}
+
+// With room for another 20 MiB of addresses.
+TEST_F(PacketPortTest, RingLargerThanTheProcessMayMap_IsHalvedUntilItFits_AndSaidOnce)
+{
+    const std::string text = written_in_child([&](int out) {
+        dup2(out, STDERR_FILENO);
         port.reset();
         std::string error;
         const bool limited = limit_addresses(20u << 20);
@@ -543,41 +559,21 @@ TEST_F(PacketPortTest, RingLargerThanTheProcessMayMap_IsHalvedUntilItFits_AndSai
             inject(frame.bytes());
             whole += next() == frame.bytes();
         }
-        _exit(limited && whole == 10000 && !HasFailure() ? 0 : 1);
-    }
-    close(said[1]);
-    std::string text;
-    for (char c; read(said[0], &c, 1) == 1;)
-        text += c;
-    close(said[0]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << text;
+        return limited && whole == 10000;
+    });
     EXPECT_EQ(text, "softnic: oxel0: the host refuses a packet ring of 67108864 bytes; it has given one of 16777216\n");
 }
 
 TEST_F(PacketPortTest, ProcessThatMayMapNoRing_OpenFails_SaysSo)
 {
-    int said[2];
-    ASSERT_EQ(pipe(said), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    const std::string text = written_in_child([&](int out) {
         port.reset();
         std::string error;
         error.reserve(256);
         const bool limited = limit_addresses(200u << 10); // less than the smallest ring
         const bool refused = softnic::make_packet_port(lab.adapter.ifname, &error) == nullptr;
-        const bool told = write(said[1], error.data(), error.size()) == static_cast<ssize_t>(error.size());
-        _exit(limited && refused && told ? 0 : 1);
-    }
-    close(said[1]);
-    std::string text;
-    for (char c; read(said[0], &c, 1) == 1;)
-        text += c;
-    close(said[0]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << text;
+        return limited && refused && write(out, error.data(), error.size()) == static_cast<ssize_t>(error.size());
+    });
     EXPECT_EQ(text, "receive ring on oxel0: Cannot allocate memory");
 }
 
