@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <net/if.h>
+#include <net/route.h>
 #include <sched.h>
 #include <sstream>
 #include <sys/ioctl.h>
@@ -66,6 +67,11 @@ struct Address {
     uint32_t address; /* network byte order */
     bool multicast;
     bool link_up;
+};
+
+struct Board {
+    uint32_t endpoints = 0;
+    std::vector<std::string> interfaces;
 };
 
 /* An IPv4 address of the host that is on some subnet, as an open looks at them. */
@@ -143,8 +149,9 @@ public:
             addresses();
             subnets();
         }
+        for (const std::vector<std::string> &interfaces : adapters_interfaces())
+            routes(interfaces);
         for (const std::string &device : devices()) {
-            routes(device);
             neighbours(device);
             multicast(device);
             reverse_path(device);
@@ -172,13 +179,30 @@ private:
         return false;
     }
 
+    static void add_new(std::vector<std::string> &names, const std::string &name)
+    {
+        if (std::ranges::find(names, name) == names.end())
+            names.push_back(name);
+    }
+
     std::vector<std::string> devices() const
     {
         std::vector<std::string> names;
         for (const Address &a : addresses_)
-            if (std::ranges::find(names, device_of(a.interface)) == names.end())
-                names.push_back(device_of(a.interface));
+            add_new(names, device_of(a.interface));
         return names;
+    }
+
+    /* By their names: of each adapter all, also those that were not asked for; without adapters those of the host. */
+    std::vector<std::vector<std::string>> adapters_interfaces() const
+    {
+        std::vector<std::vector<std::string>> all;
+        for (const auto &[number, board] : boards_)
+            all.push_back(board.interfaces);
+        if (boards_.empty())
+            for (const std::string &device : devices())
+                all.push_back({device});
+        return all;
     }
 
     /* ---------------------------------------------------------- driver and adapter */
@@ -267,8 +291,11 @@ private:
             if (wanted_.empty() || device_of(i->tov_ifa_name) == device_of(wanted_)) {
                 addresses_.push_back({i->tov_ifa_name, i->tov_ifa_ipaddr, (i->tov_ifa_flags & TOV_IFF_MULTICAST) != 0,
                                       i->tov_ifa_link_state != 0});
-                boards_[i->tov_ifa_boardnum] = i->tov_ifa_max_endpoints;
+                boards_[i->tov_ifa_boardnum].endpoints = i->tov_ifa_max_endpoints;
             }
+        for (const tov_ifaddrs *i = list; i != nullptr; i = i->tov_ifa_next)
+            if (const auto board = boards_.find(i->tov_ifa_boardnum); board != boards_.end())
+                add_new(board->second.interfaces, i->tov_ifa_name);
         tov_freeifaddrs(list);
         if (!addresses_.empty())
             return true;
@@ -323,7 +350,8 @@ private:
      * take them from the first, so the last ones are tried first. */
     void endpoints()
     {
-        for (const auto &[board, count] : boards_) {
+        for (const auto &[board, of_board] : boards_) {
+            const uint32_t count = of_board.endpoints;
             int rc = ENODEV;
             for (uint32_t number = count; number > 0 && (rc = claim(board, number - 1)) == EBUSY; number--) {
             }
@@ -400,26 +428,30 @@ private:
 
     /* ---------------------------------------------------------- the host's tables */
 
-    void routes(const std::string &device)
+    /* The endpoint's rule: those that are up, over any interface of its adapter. */
+    void routes(const std::vector<std::string> &interfaces)
     {
         std::ifstream table("/proc/net/route");
-        std::string line, name;
+        std::string line, name, over;
         int count = 0;
         bool gateway = false;
         std::getline(table, line);
         while (std::getline(table, line)) {
             std::istringstream fields(line);
-            uint32_t destination = 0, hop = 0;
-            if (fields >> name >> std::hex >> destination >> hop && name == device) {
+            uint32_t destination = 0, hop = 0, flags = 0;
+            if (fields >> name >> std::hex >> destination >> hop >> flags && (flags & RTF_UP) != 0 &&
+                std::ranges::find(interfaces, name) != interfaces.end()) {
                 count++;
                 gateway = gateway || hop != 0;
             }
         }
+        for (const std::string &interface : interfaces)
+            over += (over.empty() ? "" : ", ") + interface;
         if (count == 0)
-            warn("routes", device + ": the kernel has no route over it, so nothing can be sent",
-                 "set the interface up, or add a route: ip route add NET dev " + device);
+            warn("routes", over + ": no route, so nothing can be sent but to groups and to addresses that end in .255",
+                 "set the interface up, or add a route: ip route add NET dev " + device_of(interfaces[0]));
         else
-            ok("routes", fmt::format("{}: {} route{}{}; an endpoint reads them when it opens", device, count,
+            ok("routes", fmt::format("{}: {} route{}{}; an endpoint reads them when it opens", over, count,
                                      count == 1 ? "" : "s", gateway ? ", one by a gateway" : ""));
     }
 
@@ -641,7 +673,7 @@ private:
     std::string wanted_;
     tov_handle_t handle_{};
     std::vector<Address> addresses_;
-    std::map<uint32_t, uint32_t> boards_; /* of the addresses' adapters: number and endpoints */
+    std::map<uint32_t, Board> boards_; /* of the addresses' adapters, by number */
     std::vector<Finding> findings_;
 };
 

@@ -322,8 +322,40 @@ TEST_F(Doctor, DriverThatTellsNoVersion_IsAFailure)
 TEST_F(Doctor, NoRouteOverTheInterface_IsAWarning)
 {
     lab.run(lab.adapter, "ip route flush dev oxel0");
-    EXPECT_EQ(worst(examine(), "routes")["found"], "oxel0: the kernel has no route over it, so nothing can be sent");
+    const json found = worst(examine(), "routes");
     EXPECT_EQ(status_, 1);
+    EXPECT_EQ(found["found"],
+              "oxel0: no route, so nothing can be sent but to groups and to addresses that end in .255");
+    EXPECT_EQ(found["remedy"], "set the interface up, or add a route: ip route add NET dev oxel0");
+    // As it is. A program that opens its endpoint now:
+    for (const auto &[to, status] : {std::pair("239.1.1.1", 0), {"10.77.0.255", 0}, {"10.77.0.2", 2}}) {
+        auto sender = soft({"ruk-send", "-i", "oxel0", std::string(to) + ":5000", "-m", "x"});
+        ASSERT_TRUE(sender->finish());
+        EXPECT_TRUE(sender->exited_with(status)) << *sender;
+    }
+}
+
+TEST_F(Doctor, RoutesOverAnotherInterfaceOfTheAdapter_Count)
+{
+    lab.run(lab.adapter, "ip link add oxel0.5 address 02:6f:78:00:00:01 type veth peer name other5"
+                         " && ip addr add 10.77.5.1/24 dev oxel0.5 && ip link set oxel0.5 up && ip link set other5 up"
+                         " && ip route flush dev oxel0");
+    for (const std::vector<std::string> &options : {std::vector<std::string>{}, {"-i", "oxel0"}}) {
+        const json found = worst(examine(options), "routes");
+        EXPECT_EQ(found["found"], "oxel0, oxel0.5: 1 route; an endpoint reads them when it opens");
+        EXPECT_EQ(found["status"], "ok");
+    }
+    // It needs no route over the interface that it is opened by.
+    lab.run(lab.adapter, "ip route add 10.77.0.0/24 dev oxel0.5 src 10.77.5.1");
+    EXPECT_EQ(worst(examine({"-i", "oxel0"}), "routes")["found"],
+              "oxel0, oxel0.5: 2 routes; an endpoint reads them when it opens");
+    auto sender = soft({"ruk-send", "-i", "oxel0", "10.77.0.2:5000", "-m", "x"});
+    ASSERT_TRUE(sender->finish());
+    EXPECT_TRUE(sender->exited_with(0)) << *sender;
+
+    lab.run(lab.adapter, "ip link add eth9 type veth peer name eth8 && ip addr add 10.79.0.9/24 dev eth9"
+                         " && ip link set eth9 up && ip route flush dev oxel0.5");
+    EXPECT_EQ(worst(examine(), "routes")["status"], "warning") << "another card's does not count";
 }
 
 TEST_F(Doctor, SmallSocketBuffers_AreAWarning)
