@@ -216,37 +216,39 @@ private:
             return true;
         }
         std::string file = "/dev/oxelB*";
-        const bool refused = refused_file(file, rc);
+        bool refused = false, there = true;
+        for (int board = 0; board < TOV_MAX_BOARDS && there && !refused; board++)
+            refused = refused_file(board, file, rc, there);
         if (rc == ENOENT && !refused)
             return bad("device_files", "there is no " + file,
                        "load the driver, or run this under 'rukrun --soft=IF --' for the software adapter");
-        return bad("device_files", file + " cannot be opened: " + errno_text(rc),
-                   rc == EACCES || rc == EPERM ? "give this user read and write permission on " + file
-                                               : "see what the driver says in the kernel's log");
+        return bad("device_files", file + " cannot be opened: " + errno_text(rc), remedy_of_refusal(file, rc));
     }
 
-    /* An adapter's file has one of two names, and an open tells only of the second: looks at both, and gives the first
+    /* A board's file has one of two names, and an open tells only of the second: looks at both, and gives the first
      * file that is there and refuses. */
-    static bool refused_file(std::string &file, int &error)
+    static bool refused_file(int board, std::string &file, int &error, bool &there)
     {
-        for (int board = 0; board < TOV_MAX_BOARDS; board++) {
-            bool there = false;
-            for (const char *form : {"p", ""}) {
-                const std::string name = fmt::format("/dev/oxelB{}{}", form, board);
-                const int fd = open(name.c_str(), O_RDWR | O_CLOEXEC);
-                if (fd >= 0) {
-                    close(fd);
-                    there = true;
-                } else if (errno != ENOENT) {
-                    error = errno;
-                    file = name;
-                    return true;
-                }
+        there = false;
+        for (const char *form : {"p", ""}) {
+            const std::string name = fmt::format("/dev/oxelB{}{}", form, board);
+            const int fd = open(name.c_str(), O_RDWR | O_CLOEXEC);
+            if (fd >= 0) {
+                close(fd);
+                there = true;
+            } else if (errno != ENOENT) {
+                error = errno;
+                file = name;
+                return true;
             }
-            if (!there)
-                break;
         }
         return false;
+    }
+
+    static std::string remedy_of_refusal(const std::string &file, int error)
+    {
+        return error == EACCES || error == EPERM ? "give this user read and write permission on " + file
+                                                 : "see what the driver says in the kernel's log";
     }
 
     static bool preloaded()
@@ -362,9 +364,20 @@ private:
                     fmt::format("board {}: all of its {} are taken: an open fails with EBUSY", board, count),
                     "end a program that has one; 'fuser -v /dev/oxel*' tells which have");
             else
-                bad("endpoints", fmt::format("board {}: none can be had: {}", board, errno_text(rc)),
-                    "see what the driver says in the kernel's log");
+                no_endpoint(board, rc);
         }
+    }
+
+    void no_endpoint(uint32_t board, int rc)
+    {
+        std::string file;
+        bool there;
+        if (refused_file(static_cast<int>(board), file, rc, there))
+            bad("endpoints", fmt::format("board {}: {} cannot be opened: {}", board, file, errno_text(rc)),
+                remedy_of_refusal(file, rc));
+        else
+            bad("endpoints", fmt::format("board {}: none can be had: {}", board, errno_text(rc)),
+                "see what the driver says in the kernel's log");
     }
 
     static int claim(uint32_t board, uint32_t number)

@@ -309,6 +309,39 @@ TEST_F(DoctorOfModel, EndpointsThatCannotBeHadOtherwise_AreAFailureWithTheReason
     EXPECT_EQ(found.remedy, "see what the driver says in the kernel's log");
 }
 
+TEST_F(DoctorOfModel, SecondBoardsFileRefused_EndpointsNameTheFileAndThePermission)
+{
+    softnic_board_config_t boards[2];
+    for (unsigned i = 0; i < 2; i++) {
+        softnic_board_defaults(&boards[i], i);
+        memcpy(boards[i].mac, adapter_mac.data(), sizeof boards[i].mac);
+        boards[i].mac[5] = static_cast<uint8_t>(1 + i);
+    }
+    softnic_t *nic = softnic_create(boards, 2, 1);
+    ASSERT_EQ(softnic_attach(nic), 0);
+    Mac second = adapter_mac;
+    second[5] = 2;
+    hosts({{.mac = adapter_mac, .address = "10.1.0.1", .netmask = "255.255.255.0"},
+           {.name = "oxel1", .mac = second, .address = "10.3.0.1", .netmask = "255.255.255.0"}});
+    int refusal = EACCES;
+    softnic_set_command_hook(
+        nic,
+        [](void *error, unsigned board, unsigned long command) {
+            return board == 1 && command == 0 ? *static_cast<const int *>(error) : 0;
+        },
+        &refusal);
+    for (const auto &[error, text] : {std::pair(EACCES, "Permission denied"), {EPERM, "Operation not permitted"}}) {
+        refusal = error;
+        const std::vector<Finding> found = findings("endpoints");
+        ASSERT_EQ(found.size(), 2u);
+        EXPECT_EQ(found[0].health, Health::ok);
+        EXPECT_EQ(found[1].health, Health::failure);
+        EXPECT_EQ(found[1].found, std::string("board 1: /dev/oxelB1 cannot be opened: ") + text);
+        EXPECT_EQ(found[1].remedy, "give this user read and write permission on /dev/oxelB1");
+    }
+    softnic_destroy(nic);
+}
+
 // ------------------------------------------------------------------ subnets
 
 TEST_F(DoctorOfModel, AddressesApart_AreOk)
