@@ -40,7 +40,7 @@ const char *health_name(Health health)
 namespace {
 
 constexpr unsigned library_major = 4;
-constexpr int default_memberships = 20;
+constexpr int default_memberships = 20, default_sources = 10;
 constexpr int small_socket_buffer = 200000;
 
 /* The first line of a file; without value when it cannot be read. */
@@ -528,10 +528,14 @@ private:
     void memberships(const std::string &device, const IgmpState &igmp)
     {
         const int most = setting("ipv4/igmp_max_memberships").value_or(default_memberships);
-        const std::string found = fmt::format("{}: {} group{} joined, a channel can join {}", device, igmp.groups,
-                                              igmp.groups == 1 ? "" : "s", most);
-        if (most < default_memberships)
-            warn("memberships", found, "sysctl net.ipv4.igmp_max_memberships=1000, if that is too few");
+        const int sources = setting("ipv4/igmp_max_msf").value_or(default_sources);
+        const std::string found =
+            fmt::format("{}: {} group{} joined, a channel can join {}, each from {} source{}", device, igmp.groups,
+                        igmp.groups == 1 ? "" : "s", most, sources, sources == 1 ? "" : "s");
+        if (most < default_memberships || sources < default_sources)
+            warn("memberships", found,
+                 std::string("sysctl") + (most < default_memberships ? " net.ipv4.igmp_max_memberships=1000" : "") +
+                     (sources < default_sources ? " net.ipv4.igmp_max_msf=100" : "") + ", if that is too few");
         else if (igmp.groups >= most)
             warn("memberships", found + ": if it was one that joined them, it gets no more",
                  "sysctl net.ipv4.igmp_max_memberships=1000");

@@ -201,7 +201,9 @@ TEST_F(Doctor, HostSettingsThatHinderMulticastOrTheKernel_AreWarnings)
     const json report = examine({"-i", "oxel0"});
     for (const char *check : {"igmp_version", "reverse_path", "memberships"})
         EXPECT_EQ(worst(report, check)["status"], "warning") << check;
-    EXPECT_EQ(worst(report, "memberships")["found"], "oxel0: 1 group joined, a channel can join 5");
+    EXPECT_EQ(worst(report, "memberships")["found"],
+              "oxel0: 1 group joined, a channel can join 5, each from 10 sources");
+    EXPECT_EQ(worst(report, "memberships")["remedy"], "sysctl net.ipv4.igmp_max_memberships=1000, if that is too few");
     EXPECT_EQ(status_, 1);
 
     lab.run(lab.adapter, "ip link set oxel0 multicast off");
@@ -256,14 +258,39 @@ TEST_F(Doctor, GroupsJoined_AreCounted)
     };
     lab.run(lab.adapter, "echo 20 > /proc/sys/net/ipv4/igmp_max_memberships");
     ASSERT_EQ(join(0), 0);
-    EXPECT_EQ(worst(examine(), "memberships")["found"], "oxel0: 2 groups joined, a channel can join 20");
+    EXPECT_EQ(worst(examine(), "memberships")["found"],
+              "oxel0: 2 groups joined, a channel can join 20, each from 10 sources");
     EXPECT_EQ(worst(examine(), "memberships")["status"], "ok");
     for (int n = 1; n < 20; n++)
         ASSERT_EQ(join(n), 0) << n;
     EXPECT_NE(join(20), 0);
-    EXPECT_EQ(worst(examine(), "memberships")["found"],
-              "oxel0: 21 groups joined, a channel can join 20: if it was one that joined them, it gets no more");
+    EXPECT_EQ(
+        worst(examine(), "memberships")["found"],
+        "oxel0: 21 groups joined, a channel can join 20, each from 10 sources: if it was one that joined them, it "
+        "gets no more");
     EXPECT_EQ(worst(examine(), "memberships")["status"], "warning");
+}
+
+TEST_F(Doctor, FewSourcesOfAGroup_AreAWarningThatTellsHowMany)
+{
+    lab.run(lab.adapter, "echo 20 > /proc/sys/net/ipv4/igmp_max_memberships; echo 2 > /proc/sys/net/ipv4/igmp_max_msf");
+    const json found = worst(examine(), "memberships");
+    EXPECT_EQ(found["status"], "warning");
+    EXPECT_EQ(found["found"], "oxel0: 1 group joined, a channel can join 20, each from 2 sources");
+    EXPECT_EQ(found["remedy"], "sysctl net.ipv4.igmp_max_msf=100, if that is too few");
+    // As it is.
+    const std::vector<std::string> two = {
+        "-p", "5000", "-t", "0.1", "-g", "239.1.2.3@10.77.0.2", "-g", "239.1.2.3@10.77.0.3"};
+    auto receiver = this->receiver(two);
+    ASSERT_TRUE(receiver->finish());
+    EXPECT_TRUE(receiver->exited_with(0)) << *receiver;
+    std::vector<std::string> three = two;
+    three.insert(three.begin(), {"ruk-recv", "-i", "oxel0"});
+    three.insert(three.end(), {"-g", "239.1.2.3@10.77.0.4"});
+    auto refused = soft(three);
+    ASSERT_TRUE(refused->finish());
+    EXPECT_TRUE(refused->exited_with(2)) << *refused;
+    EXPECT_NE(refused->err().find("239.1.2.3@10.77.0.4: No buffer space available"), std::string::npos) << *refused;
 }
 
 TEST_F(Doctor, NeighbourThatDoesNotAnswer_IsNamed)
