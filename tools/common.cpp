@@ -14,6 +14,7 @@
 #include <net/if.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -475,6 +476,23 @@ void add_wait_option(CLI::App &app, WaitMode &mode)
         ->check(CLI::IsMember({"spin", "nonblock", "block"}))
         ->type_name("MODE")
         ->default_str(wait_mode_name(mode));
+}
+
+std::vector<int> allowed_processors()
+{
+    /* Larger until it holds all that the machine may have. */
+    std::vector<cpu_set_t> sets(1);
+    while (sched_getaffinity(0, sets.size() * sizeof(cpu_set_t), sets.data()) != 0) {
+        if (errno != EINVAL || sets.size() == 1024)
+            return {};
+        sets.resize(2 * sets.size());
+    }
+    std::vector<int> processors;
+    const size_t bytes = sets.size() * sizeof(cpu_set_t);
+    for (size_t i = 0; i < 8 * bytes; i++)
+        if (CPU_ISSET_S(i, bytes, sets.data()))
+            processors.push_back(static_cast<int>(i));
+    return processors;
 }
 
 void wait_readable(int fd, int other_fd, int64_t deadline_ns)

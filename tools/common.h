@@ -234,6 +234,9 @@ private:
     std::thread guard_;
 };
 
+/* Processors that this thread may run on. */
+std::vector<int> allowed_processors();
+
 /* Sleeps until one of the descriptors is readable (a negative one is ignored), at most until the deadline. */
 void wait_readable(int fd, int other_fd, int64_t deadline_ns);
 

@@ -22,7 +22,6 @@
 #include <memory>
 #include <net/if.h>
 #include <net/route.h>
-#include <sched.h>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -628,8 +627,7 @@ private:
 
     void processors()
     {
-        cpu_set_t set;
-        const int count = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
+        const size_t count = allowed_processors().size();
         if (count < 2)
             warn("processors", "this process has one processor: whoever spins keeps the others waiting",
                  "use the blocking receive mode, or more processors");

@@ -54,17 +54,6 @@ const Party adapter_party = {"software adapter's thread", true};
 
 } // namespace
 
-std::vector<int> allowed_processors()
-{
-    std::vector<int> processors;
-    cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) == 0)
-        for (int i = 0; i < CPU_SETSIZE; i++)
-            if (CPU_ISSET(static_cast<size_t>(i), &set))
-                processors.push_back(i);
-    return processors;
-}
-
 std::string processors_text(const std::vector<int> &processors)
 {
     std::string text;

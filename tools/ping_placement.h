@@ -15,8 +15,6 @@ struct Party {
     bool spins = false;
 };
 
-/* Processors that this thread may run on. */
-std::vector<int> allowed_processors();
 std::string processors_text(const std::vector<int> &processors); /* "0-1,4" */
 
 /* Binds the calling thread to a processor; fails the program when it may not run there. */

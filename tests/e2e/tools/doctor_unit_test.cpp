@@ -79,9 +79,13 @@ int __wrap_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set)
 {
     if (!kernel.processors)
         return __real_sched_getaffinity(pid, size, set);
-    CPU_ZERO(set);
+    if (8 * size < static_cast<size_t>(*kernel.processors)) {
+        errno = EINVAL;
+        return -1;
+    }
+    CPU_ZERO_S(size, set);
     for (int i = 0; i < *kernel.processors; i++)
-        CPU_SET(i, set);
+        CPU_SET_S(i, size, set);
     return 0;
 }
 
@@ -512,6 +516,9 @@ TEST_F(DoctorOfModel, Processors_TwoAreEnough)
     kernel.processors = 2;
     EXPECT_EQ(only("processors").health, Health::ok);
     EXPECT_EQ(only("processors").found, "2 for this process");
+    kernel.processors = 5000; /* the kernel refuses a set that does not hold all of the machine's */
+    EXPECT_EQ(only("processors").health, Health::ok);
+    EXPECT_EQ(only("processors").found, "5000 for this process");
     kernel.processors = 1;
     EXPECT_EQ(only("processors").health, Health::warning);
 }
