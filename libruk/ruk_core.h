@@ -84,6 +84,14 @@ void entry_release_multi(struct ruk__tag_entry *entry);
 
 /* ------------------------------------------------------------------ receive (ruk_recv_event.cpp) */
 
+/* What becomes of a packet. */
+enum packet_fate {
+    PACKET_DONE, /* delivered: consume it and return */
+    PACKET_DROP, /* counted: consume it and go on */
+    PACKET_PEEK, /* delivered, stays first in the queue */
+};
+int handle_ruk_uevt(struct ruk__ep *rep, struct ruk__evpacket *evp, enum ruk_recvmode mode, void *buf, size_t len,
+                    struct ruk_recv_info *info); /* a packet_fate */
 uint64_t ruk__clk_ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks);
 void ruk__clk_calc_pkt_timestamps(struct ruk__event_state *evs);
 int arista_check_kf_pkt(const struct ruk__eventq *evq, const uint8_t *pkt);

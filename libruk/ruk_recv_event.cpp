@@ -286,12 +286,6 @@ extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, st
 
 /* ------------------------------------------------------------------ one datagram */
 
-enum packet_fate {
-    PACKET_DONE, /* delivered: consume it and return */
-    PACKET_DROP, /* counted: consume it and go on */
-    PACKET_PEEK, /* delivered, stays first in the queue */
-};
-
 /* Where a frame's headers are. */
 struct frame_view {
     uintptr_t start;    /* in the ring: 2 bytes before the frame */

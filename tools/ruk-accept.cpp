@@ -201,17 +201,24 @@ private:
 
     /* A channel for the time of a probe. */
     struct Channel {
-        explicit Channel(Endpoint &endpoint, int flags = 0) : handle(endpoint.bind(0, flags)) {}
-        explicit Channel(ruk_channel_t bound) : handle(bound) {}
-        ~Channel()
+        explicit Channel(AcceptRun &run, int flags = 0) : Channel(run, run.endpoint_.bind(0, flags)) {}
+        Channel(AcceptRun &run, ruk_channel_t bound) : handle(bound), run_(run) {}
+        ~Channel() { unbind(); }
+        void unbind()
         {
-            if (handle != nullptr)
-                ruk_unbind(handle);
+            if (handle == nullptr)
+                return;
+            run_.look_ahead();
+            ruk_unbind(handle);
+            handle = nullptr;
         }
         Channel(const Channel &) = delete;
         Channel &operator=(const Channel &) = delete;
         uint16_t port() const { return ntohs(channel_address(handle).sin_port); }
         ruk_channel_t handle;
+
+    private:
+        AcceptRun &run_;
     };
 
     struct Datagram {
@@ -223,10 +230,7 @@ private:
 
     /*
      * Whether an event waits that the library can take. The library has room for the packets that an event may have,
-     * and does not look how many there are: an event of more is passed over, and the probe differs. It waits without
-     * end for an event to be complete, and goes where the length says: after one that would lead it astray nothing is
-     * received any more. Behind a frame that the library drops it goes on by itself, and what comes there is not
-     * looked at.
+     * and does not look how many there are: an event of more is passed over, and the probe differs.
      */
     bool event_waits()
     {
@@ -235,16 +239,9 @@ private:
         if (packets == 0 || !unfit_.empty())
             return false;
         const auto *event = evq.evq_recvq_state.evs_uevt_cur;
-        const uint16_t length = _uevt_length(event);
-        if (length == 0 || length % NUV_UEVT_SLOT != 0)
-            unfit_ = fmt::format("an event has {} bytes, which is no multiple of {}", length, NUV_UEVT_SLOT);
-        else if (completion_of(event, length) >= second)
-            unfit_ = "an event was not complete after a second";
-        if (!unfit_.empty()) {
-            /* Out of sight: an unbind looks at what waits, too. The position stays, so the ring ends here. */
-            _eventq_clear(const_cast<volatile uint8_t *>(reinterpret_cast<const volatile uint8_t *>(event)));
+        const uint16_t length = length_of(event);
+        if (length == 0)
             return false;
-        }
         if (packets <= NUV_UEVT_MAX_PKTS)
             return true;
         _eventq_release(&evq, reinterpret_cast<uintptr_t>(event), length);
@@ -252,6 +249,61 @@ private:
             note(fmt::format("an event of {} packets is passed over: the library takes {} at most", packets,
                              NUV_UEVT_MAX_PKTS));
         return false;
+    }
+
+    /*
+     * The length of an event, once it is complete. The library waits without end for that, and goes where the length
+     * says: after one that would lead it astray, for which this is 0, nothing is received any more.
+     */
+    uint16_t length_of(const volatile nuv_uevt_ruk_t *event)
+    {
+        const uint16_t length = _uevt_length(event);
+        if (length == 0 || length % NUV_UEVT_SLOT != 0)
+            unfit_ = fmt::format("an event has {} bytes, which is no multiple of {}", length, NUV_UEVT_SLOT);
+        else if (completion_of(event, length) >= second)
+            unfit_ = "an event was not complete after a second";
+        else
+            return length;
+        /* Out of sight: the ring ends here. */
+        _eventq_clear(const_cast<volatile uint8_t *>(reinterpret_cast<const volatile uint8_t *>(event)));
+        return 0;
+    }
+
+    /*
+     * Whether a packet waits that the library delivers. Those that it drops are dropped here: behind them it would go
+     * on by itself, to events that nobody has looked at.
+     */
+    bool packet_waits()
+    {
+        ruk__eventq &evq = ep()->rep_eventq;
+        while (event_waits()) {
+            ruk__evpacket *packet = ruk__eventq_first(ep(), &evq);
+            const uint64_t delivered = ep()->rep_num_packets;
+            ruk_recv_info info{};
+            if (packet->timestamp == ARISTA_KEYFRAME_MARK) {
+                arista_get_kf_pkt(ep(), packet);
+            } else if (handle_ruk_uevt(ep(), packet, RUK_RECV_PEEK, nullptr, 0, &info) != PACKET_DROP) {
+                ep()->rep_num_packets = delivered; /* the receive call counts it */
+                return true;
+            }
+            ruk__eventq_advance(&evq);
+        }
+        return false;
+    }
+
+    /* Before an unbind or a leave, which look at the length of all events that wait, and wait for each. */
+    void look_ahead()
+    {
+        const ruk__eventq &evq = ep()->rep_eventq;
+        uintptr_t at = _eventq_current(&evq.evq_recvq_state);
+        for (uintptr_t passed = 0; passed < evq.evq_recvq_size;) {
+            const auto *event = reinterpret_cast<const volatile nuv_uevt_ruk_t *>(at);
+            const uint16_t length = tov_ld8_acq(&event->pkt_cnt) != 0 ? length_of(event) : uint16_t{0};
+            if (length == 0)
+                return;
+            at = _eventq_wrap(&evq, at + length);
+            passed += length;
+        }
     }
 
     /* After what time an event was complete: 0 when it was at once, a second or more when it was not by then. */
@@ -282,7 +334,7 @@ private:
         d.bytes.resize(receive_buffer_size);
         const int64_t start = monotonic_ns();
         for (;;) {
-            if (event_waits() &&
+            if (packet_waits() &&
                 ruk_recvfrom(endpoint_.dev(), RUK_RECV_NONBLOCK, d.bytes.data(), d.bytes.size(), &d.info) == 0) {
                 d.at_ns = monotonic_ns();
                 d.there = true;
@@ -377,7 +429,7 @@ private:
     void delivery(Probe &p)
     {
         p.expected = "every datagram of every size arrives once, whole and in order";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         const auto rounds = static_cast<uint32_t>(std::max(1.0, repeat_ / 2));
         uint32_t sent = 0, received = 0, damaged = 0, disorder = 0;
         const AtEnd record([&] {
@@ -406,7 +458,7 @@ private:
     void event_order(Probe &p)
     {
         p.expected = "an event that can be seen has its header, and its last byte becomes zero when it is complete";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         const ruk__eventq &evq = ep()->rep_eventq;
         const auto count = static_cast<uint32_t>(1000 * std::max(1.0, repeat_ / 10));
         uint32_t events = 0, early = 0, bad_length = 0, bad_count = 0;
@@ -447,7 +499,7 @@ private:
     void coalescing(Probe &p)
     {
         p.expected = "events of one to five packets";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         const ruk__eventq &evq = ep()->rep_eventq;
         std::map<int, uint32_t> histogram;
         uint32_t received = 0;
@@ -485,7 +537,7 @@ private:
     void polling(Probe &p)
     {
         p.expected = "the descriptor is readable while events wait, and soon after the last is taken no longer";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         drain();
         p.require(!readable(50));
         std::vector<int64_t> quiet;
@@ -510,7 +562,7 @@ private:
     void blocking(Probe &p)
     {
         p.expected = "a receiver that sleeps wakes for each datagram";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         constexpr uint32_t count = 50;
         uint32_t received = 0;
         const AtEnd record([&] { p.measured = {{"sent", count}, {"received", received}}; });
@@ -572,7 +624,7 @@ private:
     void filter_modes(Probe &p)
     {
         p.expected = "normal: only the channels' datagrams; all-multicast: groups too; raw: everything";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         const AtEnd back([&] {
             ruk_set_filter_mode(endpoint_.dev(), RUK_RECV_FILTER_NORMAL);
             drain();
@@ -601,7 +653,7 @@ private:
     {
         p.expected = "the kernel gets a copy when the binding asks for it, and nothing otherwise";
         for (const bool duplicate : {false, true}) {
-            Channel channel(endpoint_, duplicate ? RUK_BIND_KERNEL : 0);
+            Channel channel(*this, duplicate ? RUK_BIND_KERNEL : 0);
             have_sent(send_request(channel.port(), 10, 64, 100));
             const uint32_t library = count_until_quiet();
             uint32_t kernel = 0;
@@ -623,7 +675,7 @@ private:
     {
         p.expected = "a joined group's datagrams to the channel's port arrive once, none before the join, to another "
                      "port, or after the leave";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         drain();
         const Target to = {group_address, {}};
         const in_addr address = parse_addr(group_address, "group");
@@ -633,6 +685,7 @@ private:
         must(ruk_mcast_join(channel.handle, &address, nullptr), "the group cannot be joined");
         const size_t joined = arrivals_of_members(channel.port(), 410, to), foreign = arrivals(other, 420, to);
         p.measured.update({{"joined", joined}, {"other_port", foreign}});
+        look_ahead();
         must(ruk_mcast_leave(channel.handle, &address), "the group cannot be left");
         /* The library would drop what still comes: it is not to come at all. */
         const uint64_t dropped = ep()->rep_stats.dropped_nosock;
@@ -648,13 +701,14 @@ private:
     {
         p.expected = "of a group that is joined for one source its datagrams arrive once, another's do not, and none "
                      "after the leave";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         drain();
         const Target to = {group_address, {}};
         const in_addr address = parse_addr(group_address, "group"), stranger = parse_addr(nobody, "source");
         must(ruk_mcast_join_source(channel.handle, &address, &peer_.sin_addr), "the group cannot be joined");
         const size_t its = arrivals_of_members(channel.port(), 500, to);
         p.measured = {{"of_the_source", its}};
+        look_ahead();
         must(ruk_mcast_leave_source(channel.handle, &address, &peer_.sin_addr), "the group cannot be left");
         const size_t left = arrivals(channel.port(), 510, to);
         p.measured["left"] = left;
@@ -674,7 +728,7 @@ private:
             "does not";
         const in_addr subnet = {ep()->rep_mif->tov_ifa_ipaddr | ~ep()->rep_mif->tov_ifa_netmask};
         for (const bool asked : {false, true}) {
-            Channel channel(endpoint_, asked ? RUK_BIND_BROADCAST : 0);
+            Channel channel(*this, asked ? RUK_BIND_BROADCAST : 0);
             drain();
             const size_t limited = arrivals(channel.port(), 600, {"255.255.255.255", {}}),
                          directed = arrivals(channel.port(), 610, {addr_text(subnet), {}});
@@ -708,11 +762,11 @@ private:
             throw Lacking(fmt::format("the peer has no interface on the subnet of {}, which is {}'s",
                                       addr_text(other_address), other->tov_ifa_name));
 
-        Channel here(endpoint_);
+        Channel here(*this);
         ruk_channel_t bound = nullptr;
         must(ruk_bind_addr(endpoint_.dev(), &other_address, 0, here.port(), nullptr, &bound),
              "the VLAN's address cannot be bound");
-        Channel there(bound);
+        Channel there(*this, bound);
         drain();
         const in_addr group = parse_addr(group_address, "group");
         must(ruk_mcast_join(here.handle, &group, nullptr), "the group cannot be joined");
@@ -750,7 +804,7 @@ private:
     {
         p.expected = "the MAC address of a next hop that the kernel does not know is asked for when a handle is made, "
                      "and is right";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         drain();
         ask("hello"); /* so that the kernel knows it, which tells the right answer */
         const auto forget = [&] { memset(ep()->rep_mac_cache, 0, sizeof ep()->rep_mac_cache); };
@@ -823,13 +877,12 @@ private:
         });
         while (tried < rounds && !stop_.requested()) {
             tried++;
-            Channel first(endpoint_);
+            Channel first(*this);
             ask(send_request(first.port(), 200, 64, 20));
             next(second); /* amid the stream */
-            ruk_unbind(first.handle);
             const ruk_channel_t gone = first.handle;
-            first.handle = nullptr;
-            Channel second_one(endpoint_);
+            first.unbind();
+            Channel second_one(*this);
             ask(send_request(second_one.port(), 20, 64, 20));
             uint32_t here = 0;
             for (Datagram d = next(second); d.there && here < 20; d = next(100 * ms)) {
@@ -875,7 +928,7 @@ private:
             attrs.hw_timestamping = 0;
             ruk_device_set_attrs(endpoint_.dev(), &attrs);
         });
-        Channel channel(endpoint_);
+        Channel channel(*this);
         std::vector<int64_t> ages;
         uint32_t undated = 0, backwards = 0;
         uint64_t last = 0;
@@ -968,7 +1021,7 @@ private:
     {
         p.expected =
             "payloads of every size leave whole, on either side of the threshold between the two ways of sending";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         Echo echo(*this, channel);
         oxel_ruk_params_t params{};
         if (const int rc = tov_ioctl(ep()->rep_handle, OXEL_GET_RUK_PARAMS, &params, sizeof params); rc != 0)
@@ -994,7 +1047,7 @@ private:
     void store_to_wire(Probe &p)
     {
         p.expected = "every request is completed, and its datagram comes back";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         Echo echo(*this, channel);
         const auto count = static_cast<uint32_t>(1000 * std::max(1.0, repeat_));
         for (const int size : {64, 1400}) {
@@ -1036,7 +1089,7 @@ private:
     void full_ring(Probe &p)
     {
         p.expected = "a full ring drops the newest datagrams, and after it is emptied all goes on";
-        Channel channel(endpoint_);
+        Channel channel(*this);
         drain();
         const uint32_t count = static_cast<uint32_t>(ep()->rep_eventq.evq_recvq_size / 64 * 6 / 5);
         uint32_t received = 0, gaps = 0, after = 0;

@@ -404,6 +404,35 @@ TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_BlockingDiffers)
     EXPECT_LT(measured["received"], 50);
 }
 
+// Behind a frame that it drops the library goes on by itself.
+TEST_F(AcceptTool, UnfitEventBehindADroppedFrame_IsFoundAllTheSame)
+{
+    auto peer = serve();
+    expect_passed_over(differing("delivery", "behind a dropped frame, an event of six packets"));
+    const std::pair<const char *, const char *> unfit[] = {
+        {"an event is never completed", "an event was not complete after a second"},
+        {"an event of no length", "an event has 0 bytes, which is no multiple of 64"},
+        {"an event of 100 bytes", "an event has 100 bytes, which is no multiple of 64"},
+    };
+    for (const auto &[how, reason] : unfit) {
+        const json probes = failing({"delivery", "full_ring"}, std::string("behind a dropped frame, ") + how);
+        EXPECT_EQ(probes[0]["reason"], reason);
+        EXPECT_EQ(probes[1]["reason"], std::string("nothing is received any more: ") + reason);
+    }
+}
+
+// An unbind waits for each event of the ring, and goes from one to the next by their lengths.
+TEST_F(AcceptTool, UnfitEventBehindTheOneThatIsTaken_AnUnbindDoesNotMeetIt)
+{
+    auto peer = serve();
+    const json never = failing({"tag_reuse", "full_ring"}, "second, an event is never completed");
+    EXPECT_EQ(never[0]["reason"], "an event was not complete after a second");
+    EXPECT_EQ(never[0]["measured"]["rounds"], 1);
+    EXPECT_EQ(never[1]["reason"], "nothing is received any more: an event was not complete after a second");
+    const json odd = failing({"tag_reuse"}, "second, an event of 100 bytes");
+    EXPECT_EQ(odd[0]["reason"], "an event has 100 bytes, which is no multiple of 64");
+}
+
 TEST_F(AcceptTool, NothingArrives_CoalescingDiffers)
 {
     auto peer = serve();
