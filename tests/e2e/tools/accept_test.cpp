@@ -393,15 +393,33 @@ TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_DeliveryDiffers)
     EXPECT_LT(measured["received"], 1473);
 }
 
-// Its receiver sleeps, and what wakes it is looked at before the library is called.
-TEST_F(AcceptTool, EventOfSixPackets_IsPassedOver_BlockingDiffers)
+// The library's own sleep ends with it: the receiver never comes back, and the run goes on without it.
+TEST_F(AcceptTool, SleepingReceiverThatIsHeldUp_BlockingDiffersAndTheRunGoesOn)
 {
     auto peer = serve();
-    const json entry = differing("blocking", "an event of six packets"), measured = entry["measured"];
-    expect_passed_over(entry);
-    EXPECT_EQ(measured["sent"], 50);
-    EXPECT_GT(measured["received"], 0);
-    EXPECT_LT(measured["received"], 50);
+    how_ = "an event that wakes a sleeper is never completed";
+    auto run = probe({"blocking", "delivery"});
+    how_.clear();
+    ASSERT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
+    expect_schema("ruk-accept", run->out());
+    const json report = parse(run->out());
+    EXPECT_EQ(entry_of(report, "blocking")["result"], "differs");
+    EXPECT_EQ(entry_of(report, "blocking")["measured"], json({{"sent", 50}, {"received", 0}}));
+    EXPECT_EQ(entry_of(report, "delivery")["result"], "as expected");
+}
+
+TEST_F(AcceptTool, NoEndpointForASleepingReceiver_BlockingFailsWithTheReason)
+{
+    auto peer = serve();
+    how_ = "one endpoint only";
+    auto run = probe({"blocking"});
+    how_.clear();
+    ASSERT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
+    const json entry = entry_of(parse(run->out()), "blocking");
+    EXPECT_EQ(entry["result"], "failed");
+    EXPECT_EQ(entry["reason"], "the sleeping receiver: every endpoint of the adapter behind oxel0 is in use");
 }
 
 // Behind a frame that it drops the library goes on by itself.
