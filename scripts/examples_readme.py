@@ -28,9 +28,10 @@ it, without a card and without being root, is in the [README](../README.md#recei
 """
 END = """
 A larger one, [`market_data`](market_data), is a market data handler with a test suite of its own over the linked-in
-software adapter (`softnic.h`), which loses, delays and reorders datagrams in virtual time. Where the library is
-installed: `g++ -std=c++20 market_data/*.cpp $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main`, or with
-CMake, `cmake -S market_data -B build`.
+software adapter (`softnic.h`), which loses, delays and reorders datagrams in virtual time. A sequence number too far
+ahead counts as damaged: each that is missing is kept. Where the library is installed:
+`g++ -std=c++20 market_data/*.cpp $(pkg-config --cflags --libs ruk-softnic) -lgtest -lgtest_main`, or with CMake,
+`cmake -S market_data -B build`.
 """
 
 

@@ -1,8 +1,8 @@
 /*
  * A small handler of a market data feed: numbered messages in UDP datagrams, over ruk.h alone.
  *
- * Each datagram is a sequence number (8 bytes, network byte order) and a price (8 bytes, the same). The feed counts
- * what is missing, what came twice and what came late, and keeps the newest price.
+ * Each datagram is a sequence number (8 bytes, network byte order, from 1 on) and a price (8 bytes, the same). The feed
+ * counts what is missing, what came twice and what came late, and keeps the newest price.
  */
 #pragma once
 
@@ -11,12 +11,15 @@
 #include <cstdint>
 #include <set>
 
+/* A number further ahead is damaged: each missing one is kept. */
+constexpr uint64_t longest_gap = 100'000;
+
 struct FeedState {
     uint64_t messages = 0;   /* different ones */
     uint64_t missing = 0;    /* never seen, below the highest number */
     uint64_t duplicates = 0; /* seen before */
     uint64_t late = 0;       /* with a number below the highest */
-    uint64_t damaged = 0;    /* too short to be a message */
+    uint64_t damaged = 0;    /* too short to be a message, or with a number that cannot be */
     uint64_t last = 0;       /* highest number */
     uint64_t price = 0;      /* of the message with the highest number */
     uint64_t time_ns = 0;    /* when that arrived; 0 = not known */

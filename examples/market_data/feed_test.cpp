@@ -166,6 +166,24 @@ TEST_F(FeedTest, ShortDatagram_IsDamaged)
     EXPECT_EQ(feed.state().messages, 0u);
 }
 
+TEST_F(FeedTest, NumberTooFarAhead_IsDamagedAndTheFeedGoesOn)
+{
+    Feed feed(dev);
+    deliver(message(1, 100), start_ns);
+    deliver(message(uint64_t{1} << 63 | 2, 999), start_ns);
+    deliver(message(UINT64_MAX, 999), start_ns);
+    deliver(message(1 + longest_gap + 1, 999), start_ns);
+    EXPECT_EQ(feed.poll(), 4);
+    EXPECT_EQ(feed.state().damaged, 3u);
+    EXPECT_EQ(feed.state().messages, 1u);
+    EXPECT_EQ(feed.state().missing, 0u);
+    deliver(message(1 + longest_gap, 101), start_ns);
+    EXPECT_EQ(feed.poll(), 1);
+    EXPECT_EQ(feed.state().damaged, 3u);
+    EXPECT_EQ(feed.state().missing, longest_gap - 1);
+    EXPECT_EQ(feed.state().price, 101u);
+}
+
 TEST_F(FeedTest, ReaderThatSleeps_LosesOnlyWhatTheRingCannotHold)
 {
     Feed feed(dev);
