@@ -14,15 +14,18 @@ using Clock = std::chrono::steady_clock;
 class ReplayTool : public ToolTest {
 protected:
     // tcpdump's own capture of datagrams "0", "1", ... that were sent some milliseconds apart.
-    std::string captured_feed(unsigned datagrams, unsigned apart_us)
+    std::string captured_feed(unsigned datagrams, unsigned apart_us, const char *to = "10.77.0.1")
     {
         const std::string file = scratch.file("feed.pcap");
         auto tcpdump = lab.start(lab.adapter, {"tcpdump", "-i", "oxel0", "-U", "-w", file, "-c",
                                                std::to_string(datagrams), "udp port 5000"});
         EXPECT_TRUE(tcpdump->wait_for_err("listening")) << *tcpdump;
         KernelSocket peer(lab, lab.peer, 40000);
+        in_addr out{};
+        inet_pton(AF_INET, lab.peer.address, &out);
+        EXPECT_EQ(setsockopt(peer.fd(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out), 0);
         for (unsigned i = 0; i < datagrams; i++) {
-            peer.send(std::to_string(i), "10.77.0.1", 5000);
+            peer.send(std::to_string(i), to, 5000);
             usleep(apart_us);
         }
         EXPECT_TRUE(tcpdump->finish()) << *tcpdump;
@@ -82,7 +85,21 @@ TEST_F(ReplayTool, CapturedFeed_ArrivesInOrderAtItsPaceAndFaster)
     EXPECT_GE(replayed(feed + ",speed=1000"), 0.4);
 }
 
-// A capture takes every frame by its mode, and binds nothing.
+// There is no filter that the replay could begin with.
+TEST_F(ReplayTool, ProgramThatTakesAllGroupsByItsFilterMode_BeginsTheReplay)
+{
+    const std::string feed = captured_feed(3, 1000, "239.1.2.3");
+    auto program = lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--replay=" + feed, "--", bin("ruk-recv"),
+                                           "-i", "oxel0", "--filter", "allmulti", "-n", "3", "-t", "60"});
+    for (int i = 0; i < 3; i++) {
+        std::string line;
+        EXPECT_TRUE(program->read_line(&line, 60000)) << *program;
+        EXPECT_EQ(line, "- 10.77.0.2:40000 > 239.1.2.3:5000 len 1 \"" + std::to_string(i) + "\"");
+    }
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
 TEST_F(ReplayTool, FileThatIsNone_IsRefusedBeforeTheProgramRuns)
 {
     auto missing = replay(scratch.file("none"), {"-t", "0"});
