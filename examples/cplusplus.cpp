@@ -1,5 +1,5 @@
 /*
- * C++: sends each datagram that arrives back to where it came from, with owners, spans and exceptions of ruk.hpp.
+ * C++: sends each whole datagram that arrives back to where it came from, with owners, spans and exceptions of ruk.hpp.
  *
  *     example-cplusplus IF PORT [COUNT]
  */
@@ -19,10 +19,11 @@ try {
     ruk::endpoint endpoint = ruk::endpoint::open_if(argv[1], ruk::open_flags::hw_timestamping);
     ruk::channel channel = endpoint.bind(static_cast<uint16_t>(atoi(argv[2])));
 
-    std::array<std::byte, 1500> buffer;
+    std::array<std::byte, 1472> buffer; // what a frame holds
     for (long left = argc > 3 ? atol(argv[3]) : -1; left != 0; left--) {
         const ruk::datagram datagram = endpoint.receive(buffer, ruk::wait::sleep);
-        printf("%zu bytes%s\n", datagram.data().size(), datagram.time() ? ", dated" : "");
+        printf("%zu bytes%s%s\n", datagram.data().size(), datagram.time() ? ", dated" : "",
+               datagram.truncated() ? ", cut" : "");
         fflush(stdout);
         if (!datagram.truncated())
             channel.send_to(datagram.from(), datagram.data());

@@ -74,6 +74,26 @@ TEST_F(Examples, CPlusPlus_SendsBackWhatItReceives)
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
+TEST_F(Examples, CPlusPlus_DatagramThatIsCut_IsToldAndNotSentBack)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    auto program = example("cplusplus", {"oxel0", "5000"});
+    std::string line;
+    send_until_line(*program, peer, "hello", "10.77.0.1", &line);
+    EXPECT_EQ(line, "5 bytes, dated");
+    put_frame(0x0800, datagram_with_length_field(8 + 1473)); // the example has room for 1472
+    while (line == "5 bytes, dated")                         // one may have been sent before it listened
+        ASSERT_TRUE(program->read_line(&line)) << *program;
+    EXPECT_EQ(line, "1472 bytes, dated, cut");
+    peer.send("after", "10.77.0.1", 5000);
+    std::string got;
+    while ((got = peer.receive()).ends_with("hello")) { // what came before
+    }
+    EXPECT_EQ(got.substr(got.find(' ') + 1), "after") << "nothing of the cut one";
+    program->signal(SIGTERM);
+    EXPECT_TRUE(program->finish());
+}
+
 TEST_F(Examples, Send_SendsOnAHandleAndToAnAddress)
 {
     KernelSocket peer(lab, lab.peer, 40000);
@@ -140,6 +160,31 @@ TEST_F(Examples, Threads_SendStandardInputAndStopInOrder)
     EXPECT_TRUE(program->has_ended());
     EXPECT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
+TEST_F(Examples, Threads_EarlierLineThatIsRefused_IsToldAndIsTheStatus)
+{
+    KernelSocket peer(lab, lab.peer, 40000);
+    const ScratchDir scratch;
+    const std::string input = scratch.file("input");
+    ASSERT_EQ(mkfifo(input.c_str(), 0600), 0);
+    // The next hop is not known, and the host lets nobody ask for it.
+    lab.run(lab.adapter, "ip neigh del 10.77.0.2 dev oxel0 && nft 'add table ip mute; "
+                         "add chain ip mute out { type filter hook output priority 0; }; "
+                         "add rule ip mute out udp dport 67 drop'");
+    auto program = lab.start(lab.adapter, {"sh", "-c",
+                                           "exec " + bin("rukrun") + " --soft=oxel0 -- " + path("threads") +
+                                               " oxel0 5000 10.77.0.2 40000 <" + input});
+    const int end = open(input.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(end, 0);
+    ASSERT_EQ(write(end, "one\n", 4), 4);
+    ASSERT_TRUE(program->wait_for_err("ruk_sendto: Operation not permitted")) << *program;
+    lab.run(lab.adapter, "ip neigh add 10.77.0.2 lladdr 02:00:00:00:00:02 dev oxel0 nud permanent");
+    ASSERT_EQ(write(end, "two\n", 4), 4);
+    EXPECT_EQ(peer.receive(), "10.77.0.1:5000 two");
+    close(end);
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(1)) << *program;
 }
 
 TEST_F(Examples, Epoll_ReceivesUntilStandardInputEnds)

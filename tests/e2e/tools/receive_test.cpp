@@ -26,17 +26,6 @@ protected:
     }
 };
 
-// An IPv4 header and a UDP header that lies about its length.
-std::string datagram_with_length_field(uint16_t udp_length)
-{
-    std::string ip = {0x45, 0, 0, 46, 0, 0, 0x40, 0, 64, 17, 0, 0, 10, 77, 0, 2, 10, 77, 0, 1};
-    std::string udp = {static_cast<char>(40000 >> 8), static_cast<char>(40000 & 0xff), 5000 >> 8,
-                       static_cast<char>(5000 & 0xff)};
-    udp += static_cast<char>(udp_length >> 8);
-    udp += static_cast<char>(udp_length & 0xff);
-    return ip + udp + std::string(2, '\0') + "eighteen bytes....";
-}
-
 } // namespace
 
 TEST_F(ReceiveTool, Json_DatagramFromAKernelSocket_IsOneObjectALine)

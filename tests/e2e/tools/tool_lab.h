@@ -89,6 +89,17 @@ private:
     int fd_;
 };
 
+/* IP packet of a datagram of 18 bytes from 10.77.0.2:40000 to 10.77.0.1:5000 whose UDP header tells another length. */
+inline std::string datagram_with_length_field(uint16_t udp_length)
+{
+    std::string ip = {0x45, 0, 0, 46, 0, 0, 0x40, 0, 64, 17, 0, 0, 10, 77, 0, 2, 10, 77, 0, 1};
+    std::string udp = {static_cast<char>(40000 >> 8), static_cast<char>(40000 & 0xff), 5000 >> 8,
+                       static_cast<char>(5000 & 0xff)};
+    udp += static_cast<char>(udp_length >> 8);
+    udp += static_cast<char>(udp_length & 0xff);
+    return ip + udp + std::string(2, '\0') + "eighteen bytes....";
+}
+
 class ToolTest : public test_support::LabTest {
 protected:
     /* A program on the adapter's host, over the software adapter. */
