@@ -69,8 +69,8 @@ run_ctest() {
     "${in_fixed_layout[@]}" ctest --test-dir "$build" "$@"
 }
 status=0
-# Four places for two processors: tests/CMakeLists.txt says how many of them each test takes.
-run_ctest -j 4 --output-on-failure --no-tests=error --timeout 300 "${stop[@]}" --output-junit "$results" "$@" \
+# Six places for two processors: tests/CMakeLists.txt says how many of them each test takes.
+run_ctest -j 6 --output-on-failure --no-tests=error --timeout 300 "${stop[@]}" --output-junit "$results" "$@" \
     >"$build/ctest.log" 2>&1 || status=$?
 
 # Which tests failed, and why, is in the results; without them ctest itself has something to say.

@@ -19,7 +19,7 @@ fi
 find "$build" -name '*.gcda' -delete
 status=0
 # Those of the request tap reach nothing of the library, and counting slows their races down.
-ctest --test-dir "$build/tests/unit" -j 4 --timeout 300 -E 'Tap' >"$build/ctest.log" 2>&1 || status=$?
+ctest --test-dir "$build/tests/unit" -j 6 --timeout 300 -E 'Tap' >"$build/ctest.log" 2>&1 || status=$?
 if ((status)); then
     grep -E 'Failed|Timeout|tests passed' "$build/ctest.log" | tail -n 20
     exit 1

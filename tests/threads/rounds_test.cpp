@@ -1,9 +1,11 @@
 /*
  * A receiver in each mode against shutdown and close, 10,000 rounds, and some more behind a switch. Sleeps end at once:
- * poll() is answered here, so that a round takes microseconds.
+ * poll() is answered here, so that a round takes microseconds. It is the race detector that makes use of so many: without
+ * it, a fifth of them.
  */
 #include "rig.h"
 #include "ruk_core.h"
+#include "sanitizer.h"
 
 #include <atomic>
 #include <errno.h>
@@ -16,10 +18,11 @@ namespace {
 
 using namespace threads;
 
-constexpr unsigned STOPPED_ROUNDS = 700; /* of each mode of each call, 10 in all */
-constexpr unsigned CLOSED_ROUNDS = 750;  /* of each mode that waits, 4 in all */
-constexpr unsigned BOTH_ROUNDS = 250;    /* of each mode that waits, 4 in all */
-constexpr unsigned SWITCH_ROUNDS = 100;  /* of each mode that waits, 4 in all, behind a switch */
+constexpr unsigned PART = test_support::kRacesDetected ? 1 : 5;
+constexpr unsigned STOPPED_ROUNDS = 700 / PART; /* of each mode of each call, 10 in all */
+constexpr unsigned CLOSED_ROUNDS = 750 / PART;  /* of each mode that waits, 4 in all */
+constexpr unsigned BOTH_ROUNDS = 250 / PART;    /* of each mode that waits, 4 in all */
+constexpr unsigned SWITCH_ROUNDS = 100 / PART;  /* of each mode that waits, 4 in all, behind a switch */
 
 using Receive = int (*)(ruk_device_t, enum ruk_recvmode);
 
@@ -101,7 +104,7 @@ TEST_F(ThreadRounds, ReceiverInEachMode_ShutdownUntilItHasLeftThenClose_EndsEver
     }
     EXPECT_EQ(softnic_claimed(adapter.nic, 0), 0u);
     printf("thread rounds: %u receivers shut down\n", rounds);
-    EXPECT_EQ(rounds, 7000u);
+    EXPECT_EQ(rounds, 7000u / PART);
 }
 
 TEST_F(ThreadRounds, WaitingReceiver_ClosedUnderneath_LeavesAndOneOfThemCompletesTheClose)
@@ -130,7 +133,7 @@ TEST_F(ThreadRounds, WaitingReceiver_ClosedUnderneath_LeavesAndOneOfThemComplete
         }
     }
     printf("thread rounds: %u receivers closed underneath\n", rounds);
-    EXPECT_EQ(rounds, 3000u);
+    EXPECT_EQ(rounds, 3000u / PART);
 }
 
 /* A sleeper that a shutdown sends home leaves without the receive lock: it must not look back at what is closed. */
@@ -160,7 +163,7 @@ TEST_F(ThreadRounds, WaitingReceiver_ShutDownAndClosedAtOnce_OneOfThemCompletesT
             }
         }
     }
-    EXPECT_EQ(rounds, 1000u);
+    EXPECT_EQ(rounds, 1000u / PART);
     printf("thread rounds: %u receivers shut down and closed, %u left for the shutdown\n", rounds, shut_down);
 }
 
@@ -214,7 +217,7 @@ TEST_F(ThreadRoundsBehindASwitch, ReceiverThatTakesKeyframes_ClosedUnderneath_Le
             }
         }
     }
-    EXPECT_EQ(rounds, 400u);
+    EXPECT_EQ(rounds, 400u / PART);
 }
 
 /* Nothing orders the receiver's last keyframe before the close but the library. */
@@ -242,7 +245,7 @@ TEST_F(ThreadRoundsBehindASwitch, ReceiverThatTakesKeyframes_ShutdownThenClosedA
             }
         }
     }
-    EXPECT_EQ(rounds, 400u);
+    EXPECT_EQ(rounds, 400u / PART);
 }
 
 } // namespace

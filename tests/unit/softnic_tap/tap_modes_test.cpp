@@ -12,7 +12,6 @@
 #include <deque>
 #include <thread>
 
-#include "sanitizer.h"
 #include "tap_test_support.h"
 #include "tap_watch.h"
 #include "tov_io.h"
@@ -52,33 +51,33 @@ void expect_popped(RequestTap &tap, uint32_t serial, unsigned type)
 
 TEST(TapFast, OneThread_PostsBothTypes_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 80000, .dma_of_ten = 5});
+    expect_complete(TapMode::fast, {.requests = 25000, .dma_of_ten = 5});
 }
 
 TEST(TapFast, OneThread_PostsOnlyEmptyPayloads_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 60000, .dma_of_ten = 0});
+    expect_complete(TapMode::fast, {.requests = 25000, .dma_of_ten = 0});
 }
 
 TEST(TapFast, OneThread_PostsOnlyDma_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = test_support::kSanitized ? 100000 : 200000, .dma_of_ten = 10});
+    expect_complete(TapMode::fast, {.requests = 50000, .dma_of_ten = 10});
 }
 
 TEST(TapFast, FourThreads_PostUnderOneLock_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 100000, .threads = 4, .dma_of_ten = 5});
+    expect_complete(TapMode::fast, {.requests = 25000, .threads = 4, .dma_of_ten = 5});
 }
 
 TEST(TapFast, FourThreadsOlderThanTheTap_Post_AllPoppedInOrder)
 {
-    expect_complete(TapMode::fast, {.requests = 50000, .threads = 4, .dma_of_ten = 3, .threads_before_tap = true});
+    expect_complete(TapMode::fast, {.requests = 15000, .threads = 4, .dma_of_ten = 3, .threads_before_tap = true});
 }
 
 TEST(TapFast, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
 {
     expect_complete(TapMode::fast,
-                    {.requests = 6000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = true, .pause_every = 3});
+                    {.requests = 3000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = true, .pause_every = 3});
 }
 
 TEST(TapExact, OneThread_ManyOutstandingOfBothTypes_AllPoppedInOrder)
@@ -99,7 +98,7 @@ TEST(TapExact, FourThreadsOlderThanTheTap_Post_AllPoppedInOrder)
 TEST(TapExact, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
 {
     expect_complete(TapMode::exact,
-                    {.requests = 6000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = true, .pause_every = 3});
+                    {.requests = 3000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = true, .pause_every = 3});
 }
 
 TEST(TapFallback, OneThread_ManyOutstandingOfBothTypes_AllPoppedInOrder)
@@ -115,7 +114,7 @@ TEST(TapFallback, FourThreads_PostUnderOneLock_AllPoppedInOrder)
 TEST(TapFallback, FirmwareSleepsWhenIdle_PostsWithPauses_AllPoppedInOrder)
 {
     expect_complete(TapMode::fallback,
-                    {.requests = 6000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = true, .pause_every = 3});
+                    {.requests = 3000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = true, .pause_every = 3});
 }
 
 // The firmware finds a DMA request in its slot and empty payloads in the queue: which came first?

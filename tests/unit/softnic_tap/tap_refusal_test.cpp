@@ -47,7 +47,7 @@ protected:
     {
         if (int error = enter_host())
             return error;
-        TrafficPlan plan{.requests = 5000, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = sleeps, .pause_every = 5};
+        TrafficPlan plan{.requests = 1500, .threads = 2, .dma_of_ten = 5, .firmware_sleeps = sleeps, .pause_every = 5};
         plan.one_dma_outstanding = preferred == TapMode::fast;
         TrafficResult result;
         {
