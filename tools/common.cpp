@@ -1,6 +1,7 @@
 #include "common.h"
 
-#include <CLI/CLI.hpp>
+#include "options.h"
+
 #include <nlohmann/json.hpp>
 
 #include <arpa/inet.h>
@@ -22,9 +23,9 @@
 
 namespace tools {
 
-namespace {
-
 std::string program_name = "ruk";
+
+namespace {
 
 constexpr int64_t second_ns = 1'000'000'000;
 
@@ -39,69 +40,6 @@ std::string errno_name(int error)
     const char *name = strerrorname_np(error);
     return name ? name : std::to_string(error);
 }
-
-int run_program(CLI::App &app, int argc, char **argv, const std::function<int()> &body)
-{
-    program_name = app.get_name();
-    auto add_version = [](CLI::App &to) {
-        to.set_version_flag("--version", program_name + " " RUK_VERSION, "Print the version and exit");
-    };
-    add_version(app);
-    for (CLI::App *subcommand : app.get_subcommands([](CLI::App *sub) { return !sub->get_name().empty(); }))
-        add_version(*subcommand);
-    app.failure_message([](const CLI::App *, const CLI::Error &e) {
-        return fmt::format("{0}: {1}\n{0}: --help shows what it takes\n", program_name, e.what());
-    });
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &e) {
-        /* --help and --version arrive here too, with code 0. */
-        return app.exit(e) == 0 ? exit_ok : exit_error;
-    }
-    try {
-        return body();
-    } catch (const std::exception &e) {
-        fflush(stdout);
-        note(e.what());
-        return exit_error;
-    }
-}
-
-namespace {
-
-/* Has the option take what the whole of its argument is as a Number in the range, and nothing else. */
-template <typename Number> CLI::Option *only(CLI::Option *option, Number least, Number most, const std::string &what)
-{
-    auto check = [=](std::string &text) -> std::string {
-        Number value{};
-        const char *const end = text.data() + text.size();
-        auto [stop, error] = std::from_chars(text.data(), end, value);
-        /* Infinity and what is not a number are in no range. */
-        if (error != std::errc{} || stop != end || text[0] == '-' || !(value >= least && value <= most))
-            return fmt::format("'{}' is not {}", text, what);
-        text = fmt::format("{}", value); /* without leading zeros, which would mean another base */
-        return {};
-    };
-    return option->transform(CLI::Validator(check, ""));
-}
-
-} // namespace
-
-CLI::Option *only_whole(CLI::Option *option, uint64_t least, uint64_t most)
-{
-    const bool bounded = most != std::numeric_limits<uint64_t>::max();
-    return only(option, least, most,
-                bounded ? fmt::format("a whole number from {} to {}", least, most) : std::string("a whole number"));
-}
-
-CLI::Option *only_number(CLI::Option *option, double least, double most)
-{
-    return only(option, least, most, fmt::format("a number from {:.15g} to {:.15g}", least, most));
-}
-
-CLI::Option *only_seconds(CLI::Option *option) { return only_number(option, 0, 1e9); }
-
-CLI::Option *only_port(CLI::Option *option) { return only_whole(option, 0, 65535); }
 
 void note(std::string_view text)
 {
@@ -207,12 +145,11 @@ std::string group_text(const Group &group)
 
 /* ------------------------------------------------------------------ interface and endpoint */
 
-void InterfaceChoice::add_options(CLI::App &app)
+void InterfaceChoice::add_options(CommandLine line)
 {
-    CLI::Option_group *choice = app.add_option_group("interface", "Which adapter to use");
-    choice->add_option("-i,--interface", name, "Name of a host interface on the adapter")->type_name("IF");
-    choice->add_option("-a,--address", addr, "IPv4 address of a host interface on the adapter")->type_name("ADDR");
-    choice->require_option(1);
+    const CommandLine choice = line.group("interface", "Which adapter to use", 1, 1);
+    choice.option("-i,--interface", name, "Name of a host interface on the adapter").type_name("IF");
+    choice.option("-a,--address", addr, "IPv4 address of a host interface on the adapter").type_name("ADDR");
 }
 
 size_t Interface::max_payload() const
@@ -460,22 +397,18 @@ const char *wait_mode_name(WaitMode mode)
     return "block";
 }
 
-void add_wait_option(CLI::App &app, WaitMode &mode)
+void add_wait_option(CommandLine line, WaitMode &mode)
 {
-    static const std::vector<std::pair<std::string, WaitMode>> modes = {
-        {"spin", WaitMode::spin}, {"nonblock", WaitMode::nonblock}, {"block", WaitMode::block}};
-    app.add_option_function<std::string>(
-           "--wait",
-           [&mode](const std::string &name) {
-               for (const auto &[known, value] : modes)
-                   if (known == name)
-                       mode = value;
-           },
-           "How to wait: spin (shortest latency, takes a processor), nonblock (look, then poll the device "
-           "descriptor), block (sleep inside the library)")
-        ->check(CLI::IsMember({"spin", "nonblock", "block"}))
-        ->type_name("MODE")
-        ->default_str(wait_mode_name(mode));
+    line.choice(
+            "--wait", {"spin", "nonblock", "block"}, wait_mode_name(mode),
+            [&mode](const std::string &name) {
+                for (WaitMode known : {WaitMode::spin, WaitMode::nonblock, WaitMode::block})
+                    if (name == wait_mode_name(known))
+                        mode = known;
+            },
+            "How to wait: spin (shortest latency, takes a processor), nonblock (look, then poll the device "
+            "descriptor), block (sleep inside the library)")
+        .type_name("MODE");
 }
 
 std::vector<int> allowed_processors()

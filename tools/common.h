@@ -22,13 +22,9 @@
 
 #include "ruk.h"
 
-/* Slow to compile: only where options are described. */
-namespace CLI {
-class App;
-class Option;
-} // namespace CLI
-
 namespace tools {
+
+class CommandLine;
 
 /* Exit statuses of every program. */
 enum ExitStatus : int {
@@ -54,17 +50,8 @@ std::string errno_text(int error);
 /* "EAGAIN" and the like; the number for a value without a name. */
 std::string errno_name(int error);
 
-/* Parses the arguments, runs body and turns exceptions into messages and statuses. Adds --version. */
-int run_program(CLI::App &app, int argc, char **argv, const std::function<int()> &body);
-
-/*
- * What the option takes, in decimal digits: no sign, no other base, nothing that is not a finite number. The option
- * itself, for chaining.
- */
-CLI::Option *only_whole(CLI::Option *option, uint64_t least = 0, uint64_t most = std::numeric_limits<uint64_t>::max());
-CLI::Option *only_number(CLI::Option *option, double least, double most);
-CLI::Option *only_seconds(CLI::Option *option); /* none to many years */
-CLI::Option *only_port(CLI::Option *option);
+/* In front of the lines on standard error: "ruk-recv". */
+extern std::string program_name;
 
 /* A line on standard error: "ruk-recv: listening ...". */
 void note(std::string_view text);
@@ -116,7 +103,7 @@ struct InterfaceChoice {
     std::string name;
     std::string addr;
 
-    void add_options(CLI::App &app);
+    void add_options(CommandLine line);
 };
 
 /* A host interface with an IPv4 address. */
@@ -197,7 +184,7 @@ constexpr int64_t next_hop_pause_ns = 50'000'000;
 
 enum class WaitMode { spin, nonblock, block };
 const char *wait_mode_name(WaitMode mode);
-void add_wait_option(CLI::App &app, WaitMode &mode);
+void add_wait_option(CommandLine line, WaitMode &mode);
 
 /*
  * Receives datagrams one at a time until a deadline or a stop request. A receive call that spins or sleeps

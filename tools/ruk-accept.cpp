@@ -6,13 +6,13 @@
  */
 #include "accept_peer.h"
 #include "common.h"
+#include "options.h"
 
 #include "oxel_clksync.h"
 #include "ruk__eventq.h"
 #include "ruk_core.h"
 #include "tov.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -1282,30 +1282,28 @@ int run(const Options &opt)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Tries what the library takes for granted of adapter, firmware and driver, and writes a report. On "
+    Program line("Tries what the library takes for granted of adapter, firmware and driver, and writes a report. On "
                  "the other host, joined by a cable or a switch, runs 'ruk-accept peer'.",
                  "ruk-accept");
     Options opt;
     std::string own = "0.0.0.0";
     // Before the subcommands, which take it over when they are made.
-    app.footer("Exit status: 0 all that could be probed is as expected; 1 something differs or failed, a signal "
-               "ended the run, or nothing could be probed; 2 error.");
-    CLI::App *peer = app.add_subcommand("peer", "The other end: an ordinary program over kernel sockets");
-    peer->add_option("-a,--address", own, "Address to serve on (default: all)")->type_name("ADDR");
-    only_whole(peer->add_option("-p,--port", opt.port, "Port of requests; the next one echoes (7700)"), 1, 65534)
-        ->type_name("PORT");
-    CLI::App *run_it = app.add_subcommand("run", "The run itself, on the host with the adapter");
-    opt.interface.add_options(*run_it);
-    run_it->add_option("peer", opt.peer, "Address of the other host")->type_name("PEER")->required();
-    only_whole(run_it->add_option("-p,--port", opt.port, "Its port (7700)"), 1, 65534)->type_name("PORT");
-    only_number(run_it->add_option("--minutes", opt.minutes, "How long it may take, about (10)"), 0.01, 1000)
-        ->type_name("N");
-    run_it->add_option("-o,--report", opt.report, "Write the report to this new file, as JSON")->type_name("FILE");
-    run_it->add_option("--only", opt.only, "Only this probe (repeatable): " + AcceptRun::probe_names())
-        ->type_name("PROBE")
-        ->allow_extra_args(false);
-    run_it->add_flag("--json", opt.json, "Print the report as one JSON object");
-    app.require_subcommand(1);
-    return run_program(app, argc, argv,
-                       [&] { return peer->parsed() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
+    line.footer("Exit status: 0 all that could be probed is as expected; 1 something differs or failed, a signal "
+                "ended the run, or nothing could be probed; 2 error.");
+    const CommandLine peer = line.command("peer", "The other end: an ordinary program over kernel sockets");
+    peer.option("-a,--address", own, "Address to serve on (default: all)").type_name("ADDR");
+    peer.option("-p,--port", opt.port, "Port of requests; the next one echoes (7700)")
+        .whole(1, 65534)
+        .type_name("PORT");
+    const CommandLine run_it = line.command("run", "The run itself, on the host with the adapter");
+    opt.interface.add_options(run_it);
+    run_it.option("peer", opt.peer, "Address of the other host").type_name("PEER").required();
+    run_it.option("-p,--port", opt.port, "Its port (7700)").whole(1, 65534).type_name("PORT");
+    run_it.option("--minutes", opt.minutes, "How long it may take, about (10)").number(0.01, 1000).type_name("N");
+    run_it.option("-o,--report", opt.report, "Write the report to this new file, as JSON").type_name("FILE");
+    run_it.option("--only", opt.only, "Only this probe (repeatable): " + AcceptRun::probe_names())
+        .type_name("PROBE")
+        .repeatable();
+    run_it.flag("--json", opt.json, "Print the report as one JSON object");
+    return line.run(argc, argv, [&] { return peer.given() ? serve(parse_addr(own, "-a"), opt.port) : run(opt); });
 }

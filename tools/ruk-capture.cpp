@@ -3,8 +3,7 @@
  */
 #include "common.h"
 #include "ledger_view.h"
-
-#include <CLI/CLI.hpp>
+#include "options.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -33,18 +32,19 @@ struct Options {
     bool force = false;
 };
 
-void describe_options(CLI::App &app, Options &opt)
+void describe_options(CommandLine line, Options &opt)
 {
-    opt.interface.add_options(app);
-    app.add_option("-w,--write", opt.file, "File to write; - is standard output")->type_name("FILE")->required();
-    only_whole(app.add_option("-n,--count", opt.count, "End after so many frames"))->type_name("COUNT");
-    only_seconds(app.add_option("-t,--time", opt.seconds, "End after so many seconds"))->type_name("SECONDS");
-    only_whole(app.add_option("-s,--snaplen", opt.snaplen, "Keep so many bytes of a frame (65536)"), 1, 65536)
-        ->type_name("SNAPLEN");
-    app.add_flag("--keep-trailer", opt.keep_trailer, "Keep the 4-byte trailer of each frame");
-    app.add_flag("--force", opt.force, "Overwrite FILE");
-    app.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"
-               "SIGINT and SIGTERM end it cleanly. To look on: ruk-capture -i IF -w - | tcpdump -r -");
+    opt.interface.add_options(line);
+    line.option("-w,--write", opt.file, "File to write; - is standard output").type_name("FILE").required();
+    line.option("-n,--count", opt.count, "End after so many frames").whole().type_name("COUNT");
+    line.option("-t,--time", opt.seconds, "End after so many seconds").seconds().type_name("SECONDS");
+    line.option("-s,--snaplen", opt.snaplen, "Keep so many bytes of a frame (65536)")
+        .whole(1, 65536)
+        .type_name("SNAPLEN");
+    line.flag("--keep-trailer", opt.keep_trailer, "Keep the 4-byte trailer of each frame");
+    line.flag("--force", opt.force, "Overwrite FILE");
+    line.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"
+                "SIGINT and SIGTERM end it cleanly. To look on: ruk-capture -i IF -w - | tcpdump -r -");
 }
 
 /* A pcap file that can be read while it grows. */
@@ -235,8 +235,8 @@ int capture(const Options &opt)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Writes every frame that an adapter receives to a pcap file with nanosecond times.", "ruk-capture");
+    Program line("Writes every frame that an adapter receives to a pcap file with nanosecond times.", "ruk-capture");
     Options opt;
-    describe_options(app, opt);
-    return run_program(app, argc, argv, [&] { return capture(opt); });
+    describe_options(line, opt);
+    return line.run(argc, argv, [&] { return capture(opt); });
 }

@@ -7,12 +7,12 @@
 #include "common.h"
 #include "doctor.h"
 #include "ledger_view.h"
+#include "options.h"
 
 #include "nuv_types.h"
 #include "ruk_core.h"
 #include "tov.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <cstring>
@@ -204,23 +204,23 @@ int show_findings(const std::string &interface, bool json)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Shows the library, the driver, the adapters and the host interfaces on them.", "ruk-info");
+    Program line("Shows the library, the driver, the adapters and the host interfaces on them.", "ruk-info");
     bool json = false;
     bool stats = false;
     std::string interface;
-    app.add_flag("--json", json, "One JSON object");
+    line.flag("--json", json, "One JSON object");
     bool doctor = false;
-    CLI::Option *live = app.add_flag("--stats", stats,
-                                     "Where every frame went: live accounts of the software adapter's boards in all "
-                                     "processes that this user may look into");
-    app.add_flag("--doctor", doctor,
-                 "Check everything between an application and an accelerated datagram, and say what to do about it")
-        ->excludes(live);
-    app.add_option("-i,--interface", interface, "With --stats or --doctor: only this interface")->type_name("IF");
-    app.footer("Exit status: 0 there is an adapter; 1 there is none; 2 error.\n"
-               "Of --stats: 0 there is an account; 1 there is none; 2 error.\n"
-               "Of --doctor: 0 all is well; 1 there are warnings; 2 there are failures, or an error.");
-    return run_program(app, argc, argv, [&] {
+    const Option live = line.flag("--stats", stats,
+                                  "Where every frame went: live accounts of the software adapter's boards in all "
+                                  "processes that this user may look into");
+    line.flag("--doctor", doctor,
+              "Check everything between an application and an accelerated datagram, and say what to do about it")
+        .excludes(live);
+    line.option("-i,--interface", interface, "With --stats or --doctor: only this interface").type_name("IF");
+    line.footer("Exit status: 0 there is an adapter; 1 there is none; 2 error.\n"
+                "Of --stats: 0 there is an account; 1 there is none; 2 error.\n"
+                "Of --doctor: 0 all is well; 1 there are warnings; 2 there are failures, or an error.");
+    return line.run(argc, argv, [&] {
         if (!interface.empty() && !stats && !doctor)
             fail("-i goes with --stats or --doctor");
         return doctor ? show_findings(interface, json) : stats ? show_ledgers(interface, json) : show(json);

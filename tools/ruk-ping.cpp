@@ -2,11 +2,11 @@
  * ruk-ping: request-response latency between two hosts, through libruk or kernel sockets at either end.
  */
 #include "common.h"
+#include "options.h"
 #include "ping_placement.h"
 #include "ping_report.h"
 #include "ping_transport.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <cerrno>
@@ -30,55 +30,55 @@ struct Options {
     uint64_t warmup = 100;
     double interval_us = 0;
     double timeout_ms = 1000;
+    bool connect = false; /* as without it */
     std::string csv;
     std::string plot;
     bool json = false;
 };
 
-void describe_common(CLI::App &app, Options &opt)
+void describe_common(CommandLine line, Options &opt)
 {
-    opt.transport.interface.add_options(app);
-    app.add_flag("--kernel", opt.transport.kernel,
-                 "Use kernel sockets instead of libruk, on any interface or address of the host");
-    only_whole(app.add_option("--cpu", opt.processor, "Run on this processor"), 0, 1023)->type_name("N");
+    opt.transport.interface.add_options(line);
+    line.flag("--kernel", opt.transport.kernel,
+              "Use kernel sockets instead of libruk, on any interface or address of the host");
+    line.option("--cpu", opt.processor, "Run on this processor").whole(0, 1023).type_name("N");
 }
 
-void describe_server(CLI::App &app, Options &opt)
+void describe_server(CommandLine line, Options &opt)
 {
-    describe_common(app, opt);
-    only_port(app.add_option("-p,--port", opt.transport.port, "UDP port to answer on"))->type_name("PORT")->required();
-    add_wait_option(app, opt.transport.wait);
-    only_whole(app.add_option("-n,--count", opt.limit, "End after so many requests"))->type_name("COUNT");
-    only_seconds(app.add_option("-t,--time", opt.seconds, "End after so many seconds"))->type_name("SECONDS");
+    describe_common(line, opt);
+    line.option("-p,--port", opt.transport.port, "UDP port to answer on").port().type_name("PORT").required();
+    add_wait_option(line, opt.transport.wait);
+    line.option("-n,--count", opt.limit, "End after so many requests").whole().type_name("COUNT");
+    line.option("-t,--time", opt.seconds, "End after so many seconds").seconds().type_name("SECONDS");
 }
 
-void describe_client(CLI::App &app, Options &opt)
+void describe_client(CommandLine line, Options &opt)
 {
-    describe_common(app, opt);
-    app.add_option("destination", opt.destination, "The server, or any UDP echo service")
-        ->type_name("DEST:PORT")
-        ->required();
-    only_port(app.add_option("-p,--port", opt.transport.port, "Source port (0 lets the host choose)"))
-        ->type_name("SRCPORT");
-    add_wait_option(app, opt.transport.wait);
-    only_whole(app.add_option("--size", opt.size, "Payload bytes (64)"), 0, SIZE_MAX)->type_name("N");
-    only_whole(app.add_option("-n,--count", opt.count, "Requests to measure (10000)"), 1, 1000000000)->type_name("N");
-    only_seconds(
-        app.add_option("-t,--time", opt.seconds, "End the measurement after so many seconds, whatever the count"))
-        ->type_name("SECONDS");
-    only_whole(app.add_option("--warmup", opt.warmup, "Requests before those (100)"), 0, 1000000000)->type_name("N");
-    only_number(app.add_option("--interval", opt.interval_us, "Microseconds from request to request (0: at once)"), 0,
-                1e9)
-        ->type_name("US");
-    only_number(app.add_option("--timeout", opt.timeout_ms, "Milliseconds until a request counts as lost (1000)"),
-                0.001, 1e9)
-        ->type_name("MS");
-    CLI::Option *connect = app.add_flag(
-        "--connect", [](int64_t) {}, "Send on a handle or connected socket (this is the default)");
-    app.add_flag("--sendto", opt.transport.sendto, "Address each datagram")->excludes(connect);
-    app.add_option("--csv", opt.csv, "Write the whole distribution to a file")->type_name("FILE");
-    app.add_option("--plot", opt.plot, "Draw the distribution with gnuplot")->type_name("FILE.png");
-    app.add_flag("--json", opt.json, "Result as one JSON object");
+    describe_common(line, opt);
+    line.option("destination", opt.destination, "The server, or any UDP echo service")
+        .type_name("DEST:PORT")
+        .required();
+    line.option("-p,--port", opt.transport.port, "Source port (0 lets the host choose)").port().type_name("SRCPORT");
+    add_wait_option(line, opt.transport.wait);
+    line.option("--size", opt.size, "Payload bytes (64)").whole(0, SIZE_MAX).type_name("N");
+    line.option("-n,--count", opt.count, "Requests to measure (10000)").whole(1, 1000000000).type_name("N");
+    line.option("-t,--time", opt.seconds, "End the measurement after so many seconds, whatever the count")
+        .seconds()
+        .type_name("SECONDS");
+    line.option("--warmup", opt.warmup, "Requests before those (100)").whole(0, 1000000000).type_name("N");
+    line.option("--interval", opt.interval_us, "Microseconds from request to request (0: at once)")
+        .number(0, 1e9)
+        .type_name("US");
+    line.option("--timeout", opt.timeout_ms, "Milliseconds until a request counts as lost (1000)")
+        .number(0.001, 1e9)
+        .type_name("MS");
+    const Option connect =
+        line.flag("--connect", opt.connect, "Send on a handle or connected socket (this is the default)");
+    line.flag("--sendto", opt.transport.sendto, "Address each datagram").excludes(connect);
+    line.option("--csv", opt.csv, "Write the whole distribution to a file").type_name("FILE");
+    line.option("--plot", opt.plot, "Draw the distribution with gnuplot").type_name("FILE.png");
+    line.flag("--json", opt.json, "Result as one JSON object");
 }
 
 /* Who spins and who sleeps, and a warning when the processors do not suffice. */
@@ -384,20 +384,18 @@ int measure(Options opt)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Measures request-response latency, through libruk or kernel sockets at either end.", "ruk-ping");
+    Program line("Measures request-response latency, through libruk or kernel sockets at either end.", "ruk-ping");
     Options server_options;
     Options client_options;
     client_options.transport.wait = WaitMode::spin;
     // Before the subcommands, which take it over when they are made.
-    app.footer(
+    line.footer(
         "Exit status: 0 of the client, every request was answered, of the server, COUNT was reached or none was\n"
         "given, whatever became of the replies; 1 not so; 2 error.\n"
         "SIGINT and SIGTERM end it with what it has.");
-    CLI::App *server = app.add_subcommand("server", "Send every datagram back to where it came from");
-    CLI::App *client = app.add_subcommand("client", "Send requests and measure until their replies arrive");
-    describe_server(*server, server_options);
-    describe_client(*client, client_options);
-    app.require_subcommand(1);
-    return run_program(app, argc, argv,
-                       [&] { return server->parsed() ? serve(server_options) : measure(client_options); });
+    const CommandLine server = line.command("server", "Send every datagram back to where it came from");
+    const CommandLine client = line.command("client", "Send requests and measure until their replies arrive");
+    describe_server(server, server_options);
+    describe_client(client, client_options);
+    return line.run(argc, argv, [&] { return server.given() ? serve(server_options) : measure(client_options); });
 }

@@ -5,9 +5,9 @@
  */
 #include "common.h"
 #include "ledger_view.h"
+#include "options.h"
 #include "receive_account.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <set>
@@ -33,43 +33,41 @@ struct Options {
     bool stats = false;
 };
 
-void describe_options(CLI::App &app, Options &opt)
+void describe_options(CommandLine line, Options &opt)
 {
-    opt.interface.add_options(app);
-    only_port(app.add_option("-p,--port", opt.ports, "UDP port to receive on (repeatable; 0 lets the host choose)"))
-        ->type_name("PORT")
-        ->allow_extra_args(false);
-    app.add_option("-g,--group", opt.groups, "Multicast group to join, from any source or from one (repeatable)")
-        ->type_name("GROUP[@SOURCE]")
-        ->allow_extra_args(false);
-    app.add_option(
-           "--block", opt.blocks,
-           "Have the kernel socket block a source of a joined group (repeatable); the adapter goes on delivering "
-           "what arrives, but routers are told and may keep the source away")
-        ->type_name("GROUP@SOURCE")
-        ->allow_extra_args(false);
-    only_whole(app.add_option("-n,--count", opt.count, "End after so many datagrams"))->type_name("COUNT");
-    only_seconds(app.add_option("-t,--time", opt.seconds, "End after so many seconds"))->type_name("SECONDS");
-    add_wait_option(app, opt.wait);
-    app.add_flag("--hw-timestamps", opt.hw_timestamps, "Date datagrams by the adapter's clock");
-    app.add_option_function<std::string>(
-           "--filter",
-           [&opt](const std::string &mode) {
-               opt.filter = mode == "raw"        ? RUK_RECV_FILTER_RAW
-                            : mode == "allmulti" ? RUK_RECV_FILTER_ALLMULTI
-                                                 : RUK_RECV_FILTER_NORMAL;
-           },
-           "Which frames to receive: normal (datagrams of the ports), allmulti (every multicast frame too), "
-           "raw (every frame with its 4-byte trailer, less the last 2 bytes)")
-        ->check(CLI::IsMember({"normal", "allmulti", "raw"}))
-        ->type_name("MODE")
-        ->default_str("normal");
-    app.add_flag("--broadcast", opt.broadcast, "Receive broadcasts to the ports as well");
-    app.add_flag("--reuse", opt.reuse, "Share the ports with other programs that ask for it too");
-    app.add_flag("--json", opt.json, "One JSON object a line");
-    app.add_flag("--stats", opt.stats, "Print the endpoint's counters at the end, and where every frame went");
-    app.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"
-               "SIGINT and SIGTERM end it cleanly.");
+    opt.interface.add_options(line);
+    line.option("-p,--port", opt.ports, "UDP port to receive on (repeatable; 0 lets the host choose)")
+        .port()
+        .type_name("PORT")
+        .repeatable();
+    line.option("-g,--group", opt.groups, "Multicast group to join, from any source or from one (repeatable)")
+        .type_name("GROUP[@SOURCE]")
+        .repeatable();
+    line.option("--block", opt.blocks,
+                "Have the kernel socket block a source of a joined group (repeatable); the adapter goes on delivering "
+                "what arrives, but routers are told and may keep the source away")
+        .type_name("GROUP@SOURCE")
+        .repeatable();
+    line.option("-n,--count", opt.count, "End after so many datagrams").whole().type_name("COUNT");
+    line.option("-t,--time", opt.seconds, "End after so many seconds").seconds().type_name("SECONDS");
+    add_wait_option(line, opt.wait);
+    line.flag("--hw-timestamps", opt.hw_timestamps, "Date datagrams by the adapter's clock");
+    line.choice(
+            "--filter", {"normal", "allmulti", "raw"}, "normal",
+            [&opt](const std::string &mode) {
+                opt.filter = mode == "raw"        ? RUK_RECV_FILTER_RAW
+                             : mode == "allmulti" ? RUK_RECV_FILTER_ALLMULTI
+                                                  : RUK_RECV_FILTER_NORMAL;
+            },
+            "Which frames to receive: normal (datagrams of the ports), allmulti (every multicast frame too), "
+            "raw (every frame with its 4-byte trailer, less the last 2 bytes)")
+        .type_name("MODE");
+    line.flag("--broadcast", opt.broadcast, "Receive broadcasts to the ports as well");
+    line.flag("--reuse", opt.reuse, "Share the ports with other programs that ask for it too");
+    line.flag("--json", opt.json, "One JSON object a line");
+    line.flag("--stats", opt.stats, "Print the endpoint's counters at the end, and where every frame went");
+    line.footer("Exit status: 0 COUNT was reached or none was given; 1 it was not reached; 2 error.\n"
+                "SIGINT and SIGTERM end it cleanly.");
 }
 
 /* A group joined twice on a channel would be released twice. */
@@ -311,8 +309,8 @@ int receive(const Options &opt)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Prints the datagrams that arrive on UDP ports of an adapter, one line each.", "ruk-recv");
+    Program line("Prints the datagrams that arrive on UDP ports of an adapter, one line each.", "ruk-recv");
     Options opt;
-    describe_options(app, opt);
-    return run_program(app, argc, argv, [&] { return receive(opt); });
+    describe_options(line, opt);
+    return line.run(argc, argv, [&] { return receive(opt); });
 }

@@ -2,8 +2,8 @@
  * ruk-send: sends datagrams through an adapter.
  */
 #include "common.h"
+#include "options.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -38,33 +38,32 @@ struct Options {
     bool json = false;
 };
 
-void describe_options(CLI::App &app, Options &opt)
+void describe_options(CommandLine line, Options &opt)
 {
-    opt.interface.add_options(app);
-    app.add_option("destination", opt.destination, "Where to send")->type_name("DEST:PORT")->required();
-    only_port(app.add_option("-p,--port", opt.source_port, "Source port (0 lets the host choose)"))
-        ->type_name("SRCPORT");
-    CLI::Option_group *payload =
-        app.add_option_group("payload", "What to send; without any of these each line of standard input is a datagram");
-    payload->add_option("-m,--message", opt.text, "This text")->type_name("TEXT");
-    payload->add_option("-f,--file", opt.file, "The contents of a file, as one datagram")->type_name("FILE");
-    only_whole(payload->add_option("--size", opt.size, "So many bytes (0, 1, 2, ... 255, 0, ...)"), 0, SIZE_MAX)
-        ->type_name("N");
-    payload->require_option(0, 1);
-    only_whole(app.add_option("-n,--count", opt.count, "How many datagrams (1; of standard input: all lines)"))
-        ->type_name("COUNT");
-    only_number(app.add_option("-r,--rate", opt.per_second, "Datagrams a second (as fast as they go)"), 0.001, 1e9)
-        ->type_name("PER_SECOND");
-    CLI::Option *ttl =
-        only_whole(app.add_option("--ttl", opt.ttl, "Time to live, 1 to 64 (64; to a group 1)"), 1, 64)->type_name("N");
-    CLI::Option *connect = app.add_flag("--connect", opt.connect, "Send on a handle made once (this is the default)");
-    app.add_flag("--sendto", opt.sendto, "Send to the address each time, on the handle that the library keeps")
-        ->excludes(connect)
-        ->excludes(ttl);
-    app.add_flag("--nonblock", opt.nonblock, "Do not wait for room: what does not fit counts as refused");
-    app.add_flag("--json", opt.json, "Summary as one JSON object");
-    app.footer("Exit status: 0 every datagram was accepted; 1 some were not; 2 error.\n"
-               "SIGINT and SIGTERM end it with its summary.");
+    opt.interface.add_options(line);
+    line.option("destination", opt.destination, "Where to send").type_name("DEST:PORT").required();
+    line.option("-p,--port", opt.source_port, "Source port (0 lets the host choose)").port().type_name("SRCPORT");
+    const CommandLine payload =
+        line.group("payload", "What to send; without any of these each line of standard input is a datagram", 0, 1);
+    payload.option("-m,--message", opt.text, "This text").type_name("TEXT");
+    payload.option("-f,--file", opt.file, "The contents of a file, as one datagram").type_name("FILE");
+    payload.option("--size", opt.size, "So many bytes (0, 1, 2, ... 255, 0, ...)").whole(0, SIZE_MAX).type_name("N");
+    line.option("-n,--count", opt.count, "How many datagrams (1; of standard input: all lines)")
+        .whole()
+        .type_name("COUNT");
+    line.option("-r,--rate", opt.per_second, "Datagrams a second (as fast as they go)")
+        .number(0.001, 1e9)
+        .type_name("PER_SECOND");
+    const Option ttl =
+        line.option("--ttl", opt.ttl, "Time to live, 1 to 64 (64; to a group 1)").whole(1, 64).type_name("N");
+    const Option connect = line.flag("--connect", opt.connect, "Send on a handle made once (this is the default)");
+    line.flag("--sendto", opt.sendto, "Send to the address each time, on the handle that the library keeps")
+        .excludes(connect)
+        .excludes(ttl);
+    line.flag("--nonblock", opt.nonblock, "Do not wait for room: what does not fit counts as refused");
+    line.flag("--json", opt.json, "Summary as one JSON object");
+    line.footer("Exit status: 0 every datagram was accepted; 1 some were not; 2 error.\n"
+                "SIGINT and SIGTERM end it with its summary.");
 }
 
 struct Tally {
@@ -333,8 +332,8 @@ int send(const Options &opt)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Sends datagrams through an adapter.", "ruk-send");
+    Program line("Sends datagrams through an adapter.", "ruk-send");
     Options opt;
-    describe_options(app, opt);
-    return run_program(app, argc, argv, [&] { return send(opt); });
+    describe_options(line, opt);
+    return line.run(argc, argv, [&] { return send(opt); });
 }

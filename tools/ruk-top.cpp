@@ -4,8 +4,7 @@
  */
 #include "common.h"
 #include "ledger_view.h"
-
-#include <CLI/CLI.hpp>
+#include "options.h"
 
 #include <map>
 #include <unistd.h>
@@ -142,15 +141,16 @@ int watch(const Options &opt)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Shows what the boards of the software adapter do: rates, fill of the event rings, drops by reason.",
+    Program line("Shows what the boards of the software adapter do: rates, fill of the event rings, drops by reason.",
                  "ruk-top");
     Options opt;
-    only_number(app.add_option("-d,--delay", opt.seconds, "Seconds between two looks (default 1)"), 0.01, 3600)
-        ->type_name("SECONDS");
-    only_whole(app.add_option("-n,--count", opt.count, "End after so many looks"))->type_name("COUNT");
-    app.add_option("-i,--interface", opt.interface, "Only boards on this interface")->type_name("IF");
-    app.add_flag("--json", opt.json, "One JSON object a look");
-    app.footer("Exit status: 0 there was something to show; 1 there was not; 2 error.\n"
-               "'ring' is how full the event ring is, 'peak' how full it ever was.");
-    return run_program(app, argc, argv, [&] { return watch(opt); });
+    line.option("-d,--delay", opt.seconds, "Seconds between two looks (default 1)")
+        .number(0.01, 3600)
+        .type_name("SECONDS");
+    line.option("-n,--count", opt.count, "End after so many looks").whole().type_name("COUNT");
+    line.option("-i,--interface", opt.interface, "Only boards on this interface").type_name("IF");
+    line.flag("--json", opt.json, "One JSON object a look");
+    line.footer("Exit status: 0 there was something to show; 1 there was not; 2 error.\n"
+                "'ring' is how full the event ring is, 'peak' how full it ever was.");
+    return line.run(argc, argv, [&] { return watch(opt); });
 }
