@@ -1,6 +1,6 @@
 /*
- * A receiver in each mode against shutdown and close, 10,000 rounds, and some more behind a switch; a fifth of them where
- * nothing looks for races. Sleeps end at once: poll() is answered here, so that a round takes microseconds.
+ * A receiver in each mode against shutdown and close, 10,000 rounds, and some more behind a switch; a fifth of them
+ * where nothing looks for races. Sleeps end at once: poll() is answered here, so that a round takes microseconds.
  */
 #include "rig.h"
 #include "ruk_core.h"
