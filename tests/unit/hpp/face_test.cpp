@@ -508,6 +508,18 @@ TEST_F(Face, PeekFrame_OnADisabledEndpoint_IsAnError)
     EXPECT_EQ(error_of([&] { (void)endpoint.peek_frame(frame_room); }), EINVAL);
 }
 
+TEST_F(Face, EveryErrno_IsStored_AndZeroClears)
+{
+    std::error_code ec;
+    for (int rc = 1; rc < 134; rc++) {
+        ec.clear();
+        ruk::detail::set(ec, rc);
+        EXPECT_EQ(ec, std::error_code(rc, std::generic_category())) << rc;
+    }
+    ruk::detail::set(ec, 0);
+    EXPECT_FALSE(ec);
+}
+
 TEST_F(Face, Frame_InTheRawMode_IsWholeWithItsTrailer)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::none);
@@ -572,6 +584,7 @@ TEST_F(Face, DisabledEndpoint_ReceivesOnceEnabled)
 {
     ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
     EXPECT_EQ(error_of([&] { (void)endpoint.try_receive(room); }), EINVAL);
+    EXPECT_EQ(error_of([&] { (void)endpoint.try_receive_frame(frame_room); }), EINVAL);
     endpoint.enable();
     EXPECT_EQ(error_of([&] { endpoint.enable(); }), EINVAL);
     ruk::channel channel = endpoint.bind(5000);
@@ -739,6 +752,7 @@ TEST_F(Face, FrameWhoseHeaderDoesNotFit_IsRefused)
     const std::span<uint8_t> longest(header.data(), 56);
     for (const int offset : {55, 56, 1000, INT_MAX})
         EXPECT_EQ(error_of([&] { endpoint.send_frame(longest, 0, offset, data); }), EINVAL) << offset;
+    EXPECT_EQ(error_of([&] { endpoint.send_frame(longest.first(2), 0, 1, data); }), EINVAL);
     EXPECT_TRUE(sent().empty());
     for (const int offset : {54, -1}) {
         EXPECT_TRUE(endpoint.send_frame(longest, 0, offset, data));

@@ -520,6 +520,20 @@ TEST_F(OpenTest, ByName_HostCannotBeAsked_NegativeErrno)
     EXPECT_EQ(dev, nullptr);
 }
 
+/* As in a program that closed its standard input. */
+TEST_F(OpenTest, SocketOfDescriptorZero_IsOneToo)
+{
+    const int standard_input = dup(0);
+    ASSERT_EQ(::close(0), 0);
+    struct in_addr addr = {};
+    const int rc = iface_to_interface_addr("oxel0", &addr);
+    if (standard_input >= 0)
+        dup2(standard_input, 0), ::close(standard_input);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(addr.s_addr, inet_addr("127.0.0.1"));
+    EXPECT_EQ(host.sockets.log().back().fd, 0) << "closed again";
+}
+
 /* ------------------------------------------------------------------ by permanent MAC address */
 
 TEST_F(OpenTest, ByMac_AdaptersListedThenInterfaces)

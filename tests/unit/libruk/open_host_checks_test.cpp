@@ -122,6 +122,10 @@ TEST_F(SubnetTest, SubnetZeroAndOtherFamilies_NotCompared)
     other.address = "";
     hosts({card, other});
     EXPECT_EQ(krel_verify_ipsubnet(), 0) << "no address";
+
+    other = {.name = "eth0", .flags = IFF_UP, .family = AF_INET6};
+    hosts({other, other});
+    EXPECT_EQ(krel_verify_ipsubnet(), 0) << "whatever the host says of them";
 }
 
 /* The address and the netmask are IPv4, or the entry is not looked at. */
