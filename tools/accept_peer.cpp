@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <optional>
 #include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
@@ -107,40 +108,57 @@ ssize_t send_from(int fd, in_addr own, const std::vector<uint8_t> &bytes, sockad
     return sendmsg(fd, &message, 0);
 }
 
+struct SendRequest {
+    uint32_t port = 0, count = 0, gap_us = 0, first = 0;
+    int size = 0;
+    std::string address, via;
+};
+
+/* Anybody may ask: what no run asks for is refused, so that a request is over in time and harms nothing here. */
+std::optional<SendRequest> send_request_in(const std::string &text)
+{
+    std::istringstream words(text);
+    std::string verb;
+    SendRequest r;
+    if (!(words >> verb >> r.port >> r.count >> r.size >> r.gap_us >> r.first) || verb != "send" || r.port > 65535 ||
+        r.count > most_datagrams || r.size < sweep || r.size > largest_size || r.gap_us > longest_gap_us)
+        return std::nullopt;
+    words >> r.address >> r.via;
+    return r;
+}
+
 /* What is answered before the request is served. */
 std::string answer_to(const std::string &text)
 {
     std::istringstream words(text);
     std::string verb, address;
     in_addr wanted{};
-    if (words >> verb >> address && verb == "reach" && inet_pton(AF_INET, address.c_str(), &wanted) == 1)
+    words >> verb;
+    if (verb == "send")
+        return send_request_in(text) ? "ok" : "no";
+    if (verb == "reach" && words >> address && inet_pton(AF_INET, address.c_str(), &wanted) == 1)
         return on_a_subnet_of_ours(wanted) ? "ok" : "no";
     return "ok";
 }
 
 void serve_request(int fd, const std::string &text, sockaddr_in to, const StopSignal &stop)
 {
-    std::istringstream words(text);
-    std::string verb, address, via_address;
-    uint32_t port = 0, count = 0, gap_us = 0, first = 0;
-    int size = 0;
-    if (!(words >> verb >> port >> count >> size >> gap_us >> first) || verb != "send" || port > 65535 || size > 1472)
+    const std::optional<SendRequest> r = send_request_in(text);
+    if (!r)
         return;
     in_addr via = to.sin_addr, own{};
-    if (words >> address)
-        inet_pton(AF_INET, address.c_str(), &to.sin_addr);
-    if (words >> via_address)
-        inet_pton(AF_INET, via_address.c_str(), &via);
+    inet_pton(AF_INET, r->address.c_str(), &to.sin_addr);
+    inet_pton(AF_INET, r->via.c_str(), &via);
     if (!own_address_towards(via, &own))
         return;
-    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_port = htons(static_cast<uint16_t>(r->port));
     int64_t due = monotonic_ns();
-    for (uint32_t n = 0; n < count && !stop.requested(); n++) {
-        const std::vector<uint8_t> bytes = payload(first + n, size);
+    for (uint32_t n = 0; n < r->count && !stop.requested(); n++) {
+        const std::vector<uint8_t> bytes = payload(r->first + n, r->size);
         while (send_from(fd, own, bytes, to) < 0 && errno == ENOBUFS && !stop.requested())
             usleep(100);
-        due += gap_us * INT64_C(1000);
-        if (gap_us >= 200)
+        due += r->gap_us * INT64_C(1000);
+        if (r->gap_us >= 200)
             stop.sleep_until(due);
         else
             while (monotonic_ns() < due) {

@@ -369,8 +369,12 @@ private:
         for (int attempt = 0; attempt < attempts && !stop_.requested(); attempt++) {
             sendto(control_, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&peer_), sizeof peer_);
             wait_readable(control_, stop_.fd(), monotonic_ns() + second);
-            if (recv(control_, answer, sizeof answer, MSG_DONTWAIT) == 2)
-                return {answer, 2};
+            if (recv(control_, answer, sizeof answer, MSG_DONTWAIT) != 2)
+                continue;
+            const std::string said(answer, 2);
+            if (said != "ok" && request.starts_with("send "))
+                fail("{} refuses to send: is it of this release?", endpoint_text(peer_));
+            return said;
         }
         if (stop_.requested())
             fail("stopped");

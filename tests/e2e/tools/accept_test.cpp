@@ -201,6 +201,27 @@ TEST_F(AcceptTool, NobodyAtTheOtherEnd_SaysWhatToRunThere)
         << *run;
 }
 
+// Requests come from anybody, whatever is in them.
+TEST_F(AcceptTool, RequestThatNoRunMakes_IsRefused_AndThePeerGoesOn)
+{
+    auto peer = serve();
+    KernelSocket asker(lab, lab.adapter, 40000), target(lab, lab.adapter, 5000);
+    for (const char *request :
+         {"send 5000 1 -5 0 0", "send 5000 1 -2 0 0", "send 5000 1 1473 0 0", "send 5000 5000001 64 0 0",
+          "send 5000 -1 64 0 0", "send 5000 1 64 10001 0", "send 65536 1 64 0 0", "send 5000 1"}) {
+        asker.send(request, "10.77.0.2", 7700);
+        EXPECT_EQ(asker.receive(), "10.77.0.2:7700 no") << request;
+    }
+    asker.send("send 5000 1 4 10000 7", "10.77.0.2", 7700);
+    EXPECT_EQ(asker.receive(), "10.77.0.2:7700 ok");
+    EXPECT_EQ(target.receive(), std::string("10.77.0.2:7700 \x07\0\0\0", 19)) << "and nothing before it";
+    asker.send("hello", "10.77.0.2", 7700);
+    EXPECT_EQ(asker.receive(), "10.77.0.2:7700 ok");
+    peer->signal(SIGINT);
+    EXPECT_TRUE(peer->finish());
+    EXPECT_TRUE(peer->exited_with(0)) << *peer;
+}
+
 // An adapter that differs is found out: here ones that the link or a host takes frames from.
 TEST_F(AcceptTool, WireThatLosesFrames_DeliveryDiffers)
 {
