@@ -257,7 +257,7 @@ typedef struct softnic_endpoint_counters {
     uint64_t ring_full;     /* dropped: no room in the ring */
     uint64_t oversize;      /* dropped: longer than an event or the ring */
     uint64_t bad_flow;      /* positions reported by the consumer that cannot be, ignored */
-    uint64_t high_water;    /* most bytes ever unconsumed */
+    uint64_t high_water;    /* most bytes of the event ring, or of the last one, unconsumed at a time */
     uint64_t requests;      /* send requests taken */
     uint64_t frames_sent;   /* of these, put on the wire */
     uint64_t send_errors;   /* of these, refused by the wire */

@@ -151,6 +151,6 @@ int main(int argc, char **argv)
     line.option("-i,--interface", opt.interface, "Only boards on this interface").type_name("IF");
     line.flag("--json", opt.json, "One JSON object a look");
     line.footer("Exit status: 0 there was something to show; 1 there was not; 2 error.\n"
-                "'ring' is how full the event ring is, 'peak' how full it ever was.");
+                "'ring' is how full the event ring is, 'peak' how full it, or the last one, ever was.");
     return line.run(argc, argv, [&] { return watch(opt); });
 }

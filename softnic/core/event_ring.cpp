@@ -35,6 +35,8 @@ void EventRing::attach(uint8_t *base, uint32_t size, oxel_flow_window_t *flow, c
     flow_ = flow;
     doorbell_ = doorbell;
     head_ = used_ = consumed_ = 0;
+    counters_.ring_bytes = size;
+    counters_.high_water = 0;
     last_bad_flow_ = last_bad_doorbell_ = kNoPosition;
     open_packets_ = 0;
     lengths_.clear();

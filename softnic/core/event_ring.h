@@ -20,12 +20,14 @@ enum class WriterKind : uint8_t {
 };
 
 struct RingCounters {
-    uint64_t delivered = 0;  // frames written in published events
-    uint64_t events = 0;     // events published
-    uint64_t ring_full = 0;  // frames dropped for want of room
-    uint64_t oversize = 0;   // frames longer than any event or than the ring
-    uint64_t bad_flow = 0;   // positions reported by the consumer that cannot be, ignored
-    uint64_t high_water = 0; // most bytes ever unconsumed
+    uint64_t delivered = 0; // frames written in published events
+    uint64_t events = 0;    // events published
+    uint64_t ring_full = 0; // frames dropped for want of room
+    uint64_t oversize = 0;  // frames longer than any event or than the ring
+    uint64_t bad_flow = 0;  // positions reported by the consumer that cannot be, ignored
+    // Of the ring that it has, or had last.
+    uint64_t ring_bytes = 0;
+    uint64_t high_water = 0; // most bytes of it unconsumed at a time
 };
 
 // An event is filled in place: frames are copied behind the header's place as they come, and publish() hands

@@ -17,7 +17,7 @@ constexpr unsigned kLedgerEndpoints = 64;
 struct LedgerEndpoint {
     uint32_t claimed;
     uint32_t enabled;
-    uint64_t ring_bytes; // size of the event ring
+    uint64_t ring_bytes; // size of the event ring, or of the last one
     uint64_t unconsumed; // bytes of it that the application has not released
     // steered = delivered + pending + disabled + ring_full + oversize
     uint64_t steered;
@@ -28,7 +28,7 @@ struct LedgerEndpoint {
     uint64_t oversize;
     uint64_t events;
     uint64_t bad_flow;
-    uint64_t high_water; // most bytes ever unconsumed
+    uint64_t high_water; // most bytes of that ring unconsumed at a time
     // requests = frames_sent + send_errors + bad_type + bad_header + bad_payload
     uint64_t requests;
     uint64_t frames_sent;

@@ -34,7 +34,7 @@ void take_ledger(Card &card, unsigned board, LedgerPage *page)
         LedgerEndpoint &e = page->endpoint[ep];
         e.claimed = card.owner(ep) != nullptr;
         e.enabled = card.board().enabled(ep);
-        e.ring_bytes = e.enabled != 0 ? card.memory(ep).recvq_len : 0;
+        e.ring_bytes = c.ring.ring_bytes;
         e.unconsumed = e.enabled != 0 ? card.board().ring(ep).unconsumed_bytes() : 0;
         e.steered = c.steered;
         e.delivered = c.ring.delivered;

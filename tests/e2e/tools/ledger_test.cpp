@@ -293,6 +293,10 @@ TEST_F(Ledger, Text_OfAReceiverThatLosesFrames_AddsUpInEveryProgram)
     expect_sums(board);
     const json &endpoint = board["endpoints"][0];
     EXPECT_EQ(n(endpoint, "steered") + n(board["port"], "rx_dropped"), kSent);
+    EXPECT_EQ(n(endpoint, "enabled"), 0u) << "it is closed: the size is that of the ring it had";
+    EXPECT_EQ(n(endpoint, "ring_bytes"), 16384u);
+    EXPECT_GT(n(endpoint, "high_water"), 0u);
+    EXPECT_LE(n(endpoint, "high_water"), 16384u);
     const uint64_t lost = n(endpoint, "ring_full");
     EXPECT_GT(lost, 0u);
     EXPECT_NE(program->out().find("ring_full (endpoint 0): " + std::to_string(lost) + ": "), std::string::npos)

@@ -329,5 +329,22 @@ TEST_F(EventRingTest, HardwareOrderHeld_StaysIncompleteUntilLetGo)
     EXPECT_EQ(ring_bytes[63], 0);
 }
 
+TEST_F(EventRingTest, RingMadeAnew_MostUnconsumedBytesAreOfTheNewRing)
+{
+    for (int i = 0; i < 10; i++)
+        write({pattern(40)}); // 2 slots: 32 + 8 + 40 + 4 bytes
+    EXPECT_EQ(ring.counters().ring_bytes, 4096u);
+    EXPECT_EQ(ring.counters().high_water, 1280u);
+    ring.detach();
+    EXPECT_EQ(ring.counters().ring_bytes, 4096u) << "of the last one, as is what follows";
+    EXPECT_EQ(ring.counters().high_water, 1280u);
+    attach(1024);
+    EXPECT_EQ(ring.counters().ring_bytes, 1024u);
+    EXPECT_EQ(ring.counters().high_water, 0u);
+    write({pattern(40)});
+    EXPECT_EQ(ring.counters().high_water, 128u);
+    EXPECT_EQ(ring.counters().delivered, 11u);
+}
+
 } // namespace
 } // namespace softnic
