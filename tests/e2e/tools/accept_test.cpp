@@ -602,6 +602,128 @@ TEST_F(AcceptTool, PeerThatEndsMidway_WhatWasMeasuredIsReportedWithTheReasons)
     EXPECT_EQ(report["probes"][2]["reason"], "no answer from 10.77.0.2:7700: is 'ruk-accept peer' running there?");
 }
 
+// Nobody is there to send what these probes count, or to return what the adapter sends: no fault of the adapter.
+TEST_F(AcceptTool, PeerThatIsGone_ProbesFailAndTellThatNothingWasSent)
+{
+    auto peer = serve();
+    auto run = probe({"blocking", "clock", "thresholds", "full_ring"});
+    ASSERT_TRUE(run->wait_for_err("1 of 4: blocking", 60000)) << *run;
+    peer->signal(SIGKILL);
+    ASSERT_TRUE(run->finish(120000)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
+    expect_schema("ruk-accept", run->out());
+    const json report = parse(run->out());
+    EXPECT_EQ(report["result"], "failed");
+    for (const char *name : {"clock", "thresholds", "full_ring"}) {
+        EXPECT_EQ(entry_of(report, name)["result"], "failed") << report;
+        EXPECT_EQ(entry_of(report, name)["reason"],
+                  "no answer from 10.77.0.2:7700: is 'ruk-accept peer' running there?");
+    }
+    EXPECT_EQ(entry_of(report, "clock")["measured"]["sent"], 0);
+    EXPECT_EQ(entry_of(report, "full_ring")["measured"]["sent"], 0);
+    EXPECT_EQ(entry_of(report, "thresholds")["measured"], json::object());
+}
+
+TEST_F(AcceptTool, PeerThatReturnsNothing_ThresholdsFail)
+{
+    auto peer = serve();
+    drop_at(lab.peer, "udp dport 7701");
+    auto run = probe({"thresholds"});
+    ASSERT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
+    const json entry = entry_of(parse(run->out()), "thresholds");
+    EXPECT_EQ(entry["result"], "failed");
+    EXPECT_EQ(entry["reason"], "nothing came back from the peer, five times in a row");
+    EXPECT_EQ(entry["measured"]["failed"], 5);
+}
+
+// A peer that sends when the run receives already: the ring always has room.
+TEST_F(AcceptTool, RingThatNeverFills_FullRingDiffers)
+{
+    auto peer = lab.start(lab.peer, {"python3", "-B", "-c",
+                                     "import socket, struct, time\n"
+                                     "def payload(number):\n"
+                                     "    state, data = (number * 2654435761 + 1) & 0xffffffff, bytearray()\n"
+                                     "    for _ in range(64):\n"
+                                     "        state = (state * 1664525 + 1013904223) & 0xffffffff\n"
+                                     "        data.append(state >> 24)\n"
+                                     "    return struct.pack('<I', number) + data[4:]\n"
+                                     "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+                                     "s.bind(('10.77.0.2', 7700))\n"
+                                     "print('serving', flush=True)\n"
+                                     "late = None\n"
+                                     "while True:\n"
+                                     "    words, asker = s.recvfrom(256)\n"
+                                     "    words = words.decode().split()\n"
+                                     "    s.sendto(b'ok', asker)\n"
+                                     "    if words[0] == 'send':\n"
+                                     "        late = words\n"
+                                     "    elif late:\n"
+                                     "        time.sleep(1.5)\n"
+                                     "        for n in range(int(late[2])):\n"
+                                     "            s.sendto(payload(n), (asker[0], int(late[1])))\n"
+                                     "            time.sleep(0.001)\n"
+                                     "        late = None\n"});
+    ASSERT_TRUE(peer->wait_for_out("serving")) << *peer;
+    auto run = lab.start(lab.adapter,
+                         {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-accept"), "run", "-i", "oxel0", "10.77.0.2",
+                          "--minutes", "0.02", "--json", "--only", "full_ring"},
+                         {"RUK_SOFTNIC_RECVQ=16384"});
+    ASSERT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
+    const json entry = entry_of(parse(run->out()), "full_ring"), measured = entry["measured"];
+    EXPECT_EQ(entry["result"], "differs") << entry;
+    EXPECT_EQ(measured["sent"], 307); // 16384 / 64 * 6 / 5
+    EXPECT_EQ(measured["kept"], 307);
+    EXPECT_EQ(measured["not_the_oldest"], 0);
+}
+
+TEST_F(AcceptTool, SmallestRing_DeliveryAndTagReuseAreAsExpected)
+{
+    auto peer = serve();
+    auto run = lab.start(lab.adapter,
+                         {bin("rukrun"), "--soft=oxel0", "--", bin("ruk-accept"), "run", "-i", "oxel0", "10.77.0.2",
+                          "--minutes", "0.02", "--json", "--only", "delivery", "--only", "tag_reuse"},
+                         {"RUK_SOFTNIC_RECVQ=16384"});
+    ASSERT_TRUE(run->finish(120000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    const json report = parse(run->out());
+    EXPECT_EQ(entry_of(report, "delivery")["measured"]["received"], 1473) << report;
+    EXPECT_EQ(entry_of(report, "tag_reuse")["measured"]["to_new_channels"], 400) << report;
+}
+
+TEST_F(AcceptTool, InterruptBeforeThePeerAnswers_AnEmptyReportIsKept)
+{
+    const std::string file = scratch.file("report.json");
+    KernelSocket silent(lab, lab.peer, 7700);
+    auto run = probe({"delivery"}, {"-o", file});
+    EXPECT_NE(silent.receive().find(" hello"), std::string::npos) << *run;
+    run->signal(SIGINT);
+    ASSERT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(1)) << *run;
+    expect_schema("ruk-accept", contents(file));
+    const json report = json::parse(contents(file));
+    EXPECT_EQ(report, parse(run->out()));
+    EXPECT_EQ(report["result"], "unfinished");
+    EXPECT_TRUE(report["probes"].empty());
+}
+
+TEST_F(AcceptTool, FileBesideTheReport_IsLeftAlone)
+{
+    auto peer = serve();
+    const std::string file = scratch.file("report.json"), beside = file + ".new";
+    std::ofstream(beside) << "another's";
+    auto run = probe({"group"}, {"-o", file});
+    ASSERT_TRUE(run->finish(60000)) << *run;
+    EXPECT_TRUE(run->exited_with(0)) << *run;
+    EXPECT_EQ(json::parse(contents(file)), parse(run->out()));
+    EXPECT_EQ(contents(beside), "another's");
+    size_t files = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(scratch.file(".")))
+        files += entry.exists();
+    EXPECT_EQ(files, 2u);
+}
+
 TEST_F(AcceptTool, InterruptMidway_WhatWasMeasuredIsReported)
 {
     auto peer = serve();
