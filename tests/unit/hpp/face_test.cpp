@@ -508,6 +508,20 @@ TEST_F(Face, PeekFrame_OnADisabledEndpoint_IsAnError)
     EXPECT_EQ(error_of([&] { (void)endpoint.peek_frame(frame_room); }), EINVAL);
 }
 
+/* Whatever the memory held before. */
+TEST_F(Face, EmptyQueue_ResultInUsedMemory_IsNone)
+{
+    ruk::endpoint endpoint = opened(ruk::open_flags::none);
+    alignas(ruk::maybe_datagram) unsigned char used[sizeof(ruk::maybe_datagram)];
+    std::error_code ec;
+    memset(used, 0x01, sizeof used);
+    const auto *d = new (used) ruk::maybe_datagram(endpoint.try_receive(room, ec));
+    EXPECT_FALSE(d->has_value());
+    memset(used, 0x01, sizeof used);
+    d = new (used) ruk::maybe_datagram(endpoint.try_receive(room));
+    EXPECT_FALSE(d->has_value());
+}
+
 TEST_F(Face, EveryErrno_IsStored_AndZeroClears)
 {
     std::error_code ec;
@@ -585,6 +599,9 @@ TEST_F(Face, DisabledEndpoint_ReceivesOnceEnabled)
     ruk::endpoint endpoint = opened(ruk::open_flags::disabled);
     EXPECT_EQ(error_of([&] { (void)endpoint.try_receive(room); }), EINVAL);
     EXPECT_EQ(error_of([&] { (void)endpoint.try_receive_frame(frame_room); }), EINVAL);
+    std::error_code ec;
+    EXPECT_FALSE(endpoint.try_receive_frame(frame_room, ec));
+    EXPECT_EQ(ec, std::errc::invalid_argument);
     endpoint.enable();
     EXPECT_EQ(error_of([&] { endpoint.enable(); }), EINVAL);
     ruk::channel channel = endpoint.bind(5000);
