@@ -10,7 +10,8 @@ code, is no mistake; another is drawn. Which ones are drawn depends on the seed 
 edit elsewhere does not change them.
 
 Status 1 when fewer than 90 % are noticed, or one that is not has no explanation. Those stand in
-tests/mutants/survivors.tsv: file, line as it was, line as it became, explanation.
+tests/mutants/survivors.tsv: file, line as it was, line as it became, explanation. An explanation that begins with
+"Equivalent: " says why nobody could ever see a difference; such a change is no mistake, and is counted apart.
 """
 
 import argparse
@@ -609,15 +610,17 @@ def main():
             else:
                 survivors.append(m)
             print(f"{done:4} {result:8} {m.name}:{m.line} {m.kind}{': ' + how if how else ''}")
-    unexplained = 0
+    unexplained = equivalent = 0
     for m in survivors:
         why = explained.get(tuple(m.told()))
         unexplained += why is None
+        equivalent += (why or "").startswith("Equivalent: ")
         print(f"\nsurvived: {m.name}:{m.line}: {why or 'NOT EXPLAINED'}")
         print("".join(f"  - {l}\n" for l in m.before.split("\n")) + "".join(f"  + {l}\n" for l in m.after.split("\n")), end="")
-    percent = 100 * killed / done if done else 0
-    print(f"\n{done} mutants: {killed} killed, {len(survivors)} survived ({len(survivors) - unexplained} explained), "
-          f"{percent:.1f} % noticed; {discarded} others did not compile or changed no code; "
+    percent = 100 * killed / (done - equivalent) if done > equivalent else 100
+    print(f"\n{done} mutants: {killed} killed, {len(survivors)} survived ({equivalent} equivalent, "
+          f"{len(survivors) - equivalent - unexplained} explained otherwise, {unexplained} not), {percent:.1f} % of the "
+          f"{done - equivalent} mistakes noticed; {discarded} others did not compile or changed no code; "
           f"{time.monotonic() - began:.0f} s")  # fmt: skip
     if done < options.count and not options.explained and not options.again:
         print(f"mutants: only {done} of {options.count} could be made", file=sys.stderr)
