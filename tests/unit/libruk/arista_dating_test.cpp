@@ -22,8 +22,8 @@ constexpr uint64_t UTC = 1700000000000000000;
 
 RigEndpoint::Options plain() { return RigEndpoint::Options(); }
 
-struct Rig : RigEndpoint {
-    explicit Rig(arista_tsp_status status = ARISTA_STATUS_ACTIVE, const Options &options = plain())
+struct DatingRig : RigEndpoint {
+    explicit DatingRig(arista_tsp_status status = ARISTA_STATUS_ACTIVE, const Options &options = plain())
         : RigEndpoint(options), api(ruk__api_version, 4)
     {
         ctl().arct_status = status;
@@ -62,7 +62,7 @@ TEST(SwitchStamp, WordOfTheFrame_BitSevenSkipped)
         {0x12345678, 0x091a2b78}, {0x123456f8, 0x091a2b78}, {0xdeadbeef, 0x6f56df6f},
     };
     for (const auto &c : cases) {
-        Rig rig;
+        DatingRig rig;
         uint8_t *at = rig.ring.base() + 100;
         const Bytes frame = pattern(60) + be32(c.word);
         std::copy(frame.begin(), frame.end(), at);
@@ -76,7 +76,7 @@ TEST(SwitchStamp, WordOfTheFrame_BitSevenSkipped)
 TEST(SwitchStamp, AcrossTheRingsEnd_ReadRoundTheCorner)
 {
     for (size_t before_end = 0; before_end <= 64; before_end++) {
-        Rig rig;
+        DatingRig rig;
         const Bytes frame = pattern(60) + be32(0x12345678);
         for (size_t i = 0; i < frame.size(); i++)
             rig.ring.at(8192 - before_end + i) = frame[i];
@@ -89,7 +89,7 @@ TEST(SwitchStamp, AcrossTheRingsEnd_ReadRoundTheCorner)
 
 TEST(SwitchStamp, DatedFrame_TrailerStripped)
 {
-    Rig rig;
+    DatingRig rig;
     const Bytes frame = pattern(60) + be32(7);
     rig.ring.put({{frame, 5}, {frame, 6}});
     uint8_t buf[2048];
@@ -108,7 +108,7 @@ TEST(SwitchStamp, DatedFrame_TrailerStripped)
 TEST(SwitchStamp, ShortestDatagram_RuntOnceStripped)
 {
     /* 46 bytes with the trailer pass while the adapter dates them, but 42 do not. */
-    Rig rig;
+    DatingRig rig;
     rig.ring.put({{UdpFrame().bytes(), 0}});
     EXPECT_EQ(rig.recv().rc, EAGAIN);
     EXPECT_EQ(rig.ep->rep_stats.dropped_runts, 1u);
@@ -121,7 +121,7 @@ TEST(SwitchStamp, BelowActive_NeitherReadNorStripped)
 {
     for (auto status :
          {ARISTA_STATUS_DISABLED, ARISTA_STATUS_INITED, ARISTA_STATUS_CHANGEDMODE, ARISTA_STATUS_FALLBACK_LOCAL}) {
-        Rig rig(status);
+        DatingRig rig(status);
         rig.ring.put({{pattern(60) + be32(7), 5}});
         uint8_t buf[2048];
         size_t len = 0;
@@ -136,7 +136,7 @@ TEST(SwitchStamp, BelowActive_NeitherReadNorStripped)
 TEST(SwitchStamp, AdapterTimestampsOnToo_TheSwitchWins)
 {
     for (auto status : {ARISTA_STATUS_ACTIVE, ARISTA_STATUS_OUTOFSYNC, ARISTA_STATUS_NEED_KEYFRAME}) {
-        Rig rig(status);
+        DatingRig rig(status);
         rig.ep->rep_timestamping_enabled = 1;
         rig.clock_is_ticks();
         rig.ep->rep_eventq.evq_recvq_state.evs_timestamp = 4;
@@ -158,7 +158,7 @@ TEST(SwitchStamp, AdapterTimestampsOnToo_TheSwitchWins)
 
 TEST(SwitchTime, TicksSinceTheKeyframe_TwentySeventhsOfANanosecond)
 {
-    Rig rig;
+    DatingRig rig;
     rig.ctl().arct_lastkf.ak_asic_time = 0x100000000 + 1000; /* its low 31 bits count */
     EXPECT_EQ(rig.time_of(word_of(1000)), UTC);
     EXPECT_EQ(rig.time_of(word_of(1001)), UTC + 2);
@@ -171,7 +171,7 @@ TEST(SwitchTime, TicksSinceTheKeyframe_TwentySeventhsOfANanosecond)
 
 TEST(SwitchTime, LongSinceTheKeyframe_CoarseInSteps)
 {
-    Rig rig;
+    DatingRig rig;
     /* 350,000,000 ticks are a second; 30 bits of it keep 24, so that times come in steps of 64 ns. */
     EXPECT_EQ(rig.time_of(word_of(350000000)), UTC + 1000000000);
     EXPECT_EQ(rig.time_of(word_of(350000007)), UTC + 1000000000); /* 1000000020 */
@@ -182,7 +182,7 @@ TEST(SwitchTime, LongSinceTheKeyframe_CoarseInSteps)
 /* What users are told of the accuracy: the largest error against exact sevenths, and that it does get near that. */
 TEST(SwitchTime, TimeSinceTheKeyframe_ErrorWithinItsBoundAndNearIt)
 {
-    Rig rig;
+    DatingRig rig;
     std::mt19937_64 random(6);
     uint64_t from = 1;
     for (auto [ms, bound] : {std::pair<uint64_t, int64_t>{30, 1},
@@ -211,7 +211,7 @@ TEST(SwitchTime, TimeSinceTheKeyframe_ErrorWithinItsBoundAndNearIt)
 
 TEST(SwitchTime, StampBeforeTheKeyframe_UnsignedDifferenceGoesRound)
 {
-    Rig rig;
+    DatingRig rig;
     rig.ctl().arct_lastkf.ak_asic_time = 1000;
     /* 2^64 - 1 ticks: more than 2^64 ns, which become 0. */
     EXPECT_EQ(rig.time_of(word_of(999)), UTC);
@@ -219,7 +219,7 @@ TEST(SwitchTime, StampBeforeTheKeyframe_UnsignedDifferenceGoesRound)
 
 TEST(SwitchTime, EarlierThanTheFrameBefore_RaisedToItAndCounted)
 {
-    Rig rig;
+    DatingRig rig;
     EXPECT_EQ(rig.time_of(word_of(7000)), UTC + 20000);
     EXPECT_EQ(rig.time_of(word_of(3500)), UTC + 20000);
     EXPECT_EQ(rig.ctl().arct_stats.arst_neg_adj_event, 1u);
@@ -231,7 +231,7 @@ TEST(SwitchTime, EarlierThanTheFrameBefore_RaisedToItAndCounted)
 
 TEST(SwitchTime, Skew_DenominatorOverNumerator)
 {
-    Rig rig;
+    DatingRig rig;
     rig.ctl().arct_kf_hasskew = 1;
     rig.ctl().arct_lastkf.ak_skew_numerator = 1000;
     rig.ctl().arct_lastkf.ak_skew_denominator = 2000;
@@ -244,7 +244,7 @@ TEST(SwitchTime, Skew_DenominatorOverNumerator)
 
 TEST(SwitchTime, SkewNumeratorZero_AsDivisionGives)
 {
-    Rig rig;
+    DatingRig rig;
     rig.ctl().arct_kf_hasskew = 1;
     rig.ctl().arct_lastkf.ak_skew_denominator = 1;
     EXPECT_EQ(rig.time_of(word_of(7)), UTC); /* infinite: becomes 0 */
@@ -257,7 +257,7 @@ TEST(SwitchTime, SkewNumeratorZero_AsDivisionGives)
 
 TEST(SwitchTime, Between2To63And2To64_ConvertedInTwoSteps)
 {
-    Rig rig;
+    DatingRig rig;
     rig.ctl().arct_lastkf.ak_utc_time = 0;
     rig.ctl().arct_kf_hasskew = 1;
     rig.ctl().arct_lastkf.ak_skew_numerator = 5;
@@ -282,7 +282,7 @@ TEST(SwitchWrap, ExactBounds_CountedOnlyWithinThem)
         {0xffffffff, 0xffe, true},       {0x7fffffff, 0, false},    {0x7fffffff, 0xffe, false},
     };
     for (const auto &c : cases) {
-        Rig rig;
+        DatingRig rig;
         rig.ctl().arct_kf_last_ts = c.last;
         const uint64_t time = rig.time_of(word_of(c.stamp));
         EXPECT_EQ(rig.ctl().arct_kf_flipped, c.wrap ? 1u : 0u) << std::hex << c.last << " " << c.stamp;
@@ -296,7 +296,7 @@ TEST(SwitchWrap, ExactBounds_CountedOnlyWithinThem)
 
 TEST(SwitchWrap, RealStamps_NeverCounted)
 {
-    Rig rig;
+    DatingRig rig;
     rig.time_of(word_of(0x7fffffff));
     rig.time_of(word_of(0));
     rig.time_of(word_of(0x7ffff001));
@@ -308,7 +308,7 @@ TEST(SwitchWrap, RealStamps_NeverCounted)
 TEST(SwitchShortage, ThirdWrap_ReportedOnceAndEndedByAKeyframe)
 {
     for (auto status : {ARISTA_STATUS_ACTIVE, ARISTA_STATUS_OUTOFSYNC}) {
-        Rig rig(status);
+        DatingRig rig(status);
         uint64_t time = 0;
         {
             StreamCapture streams;
@@ -355,7 +355,7 @@ TEST(SwitchShortage, RateCheckOffOrOtherCounts_NotDeclared)
         {1, 0, ARISTA_STATUS_ACTIVE, false},   {255, 3, ARISTA_STATUS_ACTIVE, true},
     };
     for (const auto &c : cases) {
-        Rig rig(c.status);
+        DatingRig rig(c.status);
         rig.ctl().arct_kf_check_rate = c.check;
         rig.ctl().arct_kf_flipped = c.wraps;
         StreamCapture streams;
@@ -370,7 +370,7 @@ TEST(SwitchShortage, RateCheckOffOrOtherCounts_NotDeclared)
 
 TEST(SwitchTime, UnsupportedModeTwice_FramesLoseFourBytesAndATimeTooHighHoldsLaterOnesBack)
 {
-    Rig rig(ARISTA_STATUS_CHANGEDMODE);
+    DatingRig rig(ARISTA_STATUS_CHANGEDMODE);
     StreamCapture streams;
     Keyframe other;
     other.fcs_type = 2;
@@ -392,7 +392,7 @@ TEST(SwitchTime, UnsupportedModeTwice_FramesLoseFourBytesAndATimeTooHighHoldsLat
 TEST(SwitchEvent, KeyframeBetweenFrames_FramesOfItsEventDatedByTheOneBefore)
 {
     for (bool locks : {false, true}) {
-        Rig rig(ARISTA_STATUS_ACTIVE, {.ring = 8192, .locks = locks});
+        DatingRig rig(ARISTA_STATUS_ACTIVE, {.ring = 8192, .locks = locks});
         UdpFrame frame;
         frame.payload = text("payload");
         frame.trailer = word_of(7000);
@@ -410,7 +410,7 @@ TEST(SwitchEvent, KeyframeBetweenFrames_FramesOfItsEventDatedByTheOneBefore)
 TEST(SwitchEvent, FirstKeyframe_FramesOfItsEventUndated)
 {
     for (bool locks : {false, true}) {
-        Rig rig(ARISTA_STATUS_INITED, {.ring = 8192, .locks = locks});
+        DatingRig rig(ARISTA_STATUS_INITED, {.ring = 8192, .locks = locks});
         UdpFrame frame;
         frame.payload = text("payload");
         frame.trailer = word_of(7000);
@@ -642,7 +642,7 @@ private:
     }
 
     std::mt19937_64 random_;
-    Rig rig_;
+    DatingRig rig_;
     arista_model::Switch model_;
     test_support::LibcHookGuard hooks_;
     Bytes template_; /* the headers and some payload */

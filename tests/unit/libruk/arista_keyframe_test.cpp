@@ -18,11 +18,11 @@ constexpr uint64_t GRACE = 7000000000;
 constexpr uint64_t NOT_WAITING = UINT64_MAX;
 
 /* An endpoint that receives keyframes at a host time of the test's choice. */
-struct Rig : RigEndpoint {
+struct KeyframeRig : RigEndpoint {
     test_support::LibcHookGuard hooks;
     uint64_t now = NOW;
 
-    explicit Rig(arista_tsp_status status, bool skew = false, bool locks = false)
+    explicit KeyframeRig(arista_tsp_status status, bool skew = false, bool locks = false)
         : RigEndpoint({.ring = 8192, .locks = locks})
     {
         arista_control &ctl = ep->arista_control;
@@ -58,7 +58,7 @@ TEST(Keyframe, LiteralBytes_FieldsInHostOrder)
 {
     for (bool skew : {false, true}) {
         for (bool tagged : {false, true}) {
-            Rig rig(ARISTA_STATUS_INITED, skew);
+            KeyframeRig rig(ARISTA_STATUS_INITED, skew);
             Bytes frame = {0x02, 0x6f, 0x78, 0, 0, 1, 0, 0x1c, 0x73, 0, 0, 1};
             if (tagged)
                 frame = frame + Bytes{0x81, 0x00, 0x01, 0x02};
@@ -136,7 +136,7 @@ TEST(Keyframe, AcrossTheRingsEnd_ParsedWhole)
 
 TEST(Keyframe, Ipv6OfProtocol253_ReadAtTheSamePlaces)
 {
-    Rig rig(ARISTA_STATUS_INITED);
+    KeyframeRig rig(ARISTA_STATUS_INITED);
     Keyframe kf;
     kf.utc_time = 0x1112131415161718;
     Bytes frame = kf.bytes();
@@ -151,7 +151,7 @@ TEST(Keyframe, Ipv6OfProtocol253_ReadAtTheSamePlaces)
 TEST(Keyframe, AmongDatagrams_NeverReachesTheCaller)
 {
     for (bool locks : {false, true}) {
-        Rig rig(ARISTA_STATUS_INITED, false, locks);
+        KeyframeRig rig(ARISTA_STATUS_INITED, false, locks);
         rig.bind(0, 0x0a4d0001, 5000);
         rig.ring.put({{Keyframe().bytes(), 0}, {udp_frame("one"), 0}, {Keyframe().bytes(), 0}, {udp_frame("two"), 0}});
         rig.ring.put({{Keyframe().bytes(), 0}});
@@ -169,7 +169,7 @@ TEST(Keyframe, AmongDatagrams_NeverReachesTheCaller)
 
 TEST(Keyframe, FeatureOff_OrdinaryFrame)
 {
-    Rig rig(ARISTA_STATUS_DISABLED);
+    KeyframeRig rig(ARISTA_STATUS_DISABLED);
     ruk__channel *chan = rig.bind(0, 0x01010100, 0x3344); /* whoever has tag 0 */
     const arista_control before = rig.ctl();
     Keyframe kf;
@@ -185,7 +185,7 @@ TEST(Keyframe, FeatureOff_OrdinaryFrame)
 TEST(Keyframe, AdapterTimestampsOnBelowActive_NotTakenForOne)
 {
     for (auto status : {ARISTA_STATUS_INITED, ARISTA_STATUS_CHANGEDMODE, ARISTA_STATUS_FALLBACK_LOCAL}) {
-        Rig rig(status);
+        KeyframeRig rig(status);
         rig.ep->rep_timestamping_enabled = 1;
         rig.clock_is_ticks();
         EventOptions options;
@@ -197,7 +197,7 @@ TEST(Keyframe, AdapterTimestampsOnBelowActive_NotTakenForOne)
         EXPECT_EQ(rig.ep->rep_stats.dropped_nosock, 1u);
     }
     /* From ACTIVE on it is one, timestamping or not. */
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     rig.ep->rep_timestamping_enabled = 1;
     EXPECT_EQ(rig.receive(Keyframe().bytes()), "");
     EXPECT_EQ(rig.ctl().arct_stats.arst_kfrecv, 1u);
@@ -213,7 +213,7 @@ TEST(KeyframeMalformed, AnyOtherLength_CountedReportedAndNothingElse)
                                   size_t{100}, size_t{101}, size_t{1514}}) {
                 if (length == (skew ? 100u : 84u))
                     continue;
-                Rig rig(static_cast<arista_tsp_status>(status), skew);
+                KeyframeRig rig(static_cast<arista_tsp_status>(status), skew);
                 rig.ctl().arct_kf_check_ptp = 1;
                 rig.ctl().arct_kf_flipped = 2;
                 arista_control expected = rig.ctl();
@@ -234,7 +234,7 @@ TEST(KeyframeMalformed, AnyOtherLength_CountedReportedAndNothingElse)
 
 TEST(KeyframeMalformed, EightyFiveBytes_ExactMessage)
 {
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     Keyframe kf;
     kf.extra = 1;
     EXPECT_EQ(rig.receive(kf.bytes()), "---: Arista switch sent malformed IP PROTO 253 packet, expected=84 got=85.\n");
@@ -305,7 +305,7 @@ std::string spelled(const char *reports, const std::string &when)
 
 void walk(const Row &row, Ptp ptp, uint64_t sync, uint64_t wait, uint8_t mode, bool skew, bool tagged, bool check_rate)
 {
-    Rig rig(static_cast<arista_tsp_status>(row.before), skew);
+    KeyframeRig rig(static_cast<arista_tsp_status>(row.before), skew);
     arista_control &ctl = rig.ctl();
     ctl.arct_kf_check_ptp = ptp != PTP_OFF;
     ctl.arct_kf_check_rate = check_rate;
@@ -371,7 +371,7 @@ TEST(KeyframeStates, EveryStatusKindAndSetting_AsInTheTable)
 
 TEST(KeyframeStates, SyncTimeWithinTheGrace_DoesNotEndTheWait)
 {
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     rig.ctl().arct_kf_check_ptp = 1;
     Keyframe unsynced;
     unsynced.last_sync_time = 0;
@@ -387,7 +387,7 @@ TEST(KeyframeStates, SyncTimeWithinTheGrace_DoesNotEndTheWait)
 
 TEST(KeyframeStates, SevenSecondsWithoutSync_LostOnceThenResync)
 {
-    Rig rig(ARISTA_STATUS_INITED);
+    KeyframeRig rig(ARISTA_STATUS_INITED);
     rig.ctl().arct_kf_check_ptp = 1;
     Keyframe unsynced;
     unsynced.last_sync_time = 0;
@@ -411,7 +411,7 @@ TEST(KeyframeStates, SevenSecondsWithoutSync_LostOnceThenResync)
 
 TEST(KeyframeStates, OutOfSyncAndStillUnsynced_SilentlyActiveAndLostAgainSevenSecondsLater)
 {
-    Rig rig(ARISTA_STATUS_OUTOFSYNC);
+    KeyframeRig rig(ARISTA_STATUS_OUTOFSYNC);
     rig.ctl().arct_kf_check_ptp = 1;
     rig.ctl().arct_kf_ptp_wait = 0;
     Keyframe unsynced;
@@ -427,7 +427,7 @@ TEST(KeyframeStates, OutOfSyncAndStillUnsynced_SilentlyActiveAndLostAgainSevenSe
 
 TEST(KeyframeStates, UnsupportedModeRepeated_ReportedEverySecondTime)
 {
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     Keyframe other;
     other.fcs_type = 2;
     const std::string disabled = "0: Arista switch timestamp feature disabled by the switch \n";
@@ -442,7 +442,7 @@ TEST(KeyframeStates, UnsupportedModeRepeated_ReportedEverySecondTime)
 
 TEST(KeyframeStates, PtpWatchOff_ClockNotAsked)
 {
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     unsigned asked = 0;
     rig.hooks->clock_gettime = [&](clockid_t, struct timespec *) {
         asked++;
@@ -457,7 +457,7 @@ TEST(KeyframeStates, PtpWatchOff_ClockNotAsked)
 
 TEST(KeyframeStates, RawReceive_FollowsThemToo)
 {
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     Keyframe other;
     other.fcs_type = 3;
     other.utc_time = 0x100000007;
@@ -472,7 +472,7 @@ TEST(KeyframeStates, RawReceive_FollowsThemToo)
 
 TEST(KeyframeMalformed, RawReceive_CountedReportedAndNotHandedOut)
 {
-    Rig rig(ARISTA_STATUS_ACTIVE);
+    KeyframeRig rig(ARISTA_STATUS_ACTIVE);
     Keyframe longer;
     longer.extra = 1;
     UdpFrame next;

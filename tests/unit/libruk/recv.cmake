@@ -25,6 +25,7 @@ ruk_receive_test(libruk_arista_tests
     arista_keyframe_test.cpp
     arista_dating_test.cpp
     arista_settings_test.cpp)
+ruk_compile_together(libruk_arista_tests 3)
 # Millions of frames through a model.
 target_compile_options(libruk_arista_tests PRIVATE ${RUK_OPTIMISED})
 
