@@ -13,7 +13,7 @@ ruk_receive_test(libruk_recv_tests
     recv_raw_test.cpp
     recv_wait_test.cpp
     stats_report_test.cpp)
-ruk_compile_together(libruk_recv_tests 3)
+ruk_compile_together(libruk_recv_tests 6)
 
 # Receiving and the clock are built into this one over a vocabulary that writes down each access; the archive's are not
 # linked.
