@@ -119,17 +119,22 @@ int ReplayPort::steer(const SteerKey &key, bool install)
 {
     const int rc = wire_->steer(key, install);
     if (rc == 0 && install)
-        start();
+        listened();
     return rc;
 }
 
-void ReplayPort::start()
+void ReplayPort::listened()
 {
-    if (started_)
+    if (replayed_ != 0)
         return;
-    started_ = true;
-    start_ns_ = clock_();
-    read_next();
+    start_ns_ = clock_() + kQuietNs;
+    if (!started_) {
+        started_ = true;
+        read_next();
+    } else if (due_ns_ != UINT64_MAX) {
+        due_ns_ = start_ns_;
+        wake_.at(due_ns_);
+    }
 }
 
 void ReplayPort::read_next()

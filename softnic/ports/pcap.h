@@ -45,9 +45,12 @@ private:
 bool parse_replay(const std::string &text, std::string *path, double *speed, std::string *error);
 
 // Another port, at which the frames of a file arrive as well, at the pace at which they were captured. They begin
-// with the first filter, or with the first endpoint that takes frames without one: nobody would get them earlier.
+// when the first filter, or the first endpoint that takes frames without one, has been followed by no other for
+// kQuietNs: nobody would get them earlier, and a program that binds first and joins then would lose the first of them.
 class ReplayPort : public Port {
 public:
+    static constexpr uint64_t kQuietNs = 100000000;
+
     // speed 2 is twice as fast as captured. clock gives monotonic time in ns.
     ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> file, double speed,
                std::function<uint64_t()> clock);
@@ -56,13 +59,13 @@ public:
     bool receive(RxFrame *frame) override;
     int send(const uint8_t *frame, size_t len) override { return wire_->send(frame, len); }
     int steer(const SteerKey &key, bool install) override;
-    void listen() override { start(); }
+    void listen() override { listened(); }
     int set_promiscuous(bool on) override { return wire_->set_promiscuous(on); }
     bool link_up() const override { return wire_->link_up(); }
     PortCounters counters() const override;
 
 private:
-    void start(); // the first call counts
+    void listened(); // puts the first frame off
     void read_next();
 
     std::unique_ptr<Port> wire_;
@@ -71,7 +74,7 @@ private:
     std::function<uint64_t()> clock_;
     TimedWake wake_;
     bool started_ = false;
-    uint64_t start_ns_ = 0;            // when the first frame was due
+    uint64_t start_ns_ = 0;            // when the first frame is due
     std::optional<uint64_t> first_ns_; // when it was captured
     uint64_t due_ns_ = UINT64_MAX;     // when the next one is
     std::vector<uint8_t> next_;        // it

@@ -100,6 +100,20 @@ TEST_F(ReplayTool, ProgramThatTakesAllGroupsByItsFilterMode_BeginsTheReplay)
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
+// The bind installs a filter of its own, and with that speed all frames are due at once.
+TEST_F(ReplayTool, ProgramThatBindsAndThenJoins_GetsTheFirstFrame)
+{
+    const std::string feed = captured_feed(3, 1000, "239.1.2.3");
+    auto program = replay(feed + ",speed=1000000", {"-g", "239.1.2.3", "-n", "3", "-t", "60"});
+    for (int i = 0; i < 3; i++) {
+        std::string line;
+        EXPECT_TRUE(program->read_line(&line, 60000)) << *program;
+        EXPECT_EQ(line, "- 10.77.0.2:40000 > 239.1.2.3:5000 len 1 \"" + std::to_string(i) + "\"");
+    }
+    EXPECT_TRUE(program->finish());
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+}
+
 TEST_F(ReplayTool, FileThatIsNone_IsRefusedBeforeTheProgramRuns)
 {
     auto missing = replay(scratch.file("none"), {"-t", "0"});

@@ -173,7 +173,7 @@ TEST(Pcap, ReplayArgument_IsTakenApart)
     EXPECT_EQ(error, "no file named");
 }
 
-TEST(Replay, FramesOfTheFile_ArriveFromTheFirstFilterOnAtTheirPace)
+TEST(Replay, FramesOfTheFile_ArriveAfterTheFirstFilterAtTheirPace)
 {
     Bytes later = kRecord; // 400 us after the first
     later[4] = 0xb0;
@@ -184,7 +184,12 @@ TEST(Replay, FramesOfTheFile_ArriveFromTheFirstFilterOnAtTheirPace)
     ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 4, [&] { return now; });
     RxFrame got;
     EXPECT_FALSE(port.receive(&got)); // nobody has asked for anything yet
+    now += 1000000000;
+    EXPECT_FALSE(port.receive(&got));
     EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += 99999999;
+    EXPECT_FALSE(port.receive(&got)); // more may follow
+    now += 1;
     ASSERT_TRUE(port.receive(&got));
     EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(1));
     EXPECT_FALSE(port.receive(&got));
@@ -193,6 +198,39 @@ TEST(Replay, FramesOfTheFile_ArriveFromTheFirstFilterOnAtTheirPace)
     now += 1; // 100 us: four times as fast
     ASSERT_TRUE(port.receive(&got));
     EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(2));
+    now += 1000000000;
+    EXPECT_FALSE(port.receive(&got));
+    EXPECT_EQ(port.counters().received, 2u);
+}
+
+// As a program does that binds first and joins then.
+TEST(Replay, AnotherFilterSoonAfterTheFirst_PutsTheBeginningOffAndALaterOneDoesNot)
+{
+    Bytes later = kRecord; // 200 ms after the first
+    later[4] = 0x60;
+    later[5] = 0xae;
+    later[6] = 0x0a;
+    const File file(kHeader + kRecord + frame(1) + later + frame(2));
+    std::string error;
+    uint64_t now = 5000000;
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1, [&] { return now; });
+    RxFrame got;
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += 99999999;
+    EXPECT_EQ(port.steer(SteerKey{1, 3, 0, 17}, true), 0);
+    now += 99999999;
+    EXPECT_FALSE(port.receive(&got));
+    now += 1;
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(1));
+    now += 100000000;
+    EXPECT_EQ(port.steer(SteerKey{1, 4, 0, 17}, true), 0);
+    now += 99999999;
+    EXPECT_FALSE(port.receive(&got));
+    now += 1;
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_EQ(Bytes(got.data, got.data + got.len), frame(2));
+    EXPECT_EQ(port.steer(SteerKey{1, 5, 0, 17}, true), 0);
     now += 1000000000;
     EXPECT_FALSE(port.receive(&got));
     EXPECT_EQ(port.counters().received, 2u);
@@ -210,6 +248,7 @@ TEST(Replay, CaptureThatBeginsAtTimeZero_KeepsItsFirstGap)
     ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1, [&] { return now; });
     EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
     RxFrame got;
+    now += ReplayPort::kQuietNs;
     ASSERT_TRUE(port.receive(&got));
     now += 2999999999;
     EXPECT_FALSE(port.receive(&got));
@@ -223,8 +262,9 @@ TEST(Replay, AnEndpointThatTakesFramesWithoutAFilter_StartsItOnce)
 {
     const File file(kHeader + kRecord + frame(1));
     std::string error;
+    uint64_t now = 1;
     auto replay = std::make_unique<ReplayPort>(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1,
-                                               [] { return UINT64_C(1); });
+                                               [&] { return now; });
     SwitchPort port(
         std::move(replay), SwitchOptions{}, [] { return UINT64_C(1); }, false);
     const auto replayed = [&] { return port.wire().counters().received; };
@@ -235,6 +275,15 @@ TEST(Replay, AnEndpointThatTakesFramesWithoutAFilter_StartsItOnce)
     port.listen();
     EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
     port.listen();
+    while (port.receive(&got))
+        ;
+    EXPECT_EQ(replayed(), 0u);
+    now += ReplayPort::kQuietNs;
+    while (port.receive(&got))
+        ;
+    EXPECT_EQ(replayed(), 1u);
+    port.listen();
+    now += ReplayPort::kQuietNs;
     while (port.receive(&got))
         ;
     EXPECT_EQ(replayed(), 1u);
