@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <string_view>
 
@@ -16,6 +16,7 @@ constexpr uint32_t kMicroseconds = 0xa1b2c3d4, kNanoseconds = 0xa1b23c4d, kNextG
 constexpr size_t kFileHeader = 24, kRecordHeader = 16;
 constexpr uint32_t kEthernet = 1;
 constexpr uint32_t kLongestFrame = 262144;
+constexpr double kLongestWait = 1e18; // ns: decades, which every clock can tell
 
 uint32_t swap(uint32_t v) { return __builtin_bswap32(v); }
 
@@ -94,9 +95,9 @@ bool parse_replay(const std::string &text, std::string *path, double *speed, std
     *speed = 1;
     if (at != std::string::npos) {
         const std::string number = text.substr(at + key.size());
-        char *end;
-        *speed = strtod(number.c_str(), &end);
-        if (number.empty() || *end != '\0' || !(*speed > 0 && *speed <= 1e6)) {
+        const char *end = number.data() + number.size();
+        const std::from_chars_result result = std::from_chars(number.data(), end, *speed); // has no locale
+        if (result.ec != std::errc() || result.ptr != end || !(*speed > 0 && *speed <= 1e6)) {
             *error = "speed '" + number + "' is not a number above 0, at most 1000000";
             return false;
         }
@@ -147,7 +148,7 @@ void ReplayPort::read_next()
             first_ns_ = captured;
         // A clock that was set back while capturing holds nothing up.
         const uint64_t since = captured > *first_ns_ ? captured - *first_ns_ : 0;
-        due_ns_ = start_ns_ + static_cast<uint64_t>(static_cast<double>(since) / speed_);
+        due_ns_ = start_ns_ + static_cast<uint64_t>(std::min(static_cast<double>(since) / speed_, kLongestWait));
     }
     wake_.at(due_ns_);
 }

@@ -2,10 +2,14 @@
 #include "ports/memory.h"
 #include "ports/pcap.h"
 #include "ports/switch.h"
+#include "scoped_env.h"
 #include "softnic.h"
 
+#include <clocale>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
@@ -43,6 +47,34 @@ const Bytes kHeader = {0xd4, 0xc3, 0xb2, 0xa1, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 
 const Bytes kRecord = {1, 0, 0, 0x65, 0x20, 0xa1, 7, 0, 62, 0, 0, 0, 62, 0, 0, 0};
 
 Bytes frame(uint8_t fill, size_t n = 62) { return Bytes(n, fill); }
+
+// A locale of this test's own, for hosts have no other than "C" for certain.
+class DecimalComma {
+public:
+    DecimalComma()
+    {
+        const std::string dir = dir_;
+        std::ofstream(dir + "/source") << "comment_char %\nescape_char /\nLC_NUMERIC\ndecimal_point \",\"\n"
+                                          "thousands_sep \"\"\ngrouping -1\nEND LC_NUMERIC\n";
+        // It warns of all that such a locale lacks.
+        const std::string make = "localedef -c -i " + dir + "/source -f ANSI_X3.4-1968 " + dir + "/xx_XX 2>/dev/null";
+        [[maybe_unused]] const int warned = system(make.c_str());
+    }
+    ~DecimalComma()
+    {
+        setlocale(LC_NUMERIC, "C");
+        std::filesystem::remove_all(dir_);
+    }
+    bool set() const
+    {
+        const test_support::ScopedEnv path("LOCPATH", dir_);
+        return setlocale(LC_NUMERIC, "xx_XX") != nullptr && strtod("0,5", nullptr) == 0.5;
+    }
+
+private:
+    char name_[32] = "/tmp/ruk-locale-XXXXXX";
+    const char *dir_ = mkdtemp(name_);
+};
 
 std::string refusal(const Bytes &bytes)
 {
@@ -169,8 +201,19 @@ TEST(Pcap, ReplayArgument_IsTakenApart)
     for (const char *bad : {"f,speed=", "f,speed=0", "f,speed=-1", "f,speed=x", "f,speed=1e7", "f,speed=nan"})
         EXPECT_FALSE(parse_replay(bad, &path, &speed, &error)) << bad;
     EXPECT_EQ(error, "speed 'nan' is not a number above 0, at most 1000000");
+    EXPECT_FALSE(parse_replay("f,speed=1e-400", &path, &speed, &error));
     EXPECT_FALSE(parse_replay(",speed=2", &path, &speed, &error));
     EXPECT_EQ(error, "no file named");
+}
+
+TEST(Pcap, SpeedUnderALocaleWithADecimalComma_HasAPoint)
+{
+    const DecimalComma locale;
+    ASSERT_TRUE(locale.set());
+    std::string path, error;
+    double speed;
+    EXPECT_TRUE(parse_replay("feed.pcap,speed=0.5", &path, &speed, &error)) << error;
+    EXPECT_EQ(speed, 0.5);
 }
 
 TEST(Replay, FramesOfTheFile_ArriveAfterTheFirstFilterAtTheirPace)
@@ -201,6 +244,22 @@ TEST(Replay, FramesOfTheFile_ArriveAfterTheFirstFilterAtTheirPace)
     now += 1000000000;
     EXPECT_FALSE(port.receive(&got));
     EXPECT_EQ(port.counters().received, 2u);
+}
+
+TEST(Replay, SpeedNextToNothing_HoldsTheSecondFrameBack)
+{
+    Bytes later = kRecord; // a second after the first
+    later[0]++;
+    const File file(kHeader + kRecord + frame(1) + later + frame(2));
+    std::string error;
+    uint64_t now = 5000000;
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1e-300, [&] { return now; });
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += ReplayPort::kQuietNs;
+    RxFrame got;
+    ASSERT_TRUE(port.receive(&got));
+    now += UINT64_C(10000000000000000); // four months
+    EXPECT_FALSE(port.receive(&got));
 }
 
 // As a program does that binds first and joins then.
