@@ -68,12 +68,14 @@ PcapReader::~PcapReader() { fclose(file_); }
 bool PcapReader::next(uint64_t *time_ns, std::vector<uint8_t> *frame)
 {
     uint8_t header[kRecordHeader];
-    while (fread(header, sizeof(header), 1, file_) == 1) {
+    while (const size_t got = fread(header, 1, sizeof(header), file_)) {
         const uint32_t kept = number(header + 8), whole = number(header + 12);
-        if (kept > kLongestFrame)
+        damaged_ = got != sizeof(header) || kept > kLongestFrame;
+        if (damaged_)
             return false;
         frame->resize(kept);
-        if (kept != 0 && fread(frame->data(), kept, 1, file_) != 1)
+        damaged_ = fread(frame->data(), 1, kept, file_) != kept;
+        if (damaged_)
             return false;
         if (kept < whole || kept == 0 || kept < trailer_) {
             passed_over_++;
@@ -110,8 +112,9 @@ bool parse_replay(const std::string &text, std::string *path, double *speed, std
 }
 
 ReplayPort::ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> file, double speed,
-                       std::function<uint64_t()> clock)
-    : wire_(std::move(wire)), file_(std::move(file)), speed_(speed), clock_(std::move(clock))
+                       std::function<uint64_t()> clock, std::function<void()> damaged)
+    : wire_(std::move(wire)), file_(std::move(file)), speed_(speed), clock_(std::move(clock)),
+      damaged_(std::move(damaged))
 {
     wake_.create(wire_->poll_fd(), CLOCK_MONOTONIC);
 }
@@ -143,6 +146,8 @@ void ReplayPort::read_next()
     uint64_t captured;
     if (!file_->next(&captured, &next_)) {
         due_ns_ = UINT64_MAX;
+        if (file_->damaged())
+            damaged_();
     } else {
         if (!first_ns_)
             first_ns_ = captured;

@@ -30,6 +30,9 @@ public:
 
     uint64_t passed_over() const { return passed_over_; }
 
+    // The file ended within a frame, or in one that is longer than any can be.
+    bool damaged() const { return damaged_; }
+
 private:
     PcapReader(FILE *file, uint32_t trailer) : file_(file), trailer_(trailer) {}
     uint32_t number(const uint8_t *bytes) const;
@@ -39,6 +42,7 @@ private:
     bool swapped_ = false;
     uint32_t tick_ns_ = 1000; // of the fraction of a second
     uint64_t passed_over_ = 0;
+    bool damaged_ = false;
 };
 
 // Takes "FILE" or "FILE,speed=N" apart. False with the reason in *error.
@@ -51,9 +55,11 @@ class ReplayPort : public Port {
 public:
     static constexpr uint64_t kQuietNs = 100000000;
 
-    // speed 2 is twice as fast as captured. clock gives monotonic time in ns.
-    ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> file, double speed,
-               std::function<uint64_t()> clock);
+    // speed 2 is twice as fast as captured. clock gives monotonic time in ns. damaged is called where the file ends
+    // within a frame.
+    ReplayPort(
+        std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> file, double speed, std::function<uint64_t()> clock,
+        std::function<void()> damaged = [] {});
 
     int poll_fd() const override { return wake_.fd(); }
     bool receive(RxFrame *frame) override;
@@ -72,6 +78,7 @@ private:
     std::unique_ptr<PcapReader> file_;
     double speed_;
     std::function<uint64_t()> clock_;
+    std::function<void()> damaged_;
     TimedWake wake_;
     bool started_ = false;
     uint64_t start_ns_ = 0;            // when the first frame is due

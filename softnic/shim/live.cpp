@@ -198,8 +198,9 @@ bool add_replay(std::unique_ptr<Port> *port)
         complain(error);
         return false;
     }
-    *port = std::make_unique<ReplayPort>(std::move(*port), std::move(file), speed,
-                                         [] { return LiveRunner().now().mono_ns; });
+    *port = std::make_unique<ReplayPort>(
+        std::move(*port), std::move(file), speed, [] { return LiveRunner().now().mono_ns; },
+        [path] { complain(path + " is cut off or damaged within a frame: the replay ends there"); });
     return true;
 }
 

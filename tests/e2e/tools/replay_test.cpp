@@ -114,6 +114,19 @@ TEST_F(ReplayTool, ProgramThatBindsAndThenJoins_GetsTheFirstFrame)
     EXPECT_TRUE(program->exited_with(0)) << *program;
 }
 
+TEST_F(ReplayTool, FileThatIsCutOff_ArrivesUpToThereAndIsTold)
+{
+    const std::string feed = captured_feed(3, 1000);
+    std::filesystem::resize_file(feed, std::filesystem::file_size(feed) - 1);
+    auto program = replay(feed, {"-n", "2", "-t", "60"});
+    EXPECT_TRUE(program->finish(60000));
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_NE(
+        program->err().find("softnic: " + feed + " is cut off or damaged within a frame: the replay ends there\n"),
+        std::string::npos)
+        << *program;
+}
+
 TEST_F(ReplayTool, FileThatIsNone_IsRefusedBeforeTheProgramRuns)
 {
     auto missing = replay(scratch.file("none"), {"-t", "0"});

@@ -160,13 +160,32 @@ TEST(Pcap, FrameOfWhichOnlyTheBeginningWasKept_IsPassedOverAndCounted)
 
 TEST(Pcap, FileCutOffInAFrame_EndsBeforeIt)
 {
-    const File file(kHeader + kRecord + frame(1) + kRecord + frame(2, 30));
+    Bytes huge = kRecord; // a frame of 16 MiB, kept whole
+    huge[11] = huge[15] = 1;
+    const Bytes ends[] = {kRecord + frame(2, 30), Bytes(kRecord.begin(), kRecord.begin() + 9), huge + frame(2)};
+    for (const Bytes &end : ends) {
+        const File file(kHeader + kRecord + frame(1) + end);
+        std::string error;
+        const auto reader = PcapReader::open(file.name(), &error);
+        uint64_t time_ns;
+        Bytes bytes;
+        EXPECT_TRUE(reader->next(&time_ns, &bytes));
+        EXPECT_FALSE(reader->damaged());
+        EXPECT_FALSE(reader->next(&time_ns, &bytes));
+        EXPECT_TRUE(reader->damaged());
+    }
+}
+
+TEST(Pcap, FileThatEndsBehindAFrame_IsNotDamaged)
+{
+    const File file(kHeader + kRecord + frame(1));
     std::string error;
     const auto reader = PcapReader::open(file.name(), &error);
     uint64_t time_ns;
     Bytes bytes;
     EXPECT_TRUE(reader->next(&time_ns, &bytes));
     EXPECT_FALSE(reader->next(&time_ns, &bytes));
+    EXPECT_FALSE(reader->damaged());
 }
 
 TEST(Pcap, WhatIsNoCaptureOfEthernetFrames_IsRefusedWithTheReason)
