@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netpacket/packet.h>
@@ -92,6 +93,22 @@ std::vector<std::string> split(std::string_view list)
     return names;
 }
 
+// What the program is told: the file by its absolute path, for the program may change its directory first.
+std::string checked_replay(const std::string &text)
+{
+    std::string path, error;
+    double speed;
+    if (!softnic::parse_replay(text, &path, &speed, &error))
+        fail(kFailed, "replay: %s", error.c_str());
+    // A pipe would have lost what is read here.
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+        fail(kFailed, "replay: %s is no regular file", path.c_str());
+    if (!softnic::PcapReader::open(path, &error))
+        fail(kFailed, "replay: %s", error.c_str());
+    return std::filesystem::absolute(path).string() + text.substr(path.size());
+}
+
 // Options end at the program's name, so that its arguments are its own.
 Options parse(int argc, char **argv)
 {
@@ -131,12 +148,7 @@ Options parse(int argc, char **argv)
                 !softnic::parse_switch_options(options.switch_kind.substr(strlen("model,")), &model, &error))
                 fail(kFailed, "switch: %s", error.c_str());
         } else if (arg.starts_with("--replay=")) {
-            options.replay = arg.substr(strlen("--replay="));
-            std::string path, error;
-            double speed;
-            if (!softnic::parse_replay(options.replay, &path, &speed, &error) ||
-                !softnic::PcapReader::open(path, &error))
-                fail(kFailed, "replay: %s", error.c_str());
+            options.replay = checked_replay(std::string(arg.substr(strlen("--replay="))));
         } else {
             fail(kFailed, "unknown option '%s' (see rukrun --help)", argv[i]);
         }

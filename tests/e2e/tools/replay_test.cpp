@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <sys/stat.h>
 
 using namespace tool_test;
 
@@ -127,12 +128,31 @@ TEST_F(ReplayTool, FileThatIsCutOff_ArrivesUpToThereAndIsTold)
         << *program;
 }
 
+TEST_F(ReplayTool, FileNamedRelativelyAndAProgramThatChangesItsDirectory_Arrives)
+{
+    captured_feed(1, 1000);
+    auto program = lab.start(lab.adapter, {"sh", "-c",
+                                           "cd " + scratch.file("") + " && exec " + bin("rukrun") +
+                                               " --soft=oxel0 --replay=feed.pcap,speed=2 -- sh -c 'cd / && exec " +
+                                               bin("ruk-recv") + " -i oxel0 -p 5000 -n 1 -t 60'"});
+    EXPECT_TRUE(program->finish(60000));
+    EXPECT_TRUE(program->exited_with(0)) << *program;
+    EXPECT_EQ(program->out(), "- 10.77.0.2:40000 > 10.77.0.1:5000 len 1 \"0\"\n");
+}
+
 TEST_F(ReplayTool, FileThatIsNone_IsRefusedBeforeTheProgramRuns)
 {
     auto missing = replay(scratch.file("none"), {"-t", "0"});
     EXPECT_TRUE(missing->finish());
     EXPECT_TRUE(missing->exited_with(125)) << *missing;
     EXPECT_EQ(missing->err(), "rukrun: replay: " + scratch.file("none") + ": No such file or directory\n");
+    for (const std::string &other : {scratch.file(""), scratch.file("pipe")}) {
+        mkfifo(scratch.file("pipe").c_str(), 0600);
+        auto refused = replay(other, {"-t", "0"});
+        EXPECT_TRUE(refused->finish());
+        EXPECT_TRUE(refused->exited_with(125)) << *refused;
+        EXPECT_EQ(refused->err(), "rukrun: replay: " + other + " is no regular file\n");
+    }
     auto wrong = replay("/proc/version,speed=fast", {"-t", "0"});
     EXPECT_TRUE(wrong->finish());
     EXPECT_TRUE(wrong->exited_with(125)) << *wrong;
