@@ -50,15 +50,19 @@ constexpr Reason<Page> interface_reasons[] = {
       "give the adapter's thread a processor of its own (RUK_SOFTNIC_CPU), or the ring more room "
       "(RUK_SOFTNIC_PACKETQ)"}},
     {&Page::rx_malformed,
-     {"rx_malformed", "frames that the interface handed over incomplete, or without the trailer that they should bear",
-      "look at the sender's offload settings, and whether the switch adds its trailer (--switch=wire)"}},
+     {"rx_malformed",
+      "frames that the interface, or a replayed file, handed over incomplete, or without the trailer that they should "
+      "bear",
+      "look at the sender's offload settings, and whether the switch adds its trailer (--switch=wire); for a replay "
+      "capture whole frames (tcpdump -s 0)"}},
     {&Page::tx_errors,
      {"tx_errors", "frames that the interface refused to send", "look at its link, queue length and MTU"}},
 };
 
 constexpr Reason<Page> board_reasons[] = {
     {&Page::unmatched,
-     {"unmatched", "frames that no endpoint asked for: the kernel's", "none: they went their usual way"}},
+     {"unmatched", "frames that no endpoint asked for: the kernel's, but for those of a replayed file, which are lost",
+      "none: they went their usual way; for a replay bind or join before it begins"}},
     {&Page::malformed,
      {"malformed", "frames shorter than an Ethernet header, or longer than a length field can say",
       "look for a damaged sender"}},

@@ -128,6 +128,22 @@ TEST_F(ReplayTool, FileThatIsCutOff_ArrivesUpToThereAndIsTold)
         << *program;
 }
 
+TEST_F(ReplayTool, FramesThatGotNowhere_AccountTellsWhatHelpsWithAReplay)
+{
+    const std::string feed = captured_feed(2, 1000);
+    std::string bytes = contents(feed);
+    uint32_t first; // its length; the second record's length on the wire
+    memcpy(&first, &bytes[24 + 8], sizeof first);
+    bytes[24 + 16 + first + 12]++;
+    std::ofstream(feed, std::ios::binary) << bytes;
+    auto program = lab.start(lab.adapter, {bin("rukrun"), "--soft=oxel0", "--replay=" + feed, "--", bin("ruk-recv"),
+                                           "-i", "oxel0", "-p", "5001", "-t", "1", "--stats"});
+    EXPECT_TRUE(program->finish(60000));
+    const std::string &said = program->out();
+    EXPECT_NE(said.find("for a replay bind or join before it begins"), std::string::npos) << *program;
+    EXPECT_NE(said.find("for a replay capture whole frames (tcpdump -s 0)"), std::string::npos) << *program;
+}
+
 TEST_F(ReplayTool, FileNamedRelativelyAndAProgramThatChangesItsDirectory_Arrives)
 {
     captured_feed(1, 1000);
