@@ -68,7 +68,7 @@ if ((!inside)); then
     isolate=(unshare --user --map-root-user --net)
     ((EUID != 0)) || isolate=(unshare --net)
     "${isolate[@]}" ip link set lo up || die "user $(id -un) may not make network namespaces here: be root; in a" \
-        "container, have the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN"
+        "container, have the capabilities CAP_SYS_ADMIN, CAP_NET_ADMIN and CAP_NET_RAW"
     status=0
     "${isolate[@]}" "$PWD/demo.sh" --inside --build-dir "$build" || status=$?
     exit "$status"
@@ -95,7 +95,9 @@ trap 'die interrupted' INT TERM
 
 PATH=$build/bin:$PATH
 soft=(timeout --foreground 60 rukrun --soft=oxel0 --)
-peer() { nsenter --target "$holder" --net -- "$@"; }
+# In the background to be called without the function, of which $! would be a shell before the command.
+peer_command=()
+peer() { "${peer_command[@]}" "$@"; }
 indent() { sed 's/^/  /' "$1"; }
 
 # Waits until a file holds the text, at most ten seconds.
@@ -114,6 +116,7 @@ make_hosts() {
     unshare --net sh -c 'echo there >"$0"; exec sleep 300' "$work/holder" &
     holder=$!
     children+=("$holder")
+    peer_command=(nsenter --target "$holder" --net --)
     await "$work/holder" there || die "no second host could be made"
     ip link set lo up
     ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02 netns "$holder"
@@ -154,7 +157,7 @@ datagrams() {
     local receiver=$!
     children+=("$receiver")
     await "$work/recv.err" listening || die "ruk-recv did not start: $(cat "$work/recv.err")"
-    peer scripts/demo_peer.py 10.77.0.2:40000 10.77.0.1:5000 "$replies" "${sizes[@]}" >"$work/peer" &
+    "${peer_command[@]}" scripts/demo_peer.py 10.77.0.2:40000 10.77.0.1:5000 "$replies" "${sizes[@]}" >"$work/peer" &
     local talker=$!
     children+=("$talker")
     wait "$receiver" || { indent "$work/recv" && die "not every datagram arrived"; }
@@ -184,7 +187,7 @@ datagrams() {
 latency() {
     say "6. how long a datagram takes: half of a round trip to an ordinary echo server on the other host"
     local options=(client -i oxel0 10.77.0.2:7000 --count 5000 -t 4 --warmup 200)
-    peer ruk-ping server --kernel -i peer0 -p 7000 --wait block -t 60 >"$work/echo" 2>&1 &
+    "${peer_command[@]}" ruk-ping server --kernel -i peer0 -p 7000 --wait block -t 60 >"$work/echo" 2>&1 &
     children+=("$!")
     await "$work/echo" answering || die "the echo server did not start: $(cat "$work/echo")"
     "${soft[@]}" ruk-ping "${options[@]}" >"$work/ping" 2>&1 || die "ruk-ping through libruk: $(cat "$work/ping")"

@@ -59,7 +59,8 @@ constexpr char kUsage[] =
     "  --help           print this text\n"
     "  --version        print the version\n"
     "\n"
-    "Needs the right to open packet sockets: run as root, or inside 'unshare -Urn'.\n"
+    "Needs the right to open packet sockets: run as root, with CAP_NET_RAW, or\n"
+    "inside 'unshare -Urn'.\n"
     "Exit status: the program's; 125 when rukrun fails, 126 when PROGRAM cannot be executed,\n"
     "127 when it is not found.\n";
 
@@ -219,7 +220,8 @@ void check_privilege()
 {
     const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        fail(kFailed, "cannot open a packet socket: %s (run as root, or inside 'unshare -Urn')", strerror(errno));
+        fail(kFailed, "cannot open a packet socket: %s (run as root, with CAP_NET_RAW, or inside 'unshare -Urn')",
+             strerror(errno));
     close(fd);
 }
 

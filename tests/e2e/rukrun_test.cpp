@@ -162,8 +162,8 @@ TEST_F(RukrunTest, NoRightToOpenPacketSockets_OneLineAndStatus)
         lab.adapter, {"setpriv", "--bounding-set=-net_raw", "--inh-caps=-net_raw", kRukrun, "--soft=oxel0", "true"});
     ASSERT_TRUE(program->finish());
     EXPECT_TRUE(program->exited_with(125)) << *program;
-    EXPECT_EQ(program->err(), "rukrun: cannot open a packet socket: Operation not permitted (run as root, or inside "
-                              "'unshare -Urn')\n");
+    EXPECT_EQ(program->err(), "rukrun: cannot open a packet socket: Operation not permitted (run as root, with "
+                              "CAP_NET_RAW, or inside 'unshare -Urn')\n");
 }
 
 // What the adapter could not open inside the program is said before the program runs.

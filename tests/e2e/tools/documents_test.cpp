@@ -163,7 +163,50 @@ TEST_F(Documents, Demo_WithoutTheRightToMakeNamespaces_NamesWhatIsNeeded)
                                         source_dir + "/demo.sh", "--no-build", "--build-dir", RUK_BINARY_DIR});
     EXPECT_TRUE(demo->finish(60000)) << *demo;
     EXPECT_TRUE(demo->exited_with(1)) << *demo;
-    EXPECT_NE(demo->out().find("have the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN\n"), std::string::npos) << *demo;
+    EXPECT_NE(demo->out().find("have the capabilities CAP_SYS_ADMIN, CAP_NET_ADMIN and CAP_NET_RAW\n"),
+              std::string::npos)
+        << *demo;
+}
+
+TEST_F(Documents, Demo_WithTheCapabilitiesThatTheReadmeNames_NeedsEachOfThem)
+{
+    const std::string readme = contents(source_dir + "/README.md");
+    EXPECT_NE(
+        readme.find("CAP_SYS_ADMIN and CAP_NET_ADMIN, for network namespaces, and CAP_NET_RAW, for packet sockets"),
+        std::string::npos);
+    const auto run = [&](const std::string &capabilities) {
+        auto demo = lab.start(lab.adapter, {"setpriv", "--bounding-set=-all," + capabilities, "--inh-caps=-all",
+                                            source_dir + "/demo.sh", "--no-build", "--build-dir", RUK_BINARY_DIR});
+        EXPECT_TRUE(demo->finish(120000)) << *demo;
+        return demo;
+    };
+    auto all = run("+sys_admin,+net_admin,+net_raw");
+    EXPECT_TRUE(all->exited_with(0)) << *all;
+    auto without = run("+sys_admin,+net_admin");
+    EXPECT_TRUE(without->exited_with(1)) << *without;
+    EXPECT_NE(without->err().find("run as root, with CAP_NET_RAW, or inside 'unshare -Urn'"), std::string::npos)
+        << *without;
+}
+
+TEST_F(Documents, Demo_AtItsEnd_NoProcessOfItIsLeft)
+{
+    // Every process of it has this in its environment.
+    const std::string mark = "RUK_TEST_DEMO_OF=" + std::to_string(getpid());
+    auto demo =
+        lab.start(lab.adapter, {"env", mark, source_dir + "/demo.sh", "--no-build", "--build-dir", RUK_BINARY_DIR});
+    const auto marked = [&] {
+        std::string processes;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc"))
+            if (isdigit(entry.path().filename().string()[0]) != 0 &&
+                contents(entry.path() / "environ").find(mark) != std::string::npos)
+                processes += contents(entry.path() / "cmdline") + '\n';
+        return processes;
+    };
+    EXPECT_TRUE(demo->wait_for_out("== 6.", 120000)) << *demo;
+    EXPECT_NE(marked(), "");
+    EXPECT_TRUE(demo->finish(120000)) << *demo;
+    EXPECT_TRUE(demo->exited_with(0)) << *demo;
+    EXPECT_EQ(marked(), "");
 }
 
 TEST_F(Documents, Readme_NamesNoFileThatIsNotThere)
