@@ -4,6 +4,16 @@
 #
 #   packaging/build-packages.sh [OUTPUT_DIR]        build-packages when none is named
 set -euo pipefail
+case ${1:-} in
+-h | --help)
+    sed -n '2,5p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+    exit 0
+    ;;
+-*)
+    echo "build-packages: unknown argument '$1' (see --help)" >&2
+    exit 2
+    ;;
+esac
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 output=$(realpath -m "${1:-$root/build-packages}")
 "$root/scripts/install-deps.sh" packages

@@ -12,6 +12,17 @@ if [[ ${1:-} == --here ]]; then
     here=1
     shift
 fi
+case ${1:-} in
+-h | --help)
+    sed -n '2,8p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+    exit 0
+    ;;
+-*)
+    echo "try-packages: unknown argument '$1' (see --help)" >&2
+    exit 2
+    ;;
+esac
+[[ -n $here || $# -gt 0 ]] || { echo "try-packages: no directory of packages named (see --help)" >&2; exit 2; }
 # Mounts of a namespace end with its last process, however that ends.
 if [[ -n $here && -z ${RUK_TRY_IN_NAMESPACE:-} ]]; then
     ((EUID == 0)) || { echo "try-packages: not root" >&2; exit 1; }

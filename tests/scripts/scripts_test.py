@@ -5,6 +5,7 @@ what did not run is a failure."""
 import contextlib
 import io
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -177,6 +178,26 @@ class Style(unittest.TestCase):
 class Library(unittest.TestCase):
     def test_difference_names_both_sides(self):
         self.assertEqual(["map lacks a", "map has c besides"], check_library.difference("map", {"a", "b"}, {"b", "c"}))
+
+
+class Packaging(unittest.TestCase):
+    def run_script(self, name, *arguments):
+        """With no program at hand that could change anything, if it came to that."""
+        with tempfile.TemporaryDirectory() as programs:
+            os.symlink(shutil.which("sed"), os.path.join(programs, "sed"))
+            return subprocess.run([os.path.join(ROOT, "packaging", name), *arguments], env={"PATH": programs},
+                                  capture_output=True, text=True)
+
+    def test_help_and_unknown_options(self):
+        for name in "build-packages", "try-packages":
+            for option in "--help", "-h":
+                told = self.run_script(name + ".sh", option)
+                self.assertEqual(told.returncode, 0, told)
+                self.assertIn(f"  packaging/{name}.sh ", told.stdout)
+                self.assertNotIn("set -euo", told.stdout)
+            refused = self.run_script(name + ".sh", "--no-such-option")
+            self.assertEqual(refused.returncode, 2, refused)
+            self.assertEqual(refused.stderr, f"{name}: unknown argument '--no-such-option' (see --help)\n")
 
 
 if __name__ == "__main__":
