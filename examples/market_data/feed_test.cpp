@@ -1,6 +1,7 @@
 /*
  * How to test an application of libruk without an adapter, a network or privileges: the software adapter is linked
- * into the test and driven step by step, in virtual time. The same seed gives the same run, always.
+ * into the test and driven step by step, in virtual time. The same seed gives the same run, always. The loopback
+ * interface has to be up.
  */
 #include "feed.h"
 #include "softnic.h"
@@ -74,7 +75,8 @@ protected:
     }
     void TearDown() override
     {
-        ruk_close(dev);
+        if (dev != nullptr)
+            ruk_close(dev);
         softnic_destroy(nic);
     }
 
