@@ -149,7 +149,11 @@ TEST_F(Documents, ReadmeProgram_WatchedAsSaid_ShowsTheAccount)
     auto without_numbers = [](const std::string &text) { return std::regex_replace(text, std::regex("[0-9]+"), "N"); };
     const std::string shown = without_numbers(readme_block("watching-output"));
     ASSERT_NE(shown.find("board: arrived N = matched N"), std::string::npos) << shown;
+    ASSERT_NE(shown.find("drops:\n\tunmatched"), std::string::npos) << shown;
     EXPECT_EQ(without_numbers(watcher->out()).rfind(shown, 0), 0u) << *watcher;
+    const std::string readme = contents(source_dir + "/README.md");
+    EXPECT_LT(readme.find("The first tells"), readme.find("<!-- watching-output -->"));
+    EXPECT_GT(readme.find("The second shows"), readme.find("<!-- watching-output -->"));
     EXPECT_NE(watcher->out().find("received/s"), std::string::npos) << *watcher;
 
     EXPECT_TRUE(receiver->finish(60000)) << *receiver;
