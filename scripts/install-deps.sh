@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs the Debian packages that are missing for: build, demo, test, ci or packages, each with the groups before it.
-# Says nothing and needs no privileges when nothing is missing.
+# Installs the Debian packages that are missing for: build, demo, test or ci, each with the groups before it; or packages
+# with build. Says nothing and needs no privileges when nothing is missing.
 #
 #   scripts/install-deps.sh GROUP
 set -euo pipefail
@@ -12,6 +12,7 @@ wanted=()
 found=0
 while read -r name packages; do
     [[ $name == "#"* || -z $name ]] && continue
+    [[ $group == packages && $name != build && $name != packages ]] && continue
     read -ra list <<<"$packages"
     wanted+=("${list[@]}")
     if [[ $name == "$group" ]]; then

@@ -199,6 +199,17 @@ class Packaging(unittest.TestCase):
             self.assertEqual(refused.returncode, 2, refused)
             self.assertEqual(refused.stderr, f"{name}: unknown argument '--no-such-option' (see --help)\n")
 
+    def test_packages_that_building_packages_needs(self):
+        with tempfile.TemporaryDirectory() as programs:  # not a Debian system: it tells instead of installing
+            os.symlink(shutil.which("dirname"), os.path.join(programs, "dirname"))
+            told = subprocess.run([os.path.join(ROOT, "scripts", "install-deps.sh"), "packages"], env={"PATH": programs},
+                                  capture_output=True, text=True)
+        needed = told.stderr.split()
+        for package in "g++", "debhelper", "lintian":
+            self.assertIn(package, needed)
+        for package in "clang", "gcovr", "libgtest-dev":
+            self.assertNotIn(package, needed)
+
 
 if __name__ == "__main__":
     unittest.main()
