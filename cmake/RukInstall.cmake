@@ -3,7 +3,15 @@
 
 include(CMakePackageConfigHelpers)
 
-# Relative to the prefix where that is possible, so that a moved tree needs one change.
+# The prefix is told relative to where the file itself is, for "cmake --install --prefix" may name another one, and a
+# tree may be moved; directories outside of the prefix as they are. But /usr by its name: what the compiler knows anyway
+# pkg-config leaves out only if it recognises it.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" OR IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(RUK_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH RUK_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+  string(REGEX REPLACE "/$" "" RUK_PC_PREFIX "\${pcfiledir}/${RUK_PC_PREFIX}")
+endif()
 foreach(dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
     set(RUK_PC_${dir} "${CMAKE_INSTALL_${dir}}")

@@ -29,7 +29,7 @@ fi
 rm -r "$tree/package"
 export PKG_CONFIG_PATH=${pc%/*}
 pc_config() {
-    pkg-config --define-variable=prefix="$prefix" "$@" ruk
+    pkg-config "$@" ruk
 }
 
 fail() {
@@ -42,6 +42,7 @@ for file in libruk.so libruk.so.0 libruk.a; do
 done
 [[ -e $prefix/include/ruk.h ]] || fail "no ruk.h"
 [[ -n $(pc_config --modversion) ]] || fail "ruk.pc has no version"
+[[ $(realpath "$(pc_config --variable=includedir)") == "$(realpath "$prefix/include")" ]] || fail "ruk.pc names another prefix"
 
 strict=(-Wall -Wextra -Wpedantic -Werror)
 read -ra cflags <<<"$(pc_config --cflags)"
@@ -109,6 +110,13 @@ if [[ " ${flags[*]} " != *" -m32 "* ]]; then
         cat "$tree/market_data.log"
         fail "the example market_data is of no use to its readers"
     fi
+    # Its tests fail where loopback is down, and do not crash.
+    if unshare --user --map-root-user --net true 2>"$tree/unshare.log"; then
+        status=0
+        unshare --user --map-root-user --net "$tree/market_data/build/example-market-data-test" \
+            &>"$tree/no_loopback.log" || status=$?
+        ((status == 1)) || fail "the tests of market_data end with $status without loopback"
+    fi
 fi
 # Where the adapter's archives are not, for they come in a package of their own, the rest serves all the same, and who
 # asks for the adapter is told.
@@ -137,7 +145,7 @@ if find_without_adapter COMPONENTS softnic || ! grep -q 'archives of the softwar
 fi
 mv "$tree/hidden"/*.cmake "$cmake_dir"
 # The software adapter for users' own tests, as its pkg-config file tells.
-read -ra adapter <<<"$(pkg-config --define-variable=prefix="$prefix" --cflags --libs ruk-softnic)"
+read -ra adapter <<<"$(pkg-config --cflags --libs ruk-softnic)"
 for program in c cxx c_capture; do
     language=(-x c -std=c11 -D_DEFAULT_SOURCE) compiler=$cc archives=()
     [[ $program != cxx ]] || language=(-x c++ -std=c++20) compiler=$cxx
