@@ -3,11 +3,13 @@
 #include "../driver/sys.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <map>
 #include <poll.h>
 #include <sched.h>
 #include <time.h>
+#include <vector>
 
 namespace softnic {
 namespace {
@@ -41,8 +43,14 @@ Registry *g_registry = nullptr;
 
 unsigned allowed_cpus()
 {
-    cpu_set_t set;
-    return ::sched_getaffinity(0, sizeof(set), &set) == 0 ? static_cast<unsigned>(CPU_COUNT(&set)) : 1;
+    // Larger until it holds all that the machine may have.
+    std::vector<cpu_set_t> sets(1);
+    while (::sched_getaffinity(0, sets.size() * sizeof(cpu_set_t), sets.data()) != 0) {
+        if (errno != EINVAL || sets.size() == 1024)
+            return 1;
+        sets.resize(2 * sets.size());
+    }
+    return static_cast<unsigned>(CPU_COUNT_S(sets.size() * sizeof(cpu_set_t), sets.data()));
 }
 
 void cpu_relax() { __builtin_ia32_pause(); }

@@ -4,15 +4,56 @@
 #include "child.h"
 #include "ledger/writer.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <thread>
+
+namespace softnic_test {
+namespace {
+
+/* The machine as the firmware sees it. */
+std::atomic<int> processors{0}; /* of the machine, all of them allowed; 0: as it is */
+std::atomic<long> yields{0};
+
+} // namespace
+} // namespace softnic_test
+
+/* The linker gives the firmware's calls to these. */
+extern "C" {
+int __real_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set);
+int __real_sched_yield();
+int __wrap_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set);
+int __wrap_sched_yield();
+
+int __wrap_sched_getaffinity(pid_t pid, size_t size, cpu_set_t *set)
+{
+    const int n = softnic_test::processors;
+    if (n == 0)
+        return __real_sched_getaffinity(pid, size, set);
+    if (8 * size < static_cast<size_t>(n)) {
+        errno = EINVAL;
+        return -1;
+    }
+    CPU_ZERO_S(size, set);
+    for (int i = 0; i < n; i++)
+        CPU_SET_S(static_cast<size_t>(i), size, set);
+    return 0;
+}
+
+int __wrap_sched_yield()
+{
+    softnic_test::yields++;
+    return __real_sched_yield();
+}
+}
 
 namespace softnic_test {
 namespace {
@@ -93,6 +134,27 @@ TEST_F(FirmwareTest, ArrivingFrame_WakesASleepingReceiver)
         EXPECT_EQ(dev.take_tags(), std::vector<uint16_t>{3});
         EXPECT_TRUE(eventually([&] { return !readable(dev.fd); }));
     }
+}
+
+// Where it has a single processor it gives that up between looks; a kernel of many refuses a set that is too small.
+TEST_F(FirmwareTest, ProcessorsOfTheMachine_ManyAreNotTakenForOne)
+{
+    const auto yields_on = [&](int machine) {
+        adapter_.reset();
+        processors = machine;
+        adapter_ = std::make_unique<LiveAdapter>(port_);
+        processors = 0;
+        std::this_thread::sleep_for(20ms); // asleep
+        const long before = yields;
+        for (int i = 0; i < 20; i++) {
+            port_.arrive(make_frame()); // nobody's
+            std::this_thread::sleep_for(2ms);
+        }
+        return yields - before;
+    };
+    EXPECT_GT(yields_on(1), 0);
+    EXPECT_EQ(yields_on(2), 0);
+    EXPECT_EQ(yields_on(5000), 0);
 }
 
 TEST_F(FirmwareTest, IdleAdapter_MakesFewerThanTenWakeUpsASecond)
