@@ -182,6 +182,8 @@ int interface_mtu(const std::string &name)
 Interface find_interface(const InterfaceChoice &choice)
 {
     in_addr wanted{};
+    if (choice.addr.empty() && choice.name.empty())
+        fail("-i and -a take the name or the address of an interface, not nothing");
     if (!choice.addr.empty())
         wanted = parse_addr(choice.addr, "-a");
     else if (if_nametoindex(choice.name.c_str()) == 0)
@@ -210,23 +212,29 @@ Interface find_interface(const InterfaceChoice &choice)
     return found;
 }
 
-void init_library()
+std::string adapter_error_text(int error)
 {
-    int rc = ruk_init(RUK_API_VERSION);
-    switch (rc) {
-    case 0:
-        return;
+    switch (error) {
     case ENOENT:
-        fail("no adapter device file (/dev/oxelB*): the driver is not loaded. "
-             "To use the software adapter, run this under 'rukrun --soft=IF --'");
+        return "no adapter device file (/dev/oxelB*): the driver is not loaded";
     case ENODEV:
     case ENXIO:
-        fail("the driver is there but offers no adapter that this library can use: {}", errno_text(rc));
+        return "the driver is there but offers no adapter that this library can use: " + errno_text(error);
     case EACCES:
-        fail("no permission to open the adapter's device files (/dev/oxelB*)");
+    case EPERM:
+        return "no permission to open the adapter's device files (/dev/oxelB*)";
+    case ENOTTY:
+        return "the driver of /dev/oxelB* is not this library's: " + errno_text(error);
     default:
-        fail("the library cannot be initialised: {}", errno_text(rc));
+        return "the library cannot be initialised: " + errno_text(error);
     }
+}
+
+void init_library()
+{
+    if (const int rc = ruk_init(RUK_API_VERSION); rc != 0)
+        fail("{}{}", adapter_error_text(rc),
+             rc == ENOENT ? ". To use the software adapter, run this under 'rukrun --soft=IF --'" : "");
 }
 
 Endpoint::Endpoint(const InterfaceChoice &choice, int flags) : interface_(find_interface(choice))

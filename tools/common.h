@@ -124,6 +124,9 @@ constexpr uint32_t max_udp_payload = 65507;
 /* Room for every datagram and every frame that an adapter can deliver. */
 constexpr size_t receive_buffer_size = 65536;
 
+/* Why the library or the driver has no adapter to offer, in words, for what a call returned. */
+std::string adapter_error_text(int error);
+
 /* Initialises the library. */
 void init_library();
 

@@ -62,7 +62,8 @@ constexpr Reason<Page> interface_reasons[] = {
 constexpr Reason<Page> board_reasons[] = {
     {&Page::unmatched,
      {"unmatched", "frames that no endpoint asked for: the kernel's, but for those of a replayed file, which are lost",
-      "none: they went their usual way; for a replay bind or join before it begins"}},
+      "none: they went their usual way, as broadcasts to a subnet's own address do, which RUK_BIND_BROADCAST does not "
+      "ask for; for a replay bind or join before it begins"}},
     {&Page::malformed,
      {"malformed", "frames shorter than an Ethernet header, or longer than a length field can say",
       "look for a damaged sender"}},
@@ -193,6 +194,13 @@ std::vector<std::string> ledger_lines(const softnic::LiveLedger &ledger)
                                     e.bad_payload));
     }
     return lines;
+}
+
+std::string no_ledgers_text(const std::string &interface)
+{
+    return fmt::format("no running program in this network namespace uses the software adapter{}{} (that this user may "
+                       "look into)",
+                       interface.empty() ? "" : " on ", interface);
 }
 
 std::vector<softnic::LiveLedger> own_ledgers()

@@ -42,6 +42,9 @@ nlohmann::ordered_json ledger_object(const softnic::LiveLedger &ledger);
 /* The same as lines of text, without the drops. */
 std::vector<std::string> ledger_lines(const softnic::LiveLedger &ledger);
 
+/* What to say when there is none to show, of an interface or, where its name is empty, at all. */
+std::string no_ledgers_text(const std::string &interface);
+
 /* Of the boards in this process, up to date. */
 std::vector<softnic::LiveLedger> own_ledgers();
 

@@ -147,8 +147,7 @@ int show(bool json)
     if (rc == 0)
         rc = board_info(info["boards"]);
     if (rc != 0)
-        info["error"] = rc == ENOENT ? std::string("no adapter device file (/dev/oxelB*): the driver is not loaded")
-                                     : errno_text(rc);
+        info["error"] = adapter_error_text(rc);
 
     if (json)
         put_line(json_text(info));
@@ -157,6 +156,8 @@ int show(bool json)
     if (rc != 0 && !json)
         note(word(info["error"]) +
              (rc == ENOENT ? "; for the software adapter run 'rukrun --soft=IF -- ruk-info'" : ""));
+    if (rc != 0 && rc != ENOENT && rc != ENODEV && rc != ENXIO)
+        return exit_error; /* there may be one */
     return rc == 0 && !info["boards"].empty() ? exit_ok : exit_incomplete;
 }
 
@@ -177,8 +178,7 @@ int show_ledgers(const std::string &interface, bool json)
     if (json)
         put_line(json_text({{"ledgers", list}}));
     else if (list.empty())
-        note(interface.empty() ? "no running program uses the software adapter (that this user may look into)"
-                               : "no running program uses the software adapter on " + interface);
+        note(no_ledgers_text(interface));
     return list.empty() ? exit_incomplete : exit_ok;
 }
 
@@ -212,7 +212,7 @@ int main(int argc, char **argv)
     bool doctor = false;
     const Option live = line.flag("--stats", stats,
                                   "Where every frame went: live accounts of the software adapter's boards in all "
-                                  "processes that this user may look into");
+                                  "processes in this network namespace that this user may look into");
     line.flag("--doctor", doctor,
               "Check everything between an application and an accelerated datagram, and say what to do about it")
         .excludes(live);

@@ -129,7 +129,7 @@ int watch(const Options &opt)
         if (opt.json)
             put_line(json_text({{"ledgers", list}}));
         else if (seen.empty())
-            put_line("no running program uses the software adapter (that this user may look into)");
+            put_line(no_ledgers_text(opt.interface));
         any = any || !seen.empty();
         last = std::move(seen);
         last_look = now;
@@ -141,8 +141,10 @@ int watch(const Options &opt)
 
 int main(int argc, char **argv)
 {
-    Program line("Shows what the boards of the software adapter do: rates, fill of the event rings, drops by reason.",
-                 "ruk-top");
+    Program line(
+        "Shows what the boards of the software adapter do, in all processes in this network namespace that this user "
+        "may look into: rates, fill of the event rings, drops by reason.",
+        "ruk-top");
     Options opt;
     line.option("-d,--delay", opt.seconds, "Seconds between two looks (default 1)")
         .number(0.01, 3600)

@@ -228,13 +228,21 @@ TEST_F(Ledger, NoAdapterRunning_Info_SaysSoWithStatus1)
 {
     auto info = run({"ruk-info", "--stats"});
     EXPECT_TRUE(info->exited_with(1));
-    EXPECT_EQ(info->err(), "ruk-info: no running program uses the software adapter (that this user may look into)\n");
+    const std::string none = "no running program in this network namespace uses the software adapter",
+                      whose = " (that this user may look into)\n";
+    EXPECT_EQ(info->err(), "ruk-info: " + none + whose);
     auto as_json = run({"ruk-info", "--stats", "--json"});
     EXPECT_TRUE(as_json->exited_with(1));
     EXPECT_EQ(as_json->out(), "{\"ledgers\":[]}\n");
     expect_schema("ruk-info-stats", as_json->out());
     auto top = run({"ruk-top", "-n", "1"});
     EXPECT_TRUE(top->exited_with(1));
+    EXPECT_EQ(top->out(), none + whose);
+    // One on another interface is none to show, either.
+    auto program = receiver({"-p", "5000"});
+    board_with(0);
+    EXPECT_EQ(run({"ruk-info", "--stats", "-i", "lo"})->err(), "ruk-info: " + none + " on lo" + whose);
+    EXPECT_EQ(run({"ruk-top", "-n", "1", "-i", "lo"})->out(), none + " on lo" + whose);
 }
 
 TEST_F(Ledger, RunningReceiver_Info_AccountsForEveryFrame)
