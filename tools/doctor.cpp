@@ -39,6 +39,7 @@ const char *health_name(Health health)
 namespace {
 
 constexpr unsigned library_major = 4;
+constexpr const char *hidden_tables = "see whether /proc/sys/net and /proc/net are there: a container may hide them";
 constexpr int default_memberships = 20, default_sources = 10;
 constexpr int small_socket_buffer = 200000;
 
@@ -142,7 +143,8 @@ public:
             link();
             endpoints();
         } else {
-            host_interface();
+            if (addresses_.empty())
+                host_interface();
         }
         if (!addresses_.empty()) {
             addresses();
@@ -294,19 +296,25 @@ private:
                                       i->tov_ifa_link_state != 0});
                 boards_[i->tov_ifa_boardnum].endpoints = i->tov_ifa_max_endpoints;
             }
-        for (const tov_ifaddrs *i = list; i != nullptr; i = i->tov_ifa_next)
+        for (const tov_ifaddrs *i = list; i != nullptr; i = i->tov_ifa_next) {
+            add_new(devices_on_adapters_, device_of(i->tov_ifa_name));
             if (const auto board = boards_.find(i->tov_ifa_boardnum); board != boards_.end())
                 add_new(board->second.interfaces, i->tov_ifa_name);
+        }
         tov_freeifaddrs(list);
         if (!addresses_.empty())
             return true;
-        if (!wanted_.empty() && if_nametoindex(device_of(wanted_).c_str()) == 0)
+        if (wanted_.empty())
+            return bad("address", "no interface on an adapter has an IPv4 address",
+                       "give the adapter's interface an address: ip addr add ADDRESS/LENGTH dev IF");
+        if (if_nametoindex(device_of(wanted_).c_str()) == 0)
             return no_interface();
-        return bad("address",
-                   wanted_.empty() ? "no interface on an adapter has an IPv4 address"
-                                   : wanted_ + " is on no adapter, or has no IPv4 address: sockets there are not "
-                                               "accelerated",
-                   "give the adapter's interface an address: ip addr add ADDRESS/LENGTH dev IF");
+        host_interface();
+        if (addresses_.empty())
+            return false;
+        return bad("address", wanted_ + " is on no adapter: sockets there are not accelerated",
+                   "name one that is, or for the software adapter this one in 'rukrun --soft=" + device_of(wanted_) +
+                       " --'");
     }
 
     /* Where no adapter tells of an interface: what the host has of the one that was asked for. */
@@ -331,7 +339,8 @@ private:
         if (if_nametoindex(device_of(wanted_).c_str()) == 0)
             no_interface();
         else
-            bad("address", wanted_ + " has no IPv4 address", "give it one: ip addr add ADDRESS/LENGTH dev IF");
+            bad("address", wanted_ + " has no IPv4 address",
+                "give it one: ip addr add ADDRESS/LENGTH dev " + device_of(wanted_));
     }
 
     bool no_interface() { return bad("address", "there is no interface " + wanted_, "name one that 'ip link' shows"); }
@@ -403,7 +412,13 @@ private:
         }
     }
 
-    /* The rule of an open: it asks for all of the host, whatever interface it is for. */
+    bool on_adapter(const HostAddress &a) const
+    {
+        return std::ranges::find(devices_on_adapters_, device_of(a.interface)) != devices_on_adapters_.end();
+    }
+
+    /* The rule of an open: it asks for all of the host, whatever interface it is for. A software adapter may be on an
+     * interface that an open does not know for one. */
     void subnets()
     {
         std::vector<HostAddress> list;
@@ -420,12 +435,20 @@ private:
         for (size_t i = 0; i < list.size(); i++)
             for (size_t j = 0; j < i; j++) {
                 const HostAddress &a = list[j], &b = list[i];
-                if (a.subnet != b.subnet || (!a.adapter && !b.adapter))
+                const bool seen = a.adapter || b.adapter;
+                if (a.subnet != b.subnet || (!seen && !on_adapter(a) && !on_adapter(b)))
                     continue;
                 clean = false;
                 const std::string found = fmt::format("{} ({}) and {} ({}) are on one subnet", a.interface,
                                                       addr_text(a.address), b.interface, addr_text(b.address));
-                if (variable != nullptr)
+                if (!seen)
+                    warn("subnets",
+                         found + fmt::format("; an open knows adapters by MAC addresses that begin with "
+                                             "{:02x}:{:02x}:{:02x} and does not see it, but on a card it ends the "
+                                             "process",
+                                             OXEL_MAC_PREFIX_0, OXEL_MAC_PREFIX_1, OXEL_MAC_PREFIX_2),
+                         "leave one address on an adapter's subnet");
+                else if (variable != nullptr)
                     warn("subnets", fmt::format("{}; {} is set, so an open does not look", found, variable),
                          "leave one address on an adapter's subnet, or see that each is reached as is meant");
                 else
@@ -459,9 +482,14 @@ private:
         }
         for (const std::string &interface : interfaces)
             over += (over.empty() ? "" : ", ") + interface;
-        if (count == 0)
+        const auto plain = std::ranges::find_if(interfaces, [](const std::string &i) { return i == device_of(i); });
+        if (count == 0 && plain == interfaces.end())
             warn("routes", over + ": no route, so nothing can be sent but to groups and to addresses that end in .255",
-                 "set the interface up, or add a route: ip route add NET dev " + device_of(interfaces[0]));
+                 "routes are told by the names of devices, and this is a label: give " + device_of(interfaces[0]) +
+                     " an address without one");
+        else if (count == 0)
+            warn("routes", over + ": no route, so nothing can be sent but to groups and to addresses that end in .255",
+                 "set the interface up, or add a route: ip route add NET dev " + *plain);
         else
             ok("routes", fmt::format("{}: {} route{}{}; an endpoint reads them when it opens", over, count,
                                      count == 1 ? "" : "s", gateway ? ", one by a gateway" : ""));
@@ -507,8 +535,8 @@ private:
 
     void igmp_version(const std::string &device, const IgmpState &igmp)
     {
-        const int all = setting("ipv4/conf/all/force_igmp_version").value_or(0),
-                  own = setting("ipv4/conf/" + device + "/force_igmp_version").value_or(0);
+        const auto all = setting("ipv4/conf/all/force_igmp_version"),
+                   own = setting("ipv4/conf/" + device + "/force_igmp_version");
         const int forced = all == 1 || own == 1 ? 1 : all == 2 || own == 2 ? 2 : 0; /* the older wins */
         if (forced != 0)
             warn("igmp_version",
@@ -520,14 +548,20 @@ private:
                 fmt::format("{}: a querier of version {} was heard: the kernel does as it, and tells nobody of sources",
                             device, igmp.version),
                 "let the querier of this network (a router or switch) speak version 3");
+        else if (!all || !own || igmp.version == 0)
+            warn("igmp_version", device + ": the kernel does not tell", hidden_tables);
         else
             ok("igmp_version", device + ": version 3");
     }
 
     void memberships(const std::string &device, const IgmpState &igmp)
     {
-        const int most = setting("ipv4/igmp_max_memberships").value_or(default_memberships);
-        const int sources = setting("ipv4/igmp_max_msf").value_or(default_sources);
+        const auto groups = setting("ipv4/igmp_max_memberships"), senders = setting("ipv4/igmp_max_msf");
+        if (!groups || !senders || igmp.version == 0) {
+            warn("memberships", device + ": the kernel does not tell", hidden_tables);
+            return;
+        }
+        const int most = *groups, sources = *senders;
         const std::string found =
             fmt::format("{}: {} group{} joined, a channel can join {}, each from {} source{}", device, igmp.groups,
                         igmp.groups == 1 ? "" : "s", most, sources, sources == 1 ? "" : "s");
@@ -544,25 +578,29 @@ private:
 
     void reverse_path(const std::string &device)
     {
-        const int mode = std::max(setting("ipv4/conf/all/rp_filter").value_or(0),
-                                  setting("ipv4/conf/" + device + "/rp_filter").value_or(0));
+        const auto all = setting("ipv4/conf/all/rp_filter"), own = setting("ipv4/conf/" + device + "/rp_filter");
+        const int mode = std::max(all.value_or(0), own.value_or(0)); /* 2 counts whatever the other is */
         if (mode == 1)
             warn("reverse_path",
                  device + ": strict: the kernel drops datagrams whose source it would reach by another interface; "
                           "accelerated ones are not checked",
                  "sysctl net.ipv4.conf." + device + ".rp_filter=2 (and .all.), if kernel sockets miss datagrams");
+        else if ((!all || !own) && mode != 2)
+            warn("reverse_path", device + ": the kernel does not tell", hidden_tables);
         else
             ok("reverse_path", device + (mode == 0 ? ": off" : ": loose"));
     }
 
     void socket_buffer()
     {
-        const int bytes = setting("core/rmem_max").value_or(small_socket_buffer);
-        if (bytes < small_socket_buffer)
-            warn("socket_buffer", fmt::format("kernel sockets hold {} bytes at most", bytes),
+        const auto bytes = setting("core/rmem_max");
+        if (!bytes)
+            warn("socket_buffer", "the kernel does not tell how much its sockets may hold", hidden_tables);
+        else if (*bytes < small_socket_buffer)
+            warn("socket_buffer", fmt::format("kernel sockets hold {} bytes at most", *bytes),
                  "sysctl net.core.rmem_max=4194304, for programs that are not accelerated");
         else
-            ok("socket_buffer", fmt::format("kernel sockets may hold {} bytes", bytes));
+            ok("socket_buffer", fmt::format("kernel sockets may hold {} bytes", *bytes));
     }
 
     /* ---------------------------------------------------------- what the software adapter needs */
@@ -688,6 +726,7 @@ private:
     std::string wanted_;
     tov_handle_t handle_{};
     std::vector<Address> addresses_;
+    std::vector<std::string> devices_on_adapters_;
     std::map<uint32_t, Board> boards_; /* of the addresses' adapters, by number */
     std::vector<Finding> findings_;
 };

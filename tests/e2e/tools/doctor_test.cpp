@@ -26,7 +26,17 @@ protected:
     }
 
     // The same without an adapter, in a mount namespace that a shell script has prepared. `run` stands before ruk-info.
-    json examine_after(const std::string &script, const std::string &run = "")
+    json examine_after(const std::string &script, const std::string &run = "", const std::string &options = "")
+    {
+        auto program = info_after(script, run, "--doctor --json " + options);
+        status_ = program->status();
+        expect_schema("ruk-info-doctor", program->out());
+        return parse(program->out());
+    }
+
+    // ruk-info there.
+    std::unique_ptr<test_support::Program> info_after(const std::string &script, const std::string &run,
+                                                      const std::string &options)
     {
         // In a chroot the root is no mount point; what is mounted below it is made private one by one.
         static const std::string apart = "mount --make-rprivate / 2>/dev/null ||\n"
@@ -35,11 +45,9 @@ protected:
                                          "done\n";
         auto program =
             lab.start(lab.adapter, {"unshare", "-m", "--propagation", "unchanged", "sh", "-euc",
-                                    apart + script + "\nexec " + run + " " + bin("ruk-info") + " --doctor --json"});
+                                    apart + script + "\nexec " + run + " " + bin("ruk-info") + " " + options});
         EXPECT_TRUE(program->finish()) << *program;
-        status_ = program->status();
-        expect_schema("ruk-info-doctor", program->out());
-        return parse(program->out());
+        return program;
     }
 
     // A line for examine_after() that puts a text in the place of a file.
@@ -308,8 +316,13 @@ TEST_F(Doctor, NeighbourThatDoesNotAnswer_IsNamed)
 TEST_F(Doctor, InterfaceOnNoAdapter_IsAFailureThatSaysSo)
 {
     EXPECT_EQ(worst(examine({"-i", "lo"}), "address")["found"],
-              "lo is on no adapter, or has no IPv4 address: sockets there are not accelerated");
+              "lo is on no adapter: sockets there are not accelerated");
     EXPECT_EQ(status_, 2);
+    EXPECT_EQ(worst(examine({"-i", "lo"}), "address")["remedy"],
+              "name one that is, or for the software adapter this one in 'rukrun --soft=lo --'");
+    lab.run(lab.adapter, "ip link add eth9 type veth peer name eth8");
+    EXPECT_EQ(worst(examine({"-i", "eth9"}), "address")["found"], "eth9 has no IPv4 address");
+    EXPECT_EQ(worst(examine({"-i", "eth9"}), "address")["remedy"], "give it one: ip addr add ADDRESS/LENGTH dev eth9");
     EXPECT_EQ(worst(examine({"-i", "nowhere"}), "address")["found"], "there is no interface nowhere");
 }
 
@@ -383,6 +396,56 @@ TEST_F(Doctor, RoutesOverAnotherInterfaceOfTheAdapter_Count)
     lab.run(lab.adapter, "ip link add eth9 type veth peer name eth8 && ip addr add 10.79.0.9/24 dev eth9"
                          " && ip link set eth9 up && ip route flush dev oxel0.5");
     EXPECT_EQ(worst(examine(), "routes")["status"], "warning") << "another card's does not count";
+}
+
+// The library compares routes with the name of the address, and the kernel tells routes by devices.
+TEST_F(Doctor, AddressWithALabelAlone_NoRouteAndTheWayOut)
+{
+    lab.run(lab.adapter, "ip addr flush dev oxel0; ip addr add 10.77.0.1/24 dev oxel0 label oxel0:1");
+    const json found = worst(examine(), "routes");
+    EXPECT_EQ(found["found"],
+              "oxel0:1: no route, so nothing can be sent but to groups and to addresses that end in .255");
+    EXPECT_EQ(found["remedy"], "routes are told by the names of devices, and this is a label: give oxel0 an address "
+                               "without one");
+    // As it is.
+    const auto send = [&] {
+        auto sender = soft({"ruk-send", "-a", "10.77.0.1", "10.77.0.2:5000", "-m", "x"});
+        EXPECT_TRUE(sender->finish());
+        return sender->status();
+    };
+    EXPECT_EQ(send(), 2);
+    lab.run(lab.adapter, "ip addr add 10.78.0.1/24 dev oxel0");
+    EXPECT_EQ(worst(examine(), "routes")["status"], "ok");
+    EXPECT_EQ(send(), 0);
+}
+
+TEST_F(Doctor, KernelThatHidesItsTables_IsSaidAndNoDefaultIsToldInTheirPlace)
+{
+    json report = examine_after("mount -t tmpfs none /proc/sys/net", "", "-i oxel0");
+    for (const char *check : {"igmp_version", "memberships", "reverse_path", "socket_buffer"}) {
+        EXPECT_EQ(worst(report, check)["status"], "warning") << check;
+        EXPECT_NE(worst(report, check)["found"].get<std::string>().find("the kernel does not tell"), std::string::npos)
+            << worst(report, check);
+    }
+    report = examine_after("mount -t tmpfs none /proc/$$/net", "", "-i oxel0");
+    for (const char *check : {"igmp_version", "memberships"})
+        EXPECT_EQ(worst(report, check)["found"], "oxel0: the kernel does not tell");
+    EXPECT_EQ(worst(report, "reverse_path")["status"], "ok");
+}
+
+TEST_F(Doctor, DeviceFileThatIsNotThisUsersOrDrivers_InfoSaysSoWithStatusTwo)
+{
+    auto refused = info_after(std::string(plain_device_files) + "chmod 000 /dev/oxelA0 /dev/oxelB0",
+                              "setpriv --bounding-set=-dac_override,-dac_read_search", "");
+    EXPECT_TRUE(refused->exited_with(2)) << *refused;
+    EXPECT_EQ(refused->err(), "ruk-info: no permission to open the adapter's device files (/dev/oxelB*)\n");
+    auto foreign = info_after(plain_device_files, "", "--json");
+    EXPECT_TRUE(foreign->exited_with(2)) << *foreign;
+    expect_schema("ruk-info", foreign->out());
+    EXPECT_EQ(parse(foreign->out())["error"],
+              "the driver of /dev/oxelB* is not this library's: Inappropriate ioctl for device");
+    auto none = info_after("mount -t tmpfs none /dev", "", "");
+    EXPECT_TRUE(none->exited_with(1)) << *none;
 }
 
 TEST_F(Doctor, SmallSocketBuffers_AreAWarning)

@@ -369,6 +369,21 @@ TEST_F(DoctorOfModel, OtherCardsAddressOnTheAdaptersSubnet_IsAFailure)
     }
 }
 
+// A software adapter may be on any interface.
+TEST_F(DoctorOfModel, AdapterOfAnotherMacAddress_TwoAddressesOnOneSubnet_AreAWarning)
+{
+    plug([](softnic_board_config_t &config) { memcpy(config.mac, other_mac.data(), sizeof config.mac); });
+    hosts({{.mac = other_mac, .address = "10.1.0.1", .netmask = "255.255.255.0"},
+           {.mac = other_mac, .address = "10.1.0.9", .netmask = "255.255.255.0"},
+           {.name = "eth0", .mac = mac(false), .address = "10.2.0.1", .netmask = "255.255.255.0"}});
+    EXPECT_EQ(krel_verify_ipsubnet(), 0);
+    const Finding found = only("subnets");
+    EXPECT_EQ(found.health, Health::warning);
+    EXPECT_EQ(found.found, "oxel0 (10.1.0.1) and oxel0 (10.1.0.9) are on one subnet; an open knows adapters by MAC "
+                           "addresses that begin with 02:6f:78 and does not see it, but on a card it ends the process");
+    EXPECT_EQ(found.remedy, "leave one address on an adapter's subnet");
+}
+
 TEST_F(DoctorOfModel, SubnetsUnderDifferentMasks_AreEachByItsOwn)
 {
     plug();
