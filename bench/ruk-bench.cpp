@@ -9,9 +9,13 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fstream>
+#include <iostream>
 #include <sched.h>
 #include <stdexcept>
 #include <sys/utsname.h>
@@ -243,6 +247,15 @@ std::string case_names()
     return names;
 }
 
+/* What was printed is out; says so when it is not. */
+bool written()
+{
+    if (std::cout.flush() && fflush(stdout) == 0 && ferror(stdout) == 0)
+        return true;
+    fmt::print(stderr, "ruk-bench: cannot write to standard output: {}\n", strerror(errno));
+    return false;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -252,7 +265,7 @@ int main(int argc, char **argv)
     CLI::App app("Measures what libruk costs: nanoseconds a datagram, each case in turn with the least that could do "
                  "the same; in one to two minutes",
                  "ruk-bench");
-    app.set_version_flag("--version", "ruk-bench " RUK_VERSION);
+    app.set_version_flag("--version", "ruk-bench " RUK_VERSION, "Print the version and exit");
     app.add_flag("--json", as_json_text, "Result as one JSON object");
     app.add_flag("--tiny", tiny, "A moment of each case: shows that they run, measures nothing");
     app.add_option("--only", only, "Only the cases whose names begin so (repeatable): " + case_names())
@@ -263,7 +276,8 @@ int main(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
-        return app.exit(e) == 0 ? 0 : 2; // --help and --version arrive here too
+        const int code = app.exit(e); // --help and --version arrive here too
+        return written() && code == 0 ? 0 : 2;
     }
 
     std::vector<Case> cases = all_cases({tiny ? 0.01 : 1.0}, dpdk);
@@ -298,5 +312,5 @@ int main(int argc, char **argv)
     }
     if (as_json_text)
         fmt::print("{}\n", report.dump(2));
-    return failed ? 1 : 0;
+    return !written() ? 2 : failed ? 1 : 0;
 }

@@ -75,6 +75,14 @@ template <typename... Args> [[noreturn]] void fail(int status, const char *forma
     exit(status);
 }
 
+// After --help and --version.
+[[noreturn]] void end_with_what_was_asked()
+{
+    if (fflush(stdout) != 0)
+        fail(kFailed, "cannot write to standard output: %s", strerror(errno));
+    exit(0);
+}
+
 struct Options {
     bool soft = false;
     std::vector<std::string> interfaces;
@@ -124,11 +132,11 @@ Options parse(int argc, char **argv)
         }
         if (arg == "--help" || arg == "-h") {
             printf(kUsage, OXEL_MAC_PREFIX_0, OXEL_MAC_PREFIX_1, OXEL_MAC_PREFIX_2);
-            exit(0);
+            end_with_what_was_asked();
         }
         if (arg == "--version") {
             puts("rukrun " RUK_LIB_VERSION);
-            exit(0);
+            end_with_what_was_asked();
         }
         if (arg == "--soft") {
             options.soft = true;

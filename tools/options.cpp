@@ -4,8 +4,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <iostream>
 
 namespace tools {
 
@@ -148,7 +150,12 @@ int Program::run(int argc, char **argv, const std::function<int()> &body)
         app_->parse(argc, argv);
     } catch (const CLI::ParseError &e) {
         /* --help and --version arrive here too, with code 0. */
-        return app_->exit(e) == 0 ? exit_ok : exit_error;
+        const int code = app_->exit(e);
+        if (!std::cout.flush() || fflush(stdout) != 0) {
+            note("cannot write to standard output: " + errno_text(errno));
+            return exit_error;
+        }
+        return code == 0 ? exit_ok : exit_error;
     }
     try {
         return body();

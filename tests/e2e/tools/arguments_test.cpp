@@ -64,6 +64,28 @@ TEST(ToolArguments, Version_Asked_NamesProgramAndVersion)
     }
 }
 
+TEST(ToolArguments, HelpAndVersion_ThatCannotBeWritten_AreAnError)
+{
+    for (const char *program : {"ruk-info", "ruk-recv", "ruk-send", "ruk-ping", "ruk-capture", "ruk-top", "ruk-accept",
+                                "ruk-bench", "rukrun"}) {
+        if (access((RUK_BINARY_DIR "/bin/" + std::string(program)).c_str(), X_OK) != 0)
+            continue; // left out of this build
+        for (const char *option : {" --help", " --version"}) {
+            const Outcome result = run(program + std::string(option), "2>&1 >/dev/full");
+            EXPECT_EQ(result.status, program == std::string("rukrun") ? 125 : 2) << program << option;
+            EXPECT_EQ(result.out,
+                      std::string(program) + ": cannot write to standard output: No space left on device\n");
+        }
+    }
+}
+
+TEST(ToolArguments, InterfaceOfNoName_IsRefusedInWordsOfItsOwn)
+{
+    for (const char *option : {"-i ''", "-a ''"})
+        EXPECT_EQ(run(std::string("ruk-recv -p 5000 ") + option).out,
+                  "ruk-recv: -i and -a take the name or the address of an interface, not nothing\n");
+}
+
 TEST(ToolArguments, UnknownOption_IsRefusedWithStatusTwo)
 {
     for (const char *program : programs)
