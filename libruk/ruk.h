@@ -154,7 +154,7 @@ int ruk_close(ruk_device_t dev);
 #define RUK_BIND_REUSE      0x2  /* the port may be shared: SO_REUSEADDR and SO_REUSEPORT on the kernel socket */
 #define RUK_BIND_KERNEL     0x4  /* matching frames also reach the kernel */
 #define RUK_BIND_NO_UNICAST 0x8  /* no filter for the unicast address */
-#define RUK_BIND_BROADCAST  0x10 /* broadcasts to the port as well */
+#define RUK_BIND_BROADCAST  0x10 /* broadcasts to 255.255.255.255 and the port as well */
 
 /*
  * Bind a UDP port (host byte order; 0 lets the host choose) on the endpoint's address, or on another address

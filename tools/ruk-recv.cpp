@@ -62,7 +62,7 @@ void describe_options(CommandLine line, Options &opt)
             "Which frames to receive: normal (datagrams of the ports), allmulti (every multicast frame too), "
             "raw (every frame with its 4-byte trailer, less the last 2 bytes)")
         .type_name("MODE");
-    line.flag("--broadcast", opt.broadcast, "Receive broadcasts to the ports as well");
+    line.flag("--broadcast", opt.broadcast, "Receive broadcasts (to 255.255.255.255) to the ports as well");
     line.flag("--reuse", opt.reuse, "Share the ports with other programs that ask for it too");
     line.flag("--json", opt.json, "One JSON object a line");
     line.flag("--stats", opt.stats, "Print the endpoint's counters at the end, and where every frame went");
