@@ -377,7 +377,7 @@ private:
             wait_readable(control_, stop_.fd(), monotonic_ns() + second);
             if (recv(control_, answer, sizeof answer, MSG_DONTWAIT) != 2)
                 continue;
-            const std::string said(answer, 2);
+            std::string said(answer, 2);
             if (said != "ok" && request.starts_with("send "))
                 fail("{} refuses to send: is it of this release?", endpoint_text(peer_));
             return said;
