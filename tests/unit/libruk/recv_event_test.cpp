@@ -753,6 +753,22 @@ TEST(EventCount, EventNotYetComplete_CountingThreadWaits)
     EXPECT_EQ(count, 3);
 }
 
+/* A receiver took it: its last byte is 0xFF again, and nobody completes it. */
+TEST(EventCount, EventThatVanishesMeanwhile_NotWaitedFor)
+{
+    RigEndpoint rig;
+    EventOptions options;
+    options.complete = false;
+    const size_t event = rig.ring.put(packets_of({500, 20}), options);
+    int count = -1;
+    std::thread counter([&] { __atomic_store_n(&count, ruk__eventq_count(&rig.ep->rep_eventq), __ATOMIC_RELEASE); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(__atomic_load_n(&count, __ATOMIC_ACQUIRE), -1);
+    __atomic_store_n(&rig.ring.at(event + offsetof(nuv_uevt_ruk_t, pkt_cnt)), 0, __ATOMIC_RELEASE);
+    counter.join();
+    EXPECT_EQ(count, 2) << "as it was when it was met";
+}
+
 TEST(EventCount, QueuesNotSetUp_Zero)
 {
     ruk__eventq evq = {};
