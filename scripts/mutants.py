@@ -50,7 +50,7 @@ LIKELY = {
     "libruk/ruk_send": ["libruk_handle_tests", "libruk_send_tests"],
     "libruk/ruk_route": ["libruk_route_tests"],
     "libruk/ruk__eventq": ["libruk_recv_tests"],
-    "libruk/ruk__eventq.h": ["libruk_recv_order_tests", "libruk_recv_tests"],
+    "libruk/ruk__eventq.h": ["libruk_recv_order_tests", "libruk_recv_tests", "libruk_open_tests"],
     "libruk/ruk__libtypes": ["format_test", "libruk_bind_tests"],
     "libruk/ruk__ip": ["format_test", "libruk_send_tests"],
     "libruk/ruk.hpp": ["hpp_tests"],
@@ -379,8 +379,11 @@ class Workshop:
             program.members = set(re.findall(r"libruk\.a[()]+(\w+\.cpp\.o)", done.stdout)) or {"none"}
         return output
 
+    def likely(self, name):
+        return next((v for k, v in sorted(LIKELY.items(), reverse=True) if name.startswith(k)), [])
+
     def order(self, name):
-        likely = next((v for k, v in sorted(LIKELY.items(), reverse=True) if name.startswith(k)), [])
+        likely = self.likely(name)
         rank = {p: i for i, p in enumerate(likely)}
         return sorted(self.programs, key=lambda p: (rank.get(p.name, len(rank)), p.seconds))
 
@@ -440,10 +443,10 @@ def attempt(shop, mutant):
     targets = shop.dependents.get(mutant.name, [])
     library = [t for t in targets if t.startswith("libruk/")]
     own = [t for t in targets if not t.startswith("libruk/")]
-    # A source that a test program includes is part of that program; a header is, of the program that is about it.
+    # A source that a test program includes is part of that program; a header is, of the programs that are about it.
     if not mutant.name.endswith(".cpp"):
-        about = shop.order(mutant.name)[0]
-        own = [t for t in own if t in about.objects]
+        about = shop.order(mutant.name)[: max(1, len(shop.likely(mutant.name)))]
+        own = [t for t in own if any(t in p.objects for p in about)]
     changed, replaced = [], {}
     try:
         with open(path, "w", encoding="utf-8") as file:

@@ -350,6 +350,7 @@ TEST_F(RegionsTest, LaterStepsFail_ErrorReturned_AllGivenBack)
     driver.fail(OXEL_GET_SREQS_CNT, 1, EIO);
     EXPECT_EQ(ruk_device_enable(dev), EIO);
     EXPECT_EQ(_eventq_current(&dev->rep_eventq.evq_recvq_state), 0u) << "in a ring that is gone";
+    EXPECT_EQ(ruk__eventq_count(&dev->rep_eventq), 0);
     Lines trace = driver.take_trace();
     ASSERT_GT(trace.size(), release.size());
     EXPECT_EQ(Lines(trace.end() - static_cast<long>(release.size()), trace.end()), release);

@@ -769,6 +769,16 @@ TEST(EventCount, EventThatVanishesMeanwhile_NotWaitedFor)
     EXPECT_EQ(count, 2) << "as it was when it was met";
 }
 
+TEST(RingAddress, PastTheEndByAnyDistance_BroughtBack)
+{
+    RigEndpoint rig;
+    const ruk__eventq &evq = rig.ep->rep_eventq;
+    const uintptr_t base = evq.evq_recvq_base, size = evq.evq_recvq_size;
+    for (const uintptr_t rounds : {0, 1, 2, 3, 17})
+        for (const uintptr_t offset : {uintptr_t{0}, uintptr_t{5}, size - 1})
+            EXPECT_EQ(_eventq_wrap(&evq, base + rounds * size + offset), base + offset) << rounds << " " << offset;
+}
+
 TEST(EventCount, QueuesNotSetUp_Zero)
 {
     ruk__eventq evq = {};
