@@ -523,29 +523,10 @@ TEST_F(PacketPortTest, LargeMtu_FramesPassWhole)
 }
 
 #ifndef __SANITIZE_THREAD__ // which needs addresses of its own all the time
-// Runs it in a process of its own, which it hands a descriptor to write to; what is written there.
-template <typename Run> std::string written_in_child(const Run &run)
-{
-    int said[2];
-    EXPECT_EQ(pipe(said), 0);
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(run(said[1]) && !testing::Test::HasFailure() ? 0 : 1);
-    close(said[1]);
-    std::string text;
-    for (char c; read(said[0], &c, 1) == 1;)
-        text += c;
-    close(said[0]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << text;
-    return text;
-}
-
 // With room for another 20 MiB of addresses.
 TEST_F(PacketPortTest, RingLargerThanTheProcessMayMap_IsHalvedUntilItFits_AndSaidOnce)
 {
-    const std::string text = written_in_child([&](int out) {
+    const std::string text = test_support::written_in_child([&](int out) {
         dup2(out, STDERR_FILENO);
         port.reset();
         std::string error;
@@ -566,7 +547,7 @@ TEST_F(PacketPortTest, RingLargerThanTheProcessMayMap_IsHalvedUntilItFits_AndSai
 
 TEST_F(PacketPortTest, ProcessThatMayMapNoRing_OpenFails_SaysSo)
 {
-    const std::string text = written_in_child([&](int out) {
+    const std::string text = test_support::written_in_child([&](int out) {
         port.reset();
         std::string error;
         error.reserve(256);

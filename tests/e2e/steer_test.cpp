@@ -341,11 +341,8 @@ TEST_F(SteeringTest, ProcessKilled_TableGone)
 
 TEST_F(SteeringTest, HostRefuses_SaidOnce_PortWorksOn)
 {
-    int said[2];
-    ASSERT_EQ(pipe(said), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(said[1], STDERR_FILENO);
+    const std::string text = test_support::written_in_child([&](int out) {
+        dup2(out, STDERR_FILENO);
         port.reset();
         port = open_port(lab.adapter.ifname);
         drop_capability(CAP_NET_ADMIN);
@@ -353,16 +350,8 @@ TEST_F(SteeringTest, HostRefuses_SaidOnce_PortWorksOn)
                         port->steer({kAdapter, 5001, 0, 17}, true) == 0 && host_receives(sender, receiver, 5000);
         std::vector<Bytes> arrived;
         drain(port.get(), &arrived);
-        _exit(ok && arrived.size() == 1 && !HasFailure() ? 0 : 1);
-    }
-    close(said[1]);
-    std::string text;
-    for (char c; read(said[0], &c, 1) == 1;)
-        text += c;
-    close(said[0]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << text;
+        return ok && arrived.size() == 1;
+    });
     EXPECT_EQ(text, "softnic: oxel0: the host cannot be kept from seeing the adapter's frames as well: Operation not "
                     "permitted\n");
 }

@@ -338,4 +338,22 @@ std::string Lab::run(const LabHost &host, const std::string &command)
     return program->out();
 }
 
+std::string written_in_child(const std::function<bool(int)> &run)
+{
+    int said[2];
+    EXPECT_EQ(pipe(said), 0);
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(run(said[1]) && !testing::Test::HasFailure() ? 0 : 1);
+    close(said[1]);
+    std::string text;
+    for (char c; read(said[0], &c, 1) == 1;)
+        text += c;
+    close(said[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << text;
+    return text;
+}
+
 } // namespace test_support

@@ -108,6 +108,12 @@ private:
     int original_ = -1; /* network namespace to go back to, as root */
 };
 
+/*
+ * Runs it in a process of its own, handing it a descriptor; what it writes there. A test's failure when it returns
+ * false or anything in it fails.
+ */
+std::string written_in_child(const std::function<bool(int)> &run);
+
 /* Skips every test, and says why, where there are no namespaces to be had. */
 class LabTest : public testing::Test {
 protected:
