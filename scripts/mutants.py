@@ -225,7 +225,8 @@ def ordered(a, b):
     # A variable that takes its value from variables alone, which the other neither reads nor sets.
     for one, other in ((a, b), (b, a)):
         m = re.match(r"\s*(?:const )?\w+ (\w+) = (?:\(\w+\)|static_cast<\w+>)?\(?(\w+)\)?;$", one)
-        if m and not re.search(rf"\b{m.group(1)}\b|\b{m.group(2)} [-+*/|&^]?= |&{m.group(2)}\b", other):
+        sets = rf"\b{m.group(2)}(?: [-+*/|&^]?= |\+\+|--)|(?:&|\+\+|--){m.group(2)}\b" if m else ""
+        if m and not re.search(rf"\b{m.group(1)}\b|{sets}", other):
             return False
     calls = r"\b(?!sizeof\b|tov_[bhn]e?\w*(?:16|32|64)\b|[hn]to[hn][sl]\b)\w+\("
     if re.search(calls, a) or re.search(calls, b):
