@@ -142,9 +142,8 @@ public:
         if (device_files() && driver() && adapters()) {
             link();
             endpoints();
-        } else {
-            if (addresses_.empty())
-                host_interface();
+        } else if (addresses_.empty()) {
+            host_interface();
         }
         if (!addresses_.empty()) {
             addresses();
