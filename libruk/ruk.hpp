@@ -17,9 +17,12 @@
  * Lifetimes are those of ruk.h: an endpoint outlives its channels, a channel its send handles. Declared in this
  * order, or as members in this order, they are. Threads: as in ruk.h.
  *
- * An owner that was made without a handle, moved from, released or reset is empty. It may be destroyed, assigned to,
- * moved, asked whether it holds something, and get(), release() and reset(); any other call on it may crash. An
- * interface_list that another was made from is an empty range.
+ * Assigning an owner to another swaps the two: what was there ends with the other, which for a temporary is the end of
+ * the statement. So structures with owners as members in this order may be assigned, and erased from a std::vector.
+ *
+ * An owner that was made without a handle, that another was made from, released or reset is empty. It may be destroyed,
+ * assigned, moved, asked whether it holds something, and get(), release() and reset(); any other call on it may crash.
+ * An interface_list that another was made from is an empty range.
  */
 #ifndef RUK_HPP
 #define RUK_HPP
@@ -393,10 +396,7 @@ public:
     channel(channel &&other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
     channel &operator=(channel &&other) noexcept
     {
-        if (this != &other) {
-            reset();
-            handle_ = other.release();
-        }
+        std::swap(handle_, other.handle_);
         return *this;
     }
     ~channel() { reset(); }
@@ -546,10 +546,7 @@ public:
     endpoint(endpoint &&other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
     endpoint &operator=(endpoint &&other) noexcept
     {
-        if (this != &other) {
-            reset();
-            handle_ = other.release();
-        }
+        std::swap(handle_, other.handle_);
         return *this;
     }
     ~endpoint() { reset(); }

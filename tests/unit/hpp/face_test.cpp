@@ -138,6 +138,81 @@ TEST_F(Face, Endpoint_Moved_IsClosedOnceByItsLastOwner)
     EXPECT_EQ(claimed(), 0u);
 }
 
+TEST_F(Face, Endpoint_MovedOnto_LivesOnInTheOther)
+{
+    ruk::endpoint first = opened(), second = opened();
+    const ruk_device_t old = first.get(), handle = second.get();
+    first = std::move(second);
+    EXPECT_EQ(first.get(), handle);
+    EXPECT_EQ(second.get(), old); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(claimed(), 2u);
+    second.reset();
+    EXPECT_EQ(claimed(), 1u);
+}
+
+/* As an application has them; the order of the members is the order of the handles. */
+struct Session {
+    ruk::endpoint endpoint;
+    ruk::channel channel;
+    ruk::send_handle handle;
+};
+
+class FaceSessions : public Face {
+protected:
+    Session begun(uint16_t port)
+    {
+        Session s;
+        s.endpoint = opened();
+        s.channel = s.endpoint.bind(port);
+        s.handle = s.channel.connect(ruk::address("10.77.0.2", port));
+        return s;
+    }
+    void expect_alive(Session &session, uint16_t port)
+    {
+        std::error_code ec;
+        session.handle.send("x"sv, ec);
+        EXPECT_FALSE(ec);
+        EXPECT_EQ(sent_datagram().dst, "10.77.0.2:" + std::to_string(port));
+    }
+    std::vector<uint16_t> ports()
+    {
+        std::vector<uint16_t> steered;
+        for (uint16_t port = 5000; port < 5004; port++)
+            if (softnic_steered(nic, 0, 0x0a4d0001, port, 0, 17))
+                steered.push_back(port);
+        return steered;
+    }
+};
+
+TEST_F(FaceSessions, NewOne_AssignedToAnOldOne_EndsTheOldOneWithTheStatement)
+{
+    Session session = begun(5000);
+    session = begun(5001);
+    EXPECT_EQ(claimed(), 1u);
+    EXPECT_EQ(ports(), std::vector<uint16_t>{5001});
+    expect_alive(session, 5001);
+    session = {};
+    EXPECT_EQ(claimed(), 0u);
+    EXPECT_EQ(ports(), std::vector<uint16_t>{});
+}
+
+TEST_F(FaceSessions, OfAVector_ErasedFromFrontMiddleAndEnd_EndAlone)
+{
+    std::vector<Session> sessions;
+    for (uint16_t port = 5000; port < 5004; port++)
+        sessions.push_back(begun(port));
+    sessions.erase(sessions.begin());
+    EXPECT_EQ(ports(), (std::vector<uint16_t>{5001, 5002, 5003}));
+    sessions.erase(sessions.begin() + 1);
+    EXPECT_EQ(ports(), (std::vector<uint16_t>{5001, 5003}));
+    expect_alive(sessions[0], 5001);
+    expect_alive(sessions[1], 5003);
+    sessions.pop_back();
+    EXPECT_EQ(ports(), std::vector<uint16_t>{5001});
+    EXPECT_EQ(claimed(), 1u);
+    expect_alive(sessions[0], 5001);
+}
+
 TEST_F(Face, Endpoint_Released_StaysOpen)
 {
     ruk_device_t handle = opened().release();
@@ -954,15 +1029,17 @@ TEST_F(Face, AddressOfNoChannel_ToldAsCodeAndAsException)
     EXPECT_EQ(error_of([&] { none.address(); }), EINVAL);
 }
 
-TEST_F(Face, Channel_MovedOnto_IsUnboundAndTheOtherKept)
+TEST_F(Face, Channel_MovedOnto_LivesOnInTheOther)
 {
     ruk::endpoint endpoint = opened();
     const auto steered = [&](uint16_t port) { return softnic_steered(nic, 0, 0x0a4d0001, port, 0, 17); };
     ruk::channel first = endpoint.bind(5000), second = endpoint.bind(5001);
-    const ruk_channel_t handle = second.get();
+    const ruk_channel_t old = first.get(), handle = second.get();
     first = std::move(second);
     EXPECT_EQ(first.get(), handle);
-    EXPECT_FALSE(second); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(second.get(), old); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(steered(5000), 1);
+    second.reset();
     EXPECT_EQ(steered(5000), 0);
     EXPECT_EQ(steered(5001), 1);
     ruk::channel &same = first;
@@ -973,16 +1050,18 @@ TEST_F(Face, Channel_MovedOnto_IsUnboundAndTheOtherKept)
     EXPECT_FALSE(first);
 }
 
-TEST_F(Face, SendHandle_MovedOnto_IsGoneAndTheOtherKept)
+TEST_F(Face, SendHandle_MovedOnto_LivesOnInTheOther)
 {
     ruk::endpoint endpoint = opened();
     ruk::channel channel = endpoint.bind(5000);
     ruk::send_handle first = channel.connect(ruk::address("10.77.0.2", 6000));
     ruk::send_handle second = channel.connect(ruk::address("10.77.0.2", 6001));
-    const ruk_send_t handle = second.get();
+    const ruk_send_t old = first.get(), handle = second.get();
     first = std::move(second);
     EXPECT_EQ(first.get(), handle);
-    EXPECT_FALSE(second); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(second.get(), old); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(handles(channel.get()), 2u);
+    second.reset();
     EXPECT_EQ(handles(channel.get()), 1u);
     ruk::send_handle &same = first;
     first = std::move(same);
