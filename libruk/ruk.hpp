@@ -167,15 +167,18 @@ namespace detail {
 
 template <typename R> using element_of = std::remove_pointer_t<decltype(std::data(std::declval<R &>()))>;
 
-/* What lies in one piece and may be sent byte for byte. Not text in quotes, which ends in a byte that is none of it. */
+template <typename T, typename... Of> inline constexpr bool is_one_of = (std::is_same_v<T, Of> || ...);
+template <typename E>
+inline constexpr bool quoted = is_one_of<E, const char, const wchar_t, const char8_t, const char16_t, const char32_t>;
+
+/* What lies in one piece and may be sent byte for byte. Not text in quotes, whose last character is none of it. */
 template <typename R>
 concept sendable = requires
 {
     typename element_of<R>;
 }
 &&std::is_trivially_copyable_v<element_of<R>> && !std::is_volatile_v<element_of<R>> &&
-    std::is_constructible_v<std::span<const element_of<R>>, R &> &&
-    !(std::is_array_v<R> && std::is_same_v<element_of<R>, const char>);
+    std::is_constructible_v<std::span<const element_of<R>>, R &> && !(std::is_array_v<R> && quoted<element_of<R>>);
 
 } // namespace detail
 
@@ -349,10 +352,7 @@ public:
     send_handle(send_handle &&other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
     send_handle &operator=(send_handle &&other) noexcept
     {
-        if (this != &other) {
-            reset();
-            handle_ = other.release();
-        }
+        std::swap(handle_, other.handle_);
         return *this;
     }
     ~send_handle() { reset(); }

@@ -45,6 +45,9 @@ static_assert(never_sent<std::span<std::string>> && never_sent<std::vector<std::
 static_assert(never_sent<std::vector<bool>> && never_sent<std::list<int>> && never_sent<int> && never_sent<Quote>);
 static_assert(never_sent<std::span<volatile int>>);
 static_assert(!sent_as_it_is<const char (&)[6]> && !sent_as_it_is<const char *>);
+static_assert(never_sent<decltype(u8"text")> && never_sent<decltype(L"text")> && never_sent<decltype(u"text")> &&
+              never_sent<decltype(U"text")>);
+static_assert(sent_as_it_is<const unsigned char (&)[6]> && sent_as_it_is<wchar_t (&)[6]>);
 
 /* 10.77.0.1 on an adapter, nothing opened yet. */
 class Face : public SendTest {
