@@ -1,11 +1,9 @@
 /* Every call of every operation to host, driver and allocator fails once, and for good. */
+#include "own_network.h"
 #include "ruk_core.h"
 #include "sweep.h"
 
 #include <fcntl.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -18,14 +16,9 @@ protected:
     /* A network of its own where that is to be had: groups are then joined on nobody else's loopback. */
     static void SetUpTestSuite()
     {
-        if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-            return;
-        struct ifreq lo = {};
-        strcpy(lo.ifr_name, "lo");
-        lo.ifr_flags = IFF_UP | IFF_RUNNING;
-        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        EXPECT_EQ(ioctl(fd, SIOCSIFFLAGS, &lo), 0);
-        close(fd);
+        const std::string why_not = test_support::enter_own_network();
+        if (!why_not.empty())
+            printf("in the host's network: %s\n", why_not.c_str());
     }
 };
 

@@ -9,6 +9,7 @@
 #include "capture.h"
 #include "child.h"
 #include "libc_seam.h"
+#include "own_network.h"
 #include "ruk_core.h"
 #include "sanitizer.h"
 
@@ -22,10 +23,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <net/if.h>
-#include <sched.h>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
@@ -1122,17 +1120,11 @@ constexpr uint64_t kSeeds = test_support::kSanitized ? 100 : 1000;
 /* In a network of the process's own nobody else takes ports, so that they can come from the seed. */
 class Simulations : public testing::Test {
 protected:
-    static void SetUpTestSuite()
+    void SetUp() override
     {
-        ASSERT_EQ(unshare(geteuid() == 0 ? CLONE_NEWNET : CLONE_NEWUSER | CLONE_NEWNET), 0) << strerror(errno);
-        const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ASSERT_GE(s, 0);
-        ifreq loopback = {};
-        strcpy(loopback.ifr_name, "lo");
-        loopback.ifr_flags = IFF_UP;
-        const int rc = ioctl(s, SIOCSIFFLAGS, &loopback);
-        close(s);
-        ASSERT_EQ(rc, 0);
+        static const std::string why_not = test_support::enter_own_network();
+        if (!why_not.empty())
+            GTEST_SKIP() << why_not;
     }
 };
 } // namespace
