@@ -35,6 +35,9 @@ def outcome(case):
     output = "".join(case.itertext())
     if case.find("failure") is not None or case.find("error") is not None or status == "fail":
         return FAILED, ""
+    # A suite whose set-up fails has its tests skipped by GoogleTest, and ctest goes by that word.
+    if re.search(r"^\[  FAILED  \]", output, re.MULTILINE):
+        return FAILED, ""
     skipped = case.find("skipped")
     if skipped is not None or status in ("notrun", "disabled"):
         message = skipped.get("message", "") if skipped is not None else ""

@@ -101,6 +101,14 @@ class Results(unittest.TestCase):
                                        "[  SKIPPED ] A.B (0 ms)\n</system-out></testcase></testsuite>")
         self.assertEqual("0 passed, 0 failed, 1 skipped", self.sum(f"64={path}")[1][-1])
 
+    def test_suite_whose_set_up_failed_is_a_failure_though_its_tests_were_skipped(self):
+        path = self.path("suite.xml", '<testsuite><testcase name="A.B" status="notrun">'
+                                      '<skipped message="SKIP_REGULAR_EXPRESSION_MATCHED"/><system-out>'
+                                      "[  SKIPPED ] A.B (0 ms)\n[  PASSED  ] 0 tests.\n"
+                                      "[  FAILED  ] A: SetUpTestSuite or TearDownTestSuite\n\n 1 FAILED TEST SUITE\n"
+                                      "</system-out></testcase></testsuite>")
+        self.assertEqual((1, "0 passed, 1 failed"), (lambda s, l: (s, l[-1]))(*self.sum(f"64={path}")))
+
     def test_missing_and_empty_results_are_failures(self):
         empty = self.path("empty.xml", "<testsuite></testsuite>")
         status, lines = self.sum("64=/nonexistent.xml", f"32={empty}")
