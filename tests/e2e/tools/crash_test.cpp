@@ -2,9 +2,11 @@
 #include "tool_lab.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <random>
 #include <set>
+#include <thread>
 
 using namespace tool_test;
 
@@ -26,7 +28,9 @@ protected:
         if (IsSkipped())
             return;
         neighbour_ = receiver({"-p", "6000"});
+        to_neighbour_.emplace(lab, lab.peer, 40001);
         baseline_ = state();
+        ASSERT_GE(std::stoi(baseline_), 1) << "the neighbour has no table of its own to compare with";
         shared_memory_ = entries("/dev/shm");
     }
 
@@ -54,15 +58,20 @@ protected:
         return false;
     }
 
-    // The other program on the interface gets all that is sent to it, in order.
-    void send_to_neighbour(KernelSocket &peer, unsigned n)
+    // Sends to the other program on the interface all the while: also as the victim starts, dies, and its rules go.
+    std::jthread traffic()
     {
-        for (unsigned i = 0; i < n; i++)
-            peer.send("to the neighbour " + std::to_string(sent_++), "10.77.0.1", 6000);
+        return std::jthread([this](const std::stop_token &over) {
+            for (; !over.stop_requested(); usleep(1000)) {
+                to_neighbour_.value().send("to the neighbour " + std::to_string(sent_), "10.77.0.1", 6000);
+                sent_++;
+            }
+        });
     }
+    // It gets all that is sent to it, in order.
     void expect_neighbour_has_all()
     {
-        for (; read_ < sent_; read_++) {
+        for (const unsigned sent = sent_; read_ < sent; read_++) {
             std::string line;
             ASSERT_TRUE(neighbour_->read_line(&line)) << *neighbour_;
             ASSERT_NE(line.find("\"to the neighbour " + std::to_string(read_) + "\""), std::string::npos) << line;
@@ -72,7 +81,9 @@ protected:
     std::unique_ptr<test_support::Program> neighbour_;
     std::string baseline_;
     std::set<std::string> shared_memory_;
-    unsigned sent_ = 0, read_ = 0;
+    std::optional<KernelSocket> to_neighbour_;
+    std::atomic<unsigned> sent_{0};
+    unsigned read_ = 0;
 };
 
 } // namespace
@@ -86,6 +97,7 @@ TEST_F(Crash, ApplicationKilledAtRandomInstants_HostCleanAndNeighbourLosesNothin
     std::mt19937 random(seed);
     KernelSocket peer(lab, lab.peer, 40000);
     unsigned at_work = 0;
+    const std::jthread to_the_neighbour = traffic();
     for (unsigned round = 0; round < rounds; round++) {
         SCOPED_TRACE("round " + std::to_string(round) + ", seed " + std::to_string(seed));
         const bool sender = round % 2 != 0;
@@ -95,7 +107,6 @@ TEST_F(Crash, ApplicationKilledAtRandomInstants_HostCleanAndNeighbourLosesNothin
         const unsigned instant_us = random() % 100000;
         for (unsigned waited = 0; waited < instant_us; waited += 2000) {
             peer.send("to the victim", "10.77.0.1", 5000);
-            send_to_neighbour(peer, 2);
             usleep(std::min(2000u, instant_us - waited));
         }
         at_work += state() != baseline_;
@@ -108,10 +119,9 @@ TEST_F(Crash, ApplicationKilledAtRandomInstants_HostCleanAndNeighbourLosesNothin
         KernelSocket kernel(lab, lab.adapter, 5000);
         peer.send("to the kernel", "10.77.0.1", 5000);
         ASSERT_EQ(kernel.receive(), "10.77.0.2:40000 to the kernel");
-        send_to_neighbour(peer, 3);
         expect_neighbour_has_all();
     }
     EXPECT_GE(at_work, rounds / 5); // kills during start-up alone would show little
     printf("%u kills, %u of them with sockets or filters in place; %u datagrams to the neighbour, 0 lost\n", rounds,
-           at_work, sent_);
+           at_work, sent_.load());
 }
