@@ -373,5 +373,5 @@ int main(int argc, char **argv)
         setenv("RUK_SOFTNIC_REPLAY", options.replay.c_str(), 1);
 
     execvp(file->c_str(), options.program);
-    fail(errno == ENOENT ? kNotFound : kCannotExecute, "cannot execute '%s': %s", options.program[0], strerror(errno));
+    fail(kCannotExecute, "cannot execute '%s': %s", options.program[0], strerror(errno)); // a script's interpreter, too
 }

@@ -138,6 +138,20 @@ TEST_F(RukrunTest, ProgramThatCannotBeExecuted_Status126)
     }
 }
 
+TEST_F(RukrunTest, ScriptWhoseInterpreterIsNotThere_Status126)
+{
+    char script[] = "/tmp/ruk-test-XXXXXX";
+    const int fd = mkstemp(script);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(write(fd, "#!/no/such/shell\n", 17), 17);
+    EXPECT_EQ(fchmod(fd, 0755), 0);
+    close(fd);
+    auto program = rukrun({"--soft=oxel0", script});
+    EXPECT_TRUE(program->exited_with(126)) << *program;
+    EXPECT_EQ(program->err(), "rukrun: cannot execute '" + std::string(script) + "': No such file or directory\n");
+    unlink(script);
+}
+
 // The owner of host files is nobody where the tests are in a user namespace, and cannot be given away there.
 TEST_F(RukrunTest, ProgramThatGainsRights_Status126)
 {
