@@ -112,6 +112,13 @@ std::vector<LiveLedger> own_ledgers_covering(ruk_device_t dev)
     }
 }
 
+size_t last_frame_bytes(ruk_device_t dev)
+{
+    const ruk__event_state &event = dev->rep_eventq.evq_recvq_state;
+    const ruk__evpacket *last = event.evs_pkt_cur ? event.evs_pkt_cur - 1 : &event.evs_pkts[event.evs_pkt_cnt - 1];
+    return last->length;
+}
+
 ordered_json account_object(const ReceiveAccount &account)
 {
     ordered_json parts = ordered_json::object();

@@ -165,12 +165,15 @@ std::string preview(const uint8_t *data, size_t len)
     return text + (len > shown ? "\"..." : "\"");
 }
 
-/* The length comes from the sender's header: more than the interface carries means that there is no such payload. */
+/*
+ * The length comes from the sender's header: more than the frame holds means that there is no such payload. Headers
+ * are taken for the shortest, Ethernet, IPv4 and UDP: whole frames are what the raw filter mode is for.
+ */
 bool malformed(const Options &opt, const Endpoint &endpoint, const ruk_recv_info &info)
 {
-    constexpr size_t around = 14 + 4 + 20 + 8 + 4; /* Ethernet with a tag, IPv4, UDP, trailer: of whole frames */
-    const size_t most = endpoint.interface().max_payload() + (opt.filter == RUK_RECV_FILTER_RAW ? around : 0);
-    return info.msg_len > most;
+    constexpr uint64_t around = 14 + 20 + 8 + 4; /* and the trailer */
+    const uint64_t frame = last_frame_bytes(endpoint.dev());
+    return opt.filter == RUK_RECV_FILTER_RAW ? info.msg_len > frame : info.msg_len + around > frame;
 }
 
 /* A frame that is not IPv4, in the raw filter mode, has no addresses. */

@@ -185,11 +185,16 @@ TEST_F(ReceiveTool, LengthNoDatagramCanHave_InText_IsShownAsMalformed)
     EXPECT_TRUE(program->finish());
 }
 
-TEST_F(ReceiveTool, LengthBeyondWhatTheInterfaceCarries_IsShownAsMalformed)
+TEST_F(ReceiveTool, LengthBeyondItsFrame_IsShownAsMalformed_OneThatFillsItIsNot)
 {
     auto program = receiver({"-p", "5000", "-t", "20"});
-    put_frame(0x0800, datagram_with_length_field(1472 + 8 + 1));
-    EXPECT_EQ(next_line(*program), "- 10.77.0.2:40000 > 10.77.0.1:5000 len 1473 malformed");
+    for (const auto &[length, printed] : std::map<uint16_t, std::string>{{18, "18 \"eighteen bytes....\""},
+                                                                         {19, "19 malformed"},
+                                                                         {400, "400 malformed"},
+                                                                         {1473, "1473 malformed"}}) {
+        put_frame(0x0800, datagram_with_length_field(static_cast<uint16_t>(length + 8)));
+        EXPECT_EQ(next_line(*program), "- 10.77.0.2:40000 > 10.77.0.1:5000 len " + printed);
+    }
     program->signal(SIGINT);
     EXPECT_TRUE(program->finish());
 }
