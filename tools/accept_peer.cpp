@@ -12,6 +12,7 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace accept_run {
 
@@ -175,6 +176,7 @@ int serve(in_addr address, uint16_t port)
     const int on = 1;
     if (setsockopt(requests, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0)
         fail("cannot send broadcasts: {}", errno_text(errno));
+    std::string served; /* the last request, and whose: not again when it is repeated, as its answer was late */
     note(fmt::format("serving on {}:{} and {}", addr_text(address), port, port + 1));
     while (!stop.requested()) {
         pollfd fds[] = {{requests, POLLIN, 0}, {echo, POLLIN, 0}, {stop.fd(), POLLIN, 0}};
@@ -195,7 +197,9 @@ int serve(in_addr address, uint16_t port)
             }
             const std::string request(bytes, static_cast<size_t>(n)), answer = answer_to(request);
             sendto(requests, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&from), len);
-            serve_request(requests, request, from, stop);
+            const std::string whose = endpoint_text(from) + ' ' + request;
+            if (whose != std::exchange(served, whose))
+                serve_request(requests, request, from, stop);
         }
     }
     close(requests);

@@ -1,6 +1,7 @@
 /*
  * The other end of an acceptance run: a kernel program that sends numbered datagrams on request and returns what is
- * sent to its echo port. Requests are lines of text in datagrams.
+ * sent to its echo port. Requests are lines of text in datagrams; one that is repeated from the same port is answered
+ * again, and served once.
  */
 #pragma once
 

@@ -108,12 +108,6 @@ public:
         peer_.sin_family = AF_INET;
         peer_.sin_addr = parse_addr(opt.peer, "PEER");
         peer_.sin_port = htons(opt.port);
-        control_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in local{};
-        local.sin_family = AF_INET;
-        local.sin_addr = endpoint_.interface().addr;
-        if (control_ < 0 || bind(control_, reinterpret_cast<sockaddr *>(&local), sizeof local) != 0)
-            fail("cannot make a control socket: {}", errno_text(errno));
         /* The long probes share the time. */
         repeat_ = std::max(opt.minutes * 60 / 6, 0.1);
     }
@@ -364,14 +358,26 @@ private:
         }
     }
 
+    /* In place of the one before: a late answer to an earlier request is none to the next, and the peer, which goes by
+     * the port, does not take the next for a repetition. */
+    void renew_control()
+    {
+        close(control_);
+        control_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        local.sin_addr = endpoint_.interface().addr;
+        if (control_ < 0 || bind(control_, reinterpret_cast<sockaddr *>(&local), sizeof local) != 0)
+            fail("cannot make a control socket: {}", errno_text(errno));
+    }
+
     /* Has the peer send; it answers before it begins, and after what it was asked for before. */
     std::string ask(const std::string &request, int attempts = 3)
     {
         if (!unfit_.empty())
             fail("{}", unfit_);
+        renew_control();
         char answer[16];
-        while (recv(control_, answer, sizeof answer, MSG_DONTWAIT) >= 0) { /* one that came too late */
-        }
         for (int attempt = 0; attempt < attempts && !stop_.requested(); attempt++) {
             sendto(control_, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&peer_), sizeof peer_);
             wait_readable(control_, stop_.fd(), monotonic_ns() + second);
@@ -571,7 +577,8 @@ private:
         /* Each one in vain costs a second. */
         while (rounds < 20 && rounds - woken < 3 && !stop_.requested()) {
             rounds++;
-            ask(send_request(channel.port(), 1, 64, 0));
+            /* Numbered: the port of a request may come again, and the same from it would be a repetition. */
+            ask(send_request(channel.port(), 1, 64, 0, rounds));
             woken += readable(1000);
             p.require(next(second).there);
             const int64_t taken = monotonic_ns();

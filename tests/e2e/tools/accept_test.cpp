@@ -222,6 +222,21 @@ TEST_F(AcceptTool, RequestThatNoRunMakes_IsRefused_AndThePeerGoesOn)
     EXPECT_TRUE(peer->exited_with(0)) << *peer;
 }
 
+// As when the answer was late.
+TEST_F(AcceptTool, RequestThatIsRepeated_IsAnsweredAndServedOnce)
+{
+    auto peer = serve();
+    KernelSocket asker(lab, lab.adapter, 40000), another(lab, lab.adapter, 40001), target(lab, lab.adapter, 5000);
+    for (KernelSocket *socket : {&asker, &asker, &another}) {
+        socket->send("send 5000 1 4 0 7", "10.77.0.2", 7700);
+        EXPECT_EQ(socket->receive(), "10.77.0.2:7700 ok");
+    }
+    asker.send("send 5000 1 4 0 8", "10.77.0.2", 7700);
+    EXPECT_EQ(asker.receive(), "10.77.0.2:7700 ok");
+    for (const char number : {'\7', '\7', '\10'})
+        EXPECT_EQ(target.receive(), std::string("10.77.0.2:7700 ") + number + std::string(3, '\0'));
+}
+
 // An adapter that differs is found out: here ones that the link or a host takes frames from.
 TEST_F(AcceptTool, WireThatLosesFrames_DeliveryDiffers)
 {
