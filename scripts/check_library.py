@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """What the libraries may look like to those who link them.
 
-    check_library.py LIBRUK.SO LIBRUK.A [exports|dependencies|size|steps]...
+    check_library.py LIBRUK.SO LIBRUK.A [exports|dependencies|size|steps|tested]...
 
 exports: the shared object exports exactly the public operations, and the version map says the same. dependencies:
 it needs libc alone and bears its soname. size: below 200 KiB when stripped. steps: every operation and inner step
-with a given name can be linked from the archive. Without a word all of them. Status 1 when one does not hold.
+with a given name can be linked from the archive. tested: every public operation is in the lists of those whose calls
+fail and of those that run against each other. Without a word all of them. Status 1 when one does not hold.
 """
 
 import os
@@ -58,6 +59,10 @@ tov_get_macaddr
 tov_piocopy_csum wcsum_copy_odd
 oxel_raw_open_endpoint oxel_raw_close_endpoint oxel_raw_handle oxel_raw_send oxel_raw_next_event
 """.split()
+
+# Lists of all public operations in the tests, and those that need not be there: it only prints, and ends the process.
+OPERATION_LISTS = ("tests/fault/operations.cpp", "tests/threads/pairs_test.cpp")
+NOT_LISTED = {"ruk__assertion_failed"}
 
 # Process-wide state with a given name.
 GLOBALS = """
@@ -130,7 +135,22 @@ def check_steps(_shared, archive):
         f"libruk.a lacks the variable {name}" for name in GLOBALS if name not in data]
 
 
-CHECKS = {"exports": check_exports, "dependencies": check_dependencies, "size": check_size, "steps": check_steps}
+def named_in_strings(source):
+    """Words of a source's strings: what a list calls its entries, not what it calls."""
+    return set(re.findall(r"\w+", " ".join(re.findall(r'"([^"\n]*)"', source))))
+
+
+def check_tested(_shared, _archive):
+    faults = []
+    for path in OPERATION_LISTS:
+        with open(os.path.join(ROOT, path), encoding="utf-8") as file:
+            named = named_in_strings(file.read())
+        faults += [f"{path} lacks {name}" for name in EXPORTS if name not in named | NOT_LISTED]
+    return faults
+
+
+CHECKS = {"exports": check_exports, "dependencies": check_dependencies, "size": check_size, "steps": check_steps,
+          "tested": check_tested}
 
 
 def main(arguments):

@@ -231,6 +231,22 @@ void with_datagram(World &w)
     w.arrive();
 }
 
+/* It comes after a keyframe, which its time is told from. */
+void with_switch_datagram(World &w)
+{
+    {
+        const test_support::ScopedEnv on("OXEL_ARISTA_ENABLE_TIMESTAMPING", "1");
+        w.open();
+    }
+    w.bind();
+    ASSERT_EQ(softnic_set_switch(w.wire.nic, 0, "interval=1"), 0);
+    softnic_advance(w.wire.nic, 1000000);
+    softnic_run(w.wire.nic);
+    w.seam.library([&] { ASSERT_EQ(receive(w, RUK_RECV_NONBLOCK), EAGAIN); });
+    ASSERT_EQ(w.dev->arista_control.arct_status, ARISTA_STATUS_ACTIVE);
+    w.arrive();
+}
+
 int send_raw(World &w)
 {
     uint8_t header[42] = {};
@@ -704,6 +720,19 @@ void add_receiving(List &list)
                         return ruk_raw_recv_nb(w.dev, w.buf, &len, nullptr, nullptr);
                     },
                     with_datagram});
+    auto parse = [](World &w) {
+        ruk__ep_rx_lock(w.dev);
+        const struct ruk__evpacket *packet = ruk__eventq_process_uevt(w.dev, &w.dev->rep_eventq);
+        ruk__ep_rx_unlock(w.dev);
+        return packet && packet->timestamp != 0 ? 0 : -1;
+    };
+    list.push_back({"ruk__eventq_process_uevt, dated by the adapter", parse, [](World &w) {
+                        w.open(RUK_OPEN_THREAD_SAFE | RUK_OPEN_HW_TIMESTAMPING);
+                        w.bind();
+                        w.arrive();
+                    }});
+    list.push_back(
+        {"ruk__eventq_process_uevt, dated by the switch", parse, with_switch_datagram, {}, {}, closing_summary});
     list.push_back({"ruk_raw_recv_peek", [](World &w) { return ruk_raw_recv_peek(w.dev); }, with_datagram});
     list.push_back({"ruk_dump_stats",
                     [](World &w) {
