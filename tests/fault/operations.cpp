@@ -530,7 +530,7 @@ void add_binding(List &list)
         {{"setsockopt SO_REUSEADDR", 1, always<-1>},
          {"setsockopt SO_REUSEPORT", 1, always<-1>},
          {"setsockopt SO_BROADCAST", 1, always<-1>}},
-        refused_filter_entry | tag_block);
+        refused_filter_entry | tag_block | kept_filter);
     add("ruk_bind, no unicast", RUK_BIND_NO_UNICAST, {}, nothing);
     list.push_back(
         {"ruk_bind, a port that is bound already", bind_second, with_willing_channel,
@@ -592,7 +592,8 @@ void add_binding(List &list)
                         w.connect();
                     },
                     {},
-                    {{"ioctl RX_FILTER", 0, ignored}, {"close", 1, ignored}}});
+                    {{"ioctl RX_FILTER", 0, ignored}, {"close", 1, ignored}},
+                    kept_filter});
     list.push_back({"ruk_unbind, another waits for the port",
                     unbind_it,
                     [](World &w) {
@@ -614,7 +615,8 @@ void add_binding(List &list)
                     {{"setsockopt IP_DROP_MEMBERSHIP", 1, ignored},
                      {"ioctl RX_FILTER", 1, abort_},
                      {"ioctl RX_FILTER", 2, ignored},
-                     {"close", 1, ignored}}});
+                     {"close", 1, ignored}},
+                    kept_filter});
 }
 
 void add_groups(List &list)

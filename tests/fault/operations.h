@@ -47,6 +47,7 @@ enum Leaves : unsigned {
     closing_summary = 8,      /* text of the switch counters: one buffer of a close */
     raw_handle = 16,          /* descriptor of a raw endpoint: its user closes it */
     tag_block = 32,           /* of free tags: an endpoint's blocks never get fewer before it is closed */
+    kept_filter = 64,         /* that the adapter refuses to remove: the channel and its tag go in any case */
 };
 
 struct Operation {
