@@ -15,6 +15,7 @@ using namespace recv_rig;
 namespace {
 
 constexpr uint16_t unbound_tag = 3;
+constexpr size_t flow_bytes = sizeof(oxel_endpt_flow_t);
 
 struct Event {
     size_t end; /* bytes from the start of the first to the end of this one */
@@ -41,6 +42,22 @@ ruk_channel_t bind_channel(RigEndpoint &rig)
     ch->ch_uni_entry->tage_nuv_tag = unbound_tag;
     TAILQ_INSERT_TAIL(&rig.ep->rep_chanq, ch, ch_link);
     return ch;
+}
+
+/*
+ * The reader tells the driver how far it is, and writes no other word of the window: the senders' lie there as well.
+ * Where it has consumed nothing all is as before.
+ */
+void check_flow(const RigEndpoint &rig, const uint8_t *before, size_t events, size_t consumed, size_t offset)
+{
+    oxel_endpt_flow_t flow;
+    memcpy(&flow, before, sizeof flow);
+    if (events != 0) {
+        flow.rx_flow.flow_desc += static_cast<uint32_t>(events);
+        flow.rx_flow.flow_data = static_cast<uint32_t>(consumed >> 12);
+        flow.rx_flow.flow_data_off = offset;
+    }
+    FUZZ_REQUIRE(memcmp(rig.flow_memory.data(), &flow, sizeof flow) == 0);
 }
 
 /* The tag is kept back for all packets of the events that are there, the current one's counted whole. */
@@ -86,7 +103,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     evq.evq_recvq_flow = start;
     evq.evq_recvq_state = {};
     evq.evq_recvq_state.evs_uevt_cur = reinterpret_cast<volatile nuv_uevt_ruk_t *>(ring + start);
-    in.fill(rig.flow_memory.data(), 16);
+    uint8_t flow[flow_bytes]; /* 16 bytes of the input, from which the others follow; none of them is always zero */
+    in.fill(flow, 16);
+    for (size_t i = 16; i < flow_bytes; i++)
+        flow[i] = static_cast<uint8_t>(flow[i - 16] + 1 + i / 16);
+    memcpy(rig.flow_memory.data(), flow, flow_bytes);
     ep->arista_control.arct_status = (choice & 8) != 0 ? ARISTA_STATUS_ACTIVE : ARISTA_STATUS_DISABLED;
     ep->arista_control.arct_kf_hasskew = (choice & 16) != 0;
     const unsigned how = choice >> 5;
@@ -156,5 +177,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         unbind_channel(rig, unbound, evq.evq_recvq_flow - start, events);
     FUZZ_REQUIRE(_eventq_present(&evq) == 0); /* all was consumed */
     FUZZ_REQUIRE(evq.evq_recvq_flow - start == used);
+    check_flow(rig, flow, events.size(), start + used, at);
     return 0;
 }
