@@ -4,6 +4,7 @@
  */
 #include "rig.h"
 #include "ruk_core.h"
+#include "sanitizer.h"
 #include "tov.h"
 
 #include <algorithm>
@@ -29,7 +30,12 @@ enum Kind : unsigned {
     receives_alone = 2, /* takes no lock: for an endpoint that one thread reads */
     waits_for_room = 4, /* there is none at first: waits in the driver, without the endpoint lock, for completions */
     measures = 8,       /* leaves a request in flight for good, which a completion is then taken for */
+    sends_at_once = 16,
+    enables = 32,
 };
+
+/* EINVAL where the endpoint is not enabled. */
+constexpr unsigned needs_queues = receives | receives_alone | waits_for_room | measures | sends_at_once;
 
 struct Op {
     const char *name;
@@ -149,7 +155,7 @@ std::vector<Op> operations()
              off.recvq_filter_mode = side ? RUK_RECV_FILTER_ALLMULTI : RUK_RECV_FILTER_NORMAL;
              return first_error({ruk_device_set_attrs(s.dev, &on), ruk_device_set_attrs(s.dev, &off)});
          }},
-        {"ruk_device_enable, enabled", [](Shared &s, int) { return ruk_device_enable(s.dev); }, {EINVAL}},
+        {"ruk_device_enable", [](Shared &s, int) { return ruk_device_enable(s.dev); }, {EINVAL}, enables},
         {"ruk_shutdown", [](Shared &s, int) { return ruk_shutdown(s.dev, 0); }},
         {"ruk_bind and ruk_unbind",
          [](Shared &s, int) {
@@ -219,6 +225,9 @@ std::vector<Op> operations()
          }},
         {"ruk__eventq_process_uevt",
          [](Shared &s, int) {
+             /* That there are queues is the caller's business. */
+             if (__atomic_load_n(&s.dev->rep_state, __ATOMIC_ACQUIRE) == REP_STATE_ALLOC)
+                 return EINVAL;
              ruk__ep_rx_lock(s.dev);
              ruk__eventq_process_uevt(s.dev, &s.dev->rep_eventq);
              ruk__ep_rx_unlock(s.dev);
@@ -322,7 +331,7 @@ std::vector<Op> operations()
         auto with = [send = call.send](int flags) {
             return [send, flags](Shared &s, int side) { return counted(s, send(s, side, flags)); };
         };
-        ops.push_back({call.at_once, with(RUK_NONBLOCK), {0, EAGAIN}});
+        ops.push_back({call.at_once, with(RUK_NONBLOCK), {0, EAGAIN}, sends_at_once});
         ops.push_back({call.waiting, with(0), {0}, waits_for_room});
     }
     return ops;
@@ -446,5 +455,78 @@ TEST(ThreadPairs, EveryOperationAgainstEveryOther_NoRaceAndNoWrongResult) { run_
 
 /* Every frame is dated and keyframes are followed, while closing other endpoints sums theirs up. */
 TEST(ThreadPairs, EveryOperationAgainstEveryOther_BehindASwitch_NoRaceAndNoWrongResult) { run_all_pairs(Switch::on); }
+
+/* ------------------------------------------------------------------ against the enabling */
+
+constexpr int ENABLINGS = test_support::kRacesDetected ? 3 : 1; /* of each operation, before and after it */
+
+/* What came back of an operation that ran until the endpoint was enabled, and once more. */
+struct Seen {
+    unsigned disabled = 0; /* EINVAL, for want of queues */
+    unsigned enabled = 0;  /* the endpoint, by the operation itself */
+    int wrong = 0;         /* a result that cannot be */
+};
+
+Seen run_until_enabled(Shared &s, const Op &op, const std::atomic<bool> &enabled)
+{
+    Seen seen;
+    auto run = [&](bool after) {
+        const int rc = op.run(s, 1);
+        const bool for_want = rc == EINVAL && (op.kind & needs_queues) != 0 && !after;
+        const bool itself = rc == 0 && (op.kind & enables) != 0 && !after;
+        seen.disabled += for_want;
+        seen.enabled += itself;
+        if (!for_want && !itself && op.results.count(rc) == 0)
+            seen.wrong = rc;
+    };
+    while (!enabled.load(std::memory_order_acquire))
+        run(false);
+    run(true);
+    return seen;
+}
+
+/* On an endpoint that was opened disabled, and is enabled meanwhile. */
+Seen run_against_enable(const Adapter &adapter, TwoThreads &threads, const Op &op, bool enable_first)
+{
+    Shared s(adapter, RUK_OPEN_THREAD_SAFE | RUK_OPEN_DISABLED);
+    std::atomic<bool> enabled{false};
+    int rc = -1;
+    Seen seen;
+    const std::function<void()> enable = [&] {
+        rc = ruk_device_enable(s.dev);
+        enabled.store(true, std::memory_order_release);
+    };
+    const std::function<void()> operate = [&] { seen = run_until_enabled(s, op, enabled); };
+    if (enable_first)
+        threads.start(enable, operate);
+    else
+        threads.start(operate, enable);
+    for (int i = 0; !threads.done(); i++) {
+        pause(i);
+        if (i >= PATIENCE)
+            s.deliver();
+        s.complete_one();
+    }
+    EXPECT_EQ(rc, seen.enabled == 0 ? 0 : EINVAL) << op.name;
+    EXPECT_LE(seen.enabled, 1u) << op.name;
+    EXPECT_EQ(seen.wrong, 0) << op.name << " against the enabling";
+    EXPECT_EQ(s.dev->rep_state, REP_STATE_OPEN) << op.name;
+    return seen;
+}
+
+TEST(ThreadPairs, EveryOperationAgainstEnable_OpenedDisabled_NoRaceAndNoWrongResult)
+{
+    const std::vector<Op> ops = operations();
+    unsigned runs = 0, disabled = 0;
+    Adapter adapter;
+    TwoThreads threads;
+    for (const Op &op : ops) {
+        for (int i = 0; i < 2 * ENABLINGS; i++, runs++)
+            disabled += run_against_enable(adapter, threads, op, i % 2 != 0).disabled != 0;
+    }
+    printf("thread pairs: %u enablings, %u of them after an operation that found no queues\n", runs, disabled);
+    EXPECT_EQ(runs, 54u * 2 * ENABLINGS);
+    EXPECT_GE(disabled, 1u); /* so that they meet */
+}
 
 } // namespace

@@ -65,7 +65,7 @@ void add_stray(ruk_device_t dev)
     EXPECT_EQ(ruk_filter_add(dev, 17, 0, htonl(HOST), htons(STRAY_PORT), STRAY_TAG, 0), 0);
 }
 
-Shared::Shared(const Adapter &a) : adapter(a), dev(open_endpoint())
+Shared::Shared(const Adapter &a, int flags) : adapter(a), dev(open_endpoint(flags))
 {
     EXPECT_EQ(ruk_bind(dev, RUK_BIND_BROADCAST, 0, this, &ch), 0);
     add_stray(dev);

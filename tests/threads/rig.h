@@ -51,7 +51,7 @@ constexpr int REQUESTS = 8; /* that an endpoint can have in flight */
 
 /* What two threads share, and what each of them (0 or 1) has to itself. */
 struct Shared {
-    explicit Shared(const Adapter &adapter);
+    explicit Shared(const Adapter &adapter, int flags = RUK_OPEN_THREAD_SAFE);
     ~Shared();
     Shared(const Shared &) = delete;
     Shared &operator=(const Shared &) = delete;
