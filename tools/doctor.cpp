@@ -62,6 +62,13 @@ std::optional<int> setting(const std::string &name)
 /* "eth0" of "eth0:1" */
 std::string device_of(const std::string &interface) { return interface.substr(0, interface.find(':')); }
 
+/* The setting of a device as sysctl(8) takes it, which reads a dot as a step down: "net.ipv4.conf.eth0/5.rp_filter". */
+std::string sysctl_name(std::string device, const char *setting)
+{
+    std::ranges::replace(device, '.', '/');
+    return "net.ipv4.conf." + device + "." + setting;
+}
+
 struct Address {
     std::string interface;
     uint32_t address; /* network byte order */
@@ -540,7 +547,7 @@ private:
         if (forced != 0)
             warn("igmp_version",
                  fmt::format("{}: IGMP is held to version {}: switches are not told of sources", device, forced),
-                 "sysctl net.ipv4.conf." + device + ".force_igmp_version=0 (and .all.)");
+                 "sysctl " + sysctl_name(device, "force_igmp_version") + "=0 (and .all.)");
         else if (igmp.version == 1 || igmp.version == 2)
             warn(
                 "igmp_version",
@@ -583,7 +590,7 @@ private:
             warn("reverse_path",
                  device + ": strict: the kernel drops datagrams whose source it would reach by another interface; "
                           "accelerated ones are not checked",
-                 "sysctl net.ipv4.conf." + device + ".rp_filter=2 (and .all.), if kernel sockets miss datagrams");
+                 "sysctl " + sysctl_name(device, "rp_filter") + "=2 (and .all.), if kernel sockets miss datagrams");
         else if ((!all || !own) && mode != 2)
             warn("reverse_path", device + ": the kernel does not tell", hidden_tables);
         else

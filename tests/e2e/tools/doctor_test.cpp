@@ -218,6 +218,25 @@ TEST_F(Doctor, HostSettingsThatHinderMulticastOrTheKernel_AreWarnings)
     EXPECT_EQ(worst(examine(), "multicast")["found"], "oxel0: multicast is off, so groups cannot be joined");
 }
 
+// A device on a VLAN has a dot in its name, which sysctl reads as a step down.
+TEST_F(Doctor, SettingsOfADeviceWithADot_TheRemediesMendThem)
+{
+    lab.run(lab.adapter, "ip link add oxel0.5 address 02:6f:78:00:00:01 type veth peer name other5"
+                         " && ip addr add 10.77.5.1/24 dev oxel0.5 && ip link set oxel0.5 up"
+                         " && cd /proc/sys/net/ipv4/conf/oxel0.5"
+                         " && echo 2 > force_igmp_version && echo 1 > rp_filter");
+    const json ill = examine({"-i", "oxel0.5"});
+    for (const char *check : {"igmp_version", "reverse_path"}) {
+        const json found = worst(ill, check);
+        EXPECT_EQ(found["status"], "warning") << found;
+        const std::string remedy = found["remedy"];
+        lab.run(lab.adapter, remedy.substr(0, remedy.find(" (")));
+    }
+    const json mended = examine({"-i", "oxel0.5"});
+    EXPECT_EQ(worst(mended, "igmp_version")["found"], "oxel0.5: version 3");
+    EXPECT_EQ(worst(mended, "reverse_path")["found"], "oxel0.5: loose");
+}
+
 TEST_F(Doctor, SettingsForAllInterfaces_CountAsWell)
 {
     lab.run(lab.adapter, "echo 1 > /proc/sys/net/ipv4/conf/all/force_igmp_version;"
