@@ -117,27 +117,34 @@ int host_addresses(std::vector<HostAddress> &list)
 /* What the kernel knows of IGMP on a device. */
 struct IgmpState {
     int version = 0; /* spoken now: that of the oldest querier heard lately; 0 = unknown */
-    int groups = 0;  /* joined */
+    int groups = 0;  /* that sockets have joined */
 };
 
 IgmpState igmp_state(const std::string &device)
 {
     std::ifstream table("/proc/net/igmp");
     std::string line;
+    IgmpState state;
+    bool of_device = false;
     std::getline(table, line);
     while (std::getline(table, line)) {
-        /* "4\teth0      :     1      V3"; the groups of a device follow on lines that begin with blanks. */
-        const size_t colon = line.find(':');
-        if (line.empty() || isdigit(static_cast<unsigned char>(line[0])) == 0 || colon == std::string::npos)
+        std::ranges::replace(line, ':', ' '); /* it stands right behind a long name */
+        std::istringstream fields(line);
+        if (isdigit(static_cast<unsigned char>(line[0])) != 0) { /* "4\teth0      :     1      V3" */
+            std::string number, name, count, querier;
+            of_device = fields >> number >> name >> count >> querier && name == device && querier.size() == 2;
+            if (of_device)
+                state.version = querier[1] - '0';
             continue;
-        std::string number, name, querier;
-        int groups = 0;
-        if (!(std::istringstream(line.substr(0, colon)) >> number >> name) || name != device ||
-            !(std::istringstream(line.substr(colon + 1)) >> groups >> querier) || querier.size() != 2)
-            continue;
-        return {querier[1] - '0', groups};
+        }
+        /* A group of the device above: "\t\t\t\t010000E0     1 0:00000000\t\t0". */
+        in_addr group{};
+        int users = 0;
+        if (of_device && fields >> std::hex >> group.s_addr >> std::dec >> users &&
+            (group.s_addr != htonl(INADDR_ALLHOSTS_GROUP) || users > 1)) /* which the kernel joins on each device */
+            state.groups++;
     }
-    return {};
+    return state;
 }
 
 class Examination {
