@@ -481,8 +481,7 @@ private:
     {
         std::ifstream table("/proc/net/route");
         std::string line, name, over;
-        int count = 0;
-        bool gateway = false;
+        int count = 0, by_gateway = 0;
         std::getline(table, line);
         while (std::getline(table, line)) {
             std::istringstream fields(line);
@@ -490,7 +489,7 @@ private:
             if (fields >> name >> std::hex >> destination >> hop >> flags && (flags & RTF_UP) != 0 &&
                 std::ranges::find(interfaces, name) != interfaces.end()) {
                 count++;
-                gateway = gateway || hop != 0;
+                by_gateway += hop != 0;
             }
         }
         for (const std::string &interface : interfaces)
@@ -504,8 +503,9 @@ private:
             warn("routes", over + ": no route, so nothing can be sent but to groups and to addresses that end in .255",
                  "set the interface up, or add a route: ip route add NET dev " + *plain);
         else
-            ok("routes", fmt::format("{}: {} route{}{}; an endpoint reads them when it opens", over, count,
-                                     count == 1 ? "" : "s", gateway ? ", one by a gateway" : ""));
+            ok("routes",
+               fmt::format("{}: {} route{}{}; an endpoint reads them when it opens", over, count, count == 1 ? "" : "s",
+                           by_gateway != 0 ? fmt::format(", {} by a gateway", by_gateway) : ""));
     }
 
     void neighbours(const std::string &device)

@@ -408,10 +408,13 @@ TEST_F(Doctor, RoutesOverAnotherInterfaceOfTheAdapter_Count)
         EXPECT_EQ(found["found"], "oxel0, oxel0.5: 1 route; an endpoint reads them when it opens");
         EXPECT_EQ(found["status"], "ok");
     }
+    lab.run(lab.adapter, "ip route add 10.90.0.0/16 via 10.77.5.2 && ip route add 10.91.0.0/16 via 10.77.5.3");
+    EXPECT_EQ(worst(examine({"-i", "oxel0"}), "routes")["found"],
+              "oxel0, oxel0.5: 3 routes, 2 by a gateway; an endpoint reads them when it opens");
     // It needs no route over the interface that it is opened by.
     lab.run(lab.adapter, "ip route add 10.77.0.0/24 dev oxel0.5 src 10.77.5.1");
     EXPECT_EQ(worst(examine({"-i", "oxel0"}), "routes")["found"],
-              "oxel0, oxel0.5: 2 routes; an endpoint reads them when it opens");
+              "oxel0, oxel0.5: 4 routes, 2 by a gateway; an endpoint reads them when it opens");
     auto sender = soft({"ruk-send", "-i", "oxel0", "10.77.0.2:5000", "-m", "x"});
     ASSERT_TRUE(sender->finish());
     EXPECT_TRUE(sender->exited_with(0)) << *sender;
