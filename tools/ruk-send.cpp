@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <unistd.h>
 
@@ -128,7 +127,10 @@ private:
 std::string read_file(const std::string &name)
 {
     std::ifstream in(name, std::ios::binary);
-    std::string contents{std::istreambuf_iterator<char>(in), {}};
+    std::string contents;
+    char chunk[65536];
+    while (in.read(chunk, sizeof chunk), in.gcount() != 0)
+        contents.append(chunk, static_cast<size_t>(in.gcount()));
     if (!in.is_open() || in.bad())
         fail("cannot read {}: {}", name, errno_text(errno));
     return contents;
