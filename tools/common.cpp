@@ -55,6 +55,20 @@ void put_line(std::string_view text)
         fail("cannot write to standard output: {}", errno_text(errno));
 }
 
+std::string printable(std::string_view bytes, std::string_view escaped)
+{
+    std::string text;
+    for (const char c : bytes) {
+        if (c < 0x20 || c > 0x7e)
+            text += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+        else if (escaped.find(c) != std::string_view::npos)
+            text += {'\\', c};
+        else
+            text += c;
+    }
+    return text;
+}
+
 std::string json_text(const nlohmann::ordered_json &object, int indent)
 {
     return object.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);

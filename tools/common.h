@@ -59,6 +59,9 @@ void note(std::string_view text);
 /* Writes a line to standard output at once; a failure to write ends the program. */
 void put_line(std::string_view text);
 
+/* Bytes of others' for a terminal: what is not printable ASCII as \xNN, and what is escaped behind a backslash. */
+std::string printable(std::string_view bytes, std::string_view escaped = "\\");
+
 /*
  * The JSON of an object. Names of programs and the driver's texts come as they are: bytes that are not UTF-8 become
  * U+FFFD.

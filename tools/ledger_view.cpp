@@ -172,11 +172,17 @@ ordered_json ledger_object(const softnic::LiveLedger &ledger)
     return object;
 }
 
+std::string board_text(const softnic::LiveLedger &ledger)
+{
+    return fmt::format("{} (process {}), board {} on {}", printable(ledger.program), ledger.pid, ledger.page.board,
+                       printable(ledger.page.interface));
+}
+
 std::vector<std::string> ledger_lines(const softnic::LiveLedger &ledger)
 {
     const softnic::LedgerPage &p = ledger.page;
     std::vector<std::string> lines;
-    lines.push_back(fmt::format("{} (process {}), board {} on {}:", ledger.program, ledger.pid, p.board, p.interface));
+    lines.push_back(fmt::format("{}:", board_text(ledger)));
     lines.push_back(fmt::format("\tinterface: received {}, sent {}", p.received, p.sent));
     lines.push_back(fmt::format("\tboard: arrived {} = matched {} + unmatched {} + malformed {}", p.arrived, p.matched,
                                 p.unmatched, p.malformed));

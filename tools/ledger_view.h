@@ -39,7 +39,10 @@ nlohmann::ordered_json drops_json(const std::vector<Drop> &drops);
 /* The board's account with its process and its drops; endpoints that were never used are left out. */
 nlohmann::ordered_json ledger_object(const softnic::LiveLedger &ledger);
 
-/* The same as lines of text, without the drops. */
+/* "ruk-recv (process 7), board 0 on oxel0" */
+std::string board_text(const softnic::LiveLedger &ledger);
+
+/* The board's account as lines of text, without the drops. */
 std::vector<std::string> ledger_lines(const softnic::LiveLedger &ledger);
 
 /* What to say when there is none to show, of an interface or, where its name is empty, at all. */

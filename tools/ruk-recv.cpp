@@ -149,20 +149,12 @@ std::string hex(const uint8_t *data, size_t len)
     return text;
 }
 
-/* The first bytes as text, what is not printable as \xNN. */
+/* The first bytes as text. */
 std::string preview(const uint8_t *data, size_t len)
 {
     constexpr size_t shown = 32;
-    std::string text = "\"";
-    for (size_t i = 0; i < len && i < shown; i++) {
-        if (data[i] == '"' || data[i] == '\\')
-            text += {'\\', static_cast<char>(data[i])};
-        else if (data[i] >= 0x20 && data[i] < 0x7f)
-            text += static_cast<char>(data[i]);
-        else
-            text += fmt::format("\\x{:02x}", data[i]);
-    }
-    return text + (len > shown ? "\"..." : "\"");
+    const std::string_view first(reinterpret_cast<const char *>(data), std::min(len, shown));
+    return '"' + printable(first, "\"\\") + (len > shown ? "\"..." : "\"");
 }
 
 /*

@@ -67,8 +67,8 @@ struct Look {
 void print_board(const Look &look)
 {
     const softnic::LedgerPage &p = look.now.page;
-    put_line(fmt::format("{} (process {}), board {} on {}: arrived {}, unmatched {}, lost before the adapter {}",
-                         look.now.program, look.now.pid, p.board, p.interface, p.arrived, p.unmatched, p.rx_dropped));
+    put_line(fmt::format("{}: arrived {}, unmatched {}, lost before the adapter {}", board_text(look.now), p.arrived,
+                         p.unmatched, p.rx_dropped));
     put_line(fmt::format("  {:>8} {:>10} {:>10} {:>10} {:>8} {:>8} {:>10} {:>10}", "endpoint", "received/s", "received",
                          "dropped", "ring", "peak", "sent/s", "sent"));
     for (unsigned ep = 0; ep < p.endpoints; ep++) {

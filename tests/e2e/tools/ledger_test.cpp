@@ -639,6 +639,9 @@ TEST_F(Ledger, ProgramAndInterfaceWithUnusualNames_AreShownByAll)
     };
     expect_names("ruk-info-stats", run({"ruk-info", "--stats", "--json"})->out(), "ledgers");
     expect_names("ruk-top", run({"ruk-top", "-n", "1", "--json"})->out(), "ledgers");
+    const std::string text = run({"ruk-top", "-n", "1"})->out();
+    EXPECT_NE(text.find(R"(ruk-recv-abcd\xe2\x82 (process )"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"(, board 0 on x"y\\z: arrived )"), std::string::npos) << text;
     kill(program->pid(), SIGINT);
     ASSERT_TRUE(program->finish()) << *program;
     EXPECT_TRUE(program->exited_with(0)) << *program;

@@ -143,3 +143,12 @@ TEST(LedgerView, NamesThatAreNotUtf8_PrintAsJsonAllTheSame)
     EXPECT_EQ(printed.at("program"), "caf\xef\xbf\xbd");
     EXPECT_EQ(printed.at("interface"), "\"\xef\xbf\xbd\\");
 }
+
+TEST(LedgerView, NamesWithBytesForATerminal_AreEscapedInTheText)
+{
+    softnic::LiveLedger ledger = {7, "~ \x1b[31m\x7f\x1f\xc3", {}};
+    strcpy(ledger.page.interface, "a\"b\\c\x9b");
+    const std::string board = R"(~ \x1b[31m\x7f\x1f\xc3 (process 7), board 0 on a"b\\c\x9b)";
+    EXPECT_EQ(tools::board_text(ledger), board);
+    EXPECT_EQ(tools::ledger_lines(ledger).at(0), board + ":");
+}
