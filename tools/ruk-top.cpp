@@ -149,7 +149,7 @@ int main(int argc, char **argv)
     line.option("-d,--delay", opt.seconds, "Seconds between two looks (default 1)")
         .number(0.01, 3600)
         .type_name("SECONDS");
-    line.option("-n,--count", opt.count, "End after so many looks").whole().type_name("COUNT");
+    line.option("-n,--count", opt.count, "End after so many looks").whole(1, 1000000000).type_name("COUNT");
     line.option("-i,--interface", opt.interface, "Only boards on this interface").type_name("IF");
     line.flag("--json", opt.json, "One JSON object a look");
     line.footer("Exit status: 0 there was something to show; 1 there was not; 2 error.\n"

@@ -133,7 +133,7 @@ TEST(ToolArguments, Number_WithASignOrNotFiniteOrOutOfRange_IsRefused)
         {"ruk-recv -i lo -p 5000", "-n", count},
         {"ruk-recv -i lo -p 5000", "-p", count + " from 0 to 65535"},
         {"ruk-recv -i lo -p 5000", "-t", seconds},
-        {"ruk-top", "-n", count},
+        {"ruk-top", "-n", count + " from 1 to 1000000000"},
         {"ruk-top", "-d", "is not a number from 0.01 to 3600"},
         {"ruk-capture -i lo -w /dev/null", "-n", count},
         {"ruk-capture -i lo -w /dev/null", "-t", seconds},
@@ -164,6 +164,13 @@ TEST(ToolArguments, Number_WithASignOrNotFiniteOrOutOfRange_IsRefused)
                 << result.out;
         }
     }
+}
+
+TEST(ToolArguments, Top_NoLookAtAll_IsRefused)
+{
+    const Outcome result = run("ruk-top -n 0");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(has(result, "'0' is not a whole number from 1 to 1000000000")) << result.out;
 }
 
 TEST(ToolArguments, Number_WithLeadingZeros_IsDecimal)
