@@ -116,8 +116,10 @@ _ruk_complete_rukrun()
 
     _ruk_option
     case ${joined:+$option} in
-    --soft)
-        mapfile -t COMPREPLY < <(compgen -W "$(_ruk_interfaces)" -- "$word")
+    --soft) # several, with commas between them
+        local before=''
+        [[ $word == *,* ]] && before=${word%,*},
+        mapfile -t COMPREPLY < <(compgen -P "$before" -W "$(_ruk_interfaces)" -- "${word##*,}")
         return
         ;;
     --mode)

@@ -66,6 +66,9 @@ offers --plot "$bin/ruk-ping" client --p
 offers_not --plot "$bin/ruk-ping" server --p
 offers lo "$bin/rukrun" --soft = l
 offers lo "$bin/rukrun" --soft =
+offers eth0,lo "$bin/rukrun" --soft = eth0,
+offers eth0,eth1,lo "$bin/rukrun" --soft = eth0,eth1,l
+offers_not eth0,lo "$bin/rukrun" --soft = eth0,m
 offers exact "$bin/rukrun" --mode = e
 offers wire "$bin/rukrun" --switch = ''
 offers --soft "$bin/rukrun" --s
