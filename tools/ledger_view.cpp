@@ -20,12 +20,16 @@ struct Words {
 constexpr Words library_reasons[] = {
     {"dropped_badproto", "frames neither IPv4 nor VLAN-tagged, let in by the filter mode",
      "none; the normal filter mode keeps them out"},
-    {"dropped_badfilter", "datagrams for another port, address or source than the membership's",
-     "none for sources that were not joined; else a filter mode lets in more than the ports"},
+    {"dropped_badfilter",
+     "datagrams for another port, address or source than the membership's, or a switch's keyframes where the adapter "
+     "dates datagrams",
+     "none for sources that were not joined; for keyframes open without RUK_OPEN_HW_TIMESTAMPING; else a filter mode "
+     "lets in more than the ports"},
     {"dropped_nosock",
      "datagrams of a channel that was unbound or a group that was left meanwhile, or let in by a filter mode "
-     "that has ended",
-     "none after an unbind or a leave; else use the normal filter mode"},
+     "that has ended, or a switch's keyframes where the adapter dates datagrams",
+     "none after an unbind or a leave; for keyframes open without RUK_OPEN_HW_TIMESTAMPING; else use the normal filter "
+     "mode"},
     {"dropped_runts", "frames shorter than their headers", "look for a damaged sender with ruk-capture"},
     {"keyframes_malformed", "frames of the switch's keyframe protocol, of a length that keyframes do not have",
      "set OXEL_ARISTA_ENABLE_SKEW as the switch has it"},

@@ -87,6 +87,12 @@ TEST(LedgerView, EveryDropCounterOfTheLibrary_IsExplained)
         EXPECT_FALSE(drops[i].meaning.empty()) << drops[i].reason;
         EXPECT_FALSE(drops[i].remedy.empty()) << drops[i].reason;
     }
+    // Keyframes are counted apart only where the endpoint recognises them.
+    EXPECT_EQ(tools::drop_text(drops[1]),
+              "dropped_badfilter (library): 2: datagrams for another port, address or source than the membership's, or "
+              "a switch's keyframes where the adapter dates datagrams; none for sources that were not joined; for "
+              "keyframes open without RUK_OPEN_HW_TIMESTAMPING; else a filter mode lets in more than the ports");
+    EXPECT_NE(drops[2].meaning.find("a switch's keyframes where the adapter dates"), std::string::npos);
     // Those that this adapter never makes are no less told.
     EXPECT_EQ(tools::drop_text(drops[5]), "dropped_csum (library): 6: a counter of adapters that check and buffer "
                                           "differently, which is 0 with this one; report it");
