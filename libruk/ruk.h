@@ -325,9 +325,10 @@ int ruk_raw_send(ruk_device_t dev, uint8_t *hdr, int hdrlen, uint32_t chksum_hdr
 
 /*
  * Measures the copy into the adapter: iterations copies of len bytes (rounded up to 4, at most 2048).
- * *t_nsecs receives ns a copy and *bw_MB MiB a second. The request record it takes stays among those in
- * flight. Takes 0.8 seconds more where tov_cycles_per_second() has to measure. Errors: EINVAL no iterations, more than
- * 2048 bytes, a disabled endpoint; EBUSY no room.
+ * *t_nsecs receives ns a copy and *bw_MB MiB a second; beyond 2^32 cycles, and with iterations below 0, both are
+ * wrong. The request record it takes stays among those in flight. Takes 0.8 seconds more where
+ * tov_cycles_per_second() has to measure. Errors: EINVAL no iterations, more than 2048 bytes, a disabled endpoint;
+ * EBUSY no room.
  */
 int ruk__piocopy_test(ruk_device_t dev, int iterations, uint32_t len, int do_csum, uint64_t *t_nsecs, uint64_t *bw_MB);
 
