@@ -105,7 +105,7 @@ int ruk_open_by_perm_mac(uint8_t *mac, const struct in_addr *interface_addr, int
 /* Which frames an endpoint receives. */
 enum ruk_filter_mode {
     RUK_RECV_FILTER_NORMAL = 0,   /* datagrams of its channels */
-    RUK_RECV_FILTER_ALLMULTI = 1, /* those and every multicast frame; no channel is told */
+    RUK_RECV_FILTER_ALLMULTI = 1, /* those and every multicast frame, UDP or not; no channel is told */
     RUK_RECV_FILTER_RAW = 2,      /* every frame; no channel is told */
 };
 
