@@ -137,8 +137,8 @@ void ReplayPort::listened()
         read_next();
     } else if (due_ns_ != UINT64_MAX) {
         due_ns_ = start_ns_;
-        wake_.at(due_ns_);
     }
+    wake();
 }
 
 void ReplayPort::read_next()
@@ -155,13 +155,30 @@ void ReplayPort::read_next()
         const uint64_t since = captured > *first_ns_ ? captured - *first_ns_ : 0;
         due_ns_ = start_ns_ + static_cast<uint64_t>(std::min(static_cast<double>(since) / speed_, kLongestWait));
     }
+}
+
+// A system call, which a replay that is behind has no time for.
+void ReplayPort::wake()
+{
+    if (wakes_ns_ == due_ns_)
+        return;
+    wakes_ns_ = due_ns_;
     wake_.at(due_ns_);
 }
 
 bool ReplayPort::receive(RxFrame *frame)
 {
-    if (due_ns_ == UINT64_MAX || clock_() < due_ns_)
-        return wire_->receive(frame);
+    const bool due = due_ns_ != UINT64_MAX && clock_() >= due_ns_;
+    if (!due)
+        wake();
+    if (!due || wires_turn_) {
+        wires_turn_ = false;
+        if (wire_->receive(frame))
+            return true;
+        if (!due)
+            return false;
+    }
+    wires_turn_ = true; // or all of it would wait while the replay is behind
     current_.swap(next_);
     replayed_++;
     *frame = {current_.data(), static_cast<uint32_t>(current_.size()), 0};

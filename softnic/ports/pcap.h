@@ -73,6 +73,7 @@ public:
 private:
     void listened(); // puts the first frame off
     void read_next();
+    void wake(); // at the time of the next one
 
     std::unique_ptr<Port> wire_;
     std::unique_ptr<PcapReader> file_;
@@ -81,9 +82,11 @@ private:
     std::function<void()> damaged_;
     TimedWake wake_;
     bool started_ = false;
+    bool wires_turn_ = false;          // when a frame of the file is due
     uint64_t start_ns_ = 0;            // when the first frame is due
     std::optional<uint64_t> first_ns_; // when it was captured
     uint64_t due_ns_ = UINT64_MAX;     // when the next one is
+    uint64_t wakes_ns_ = UINT64_MAX;   // what the timer was set to
     std::vector<uint8_t> next_;        // it
     std::vector<uint8_t> current_;     // handed out last
     uint64_t replayed_ = 0;

@@ -12,9 +12,19 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 using namespace softnic;
+
+static unsigned timers_set;
+
+extern "C" int __real_timerfd_settime(int fd, int flags, const itimerspec *value, itimerspec *old);
+extern "C" int __wrap_timerfd_settime(int fd, int flags, const itimerspec *value, itimerspec *old)
+{
+    timers_set++;
+    return __real_timerfd_settime(fd, flags, value, old);
+}
 
 namespace {
 
@@ -384,3 +394,69 @@ TEST(Replay, FramesOfTheWireItself_ArriveAsWell)
     EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
     EXPECT_EQ(poll(&waiting, 1, 1000), 1); // due since long, by the monotonic clock
 }
+
+// Or the frames of the wire would wait for the file's end.
+TEST(Replay, ReplayThatIsBehind_TakesTurnsWithTheWire)
+{
+    const File file(kHeader + kRecord + frame(1) + kRecord + frame(2) + kRecord + frame(3) + kRecord + frame(4));
+    std::string error;
+    uint64_t now = 1;
+    auto wire = std::make_unique<MemoryPort>();
+    MemoryPort *memory = wire.get();
+    ReplayPort port(std::move(wire), PcapReader::open(file.name(), &error), 1, [&] { return now; });
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += ReplayPort::kQuietNs;
+    for (const uint8_t own : {11, 12})
+        memory->inject(frame(own).data(), 62);
+    std::vector<int> order;
+    RxFrame got;
+    while (port.receive(&got))
+        order.push_back(got.data[0]);
+    EXPECT_EQ(order, (std::vector<int>{1, 11, 2, 12, 3, 4}));
+}
+
+TEST(Replay, ReplayThatIsBehind_SetsNoTimer)
+{
+    Bytes frames = kHeader;
+    for (uint8_t i = 0; i < 100; i++) {
+        Bytes record = kRecord; // 1 us apart
+        record[4] = static_cast<uint8_t>(record[4] + i);
+        frames = frames + record + frame(i);
+    }
+    const File file(frames);
+    std::string error;
+    uint64_t now = 1;
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1, [&] { return now; });
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += ReplayPort::kQuietNs + 98000;
+    RxFrame got;
+    timers_set = 0;
+    for (unsigned i = 0; i < 99; i++)
+        ASSERT_TRUE(port.receive(&got)) << i;
+    EXPECT_EQ(timers_set, 0u);
+    for (unsigned i = 0; i < 3; i++)
+        EXPECT_FALSE(port.receive(&got));
+    EXPECT_EQ(timers_set, 1u);
+}
+
+TEST(Replay, FrameToComeAndTheEnd_TheFirstAloneWakes)
+{
+    Bytes later = kRecord; // 480 us after the first
+    later[5] = static_cast<uint8_t>(later[5] + 2);
+    const File file(kHeader + kRecord + frame(1) + later + frame(2));
+    std::string error;
+    uint64_t now = 1; // the monotonic clock is further on
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1, [&] { return now; });
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += ReplayPort::kQuietNs;
+    RxFrame got;
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_FALSE(port.receive(&got));
+    pollfd waiting = {port.poll_fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&waiting, 1, 1000), 1);
+    now += 512000;
+    ASSERT_TRUE(port.receive(&got));
+    EXPECT_FALSE(port.receive(&got));
+    EXPECT_EQ(poll(&waiting, 1, 0), 0);
+}
+
