@@ -118,7 +118,7 @@ void softnic_set_max_packets(softnic_t *nic, unsigned board, unsigned n);
 /* ------------------------------------------------------------------ wire */
 
 /* A frame for the board, from the destination MAC address to the last byte, without check sequence. It is copied
- * and waits until firmware runs. */
+ * and waits until firmware runs. It arrives now and is dated so, unless more than an hour passes until then. */
 void softnic_inject(softnic_t *nic, unsigned board, const void *frame, size_t len);
 
 /* The oldest frame that the board sent, at most cap bytes of it. Returns its length, or 0 when there is none. */

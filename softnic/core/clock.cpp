@@ -58,6 +58,12 @@ uint64_t Clock::ticks(uint64_t mono_ns) const
     return config_.ticks_mask != 0 ? t & config_.ticks_mask : t;
 }
 
+uint64_t Clock::reach() const
+{
+    // Readers multiply the ticks since the reference by the numerator in 64 bits.
+    return std::min(kReferenceAge, (uint64_t{1} << 63) / config_.ns_denominator);
+}
+
 void Clock::publish(kz_kernel_window_t *window, Now now) const
 {
     struct {
@@ -69,9 +75,7 @@ void Clock::publish(kz_kernel_window_t *window, Now now) const
     record.nticks.nt_denominator = config_.ns_denominator;
     record.nticks.ticks_mask = config_.ticks_mask;
     if (config_.ticks_mask == 0) {
-        // Readers multiply the ticks since the reference by the numerator in 64 bits.
-        const uint64_t reach = (uint64_t{1} << 63) / config_.ns_denominator;
-        const uint64_t age = std::min({now.mono_ns - power_up_.mono_ns, kReferenceAge, reach});
+        const uint64_t age = std::min(now.mono_ns - power_up_.mono_ns, reach());
         record.nticks.ticks = ticks(now.mono_ns - age);
         record.nticks.nsecs = now.real_ns - (t - record.nticks.ticks) * config_.ns_numerator / config_.ns_denominator;
     } else {

@@ -29,6 +29,9 @@ public:
     // The counter at this moment.
     uint64_t ticks(uint64_t mono_ns) const;
 
+    // How far behind the present, ns, a count may lie that readers convert by what publish() writes.
+    uint64_t reach() const;
+
     // Rewrites the clock record of the window under its sequence counter. Without a mask the relation is exact as of
     // now; its reference point lies well in the past, since a tick count before it cannot be converted and events may
     // wait for their reader. With a mask the reference stays where it was at power-up, since endpoints keep the copy

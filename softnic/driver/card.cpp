@@ -712,9 +712,8 @@ void Card::raw_deliver(const RxFrame &frame, Now now)
 // ---------------------------------------------------------------- firmware
 
 // When a frame came in, which is earlier than it is looked at when the firmware was busy or kept waiting.
-static Now arrival(const RxFrame &frame, Now now)
+static Now arrival(const RxFrame &frame, Now now, int64_t most)
 {
-    constexpr int64_t most = 1000000000; // further away only when somebody set the host's clock
     const auto age = static_cast<int64_t>(now.real_ns - frame.arrival_ns);
     if (frame.arrival_ns == 0 || age > most || age < -most)
         return now;
@@ -723,12 +722,13 @@ static Now arrival(const RxFrame &frame, Now now)
 
 unsigned Card::receive_frames(unsigned max, Now *now)
 {
+    const auto longest = static_cast<int64_t>(std::min(runner_->longest_wait(), board_.clock().reach()));
     unsigned n = 0;
     RxFrame frame;
     for (; n < max && port_->receive(&frame); n++) {
         if (n == 0)
             *now = runner_->now();
-        const Now at = arrival(frame, *now);
+        const Now at = arrival(frame, *now, longest);
         board_.receive(frame.data, frame.len, at);
         if (!raws_.empty())
             raw_deliver(frame, at);

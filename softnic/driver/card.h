@@ -123,6 +123,9 @@ public:
     // How long a paired reading of adapter and host clock takes, ns.
     virtual uint64_t reading_delay() = 0;
 
+    // How far apart, ns, frames come and are looked at. What says more was dated by a clock that somebody set.
+    virtual uint64_t longest_wait() const = 0;
+
     // Waits, with the card's lock held by the caller and let go meanwhile, until done() holds, which is looked at
     // under the lock. A limit below 0 is none. 0, ETIMEDOUT, or another errno value.
     virtual int wait(Card &card, std::unique_lock<CardLock> &lock, const std::function<bool()> &done,

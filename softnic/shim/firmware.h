@@ -13,6 +13,7 @@ class LiveRunner : public Runner {
 public:
     Now now() override;
     uint64_t reading_delay() override;
+    uint64_t longest_wait() const override { return 1000000000; }
     int wait(Card &card, std::unique_lock<CardLock> &lock, const std::function<bool()> &done, int timeout_ms) override;
     void kick(Card &card) override;
 };

@@ -80,6 +80,44 @@ TEST(Raw, ReceivedFrame_IsAnEventOfAnotherKind)
     EXPECT_EQ(event.buffer, frame);
 }
 
+TEST(Raw, FirmwareThatRunsLater_DatesTheFrameWhenItCame)
+{
+    Nic nic(1, [](softnic_board_config_t &c) { c.clock_ns_numerator = c.clock_ns_denominator = 1; });
+    Device dev;
+    ASSERT_EQ(command(dev.fd, OXEL_RAW_OPEN), 0);
+    softnic_advance(nic, 234);
+    const uint64_t came = softnic_ticks(nic, 0);
+    constexpr uint64_t hour = UINT64_C(3600000000000);
+    for (const uint64_t wait : {UINT64_C(500000000), UINT64_C(1500000000), hour}) {
+        const uint64_t injected = softnic_ticks(nic, 0);
+        nic.inject(make_frame());
+        softnic_advance(nic, wait);
+        softnic_run(nic);
+        EXPECT_EQ(next_event(dev.fd).e.nic_ticks, injected) << wait;
+    }
+    // Nobody could tell what time that was.
+    nic.inject(make_frame());
+    softnic_advance(nic, hour + 1);
+    softnic_run(nic);
+    EXPECT_EQ(next_event(dev.fd).e.nic_ticks, came + 2000000000 + 2 * hour + 1);
+}
+
+TEST(Raw, KeyframesOfOneLongAdvance_EachDatedAtItsOwnMoment)
+{
+    Nic nic(1, [](softnic_board_config_t &c) { c.clock_ns_numerator = c.clock_ns_denominator = 1; });
+    Device dev;
+    ASSERT_EQ(command(dev.fd, OXEL_RAW_OPEN), 0);
+    const uint64_t first = softnic_ticks(nic, 0);
+    ASSERT_EQ(softnic_set_switch(nic, 0, "interval=1000"), 0);
+    softnic_advance(nic, UINT64_C(10000000000));
+    softnic_run(nic);
+    for (uint64_t i = 0; i <= 10; i++) {
+        const Event event = next_event(dev.fd);
+        ASSERT_EQ(event.rc, 0);
+        EXPECT_EQ(event.e.nic_ticks, first + i * 1000000000);
+    }
+}
+
 TEST(Raw, BufferTooSmall_GetsTheFramesStart)
 {
     Nic nic;
