@@ -16,6 +16,7 @@ constexpr uint32_t kMicroseconds = 0xa1b2c3d4, kNanoseconds = 0xa1b23c4d, kNextG
 constexpr size_t kFileHeader = 24, kRecordHeader = 16;
 constexpr uint32_t kEthernet = 1;
 constexpr uint32_t kLongestFrame = 262144;
+constexpr uint8_t kProtoKeyframe = 253;
 constexpr double kLongestWait = 1e18; // ns: decades, which every clock can tell
 
 uint32_t swap(uint32_t v) { return __builtin_bswap32(v); }
@@ -122,7 +123,8 @@ ReplayPort::ReplayPort(std::unique_ptr<Port> wire, std::unique_ptr<PcapReader> f
 int ReplayPort::steer(const SteerKey &key, bool install)
 {
     const int rc = wire_->steer(key, install);
-    if (rc == 0 && install)
+    // The library asks for a switch's keyframes while it opens an endpoint: nobody listens yet.
+    if (rc == 0 && install && key.proto != kProtoKeyframe)
         listened();
     return rc;
 }

@@ -51,6 +51,7 @@ bool parse_replay(const std::string &text, std::string *path, double *speed, std
 // Another port, at which the frames of a file arrive as well, at the pace at which they were captured. They begin
 // when the first filter, or the first endpoint that takes frames without one, has been followed by no other for
 // kQuietNs: nobody would get them earlier, and a program that binds first and joins then would lose the first of them.
+// Filters of a switch's keyframes do not count.
 class ReplayPort : public Port {
 public:
     static constexpr uint64_t kQuietNs = 100000000;

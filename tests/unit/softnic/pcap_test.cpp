@@ -460,3 +460,21 @@ TEST(Replay, FrameToComeAndTheEnd_TheFirstAloneWakes)
     EXPECT_EQ(poll(&waiting, 1, 0), 0);
 }
 
+// The library adds it while it opens an endpoint with switch timestamps: the program has not asked for anything yet.
+TEST(Replay, FilterOfASwitchsKeyframes_NeitherBeginsItNorPutsItOff)
+{
+    const File file(kHeader + kRecord + frame(1));
+    std::string error;
+    uint64_t now = 1;
+    ReplayPort port(std::make_unique<MemoryPort>(), PcapReader::open(file.name(), &error), 1, [&] { return now; });
+    EXPECT_EQ(port.steer(SteerKey{0x01010100, 0, 0, 253}, true), 0);
+    now += 10 * ReplayPort::kQuietNs;
+    RxFrame got;
+    EXPECT_FALSE(port.receive(&got));
+    EXPECT_EQ(port.steer(SteerKey{1, 2, 0, 17}, true), 0);
+    now += ReplayPort::kQuietNs - 1;
+    EXPECT_EQ(port.steer(SteerKey{0x01010101, 0, 0, 253}, true), 0);
+    EXPECT_FALSE(port.receive(&got));
+    now += 1;
+    EXPECT_TRUE(port.receive(&got));
+}
