@@ -155,7 +155,8 @@ typedef struct softnic_pcap softnic_pcap_t;
 softnic_pcap_t *softnic_pcap_open(const char *path, char *error, size_t cap);
 
 /* The next whole frame, padded to 60 bytes, and when it was captured, ns since 1970. It stays valid until the next
- * call. Frames of which the capture kept only the beginning are passed over. 1, or 0 at the end. */
+ * call. Frames of which the capture kept only the beginning, and short ones that end inside their datagram, are passed
+ * over. 1, or 0 at the end. */
 int softnic_pcap_next(softnic_pcap_t *file, uint64_t *time_ns, const void **frame, size_t *len);
 
 /* Null is harmless. */

@@ -78,7 +78,9 @@ bool PcapReader::next(uint64_t *time_ns, std::vector<uint8_t> *frame)
         damaged_ = fread(frame->data(), 1, kept, file_) != kept;
         if (damaged_)
             return false;
-        if (kept < whole || kept == 0 || kept < trailer_) {
+        const bool short_of_a_frame = kept < kMinFrame + trailer_;
+        if (kept < whole || kept == 0 || kept < trailer_ ||
+            (short_of_a_frame && ends_inside_datagram(frame->data(), kept - trailer_))) {
             passed_over_++;
             continue;
         }

@@ -25,7 +25,7 @@ public:
     PcapReader &operator=(const PcapReader &) = delete;
 
     // The next whole frame and when it was captured, ns. False at the end of the file, or where it is cut off.
-    // Frames of which the capture kept only the beginning are passed over.
+    // Frames of which the capture kept only the beginning, and those that end inside their datagram, are passed over.
     bool next(uint64_t *time_ns, std::vector<uint8_t> *frame);
 
     uint64_t passed_over() const { return passed_over_; }

@@ -198,6 +198,38 @@ TEST(Pcap, FileThatEndsBehindAFrame_IsNotDamaged)
     EXPECT_FALSE(reader->damaged());
 }
 
+// As on the wire: to pad it would make up bytes that nobody sent.
+TEST(Pcap, ShortFrameThatEndsInsideItsDatagram_IsPassedOverAndCounted)
+{
+    const Bytes trailer = {0xde, 0xad, 0xbe, 0xef};
+    for (const bool with_trailer : {false, true}) {
+        Bytes cut = frame(2, 44), whole = frame(3, 44);
+        for (Bytes *f : {&cut, &whole}) {
+            (*f)[12] = 8; // IPv4: a header of 20 bytes, protocol 17
+            (*f)[13] = 0;
+            (*f)[14] = 0x45;
+            (*f)[16] = (*f)[20] = (*f)[21] = 0;
+            (*f)[23] = 17;
+        }
+        cut[17] = 31; // one more than are there
+        whole[17] = 30;
+        const Bytes end = with_trailer ? trailer : Bytes();
+        Bytes record = kRecord;
+        record[8] = record[12] = static_cast<uint8_t>(44 + end.size());
+        const File file(kHeader + record + cut + end + record + whole + end);
+        std::string error;
+        const auto reader = PcapReader::open(file.name(), &error, with_trailer);
+        ASSERT_NE(reader, nullptr) << error;
+        uint64_t time_ns;
+        Bytes bytes;
+        ASSERT_TRUE(reader->next(&time_ns, &bytes));
+        EXPECT_EQ(bytes, whole + frame(0, 16) + end);
+        EXPECT_EQ(reader->passed_over(), 1u);
+        EXPECT_FALSE(reader->next(&time_ns, &bytes));
+        EXPECT_FALSE(reader->damaged());
+    }
+}
+
 TEST(Pcap, WhatIsNoCaptureOfEthernetFrames_IsRefusedWithTheReason)
 {
     EXPECT_EQ(refusal({1, 2, 3}), " is no capture file: it is too short");
