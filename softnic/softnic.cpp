@@ -561,7 +561,7 @@ softnic_pcap_t *softnic_pcap_open(const char *path, char *error, size_t cap)
 int softnic_pcap_next(softnic_pcap_t *file, uint64_t *time_ns, const void **frame, size_t *len)
 {
     if (!file->reader->next(time_ns, &file->frame))
-        return 0;
+        return file->reader->damaged() ? -1 : 0;
     *frame = file->frame.data();
     *len = file->frame.size();
     return 1;

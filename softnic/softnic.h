@@ -146,7 +146,7 @@ int softnic_set_switch(softnic_t *nic, unsigned board, const char *options);
 /* Frames out of a capture file in the classic pcap format, of either byte order and time unit, to be injected:
  *
  *     softnic_pcap_t *file = softnic_pcap_open("feed.pcap", error, sizeof(error));
- *     while (softnic_pcap_next(file, &time_ns, &frame, &len)) { ... softnic_inject(nic, 0, frame, len); ... }
+ *     while (softnic_pcap_next(file, &time_ns, &frame, &len) == 1) { ... softnic_inject(nic, 0, frame, len); ... }
  *     softnic_pcap_close(file);
  *
  * Null with the reason in error (zero-terminated, at most cap bytes, null is allowed) when there is no such file, or
@@ -156,7 +156,7 @@ softnic_pcap_t *softnic_pcap_open(const char *path, char *error, size_t cap);
 
 /* The next whole frame, padded to 60 bytes, and when it was captured, ns since 1970. It stays valid until the next
  * call. Frames of which the capture kept only the beginning, and short ones that end inside their datagram, are passed
- * over. 1, or 0 at the end. */
+ * over. 1, or 0 at the end, or -1 where the file is cut off or damaged within a frame, or cannot be read on. */
 int softnic_pcap_next(softnic_pcap_t *file, uint64_t *time_ns, const void **frame, size_t *len);
 
 /* Null is harmless. */

@@ -223,7 +223,8 @@ TEST_F(FeedTest, CaptureFile_IsReplayedAtItsOwnPace)
     uint64_t time_ns, first_ns = 0;
     const void *frame;
     size_t len;
-    while (softnic_pcap_next(capture, &time_ns, &frame, &len)) {
+    int more;
+    while ((more = softnic_pcap_next(capture, &time_ns, &frame, &len)) == 1) {
         if (first_ns == 0)
             first_ns = time_ns;
         softnic_advance(nic, start_ns + (time_ns - first_ns) - softnic_now(nic));
@@ -231,6 +232,7 @@ TEST_F(FeedTest, CaptureFile_IsReplayedAtItsOwnPace)
         softnic_run(nic);
         EXPECT_EQ(feed.poll(), 1);
     }
+    EXPECT_EQ(more, 0);
     softnic_pcap_close(capture);
     EXPECT_EQ(feed.state().messages, 2u);
     EXPECT_EQ(feed.state().price, 72u);

@@ -68,6 +68,8 @@ PcapReader::~PcapReader() { fclose(file_); }
 
 bool PcapReader::next(uint64_t *time_ns, std::vector<uint8_t> *frame)
 {
+    if (damaged_)
+        return false;
     uint8_t header[kRecordHeader];
     while (const size_t got = fread(header, 1, sizeof(header), file_)) {
         const uint32_t kept = number(header + 8), whole = number(header + 12);
@@ -89,6 +91,7 @@ bool PcapReader::next(uint64_t *time_ns, std::vector<uint8_t> *frame)
         *time_ns = number(header) * UINT64_C(1000000000) + uint64_t{number(header + 4)} * tick_ns_;
         return true;
     }
+    damaged_ = ferror(file_) != 0;
     return false;
 }
 

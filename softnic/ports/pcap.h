@@ -30,7 +30,7 @@ public:
 
     uint64_t passed_over() const { return passed_over_; }
 
-    // The file ended within a frame, or in one that is longer than any can be.
+    // The file ended within a frame, or in one that is longer than any can be, or could not be read on.
     bool damaged() const { return damaged_; }
 
 private:

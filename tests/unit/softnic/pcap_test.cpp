@@ -198,6 +198,36 @@ TEST(Pcap, FileThatEndsBehindAFrame_IsNotDamaged)
     EXPECT_FALSE(reader->damaged());
 }
 
+TEST(Pcap, DamagedFileThroughThePublicInterface_IsNotTakenForItsEnd)
+{
+    Bytes huge = kRecord;
+    huge[11] = huge[15] = 1;
+    const Bytes ends[] = {kRecord + frame(2, 30), Bytes(kRecord.begin(), kRecord.begin() + 9),
+                          huge + kRecord + frame(2)};
+    for (const Bytes &end : ends) {
+        const File file(kHeader + kRecord + frame(1) + end);
+        softnic_pcap_t *capture = softnic_pcap_open(file.name(), nullptr, 0);
+        ASSERT_NE(capture, nullptr);
+        uint64_t time_ns;
+        const void *bytes = nullptr;
+        size_t len = 0;
+        EXPECT_EQ(softnic_pcap_next(capture, &time_ns, &bytes, &len), 1);
+        EXPECT_EQ(softnic_pcap_next(capture, &time_ns, &bytes, &len), -1);
+        EXPECT_EQ(softnic_pcap_next(capture, &time_ns, &bytes, &len), -1); // and stays so
+        EXPECT_EQ(len, 62u);
+        softnic_pcap_close(capture);
+    }
+    const File whole(kHeader + kRecord + frame(1));
+    softnic_pcap_t *capture = softnic_pcap_open(whole.name(), nullptr, 0);
+    ASSERT_NE(capture, nullptr);
+    uint64_t time_ns;
+    const void *bytes;
+    size_t len;
+    EXPECT_EQ(softnic_pcap_next(capture, &time_ns, &bytes, &len), 1);
+    EXPECT_EQ(softnic_pcap_next(capture, &time_ns, &bytes, &len), 0);
+    softnic_pcap_close(capture);
+}
+
 // As on the wire: to pad it would make up bytes that nobody sent.
 TEST(Pcap, ShortFrameThatEndsInsideItsDatagram_IsPassedOverAndCounted)
 {
