@@ -40,7 +40,7 @@ std::unique_ptr<PcapReader> PcapReader::open(const std::string &path, std::strin
     std::unique_ptr<PcapReader> reader(new PcapReader(file, trailer_on_wire ? NUV_UEVT_FCS_LEN : 0));
     uint8_t header[kFileHeader];
     if (fread(header, sizeof(header), 1, file) != 1) {
-        *error = path + " is no capture file: it is too short";
+        *error = path + (ferror(file) ? std::string(": ") + strerror(errno) : " is no capture file: it is too short");
         return nullptr;
     }
     uint32_t magic = reader->number(header);

@@ -273,6 +273,8 @@ TEST(Pcap, WhatIsNoCaptureOfEthernetFrames_IsRefusedWithTheReason)
     std::string error;
     EXPECT_EQ(PcapReader::open("/nowhere/at-all.pcap", &error), nullptr);
     EXPECT_EQ(error, "/nowhere/at-all.pcap: No such file or directory");
+    EXPECT_EQ(PcapReader::open("/tmp", &error), nullptr);
+    EXPECT_EQ(error, "/tmp: Is a directory");
     char cut[8];
     EXPECT_EQ(softnic_pcap_open("/nowhere/at-all.pcap", cut, sizeof cut), nullptr);
     EXPECT_STREQ(cut, "/nowher");
