@@ -8,13 +8,17 @@
  *
  *     softnic_board_config_t config;
  *     softnic_board_defaults(&config, 0);
+ *     memset(config.mac, 0, sizeof(config.mac));
  *     softnic_t *nic = softnic_create(&config, 1, 1700000000000000000);
  *     softnic_attach(nic);
- *     ... ruk_init(), ruk_open(), ruk_bind() ...
+ *     ... ruk_init(), ruk_open() of 127.0.0.1, ruk_bind() ...
  *     softnic_inject(nic, 0, frame, sizeof(frame));
  *     softnic_run(nic);
  *     ... ruk_recvfrom() ...
  *     softnic_destroy(nic);
+ *
+ * The library finds a board by the host's interface that has its MAC address: all zero is that of the loopback
+ * interface, which every host has.
  *
  * C11 and C++20; a C program is linked with -lsoftnic -lstdc++ -lm -lpthread. All calls may be made from any thread
  * while others use the devices, but for attach, detach and destroy. Boards and endpoints are numbered from 0; one that
