@@ -50,8 +50,8 @@ typedef struct softnic_board_config {
     uint8_t current_mac[6];        /* address in use; all zero = the permanent one */
     uint32_t endpoints;            /* 1 to 64 */
     uint32_t nic_type;             /* type code that the driver reports */
-    uint32_t recvq_size;           /* event ring, bytes; made a power of two of at least 16 KiB */
-    uint32_t sendq_size;           /* DMA payload ring, bytes; made a power of two of at least 4 KiB */
+    uint32_t recvq_size;           /* event ring, bytes; made a power of two, 16 KiB to 32 MiB */
+    uint32_t sendq_size;           /* DMA payload ring, bytes; made a power of two, 4 KiB to 32 MiB */
     uint32_t dmasend_threshold;    /* largest payload sent by PIO, bytes */
     uint32_t sreqs_count;          /* send request slots that the driver reports */
     uint32_t max_packets;          /* packets an event at most, 1 to 5 */
