@@ -34,9 +34,10 @@ int Feed::poll()
         if (rc != 0)
             return -1;
         count++;
-        if (info.msg_len < sizeof fields || be64toh(fields[0]) > state_.last + longest_gap)
+        const uint64_t number = be64toh(fields[0]);
+        if (info.msg_len < sizeof fields || number == 0 || number > state_.last + longest_gap)
             state_.damaged++;
         else
-            take(be64toh(fields[0]), be64toh(fields[1]), info.timestamp);
+            take(number, be64toh(fields[1]), info.timestamp);
     }
 }

@@ -168,6 +168,19 @@ TEST_F(FeedTest, ShortDatagram_IsDamaged)
     EXPECT_EQ(feed.state().messages, 0u);
 }
 
+TEST_F(FeedTest, NumberZero_IsDamaged)
+{
+    Feed feed(dev);
+    deliver(message(0, 999), start_ns);
+    deliver(message(1, 100), start_ns);
+    deliver(message(0, 999), start_ns);
+    EXPECT_EQ(feed.poll(), 3);
+    EXPECT_EQ(feed.state().damaged, 2u);
+    EXPECT_EQ(feed.state().duplicates, 0u);
+    EXPECT_EQ(feed.state().messages, 1u);
+    EXPECT_EQ(feed.state().price, 100u);
+}
+
 TEST_F(FeedTest, NumberTooFarAhead_IsDamagedAndTheFeedGoesOn)
 {
     Feed feed(dev);
