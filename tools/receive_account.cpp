@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace tools {
 
 using nlohmann::ordered_json;
@@ -116,7 +118,8 @@ size_t last_frame_bytes(ruk_device_t dev)
 {
     const ruk__event_state &event = dev->rep_eventq.evq_recvq_state;
     const ruk__evpacket *last = event.evs_pkt_cur ? event.evs_pkt_cur - 1 : &event.evs_pkts[event.evs_pkt_cnt - 1];
-    return last->length;
+    const bool may_be_stripped = dev->arista_control.arct_status != ARISTA_STATUS_DISABLED;
+    return last->length - (may_be_stripped ? 0 : std::min<size_t>(last->length, NUV_UEVT_FCS_LEN));
 }
 
 ordered_json account_object(const ReceiveAccount &account)

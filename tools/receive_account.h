@@ -43,7 +43,10 @@ ReceiveAccount receive_account(ruk_device_t dev, uint64_t received, uint64_t mal
 /* The boards in this process, once that of the endpoint accounts for all that the endpoint has consumed. */
 std::vector<softnic::LiveLedger> own_ledgers_covering(ruk_device_t dev);
 
-/* Bytes of the frame, trailer included, of the datagram that this thread has just received from the endpoint. */
+/*
+ * Bytes of the frame of the datagram that this thread has just received from the endpoint. Without the trailer; where
+ * a switch's timestamps are on, which are the trailer and leave with the time, with any that is still there.
+ */
 size_t last_frame_bytes(ruk_device_t dev);
 
 nlohmann::ordered_json account_object(const ReceiveAccount &account);

@@ -163,9 +163,9 @@ std::string preview(const uint8_t *data, size_t len)
  */
 bool malformed(const Options &opt, const Endpoint &endpoint, const ruk_recv_info &info)
 {
-    constexpr uint64_t around = 14 + 20 + 8 + 4; /* and the trailer */
-    const uint64_t frame = last_frame_bytes(endpoint.dev());
-    return opt.filter == RUK_RECV_FILTER_RAW ? info.msg_len > frame : info.msg_len + around > frame;
+    constexpr uint64_t headers = 14 + 20 + 8;
+    return opt.filter == RUK_RECV_FILTER_RAW ? info.msg_len > receive_buffer_size
+                                             : info.msg_len + headers > last_frame_bytes(endpoint.dev());
 }
 
 /* A frame that is not IPv4, in the raw filter mode, has no addresses. */
