@@ -32,6 +32,9 @@ constexpr unsigned max_taps = 1024;
 
 constexpr size_t slot_offset(unsigned type) { return size_t(type) * NUV_UREQ_STRIDE; }
 
+// Of the watched types, the first ones.
+unsigned watchpoints_of(TapMode mode) { return mode == TapMode::fast ? 1 : mode == TapMode::exact ? 2 : 0; }
+
 } // namespace
 
 // Everything that a signal handler touches. States are recycled and never freed: a handler may be late.
@@ -60,8 +63,9 @@ struct TapState {
 
     void snapshot(unsigned type, nuv_ureq_t *out);
     void push(const nuv_ureq_t &request);
-    bool claim_polled(nuv_ureq_t *out);
+    bool claim(unsigned type, nuv_ureq_t *out);
     void on_posted(unsigned type);
+    bool on_lost_hit();
     void wake();
     bool protect(bool on);
 };
@@ -113,17 +117,17 @@ void TapState::push(const nuv_ureq_t &request)
         say(name, "requests are lost: more of them in flight than the adapter allows");
 }
 
-// The request in the polled slot, if one is there. Whoever zeroes the last word owns it; the rest stays as it
-// is until the completion counter has moved.
-bool TapState::claim_polled(nuv_ureq_t *out)
+// The request in a slot, if one is there. Whoever zeroes the last word owns it; the rest stays as it is until the
+// thread that posted it goes on, or, in the polled slot, until the completion counter has moved.
+bool TapState::claim(unsigned type, nuv_ureq_t *out)
 {
-    volatile uint32_t *last = word(slot_offset(NUV_UREQ_RUK_DMA) + last_word);
+    volatile uint32_t *last = word(slot_offset(type) + last_word);
     if (tov_ld32_acq(last) == 0)
         return false;
     uint32_t taken = __atomic_exchange_n(last, 0, __ATOMIC_ACQ_REL);
     if (taken == 0)
         return false;
-    snapshot(NUV_UREQ_RUK_DMA, out);
+    snapshot(type, out);
     out->words[last_word / 4] = taken;
     return true;
 }
@@ -132,11 +136,22 @@ void TapState::on_posted(unsigned type)
 {
     nuv_ureq_t request;
     // What still lies in the polled slot was posted before this.
-    if (mode == TapMode::fast && claim_polled(&request))
+    if (mode == TapMode::fast && claim(NUV_UREQ_RUK_DMA, &request))
         push(request);
-    snapshot(type, &request);
-    push(request);
+    if (claim(type, &request))
+        push(request);
     wake();
+}
+
+// A hit somewhere was lost: posts what lies in the watched slots. False when this tap watches none.
+bool TapState::on_lost_hit()
+{
+    const bool watches = active.load(std::memory_order_acquire) && !detached.load(std::memory_order_acquire);
+    const unsigned count = watches ? watchpoints_of(mode) : 0;
+    for (unsigned i = 0; i < count; i++)
+        if (tov_ld32_acq(word(slot_offset(watched_types[i]) + last_word)) != 0)
+            on_posted(watched_types[i]);
+    return count != 0;
 }
 
 // The exchange is a full fence: either the firmware's look at the queue after it said so sees what was pushed,
@@ -239,6 +254,20 @@ TapState *tap_covering(uintptr_t address)
     return nullptr;
 }
 
+// A hypervisor may lose the cause of a debug exception (the guest's DR6) when it has the processor between that and the
+// guest's look at it. The kernel then takes a hit for an int1 of the program.
+bool take_lost_hit(const siginfo_t *info, ucontext_t *context)
+{
+    constexpr uint8_t int1 = 0xf1;
+    if (info->si_code != TRAP_BRKPT || reinterpret_cast<const uint8_t *>(tap_instruction_pointer(context))[-1] == int1)
+        return false;
+    bool watching = false;
+    unsigned used = table_used.load(std::memory_order_acquire);
+    for (unsigned i = 0; i < used; i++)
+        watching |= table[i].load(std::memory_order_acquire)->on_lost_hit();
+    return watching;
+}
+
 bool on_trap(siginfo_t *info, ucontext_t *context)
 {
     TapHit hit;
@@ -257,7 +286,7 @@ bool on_trap(siginfo_t *info, ucontext_t *context)
         end_step(context);
         return true;
     }
-    return false;
+    return take_lost_hit(info, context);
 }
 
 bool on_fault(siginfo_t *info, ucontext_t *context)
@@ -332,8 +361,6 @@ void say_refused(const char *name, TapMode preferred, int error)
     say(name, (std::string(tap_mode_name(preferred)) + " mode: " + why + ": using fallback mode").c_str());
 }
 
-unsigned watchpoints_of(TapMode mode) { return mode == TapMode::fast ? 1 : mode == TapMode::exact ? 2 : 0; }
-
 int open_watch(TapState *tap, TapMode mode)
 {
     TapWatch::Word words[TapWatch::max_words];
@@ -407,7 +434,7 @@ TapMode RequestTap::available(TapMode preferred, const char *name)
 std::unique_ptr<RequestTap> RequestTap::create(TapMode preferred, void *app, void *alias, size_t len, const char *name)
 {
     std::lock_guard lock(table_mutex);
-    TapState *tap = take_signals() == 0 ? free_state() : nullptr;
+    TapState *tap = app != alias && take_signals() == 0 ? free_state() : nullptr;
     if (!tap)
         return nullptr;
     tap->app = reinterpret_cast<uintptr_t>(app);
@@ -432,9 +459,7 @@ std::unique_ptr<RequestTap> RequestTap::create(TapMode preferred, void *app, voi
         }
     }
     tap->active.store(true, std::memory_order_release);
-    // Where both share one mapping there is no other way to the page.
-    bool can_protect = app != alias && tap->mode == TapMode::fallback && tap->protect(true);
-    if (tap->eventfd < 0 || (tap->mode == TapMode::fallback && !can_protect)) {
+    if (tap->eventfd < 0 || (tap->mode == TapMode::fallback && !tap->protect(true))) {
         release_state(tap);
         return nullptr;
     }
@@ -477,7 +502,7 @@ bool RequestTap::pop(nuv_ureq_t *out)
         state_->mode == TapMode::fast && tov_ld32_acq(state_->word(slot_offset(NUV_UREQ_RUK_DMA) + last_word)) != 0;
     if (state_->queue.pop(out))
         return true;
-    if (!waiting || !state_->claim_polled(out))
+    if (!waiting || !state_->claim(NUV_UREQ_RUK_DMA, out))
         return false;
     state_->polled.fetch_add(1, std::memory_order_relaxed);
     return true;
@@ -489,7 +514,7 @@ TapIdle RequestTap::arm_idle()
     tap.sleeping.store(true);
     bool armed = true;
     if (tap.mode == TapMode::fast && !tap.detached)
-        armed = reinterpret_cast<uintptr_t>(tap.alias) != tap.app && tap.protect(true);
+        armed = tap.protect(true);
     bool work = !tap.queue.empty() ||
                 (tap.mode == TapMode::fast && tov_ld32_acq(tap.word(slot_offset(NUV_UREQ_RUK_DMA) + last_word)) != 0);
     if (work) {

@@ -13,6 +13,9 @@
 // thread goes on at once. (userfaultfd would hold that thread until the firmware has been scheduled, and a firmware
 // that falls asleep again too early could hold it for good.)
 //
+// Hypervisors lose the cause of a watchpoint's hit now and then: the kernel then sends the SIGTRAP of an int1
+// instruction, and the tap looks at all watched slots itself.
+//
 // A mode that the host refuses or whose debug registers are used up becomes fallback, for that endpoint alone;
 // fallback serves the thresholds and rings of either other mode.
 //
@@ -54,9 +57,9 @@ class RequestTap {
 public:
     // app is the request window as the application has mapped it, alias the adapter's own mapping of the same
     // pages; both page-aligned, len bytes. name begins the lines on standard error ("oxelp0, endpoint 1").
-    // nullptr when the signals cannot be taken, all 1024 states are in use, there is no event descriptor, or the mode
-    // is or becomes fallback and the page cannot be protected, as when app and alias are one mapping. The window is
-    // then polled, and requests can be lost. To be called before the application knows app.
+    // nullptr when app and alias are one mapping, the signals cannot be taken, all 1024 states are in use, there is no
+    // event descriptor, or the mode is or becomes fallback and the page cannot be protected. The window is then polled,
+    // and requests can be lost. To be called before the application knows app.
     static std::unique_ptr<RequestTap> create(TapMode preferred, void *app, void *alias, size_t len, const char *name);
 
     // What create() would give now on this thread: for a driver that reports thresholds before the window is mapped.
@@ -69,8 +72,9 @@ public:
 
     TapMode mode() const;
 
-    // The oldest request posted and not yet popped; false when none waits. One caller at a time. In fast mode
-    // the slot's last word is zero again once its request was popped: advance the completion counter only then.
+    // The oldest request posted and not yet popped; false when none waits. One caller at a time. A slot's last word is
+    // zero again once its request is taken, so that none is taken twice; in fast mode that of the polled slot is once
+    // the request was popped: advance the completion counter only then.
     bool pop(nuv_ureq_t *out);
 
     // Before sleeping, and after. By the caller of pop().
