@@ -24,14 +24,28 @@ if ! stage "install what is missing" 10 scripts/install-deps.sh test; then
     exit 1
 fi
 
+declare -A directory=([64]=build [32]=build-32 [address]=build-address)
+
+# Tests wait a good deal. What the next kinds need is built meanwhile, with what processor time they leave.
+set -m # a process group of its own, to end it with
+(
+    set +m
+    for kind in "${kinds[@]:1}"; do
+        nice -n 19 scripts/build_and_test.sh "$kind" "${directory[$kind]:-}" --build-ahead </dev/null
+    done
+) >/dev/null 2>&1 &
+ahead=$!
+set +m
+trap 'kill -- "-$ahead" 2>/dev/null' EXIT
+
 files=()
 for kind in "${kinds[@]}"; do
     case $kind in
-    64) stage "64 bit: build and test" 18 scripts/build_and_test.sh 64 build "$results/64.xml" ;;
-    32) stage "32 bit: build and test" 14 scripts/build_and_test.sh 32 build-32 "$results/32.xml" ;;
+    64) stage "64 bit: build and test" 18 scripts/build_and_test.sh 64 "${directory[64]}" "$results/64.xml" ;;
+    32) stage "32 bit: build and test" 14 scripts/build_and_test.sh 32 "${directory[32]}" "$results/32.xml" ;;
     address)
         stage "address and undefined-behaviour sanitizers: build and test" 16 \
-            scripts/build_and_test.sh address build-address "$results/address.xml"
+            scripts/build_and_test.sh address "${directory[address]}" "$results/address.xml"
         ;;
     *)
         echo "test.sh: unknown kind of build '$kind'" >&2
