@@ -468,8 +468,8 @@ Receiver::Receiver(ruk_device_t dev, WaitMode mode, const StopSignal &stop) : de
 {
     if (mode_ == WaitMode::nonblock)
         return;
-    quit_fd_ = eventfd(0, EFD_CLOEXEC);
-    if (quit_fd_ < 0)
+    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_fd_ < 0)
         fail("cannot make an event descriptor: {}", errno_text(errno));
     /* Ignored unless it is handled, and whatever else it comes upon is restarted. */
     struct sigaction action {};
@@ -485,9 +485,9 @@ Receiver::~Receiver()
     if (!guard_.joinable())
         return;
     quit_ = true;
-    eventfd_write(quit_fd_, 1);
+    eventfd_write(wake_fd_, 1);
     guard_.join();
-    close(quit_fd_);
+    close(wake_fd_);
 }
 
 /*
@@ -496,8 +496,8 @@ Receiver::~Receiver()
  */
 void Receiver::guard()
 {
-    constexpr int64_t longest_sleep = second_ns / 5; /* a deadline may be set while this sleeps */
-    constexpr int64_t retry = second_ns / 500;
+    constexpr int64_t retry = second_ns / 500;   /* the call may not have begun to wait */
+    constexpr int64_t retry_out = second_ns / 5; /* it may begin although it is due */
     while (!quit_) {
         int64_t now = monotonic_ns();
         bool due = stop_.requested() || now >= deadline_.load();
@@ -506,8 +506,10 @@ void Receiver::guard()
             if (mode_ == WaitMode::block)
                 pthread_kill(receiver_, SIGURG);
         }
-        int64_t wake = std::min(due ? now + (inside_ ? retry : longest_sleep) : deadline_.load(), now + longest_sleep);
-        wait_readable(quit_fd_, stop_.requested() ? -1 : stop_.fd(), wake);
+        int64_t wake = due ? now + (inside_ ? retry : retry_out) : deadline_.load();
+        wait_readable(wake_fd_, stop_.requested() ? -1 : stop_.fd(), wake);
+        eventfd_t ignored;
+        eventfd_read(wake_fd_, &ignored);
     }
 }
 
@@ -547,7 +549,8 @@ int Receiver::receive_polling(void *buf, size_t len, ruk_recv_info *info, int64_
 int Receiver::receive_guarded(ruk_recvmode mode, void *buf, size_t len, ruk_recv_info *info, int64_t deadline_ns)
 {
     for (;;) {
-        deadline_ = deadline_ns;
+        if (deadline_ns < deadline_.exchange(deadline_ns))
+            eventfd_write(wake_fd_, 1); /* the guard may sleep for longer */
         receiver_ = pthread_self();
         inside_ = true;
         int rc = ruk_recvfrom(dev_, mode, buf, len, info);

@@ -219,7 +219,7 @@ private:
     ruk_device_t dev_;
     WaitMode mode_;
     const StopSignal &stop_;
-    int quit_fd_ = -1;
+    int wake_fd_ = -1;
     std::atomic<bool> quit_{false};
     std::atomic<bool> inside_{false};
     std::atomic<pthread_t> receiver_{}; /* of the thread that is or was inside */
