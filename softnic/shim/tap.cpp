@@ -54,6 +54,7 @@ struct TapState {
     std::atomic<bool> active{false};   // handlers serve it
     std::atomic<bool> detached{false}; // the application's addresses are no longer its
     std::atomic<bool> sleeping{false}; // the firmware sleeps, or is about to
+    std::atomic<bool> taking{false};   // a handler takes requests from watched slots
     TapQueue queue;
 
     std::atomic<uint32_t> queued{0}, polled{0}, async_hits{0}, overflows{0}, emulated{0}, stepped{0}, idle_wakes{0};
@@ -135,11 +136,17 @@ bool TapState::claim(unsigned type, nuv_ureq_t *out)
 void TapState::on_posted(unsigned type)
 {
     nuv_ureq_t request;
+    // Whoever looks for a lost hit may take this thread's request: it stays in its slot until that is done.
+    const bool shared = mode != TapMode::fallback;
+    while (shared && taking.exchange(true, std::memory_order_acquire))
+        ;
     // What still lies in the polled slot was posted before this.
     if (mode == TapMode::fast && claim(NUV_UREQ_RUK_DMA, &request))
         push(request);
     if (claim(type, &request))
         push(request);
+    if (shared)
+        taking.store(false, std::memory_order_release);
     wake();
 }
 
