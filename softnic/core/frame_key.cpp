@@ -9,7 +9,7 @@ constexpr uint32_t kIpHeaderMin = 20;
 constexpr uint16_t kTypeVlan = 0x8100;
 constexpr uint16_t kTypeIpv4 = 0x0800;
 constexpr uint16_t kFragmentOffset = 0x1FFF;
-constexpr uint8_t kProtoTcp = 6, kProtoUdp = 17, kProtoKeyframe = 253;
+constexpr uint8_t kProtoTcp = 6, kProtoUdp = 17;
 
 uint16_t load_be16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 uint32_t load_be32(const uint8_t *p) { return static_cast<uint32_t>(load_be16(p)) << 16 | load_be16(p + 2); }

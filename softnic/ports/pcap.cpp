@@ -16,7 +16,6 @@ constexpr uint32_t kMicroseconds = 0xa1b2c3d4, kNanoseconds = 0xa1b23c4d, kNextG
 constexpr size_t kFileHeader = 24, kRecordHeader = 16;
 constexpr uint32_t kEthernet = 1;
 constexpr uint32_t kLongestFrame = 262144;
-constexpr uint8_t kProtoKeyframe = 253;
 constexpr double kLongestWait = 1e18; // ns: decades, which every clock can tell
 
 uint32_t swap(uint32_t v) { return __builtin_bswap32(v); }

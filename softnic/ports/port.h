@@ -16,12 +16,15 @@ struct RxFrame {
     uint64_t arrival_ns = 0; // host real-time clock, 0 when unknown
 };
 
+// IP protocol of a switch's keyframes.
+constexpr uint8_t kProtoKeyframe = 253;
+
 // Frames to take away from the host's own stack because the adapter delivers them. All in host byte order.
 struct SteerKey {
     uint32_t ip_addr = 0;
     uint16_t port = 0;
     uint16_t vlan = 0; // 12-bit identifier, 0 = untagged
-    uint8_t proto = 0; // IP protocol: 17, 6 or 253 (then port is not looked at)
+    uint8_t proto = 0; // IP protocol: 17, 6 or kProtoKeyframe (then port is not looked at)
     auto operator<=>(const SteerKey &) const = default;
 };
 

@@ -135,7 +135,6 @@ constexpr SetShape kSets[] = {
     {"untagged_keyframes", false, false},
     {"tagged_keyframes", true, false},
 };
-constexpr uint8_t kProtoKeyframe = 253;
 
 // Types of the parts of a key as the packet filter's own tool numbers them, for its listings.
 constexpr uint32_t kTypeIpv4 = 7, kTypeProto = 12, kTypeNumber16 = 13, kTypeBits = 6;

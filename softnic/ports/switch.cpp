@@ -17,7 +17,6 @@ namespace {
 constexpr uint64_t kNsPerSecond = 1000000000;
 constexpr uint32_t kStampBytes = 4;
 constexpr uint8_t kModeAppended = 1;
-constexpr uint8_t kProtocol = 253;
 
 bool to_u64(const std::string &text, uint64_t *value)
 {
@@ -225,7 +224,7 @@ std::vector<uint8_t> SwitchModel::keyframe(uint64_t now_ns)
     append(&payload, 0, 1);
 
     std::vector<uint8_t> frame = {0x01, 0x00, 0x5e, 0x00, 0x00, 0xfd, 0x02, 0x00, 0x00, 0x00, 0x00, 0xfd, 0x08, 0x00};
-    std::vector<uint8_t> ip = {0x45, 0, 0, 0, 0, 0, 0, 0, 64, kProtocol, 0, 0, 0, 0, 0, 0};
+    std::vector<uint8_t> ip = {0x45, 0, 0, 0, 0, 0, 0, 0, 64, kProtoKeyframe, 0, 0, 0, 0, 0, 0};
     append(&ip, options_.dst_ip, 4);
     ip[2] = static_cast<uint8_t>((20 + payload.size()) >> 8);
     ip[3] = static_cast<uint8_t>(20 + payload.size());
