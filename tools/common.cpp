@@ -497,7 +497,7 @@ Receiver::~Receiver()
 void Receiver::guard()
 {
     constexpr int64_t retry = second_ns / 500;   /* the call may not have begun to wait */
-    constexpr int64_t retry_out = second_ns / 5; /* it may begin although it is due */
+    constexpr int64_t retry_out = second_ns / 5; /* nobody waits: a call may begin that is due already */
     while (!quit_) {
         int64_t now = monotonic_ns();
         bool due = stop_.requested() || now >= deadline_.load();
