@@ -1,6 +1,7 @@
 #include "firmware.h"
 
 #include "../driver/sys.h"
+#include "tap_watch.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -97,6 +98,7 @@ Firmware *Firmware::of(Card &card)
 void forget_firmware()
 {
     g_registry = nullptr; // left as it is: its lock may have been held
+    UnwatchedThread::forget_all();
 }
 
 Firmware::Firmware(Card &card, const FirmwareOptions &options) : card_(card), options_(options) {}
@@ -123,8 +125,10 @@ int Firmware::start()
     const int rc = ::pthread_create(&thread_, nullptr, entry, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     started_ = rc == 0;
-    if (started_)
+    if (started_) {
         ::pthread_setname_np(thread_, "softnic");
+        running_.wait(false); // it says there that it needs no watchpoint, before anybody opens one
+    }
     return rc;
 }
 
@@ -163,6 +167,9 @@ void *Firmware::entry(void *self)
 
 void Firmware::loop()
 {
+    const UnwatchedThread unwatched;
+    running_.store(true);
+    running_.notify_all();
     if (options_.cpu >= 0) {
         cpu_set_t set;
         CPU_ZERO(&set);

@@ -59,6 +59,7 @@ private:
     pthread_t thread_{};
     bool started_ = false;
     bool single_cpu_ = false;
+    std::atomic<bool> running_{false}; // the thread has begun
     std::atomic<bool> stop_{false};
     std::atomic<bool> asleep_{false};
     std::atomic<bool> kicked_{false};

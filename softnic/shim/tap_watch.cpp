@@ -9,6 +9,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -46,12 +49,21 @@ int open_event(pid_t tid, const TapWatch::Word &word)
     return sys::keep(int(syscall(SYS_perf_event_open, &attr, tid, -1, -1, PERF_FLAG_FD_CLOEXEC)));
 }
 
+std::array<std::atomic<pid_t>, 64> unwatched{};
+
+pid_t this_thread() { return pid_t(syscall(SYS_gettid)); }
+
+bool is_unwatched(pid_t tid)
+{
+    return std::any_of(unwatched.begin(), unwatched.end(), [=](const auto &entry) { return entry.load() == tid; });
+}
+
 std::set<pid_t> threads_of_process()
 {
     std::set<pid_t> tids;
     if (DIR *dir = opendir("/proc/self/task")) {
         while (const dirent *entry = readdir(dir))
-            if (pid_t tid = pid_t(std::atol(entry->d_name)))
+            if (pid_t tid = pid_t(std::atol(entry->d_name)); tid != 0 && !is_unwatched(tid))
                 tids.insert(tid);
         closedir(dir);
     }
@@ -90,7 +102,7 @@ int TapWatch::open(const Word *words, unsigned count)
     // between two listings may have inherited its watchpoints already; a second one on the same word is
     // harmless, since both hits of one store merge into one signal.
     std::set<pid_t> done;
-    pid_t self = pid_t(syscall(SYS_gettid));
+    pid_t self = this_thread();
     int error = open_thread(self, words, count);
     done.insert(self);
     for (bool found = true; found && error == 0;) {
@@ -123,7 +135,28 @@ int TapWatch::probe(unsigned count)
     Word watched[max_words];
     for (unsigned i = 0; i < max_words; i++)
         watched[i] = {&words[i], 0xffff};
-    return watch.open_thread(pid_t(syscall(SYS_gettid)), watched, count);
+    return watch.open_thread(this_thread(), watched, count);
+}
+
+UnwatchedThread::UnwatchedThread()
+{
+    for (auto &entry : unwatched)
+        if (pid_t none = 0; entry.compare_exchange_strong(none, this_thread()))
+            break;
+}
+
+UnwatchedThread::~UnwatchedThread()
+{
+    const pid_t self = this_thread();
+    for (auto &entry : unwatched)
+        if (pid_t tid = self; entry.compare_exchange_strong(tid, 0))
+            break;
+}
+
+void UnwatchedThread::forget_all()
+{
+    for (auto &entry : unwatched)
+        entry.store(0);
 }
 
 } // namespace softnic

@@ -355,6 +355,21 @@ TEST_F(ReceiveChainTest, ProcessorOfTheFirmwareChosen_ItsThreadAloneIsHeldThere)
     EXPECT_EQ(held, 1u);
 }
 
+// A watchpoint in it would cost the firmware, which never posts, a microsecond at every change of threads.
+TEST_F(ReceiveChainTest, Receiving_AdapterWatchesTheProgramsThreadAndNotItsOwn)
+{
+    auto program = receiver({"-p", "5000", "--json"});
+    stream(*program, 100, 10);
+    unsigned watchpoints = 0;
+    for (const auto &fd : std::filesystem::directory_iterator("/proc/" + std::to_string(program->pid()) + "/fd")) {
+        std::error_code gone;
+        watchpoints += std::filesystem::read_symlink(fd, gone) == "anon_inode:[perf_event]";
+    }
+    if (watchpoints == 0)
+        GTEST_SKIP() << "the host has no watchpoints";
+    EXPECT_EQ(watchpoints, 1u);
+}
+
 TEST_F(ReceiveChainTest, PollingReceiver_BetweenDatagrams_WakesLessThanTenTimesASecond)
 {
     auto program = receiver({"-p", "5000", "--wait", "nonblock", "--json"});

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <thread>
 
 #include "tap_test_support.h"
@@ -242,6 +243,83 @@ TEST(TapFast, WordWatchedTwice_Posted_CaughtOnce)
         return 0;
     });
     EXPECT_EQ(child.status, 0) << child.err;
+}
+
+// A thread that goes through steps in turn with the one that made it.
+class SteppedThread {
+public:
+    // body is given a function that ends its step, and waits for the next one.
+    explicit SteppedThread(std::function<void(const std::function<void()> &)> body)
+        : thread_([this, body] {
+              wait_for(1);
+              body([this] {
+                  turn_ = 0;
+                  wait_for(1);
+              });
+              turn_ = 0;
+          })
+    {}
+    ~SteppedThread() { thread_.join(); }
+    void step()
+    {
+        turn_ = 1;
+        wait_for(0);
+    }
+
+private:
+    void wait_for(int turn)
+    {
+        while (turn_ != turn)
+            std::this_thread::yield();
+    }
+    std::atomic<int> turn_{0};
+    std::thread thread_;
+};
+
+// The adapter's own threads, which write through their own mapping, go without; others are watched as ever.
+TEST(TapFast, ThreadThatAskedForNoWatchpoint_Posts_NotCaughtUntilItNoLongerAsks)
+{
+    Window window;
+    SteppedThread own([&](const std::function<void()> &next) {
+        {
+            UnwatchedThread unwatched;
+            next();
+            post(window, 1, 13);
+        }
+        next();
+        post(window, 2, 13);
+    });
+    own.step();
+    nuv_ureq_t none;
+    {
+        auto tap = window.tap(TapMode::fast);
+        EXPECT_EQ(tap->mode(), TapMode::fast);
+        own.step();
+        EXPECT_FALSE(tap->pop(&none));
+        std::memset(window.alias, 0, Window::bytes);
+        post(window, 7, 13);
+        expect_popped(*tap, 7, 13);
+    }
+    auto tap = window.tap(TapMode::fast);
+    own.step();
+    expect_popped(*tap, 2, 13);
+    EXPECT_FALSE(tap->pop(&none));
+}
+
+// In the child of a fork a number that was such a thread's may be that of any other.
+TEST(TapFast, ThreadsThatAskedForNoWatchpoint_Forgotten_Caught)
+{
+    Window window;
+    SteppedThread own([&](const std::function<void()> &next) {
+        UnwatchedThread unwatched;
+        UnwatchedThread::forget_all();
+        next();
+        post(window, 1, 13);
+    });
+    own.step();
+    auto tap = window.tap(TapMode::fast);
+    own.step();
+    expect_popped(*tap, 1, 13);
 }
 
 // Threads come and go while the taps are being made; a thread may then be watched twice, but each request is
