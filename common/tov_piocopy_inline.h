@@ -47,18 +47,6 @@ static inline uint64_t add64(uint64_t sum, uint64_t v)
     return sum + (sum < v);
 }
 
-/* Two stores, the lower address first. */
-static inline void store64(volatile uint32_t *dst, uint64_t v)
-{
-    tov_st32(dst, static_cast<uint32_t>(v));
-    tov_st32(dst + 1, static_cast<uint32_t>(v >> 32));
-}
-
-static inline tov_wcsum fold64(uint64_t sum)
-{
-    return add32(static_cast<uint32_t>(sum), static_cast<uint32_t>(sum >> 32));
-}
-
 /* Four of them. */
 static inline uint64_t add64x4(uint64_t sum, uint64_t a, uint64_t b, uint64_t c, uint64_t d)
 {
@@ -73,114 +61,75 @@ static inline uint64_t add64x4(uint64_t sum, uint64_t a, uint64_t b, uint64_t c,
 #endif
 }
 
-/* Copies and adds 32 bytes; the last word stored. */
+/* Two stores, the lower address first. */
+static inline void store64(volatile uint32_t *dst, uint64_t v)
+{
+    tov_st32(dst, static_cast<uint32_t>(v));
+    tov_st32(dst + 1, static_cast<uint32_t>(v >> 32));
+}
+
+/* To the 32 bits of the same sum. */
+static inline tov_wcsum fold64(uint64_t sum)
+{
+    return add32(static_cast<uint32_t>(sum), static_cast<uint32_t>(sum >> 32));
+}
+
+/* Copies and adds 32 bytes; the last word stored. Added first: their upper halves are then moved down in place. */
 static inline uint32_t copy32(volatile uint32_t *dst, const uint8_t *from, uint64_t *sum)
 {
     const uint64_t a = load64(from), b = load64(from + 8), c = load64(from + 16), d = load64(from + 24);
+    *sum = add64x4(*sum, a, b, c, d);
     store64(dst, a);
     store64(dst + 2, b);
     store64(dst + 4, c);
     store64(dst + 6, d);
-    *sum = add64x4(*sum, a, b, c, d);
     return static_cast<uint32_t>(d >> 32);
 }
 
-/* Bytes from the source to its next 4-byte boundary, at most len. */
-static inline uint32_t head_bytes(const uint8_t *src, uint32_t len)
+/*
+ * Copies len bytes from an aligned source on, behind a word `last` that may have been stored already, and adds them to
+ * `sum`. The whole of it reaches the adapter before whatever the caller writes next.
+ */
+[[gnu::always_inline]] static inline tov_wcsum tov_piocopy_csum_aligned(volatile uint32_t *dst, const uint8_t *from,
+                                                                        uint32_t len, uint32_t last, tov_wcsum sum)
 {
-    uint32_t n = static_cast<uint32_t>(-reinterpret_cast<uintptr_t>(src)) & 3;
-    return n < len ? n : len;
-}
-
-/* Stages the head in *word, at its place, and adds it to the sum: odd bytes are high ones. */
-static inline tov_wcsum stage_head(uint32_t *word, const uint8_t *src, uint32_t len, tov_wcsum sum)
-{
-    uint32_t n = head_bytes(src, len);
-    uint32_t at = reinterpret_cast<uintptr_t>(src) & 3;
-    uint32_t staged = 0;
-
-    if ((at & 1) && n > 0) {
-        uint32_t byte = *src++;
-        staged |= byte << (8 * at++);
-        sum = add32(sum, byte << 8);
-        n--;
-    }
-    if (n >= 2) {
-        uint32_t pair = load16(src);
-        src += 2;
-        staged |= pair << (8 * at);
-        sum = add32(sum, pair);
-        at += 2;
-        n -= 2;
-    }
-    if (n > 0) {
-        uint32_t byte = *src;
-        staged |= byte << (8 * at);
-        sum = add32(sum, byte);
-    }
-    *word = staged;
-    return sum;
-}
-
-static inline uint32_t tov_piocopy_csum_inline(uintptr_t *to, const uint8_t *from, uint32_t len, uint32_t *misalign)
-{
-    volatile uint32_t *dst = reinterpret_cast<volatile uint32_t *>(to);
-    uint32_t at = reinterpret_cast<uintptr_t>(from) & 3;
-    uint32_t last = 0; /* the word stored last */
-    tov_wcsum sum = 0;
-
-    if (at) {
-        uint32_t n = head_bytes(from, len);
-        sum = stage_head(&last, from, len, 0);
-        tov_st32(dst++, last);
-        from += n;
-        len -= n;
-    }
-
-    /* Two sums, so that neither addition waits for the other. */
+    /* 1. Blocks. Two sums, so that neither addition waits for the other. */
     uint64_t wide = sum, other = 0;
-    for (; len >= 64; len -= 64, from += 64, dst += 16) {
+    for (const uint8_t *const end = from + (len & ~63u); from != end; from += 64, dst += 16) {
         copy32(dst, from, &wide);
         last = copy32(dst + 8, from + 32, &other);
     }
-    if (len >= 32) {
+    if (len & 32) {
         last = copy32(dst, from, &wide);
-        len -= 32, from += 32, dst += 8;
+        from += 32, dst += 8;
     }
-    sum = fold64(add64(wide, other));
-    for (; len >= 4; len -= 4, from += 4) {
+    wide = add64(wide, other);
+
+    /* 2. Words. */
+    for (const uint8_t *const end = from + (len & 28); from != end; from += 4) {
         last = load32(from);
         tov_st32(dst++, last);
-        sum = add32(sum, last);
+        wide = add64(wide, last);
     }
+    sum = fold64(wide);
 
-    /* Behind the payload's end stand left-over bytes of the word before; the adapter goes by the length. */
-    if (len) {
-        if (len >= 2) {
+    /* 3. Bytes. Behind them stand left-over bytes of the word before; the adapter goes by the length. */
+    if (len & 3) {
+        if (len & 2) {
             uint32_t pair = load16(from);
             from += 2;
             last = (last & 0xFFFF0000u) | pair;
             sum = add32(sum, pair);
         }
         if (len & 1) {
-            uint32_t shift = len == 3 ? 16 : 0;
+            uint32_t shift = len & 2 ? 16 : 0;
             uint32_t byte = *from;
             last = (last & ~(0xFFu << shift)) | byte << shift;
             sum = add32(sum, byte);
         }
         tov_st32(dst, last);
     }
-
-    /* The whole payload reaches the adapter before whatever the caller writes next. */
     tov_wmb();
-
-    /* From an odd address every byte was summed at the other parity than it has in the datagram. */
-    if (at & 1) {
-        uint32_t s = (sum & 0xFFFF) + (sum >> 16);
-        s += s >> 16;
-        sum = ((s << 8) & 0xFF00) | ((s >> 8) & 0xFF);
-    }
-    *misalign = at;
     return sum;
 }
 

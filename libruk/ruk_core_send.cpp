@@ -87,11 +87,9 @@ static inline uint16_t reaped(const struct ruk__ep *rep)
     return (uint16_t)tov_ld32(&rep->rep_pioreq.tx_flow->flow_desc);
 }
 
-/* Takes back what has been completed since; the number of requests. */
-static inline int reap(struct ruk__ep *rep)
+/* Takes back the requests after the first `before` that make `done`; their number. */
+static inline int reap(struct ruk__ep *rep, uint16_t before, uint16_t done)
 {
-    const uint16_t done = completed(rep);
-    const uint16_t before = reaped(rep);
     if (done == before)
         return 0;
     for (uint16_t last = before; last != done; last++) {
@@ -105,7 +103,7 @@ static inline int reap(struct ruk__ep *rep)
     return (uint16_t)(done - before);
 }
 
-extern "C" int ruk__try_send_completion(struct ruk__ep *rep) { return reap(rep); }
+extern "C" int ruk__try_send_completion(struct ruk__ep *rep) { return reap(rep, reaped(rep), completed(rep)); }
 
 /* ------------------------------------------------------------------ waiting for room */
 
@@ -141,9 +139,12 @@ static int wait_send_completion(struct ruk__ep *rep, int32_t timeo)
     return rc;
 }
 
-/* Reserves after a first attempt has failed: reaps and spins, then waits in the driver, as flags allow. */
-[[gnu::noinline]] static int reserve_slowly(struct ruk__ep *rep, enum ruk_req_type type, uint32_t need, int flags,
-                                            struct ruk__request **req_o)
+/*
+ * Reserves after a first attempt has failed: reaps and spins, then waits in the driver, as flags allow. Null with the
+ * reason in *rc_o.
+ */
+[[gnu::noinline]] static struct ruk__request *reserve_slowly(struct ruk__ep *rep, enum ruk_req_type type, uint32_t need,
+                                                             int flags, int *rc_o)
 {
     const int32_t timeo = (flags & RUK_NONBLOCK) ? 0 : -1;
     int spins = SPIN_BUDGET;
@@ -151,47 +152,57 @@ static int wait_send_completion(struct ruk__ep *rep, int32_t timeo)
     for (;;) {
         debug.begin(timeo);
         if (ruk__try_send_completion(rep) == 0) {
-            if (timeo == 0)
-                return debug.fail(EAGAIN);
-            if (--spins == 0) {
-                int rc = wait_send_completion(rep, timeo);
-                if (rc != 0)
-                    return debug.fail(rc);
+            int rc = 0;
+            if (timeo == 0) {
+                rc = EAGAIN;
+            } else if (--spins == 0) {
+                rc = wait_send_completion(rep, timeo);
                 spins = 1; /* one attempt between waits */
             }
+            if (rc != 0) {
+                *rc_o = debug.fail(rc);
+                return nullptr;
+            }
         }
-        *req_o = reserve(rep, type, need);
-        if (*req_o) {
+        if (struct ruk__request *req = reserve(rep, type, need)) {
             debug.succeed();
-            return 0;
+            return req;
         }
     }
 }
 
 /* ------------------------------------------------------------------ posting */
 
-/* Room for a datagram, where it lies and how it is fetched. */
-struct placement {
-    enum ruk_req_type type;
-    struct ruk__request *req;
-};
-
-/* PIO or DMA, by length alone; reaps what has completed, and reserves. Whole words are copied; DMA takes whole pages.
- */
-static inline int place(struct ruk__ep *rep, const uint8_t *buffer, int paylen, int flags, placement *where)
+/* PIO or DMA, by length alone. */
+static inline enum ruk_req_type type_of(const struct ruk__ep *rep, int paylen)
 {
-    const enum ruk_req_type type = (uint32_t)paylen > rep->rep_dmasend_threshold ? RUK_REQ_SEND_DMA : RUK_REQ_SEND_PIO;
+    return (uint32_t)paylen > rep->rep_dmasend_threshold ? RUK_REQ_SEND_DMA : RUK_REQ_SEND_PIO;
+}
+
+/*
+ * Reaps what has completed, and reserves room for a datagram. Whole words are copied; DMA takes whole pages. Null with
+ * the reason in *rc_o.
+ */
+static inline struct ruk__request *place(struct ruk__ep *rep, enum ruk_req_type type, const uint8_t *buffer, int paylen,
+                                         int flags, int *rc_o)
+{
     uint32_t need = ((uint32_t)paylen + ((uintptr_t)buffer & 3) + 3) & ~3u;
     if (type == RUK_REQ_SEND_DMA)
         need = (need + NUV_DMA_PAGE - 1) & ~(NUV_DMA_PAGE - 1);
 
-    if (completed(rep) != reaped(rep))
-        reap(rep);
-    where->type = type;
-    where->req = reserve(rep, type, need);
-    if (__builtin_expect(!where->req, 0))
-        return reserve_slowly(rep, type, need, flags, &where->req);
-    return 0;
+    reap(rep, reaped(rep), completed(rep));
+    struct ruk__request *req = reserve(rep, type, need);
+    return __builtin_expect(req != nullptr, 1) ? req : reserve_slowly(rep, type, need, flags, rc_o);
+}
+
+/* tov_piocopy_csum(), in line for a payload that begins on a word. */
+static inline uint32_t copy_payload(const struct ruk__request *req, const uint8_t *from, uint32_t len,
+                                    uint32_t *misalign)
+{
+    if (__builtin_expect(((uintptr_t)from & 3) != 0, 0))
+        return tov_piocopy_csum((uintptr_t *)req->req_buf, from, len, misalign);
+    *misalign = 0;
+    return tov_piocopy_csum_aligned((volatile uint32_t *)req->req_buf, from, len, 0, 0);
 }
 
 /* The UDP checksum from the payload's sum and that of the rest. */
@@ -228,27 +239,28 @@ extern "C" int ruk_raw_send(ruk_device_t rep, uint8_t *hdr, int hdrlen, uint32_t
     memcpy(ureq.ruk.ruk_header, hdr, (size_t)hdrlen);
 
     /* 2. Room. */
-    placement where;
-    const int rc = place(rep, buffer, paylen, flags, &where);
-    if (__builtin_expect(rc != 0, 0))
+    int rc;
+    const enum ruk_req_type type = type_of(rep, paylen);
+    const struct ruk__request *req = place(rep, type, buffer, paylen, flags, &rc);
+    if (__builtin_expect(!req, 0))
         return rc;
 
     /* 3. The payload, summed on the way; it is visible to the adapter before the request. */
     uint32_t misalign;
-    const uint32_t sum = tov_piocopy_csum_inline((uintptr_t *)where.req->req_buf, buffer, (uint32_t)paylen, &misalign);
+    const uint32_t sum = tov_piocopy_csum((uintptr_t *)req->req_buf, buffer, (uint32_t)paylen, &misalign);
 
     /* 4. The rest of the request. */
     if (chksum_offset > 0) {
         const uint16_t check = udp_checksum(sum, chksum_hdr);
         memcpy(ureq.ruk.ruk_header + chksum_offset, &check, sizeof check);
     }
-    ureq.ruk.ruk_data_offset = tov_be32(where.req->req_qoff + misalign);
+    ureq.ruk.ruk_data_offset = tov_be32(req->req_qoff + misalign);
     ureq.ruk.ruk_data_length = tov_be16((uint16_t)paylen);
     ureq.ruk.header_length = (uint8_t)hdrlen;
-    ureq.ruk.type = (uint8_t)where.type;
+    ureq.ruk.type = (uint8_t)type;
 
     /* 5. Into the adapter. Nothing waits for it. */
-    post(slot_of(rep, where.type), &ureq);
+    post(slot_of(rep, type), &ureq);
     return 0;
 }
 
@@ -294,14 +306,15 @@ static inline int send_untagged(struct ruk__ep *rep, const struct ruk__hdrinfo *
 {
     if (__builtin_expect(rep->rep_state == REP_STATE_ALLOC, 0))
         return EINVAL;
-    placement where;
-    const int rc = place(rep, buf, paylen, flags, &where);
-    if (__builtin_expect(rc != 0, 0))
+    int rc;
+    const enum ruk_req_type type = type_of(rep, paylen);
+    const struct ruk__request *req = place(rep, type, buf, paylen, flags, &rc);
+    if (__builtin_expect(!req, 0))
         return rc;
     uint32_t misalign;
-    const uint32_t sum = tov_piocopy_csum_inline((uintptr_t *)where.req->req_buf, buf, (uint32_t)paylen, &misalign);
-    post_untagged(slot_of(rep, where.type), info, fields, udp_checksum(sum, fields->udp_partial),
-                  where.req->req_qoff + misalign, (uint16_t)paylen, where.type);
+    const uint32_t sum = copy_payload(req, buf, (uint32_t)paylen, &misalign);
+    post_untagged(slot_of(rep, type), info, fields, udp_checksum(sum, fields->udp_partial), req->req_qoff + misalign,
+                  (uint16_t)paylen, type);
     return 0;
 }
 
