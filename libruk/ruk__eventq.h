@@ -121,29 +121,24 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
     return (uintptr_t)__atomic_load_n(&evs->evs_uevt_cur, __ATOMIC_RELAXED);
 }
 
-/* Frees the current event, len bytes from `event` on, and reports the new position. */
-[[gnu::always_inline]] inline void _eventq_release(struct ruk__eventq *evq, uintptr_t event, uint32_t len)
+/* Frees the slots from `event` to `next`, none of which lies behind the ring's end. */
+[[gnu::always_inline]] inline void _eventq_clear_slots(uintptr_t event, uintptr_t next)
 {
-    /* 1. Its slots. */
-    const uintptr_t next = event + len;
-    const bool wraps = next >= evq->evq_recvq_end;
-    if (__builtin_expect(!wraps, 1)) {
-        for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
-            _eventq_clear((volatile uint8_t *)slot);
-    } else {
-        for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
-            _eventq_clear((volatile uint8_t *)_eventq_wrap(evq, slot));
-    }
+    for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
+        _eventq_clear((volatile uint8_t *)slot);
+}
 
-    /* 2. The position. */
-    const uintptr_t current = wraps ? next - evq->evq_recvq_size : next;
+/* The event of len bytes before `current`, whose slots are free, is consumed. */
+[[gnu::always_inline]] inline void _eventq_report(struct ruk__eventq *evq, uintptr_t current, uint32_t len)
+{
+    /* 1. The position. */
     const uintptr_t offset = current - evq->evq_recvq_base;
     const uint64_t consumed = evq->evq_recvq_flow + len;
     evq->evq_recvq_offset = offset;
     evq->evq_recvq_flow = consumed;
     _eventq_set_current(&evq->evq_recvq_state, current);
 
-    /* 3. Report it: the cleared slots must be visible before the writer sees them as free. */
+    /* 2. Report it: the cleared slots must be visible before the writer sees them as free. */
     oxel_flow_window_t *flow = evq->evq_flow;
     const uint32_t desc = flow->flow_desc + 1;
     const uint32_t units = (uint32_t)(consumed >> 12);
@@ -151,11 +146,24 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
     tov_st32_rel(&flow->flow_desc, desc);
     tov_st32_rel(&flow->flow_data, units);
 
-    /* 4. Once in 64 KiB also ring the adapter. */
+    /* 3. Once in 64 KiB also ring the adapter. */
     if ((units & 15) == 1) {
         tov_st64(evq->evq_flow_be64, tov_be64((uint64_t)desc << 32 | units));
         tov_wmb();
     }
+}
+
+/* Frees the current event, len bytes from `event` on, and reports the new position. */
+[[gnu::always_inline]] inline void _eventq_release(struct ruk__eventq *evq, uintptr_t event, uint32_t len)
+{
+    const uintptr_t next = event + len;
+    const bool wraps = next >= evq->evq_recvq_end;
+    if (__builtin_expect(!wraps, 1))
+        _eventq_clear_slots(event, next);
+    else
+        for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
+            _eventq_clear((volatile uint8_t *)_eventq_wrap(evq, slot));
+    _eventq_report(evq, wraps ? next - evq->evq_recvq_size : next, len);
 }
 
 /* Consumes the packet handed out last; with the event's last packet the whole event is freed and reported. */

@@ -21,6 +21,11 @@
 /* Copies n bytes. Small ones go in blocks of 16, the last of which may overlap the ones before. */
 [[gnu::always_inline]] static inline void copy_out(uint8_t *to, const uint8_t *from, size_t n)
 {
+    if (n - 32 <= 32) {
+        memcpy(to, from, 32);
+        memcpy(to + n - 32, from + n - 32, 32);
+        return;
+    }
     if (__builtin_expect(n < 16 || n > SMALL_COPY, 0)) {
         if (n != 0)
             memcpy(to, from, n);
@@ -28,11 +33,6 @@
     }
     const uint8_t *const last_from = from + n - 16;
     uint8_t *const last_to = to + n - 16;
-    if (n >= 32 && n <= 64) {
-        memcpy(to, from, 32);
-        memcpy(last_to - 16, last_from - 16, 32);
-        return;
-    }
     for (; from < last_from; from += 16, to += 16)
         memcpy(to, from, 16);
     memcpy(last_to, last_from, 16);
@@ -162,15 +162,13 @@ struct packet {
     return numbers;
 }
 
-/* What the event state holds of an event and of its packets' lengths: four numbers of 16 bits, stored as one. */
+/* What the event state holds of an event and of its packets' lengths. */
 [[gnu::always_inline]] static inline void set_event_numbers(struct ruk__event_state *evs, uint32_t length,
                                                             uint32_t length_pkts, uint32_t pkt_cnt)
 {
-    const uint64_t numbers = length | (uint64_t)(uint16_t)length_pkts << 16 | (uint64_t)pkt_cnt << 32;
-    evs->evs_length = (uint16_t)numbers;
-    evs->evs_length_pkts = (uint16_t)(numbers >> 16);
-    evs->evs_pkt_cnt = (uint16_t)(numbers >> 32);
-    evs->pad0 = (uint16_t)(numbers >> 48);
+    evs->evs_length = (uint16_t)length;
+    evs->evs_length_pkts = (uint16_t)length_pkts;
+    evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
 }
 
 /* The packets after the first, whose slot and length are given. */
@@ -653,11 +651,9 @@ template <uint32_t headers>
     return true;
 }
 
-/* EtherType of a frame whose headers are in one piece; else 0. */
-[[gnu::always_inline]] static inline uint16_t ethertype(const struct ruk__eventq *evq, uintptr_t start)
+static inline uint16_t ethertype(uintptr_t start)
 {
-    const auto *hdr = (const ruk__eth_generic_hdr *)start;
-    return __builtin_expect(start + sizeof *hdr <= evq->evq_recvq_end, 1) ? tov_be16(hdr->eth.eth.eth_proto_be16) : 0;
+    return tov_be16(((const ruk__eth_generic_hdr *)start)->eth.eth.eth_proto_be16);
 }
 
 static inline bool is_plain(const struct ruk__ep *rep, enum ruk_recvmode mode)
@@ -687,7 +683,8 @@ static inline bool is_plain(const struct ruk__ep *rep, enum ruk_recvmode mode)
 
     /* 2. The datagram. */
     const uintptr_t start = (uintptr_t)evp->pkt - RUK_VIEW_PAD;
-    const uint16_t proto = timestamp != ARISTA_KEYFRAME_MARK ? ethertype(evq, start) : 0;
+    const bool in_one_piece = __builtin_expect(start + sizeof(ruk__eth_generic_hdr) <= evq->evq_recvq_end, 1);
+    const uint16_t proto = in_one_piece && timestamp != ARISTA_KEYFRAME_MARK ? ethertype(start) : 0;
     const bool taken = __builtin_expect(proto == RUK_ETHERTYPE_IPV4, 1)
                            ? take_plain<RUK_VIEW_HDRLEN>(rep, start, evp->tag, evp->length, buf, len, info)
                        : proto == RUK_ETHERTYPE_VLAN
@@ -718,19 +715,23 @@ static inline bool is_plain(const struct ruk__ep *rep, enum ruk_recvmode mode)
     const uint32_t inuse = rep->rep_inuse;
     tov_st32(&rep->rep_inuse, inuse + 1);
 
-    /* 1. The event, parsed and waited for. */
+    /* 1. The event, parsed and waited for. It and the headers in it lie before the ring's end. */
     const uint32_t length = _uevt_length(uevt);
-    const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
+    const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset), next = (uintptr_t)uevt + length;
+    const uintptr_t start = cursor + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
+    if (__builtin_expect(next >= evq->evq_recvq_end || start + sizeof(ruk__eth_generic_hdr) > next, 0)) {
+        tov_st32(&rep->rep_inuse, inuse);
+        return receive_one_of(rep, mode, buf, len, info, 1);
+    }
     if (__builtin_expect(length <= FETCH_LINES * NUV_UEVT_SLOT, 1))
         fetch_ahead((uintptr_t)uevt);
     const uint32_t numbers = parse_packet(&uevt->pkts[0], cursor, 0, nullptr, &evs->evs_pkts[0]);
     evs->evs_timestamp = 0;
     set_event_numbers(evs, length, (numbers >> 16) + 4, 1);
-    _eventq_wait_completion((const volatile uint8_t *)_eventq_wrap(evq, (uintptr_t)uevt + length - 1));
+    _eventq_wait_completion((const volatile uint8_t *)next - 1);
 
     /* 2. The datagram. */
-    const uintptr_t start = cursor + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
-    if (__builtin_expect(ethertype(evq, start) != RUK_ETHERTYPE_IPV4 ||
+    if (__builtin_expect(ethertype(start) != RUK_ETHERTYPE_IPV4 ||
                              !take_plain<RUK_VIEW_HDRLEN>(rep, start, (uint16_t)numbers, numbers >> 16, buf, len, info),
                          0)) {
         evs->evs_pkt_cur = evs->evs_pkts;
@@ -741,7 +742,8 @@ static inline bool is_plain(const struct ruk__ep *rep, enum ruk_recvmode mode)
         info->timestamp = 0;
 
     /* 3. Consumed, and the event with it. */
-    _eventq_release(evq, (uintptr_t)uevt, length);
+    _eventq_clear_slots((uintptr_t)uevt, next);
+    _eventq_report(evq, next, length);
     tov_st32(&rep->rep_inuse, inuse);
     return finish_left(rep, inuse, 0, false);
 }
