@@ -42,16 +42,20 @@ struct Registry {
 };
 Registry *g_registry = nullptr;
 
-unsigned allowed_cpus()
+// Whether the calling thread and one that stays on `cpu` (-1: where this one may be) have one processor between them.
+bool share_one_cpu(int cpu)
 {
     // Larger until it holds all that the machine may have.
     std::vector<cpu_set_t> sets(1);
     while (::sched_getaffinity(0, sets.size() * sizeof(cpu_set_t), sets.data()) != 0) {
         if (errno != EINVAL || sets.size() == 1024)
-            return 1;
+            return true;
         sets.resize(2 * sets.size());
     }
-    return static_cast<unsigned>(CPU_COUNT_S(sets.size() * sizeof(cpu_set_t), sets.data()));
+    const size_t bytes = sets.size() * sizeof(cpu_set_t);
+    if (cpu >= 0)
+        CPU_SET_S(static_cast<size_t>(cpu), bytes, sets.data());
+    return CPU_COUNT_S(bytes, sets.data()) < 2;
 }
 
 void cpu_relax() { __builtin_ia32_pause(); }
@@ -110,7 +114,7 @@ int Firmware::start()
     if (int rc = control_.create(true))
         return rc;
     control_.keep();
-    single_cpu_ = allowed_cpus() < 2;
+    single_cpu_ = share_one_cpu(options_.cpu);
     (void)ledger_.create(card_, options_.board);
     if (g_registry == nullptr) // under the lock that boards are made under
         g_registry = new Registry;

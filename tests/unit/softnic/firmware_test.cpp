@@ -137,12 +137,15 @@ TEST_F(FirmwareTest, ArrivingFrame_WakesASleepingReceiver)
 }
 
 // Where it has a single processor it gives that up between looks; a kernel of many refuses a set that is too small.
+// One that was given another than the program's does not.
 TEST_F(FirmwareTest, ProcessorsOfTheMachine_ManyAreNotTakenForOne)
 {
-    const auto yields_on = [&](int machine) {
+    const auto yields_on = [&](int machine, int own = -1) {
         adapter_.reset();
         processors = machine;
-        adapter_ = std::make_unique<LiveAdapter>(port_);
+        FirmwareOptions options;
+        options.cpu = own;
+        adapter_ = std::make_unique<LiveAdapter>(port_, nullptr, options);
         processors = 0;
         std::this_thread::sleep_for(20ms); // asleep
         const long before = yields;
@@ -153,6 +156,8 @@ TEST_F(FirmwareTest, ProcessorsOfTheMachine_ManyAreNotTakenForOne)
         return yields - before;
     };
     EXPECT_GT(yields_on(1), 0);
+    EXPECT_GT(yields_on(1, 0), 0);
+    EXPECT_EQ(yields_on(1, 1), 0);
     EXPECT_EQ(yields_on(2), 0);
     EXPECT_EQ(yields_on(5000), 0);
 }

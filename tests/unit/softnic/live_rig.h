@@ -77,7 +77,8 @@ private:
 // An adapter of one board, attached, with its firmware running.
 class LiveAdapter {
 public:
-    explicit LiveAdapter(Port &port, const std::function<void(CardConfig &)> &change = {})
+    explicit LiveAdapter(Port &port, const std::function<void(CardConfig &)> &change = {},
+                         const FirmwareOptions &options = {})
     {
         CardConfig config;
         config.readable_grace_ns = 2000;
@@ -95,7 +96,7 @@ public:
         EXPECT_EQ(card_->power_up(), 0);
         driver_ = std::make_unique<Driver>(std::move(cards));
         EXPECT_EQ(attach_driver(driver_.get()), 0);
-        firmware_ = std::make_unique<Firmware>(*card_, FirmwareOptions{});
+        firmware_ = std::make_unique<Firmware>(*card_, options);
         EXPECT_EQ(firmware_->start(), 0);
     }
     ~LiveAdapter()
