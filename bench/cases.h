@@ -50,7 +50,7 @@ void add_send_cases(std::vector<Case> &cases, Effort effort);
 void add_face_cases(std::vector<Case> &cases, Effort effort);
 void add_pair_case(std::vector<Case> &cases, Effort effort);
 void add_kernel_cases(std::vector<Case> &cases, Effort effort);
-void add_veth_case(std::vector<Case> &cases, Effort effort);
+void add_veth_cases(std::vector<Case> &cases, Effort effort);
 void add_dpdk_cases(std::vector<Case> &cases, Effort effort); /* in builds with DPDK alone */
 
 /* The library's own, for cases that compare others with it: `queued` wait at a time; connected, by PIO. */

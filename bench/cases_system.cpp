@@ -11,6 +11,7 @@
 #include <cstring>
 #include <mutex>
 #include <netinet/in.h>
+#include <sched.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -76,16 +77,18 @@ Measure kernel_sockets(size_t bytes, size_t batches, bool receiving)
 }
 
 /*
- * Two hosts joined by a veth pair, for as long as the shell lives. An echo server on the far one sleeps until a
- * request comes; ruk-ping on the near one spins for its replies. Lines on standard input say what to measure with:
- * "libruk" or "kernel"; each is answered by ruk-ping's result in JSON on one line, "ready" coming first of all.
+ * Two hosts joined by a veth pair, for as long as the shell lives. On the far one an echo server sleeps until a request
+ * comes; ruk-ping on the near one spins for its replies. The application has one processor, the far host another, and
+ * the adapter's thread, which would be hardware, is on that as well; a second echo server is on the application's.
+ * Lines on standard input say what to measure with: "libruk", "kernel", or "kernel_beside" its peer on one processor;
+ * each is answered by ruk-ping's result in JSON on one line, "ready" coming first of all.
  *
  * All of it is one process group. It ends with the shell, and with this program however that ends: the descriptor it
  * is given then comes to its end, also while the shell itself waits for ruk-ping.
  */
 constexpr const char *veth_hosts = R"sh(
 set -e
-bin=$0 count=$1 alive=$2
+bin=$0 count=$1 alive=$2 near=$3 far=$4
 fail() { printf 'failed: %s\n' "$*"; exit 1; }
 work=$(mktemp -d)
 end() { rm -rf "$work"; kill -KILL 0; }
@@ -100,14 +103,22 @@ peer() { nsenter --target $holder --net -- "$@"; }
 peer ip link set lo up
 peer ip address add 10.77.0.2/24 brd + dev peer0
 peer ip link set peer0 up
-nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p 7000 --wait block -t 500 >"$work/echo" 2>&1 &
-for ((i = 0; i < 100; i++)); do grep -qs answering "$work/echo" && break; sleep 0.05; done
+serve() {
+    nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p "$1" --cpu "$2" --wait block -t 500 \
+        >"$work/echo$1" 2>&1 &
+    for ((i = 0; i < 100; i++)); do grep -qs answering "$work/echo$1" && break; sleep 0.05; done
+}
+serve 7000 "$far"
+serve 7001 "$near"
+export RUK_SOFTNIC_CPU=$far
 echo ready
 while read -r with; do
     run=(timeout --foreground 60)
-    options=(client -i oxel0 10.77.0.2:7000 --size 64 --count $count --warmup 200 --wait spin --json)
+    options=(-i oxel0 --cpu "$near" --size 64 --count $count --warmup 200 --wait spin --json)
+    port=7000
     if [[ $with == libruk ]]; then run+=("$bin/rukrun" --soft=oxel0 --); else options+=(--kernel); fi
-    "${run[@]}" "$bin/ruk-ping" "${options[@]}" >"$work/out" 2>"$work/err" || fail "$(tail -1 "$work/err")"
+    if [[ $with == kernel_beside ]]; then port=7001; fi
+    "${run[@]}" "$bin/ruk-ping" client 10.77.0.2:$port "${options[@]}" >"$work/out" 2>"$work/err" || fail "$(tail -1 "$work/err")"
     tr -d '\n' <"$work/out"; echo
 done
 )sh";
@@ -120,10 +131,27 @@ std::string directory_of_programs()
     return whole.substr(0, whole.rfind('/'));
 }
 
+/* The first two processors that this program may use; fewer where it may not. */
+std::vector<int> two_processors()
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    std::vector<int> two;
+    if (sched_getaffinity(0, sizeof set, &set) == 0)
+        for (int i = 0; i < CPU_SETSIZE && two.size() < 2; ++i)
+            if (CPU_ISSET(size_t(i), &set))
+                two.push_back(i);
+    return two;
+}
+
 class VethHosts {
 public:
     explicit VethHosts(size_t count)
     {
+        const std::vector<int> processors = two_processors();
+        if (processors.size() < 2)
+            throw std::runtime_error("two hosts need two processors");
+        const std::string near = std::to_string(processors[0]), far = std::to_string(processors[1]);
         int in[2], out[2], alive[2];
         if (pipe(in) != 0 || pipe(out) != 0 || pipe(alive) != 0)
             throw std::runtime_error("no pipes");
@@ -140,7 +168,7 @@ public:
             const char *user = geteuid() == 0 ? "--net" : "--user";
             const char *map = geteuid() == 0 ? "--net" : "--map-root-user";
             execlp("unshare", "unshare", user, map, "--net", "--", "bash", "-c", veth_hosts, bin.c_str(),
-                   number.c_str(), end_of_this.c_str(), nullptr);
+                   number.c_str(), end_of_this.c_str(), near.c_str(), far.c_str(), nullptr);
             _exit(127);
         }
         close(in[0]);
@@ -206,27 +234,29 @@ void add_kernel_cases(std::vector<Case> &cases, Effort effort)
     }
 }
 
-void add_veth_case(std::vector<Case> &cases, Effort effort)
+void add_veth_cases(std::vector<Case> &cases, Effort effort)
 {
-    Case veth = {
-        "veth_64",
-        "half round trip, 64 B, software adapter on a veth pair, against a kernel socket that busy-polls",
-        "the application spins; with libruk the adapter's firmware thread too; the peer, a kernel echo, sleeps",
-        Compare::ratio,
-        1.25,
-        1.0,
-        0,
-        "",
-        5,
-        [=] {
+    const auto against = [=](const char *floor) {
+        return [=] {
             auto hosts = std::make_shared<VethHosts>(effort.of(3000));
             return Measured{[=] { return hosts->median_half_round_trip("libruk"); },
-                            [=] { return hosts->median_half_round_trip("kernel"); }};
-        }};
+                            [=] { return hosts->median_half_round_trip(floor); }};
+        };
+    };
+    std::string why_not;
     for (const char *program : {"/rukrun", "/ruk-ping"})
         if (access((directory_of_programs() + program).c_str(), X_OK) != 0)
-            veth.skipped = std::string(program + 1) + " is not beside this program";
-    cases.push_back(veth);
+            why_not = std::string(program + 1) + " is not beside this program";
+    cases.push_back({"veth_64",
+                     "half round trip, 64 B, software adapter on a veth pair, against a kernel socket that busy-polls",
+                     "the application spins on one processor, the peer, a kernel echo, sleeps on another; with libruk "
+                     "the adapter's thread spins beside the peer",
+                     Compare::ratio, 1.25, 1.0, 0, why_not, 5, against("kernel")});
+    cases.push_back(
+        {"veth_64_beside", "the same, against a kernel socket on one processor with its peer",
+         "as above, but for the kernel's peer: it sleeps on the processor that the application spins on, so "
+         "that no wake-up goes to another",
+         Compare::none, 0, 0, 0, why_not, 5, against("kernel_beside")});
 }
 
 } // namespace bench

@@ -16,7 +16,7 @@ assert expected <= cases.keys(), sorted(cases)
 assert dpdk or cases["dpdk"]["skipped"].startswith("not "), cases["dpdk"]
 for name, case in cases.items():
     if "skipped" in case:
-        assert name in ("pair_64", "veth_64", "dpdk"), case
+        assert name in ("pair_64", "veth_64", "veth_64_beside", "dpdk"), case
         print(name, "skipped:", case["skipped"])
         continue
     assert 0 < case["min"] <= case["ns"] <= case["max"], case
