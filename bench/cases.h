@@ -35,7 +35,7 @@ struct Case {
     double must = 0, aim = 0;
     size_t bytes = 0;    /* of an operation, where GB/s are worth telling */
     std::string skipped; /* why it is not measured; empty: it is */
-    unsigned rounds = 0; /* at most; 0: as many as any */
+    unsigned rounds = 0; /* 0: as many as any */
     std::function<Measured()> make = {};
 };
 
@@ -63,6 +63,9 @@ double time_of(size_t n, const std::function<void()> &work);
 double now_ns();
 
 [[noreturn]] void wrong(const char *what);
+
+/* The first two processors that this program may use; fewer where there are no two. */
+std::vector<int> two_processors();
 
 constexpr const char *one_thread = "one thread, spinning; nothing sleeps";
 

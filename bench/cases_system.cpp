@@ -11,7 +11,6 @@
 #include <cstring>
 #include <mutex>
 #include <netinet/in.h>
-#include <sched.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -129,19 +128,6 @@ std::string directory_of_programs()
     const ssize_t n = readlink("/proc/self/exe", path.data(), path.size() - 1);
     std::string whole(path.data(), n > 0 ? size_t(n) : 0);
     return whole.substr(0, whole.rfind('/'));
-}
-
-/* The first two processors that this program may use; fewer where it may not. */
-std::vector<int> two_processors()
-{
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    std::vector<int> two;
-    if (sched_getaffinity(0, sizeof set, &set) == 0)
-        for (int i = 0; i < CPU_SETSIZE && two.size() < 2; ++i)
-            if (CPU_ISSET(size_t(i), &set))
-                two.push_back(i);
-    return two;
 }
 
 class VethHosts {

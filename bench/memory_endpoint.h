@@ -145,8 +145,8 @@ private:
     oxel_endpt_flow_t flow_ = {};
     kz_kernel_window_t window_ = {};
     Memory<uint8_t> sram_ = pages(16 << 10), requests_ = pages(4096), dma_ = pages(dma_bytes);
-    alignas(64) uint16_t completions_ = 0;
-    alignas(64) ruk__request requests_in_flight_[records] = {}; /* off the line that the adapter's side writes */
+    alignas(128) uint16_t completions_ = 0;
+    alignas(128) ruk__request requests_in_flight_[records] = {}; /* off the line that the adapter's side writes */
     ruk__send connected_ = {}, kept_ = {};
 };
 
