@@ -5,8 +5,10 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
+#include <numeric>
 #include <random>
 #include <sys/mman.h>
 
@@ -44,6 +46,27 @@ void expect_drained(RigEndpoint &rig)
     EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_offset, rig.ring.position());
     EXPECT_EQ(rig.recv().rc, EAGAIN);
 }
+
+/* Consumes one event, from the ring's base to `at`: at least 128, a multiple of 64. */
+void advance_from_base(RigEndpoint &rig, size_t at)
+{
+    rig.ring.put({{Bytes(at - 44, 1), 0}});
+    ASSERT_EQ(rig.ring.position(), at);
+    ASSERT_NE(ruk__eventq_first(rig.ep, &rig.ep->rep_eventq), nullptr);
+    ruk__eventq_advance(&rig.ep->rep_eventq);
+}
+
+/* The ring with an event consumed. */
+Bytes with_free_slots(Bytes ring, size_t event, size_t length)
+{
+    for (size_t slot = event; slot < event + length; slot += 64) {
+        ring[slot % ring.size() + 30] = 0;
+        ring[slot % ring.size() + 63] = 0xff;
+    }
+    return ring;
+}
+
+Bytes whole_ring(RigEndpoint &rig) { return Bytes(rig.ring.base(), rig.ring.base() + rig.ring.size()); }
 
 void expect_dropped(RigEndpoint &rig, const Bytes &frame, uint16_t tag, size_t counter)
 {
@@ -128,6 +151,73 @@ TEST(Datagram, BufferShorterThanPayload_CutSilentlyLengthTold)
     EXPECT_EQ(head(got, 100), Bytes(frame.payload.begin(), frame.payload.begin() + 100));
     EXPECT_EQ(Bytes(got.data.begin() + 100, got.data.end()), Bytes(1948, 0xee));
     expect_drained(rig);
+}
+
+namespace {
+
+/*
+ * Receives the datagrams of one event, of `size` bytes each, into a buffer of `len` bytes amid others: all of them are
+ * then exactly what they should be.
+ */
+void expect_exactly(RigEndpoint &rig, size_t packets, size_t size, size_t len)
+{
+    constexpr size_t GUARD = 512;
+    UdpFrame frame;
+    std::vector<Packet> event;
+    for (size_t i = 0; i < packets; i++) {
+        frame.payload = pattern(size, static_cast<unsigned>(1000 * i + size));
+        event.push_back({frame.bytes(), 0});
+    }
+    rig.ring.put(event);
+    for (size_t i = 0; i < packets; i++) {
+        const Bytes payload = pattern(size, static_cast<unsigned>(1000 * i + size));
+        const size_t shift = (size + len + i) % 16; /* the buffer begins anywhere */
+        const size_t count = std::min(size, len);
+        Bytes memory(GUARD + shift + len + GUARD, 0xa5), expected = memory;
+        std::copy_n(payload.begin(), count, expected.begin() + static_cast<long>(GUARD + shift));
+        ruk_recv_info info = {};
+        ASSERT_EQ(ruk_recvfrom(rig.ep, RUK_RECV_NONBLOCK, memory.data() + GUARD + shift, len, &info), 0);
+        ASSERT_EQ(info.msg_len, size);
+        ASSERT_EQ(memory, expected) << size << " bytes into " << len << ", packet " << i;
+    }
+}
+
+/* One in the event, several, and an endpoint with locks are received by code of their own. */
+void expect_exactly_each_way(const std::vector<size_t> &sizes, const std::function<std::vector<size_t>(size_t)> &lens)
+{
+    for (bool locks : {false, true})
+        for (size_t packets : {1u, 2u}) {
+            RigEndpoint::Options settings;
+            settings.ring = 16384;
+            settings.locks = locks;
+            RigEndpoint rig(settings);
+            rig.bind(0, HOST, 5000);
+            for (size_t size : sizes)
+                for (size_t len : lens(size))
+                    ASSERT_NO_FATAL_FAILURE(expect_exactly(rig, packets, size, len));
+            expect_drained(rig);
+        }
+}
+
+std::vector<size_t> all_up_to(size_t last)
+{
+    std::vector<size_t> all(last + 1);
+    std::iota(all.begin(), all.end(), size_t{0});
+    return all;
+}
+
+} // namespace
+
+TEST(Datagram, EverySmallSize_ExactlyThePayloadIsWritten)
+{
+    expect_exactly_each_way(all_up_to(300), [](size_t size) {
+        return std::vector<size_t>{size, size + 1, size + 300};
+    });
+}
+
+TEST(Datagram, BufferOfEverySmallSize_FilledAndNotOneByteBeyond)
+{
+    expect_exactly_each_way({71, 128, 256, 257, 1000}, [](size_t) { return all_up_to(70); });
 }
 
 TEST(Datagram, NoBufferAtAll_ConsumedAllTheSame)
@@ -275,6 +365,69 @@ TEST(Datagram, UdpLengthBeyondTheFrame_TakenAsItIs)
     EXPECT_EQ(got.rc, 0);
     EXPECT_EQ(got.info.msg_len, 65527u);
     EXPECT_EQ(head(got, 20), frame.payload);
+}
+
+/*
+ * An event that tells less than its frame needs: the frame is read from where it lies, and the event ends where it
+ * says. In the ring's middle, with the frame's headers across its end, with the event's own end there, and past it.
+ */
+TEST(Datagram, EventShorterThanItsFrame_FrameWholeAndNextEventWhereTheLengthSays)
+{
+    struct {
+        size_t length;
+        uint8_t offset;
+    } const shapes[] = {{64, 32}, {64, 96}, {128, 96}, {128, 32}}; /* the headers lie in the last alone */
+    for (const auto &shape : shapes)
+        for (size_t event : {1024u, 8192u - 128, 8192u - 64})
+            for (bool locks : {false, true})
+                for (bool fits : {true, false}) {
+                    SCOPED_TRACE(testing::Message() << shape.length << " " << unsigned{shape.offset} << " at " << event
+                                                    << (locks ? " locks" : "") << (fits ? "" : " other port"));
+                    RigEndpoint::Options settings;
+                    settings.locks = locks;
+                    RigEndpoint rig(settings);
+                    ruk__channel *chan = rig.bind(0, HOST, 5000);
+                    ASSERT_NO_FATAL_FAILURE(advance_from_base(rig, event));
+                    /* The bytes that tell an event complete and the next one present may be the frame's. */
+                    UdpFrame frame;
+                    frame.protocol = 0;
+                    frame.dport = fits ? 5000 : 5001;
+                    frame.payload = pattern(100);
+                    for (size_t i : {12u, 45u, 76u})
+                        frame.payload[i] = 0;
+                    EventOptions options;
+                    options.offset = shape.offset;
+                    rig.ring.put({{frame.bytes(), 0}}, options);
+                    rig.ring.at(event + 28) = 0;
+                    rig.ring.at(event + 29) = static_cast<uint8_t>(shape.length);
+                    const size_t next = event + shape.length;
+                    rig.ring.at(next - 1) = 0;
+                    const Bytes before = whole_ring(rig);
+                    ASSERT_EQ(rig.ring.at(next + 30), 0);
+
+                    Received got = rig.recv();
+                    EXPECT_EQ(got.rc, fits ? 0 : EAGAIN);
+                    if (fits) {
+                        EXPECT_EQ(got.info.chan, chan);
+                        EXPECT_EQ(got.info.msg_len, 100u);
+                        EXPECT_EQ(got.info.sin_from.sin_addr.s_addr, htonl(PEER));
+                        EXPECT_EQ(got.info.sin_to.sin_port, htons(5000));
+                        EXPECT_EQ(head(got, 101), frame.payload + Bytes{0xee});
+                    }
+                    const auto counted = fits ? std::array<uint64_t, 12>{} : only(BADFILTER);
+                    EXPECT_EQ(counters(rig), counted);
+                    EXPECT_EQ(rig.ep->rep_num_packets, fits ? 1u : 0u);
+                    EXPECT_EQ(rig.ep->rep_inuse, 0u);
+                    EXPECT_EQ(whole_ring(rig), with_free_slots(before, event, shape.length));
+                    EXPECT_EQ(rig.flow64(16), next % 8192);
+                    EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_flow, next);
+
+                    rig.ring.seek(next % 8192);
+                    rig.ring.put({{udp_frame("next"), 0}});
+                    EXPECT_EQ(head(rig.recv(), 5), text("next") + Bytes{0xee});
+                    EXPECT_EQ(counters(rig), counted);
+                    expect_drained(rig);
+                }
 }
 
 TEST(Datagram, SeveralInOneEvent_InOrder)
@@ -469,6 +622,65 @@ TEST(DatagramDrop, ManyBadFramesBeforeAGoodOne_OneCallSkipsThemAll)
     EXPECT_EQ(counters(rig), (std::array<uint64_t, 12>{2, 1, 1, 1, 0, 0, 0, 0, 0, 1, 0, 0}));
     EXPECT_EQ(rig.ep->rep_num_packets, 1u);
     expect_drained(rig);
+}
+
+/* A frame alone in its event is looked at twice before it is dropped. */
+TEST(DatagramDrop, AloneInItsEvent_CountedOnceAndTheNextOneDelivered)
+{
+    const auto fitting = [] {
+        UdpFrame frame;
+        frame.payload = pattern(100, 9);
+        return frame;
+    };
+    UdpFrame other_source = fitting(), other_port = fitting(), other_address = fitting(), ipv6 = fitting(),
+             unknown = fitting(), not_for_all = fitting();
+    other_source.dst = GROUP;
+    other_source.src = PEER + 1;
+    other_port.dport = 5001;
+    other_address.dst = HOST + 1;
+    ipv6.ethertype = 0x86dd;
+    unknown.ethertype = 0x88b5;
+    Bytes runt = fitting().bytes();
+    runt.resize(43);
+    const struct {
+        const char *what;
+        Bytes frame;
+        uint16_t tag;
+        size_t counter;
+    } refused[] = {
+        {"another source than the entry's", other_source.bytes(), 1, BADFILTER},
+        {"another port", other_port.bytes(), 0, BADFILTER},
+        {"another address", other_address.bytes(), 0, BADFILTER},
+        {"IPv6", ipv6.bytes(), 0, BADPROTO},
+        {"unknown type", unknown.bytes(), 0, BADPROTO},
+        {"runt", runt, 0, RUNTS},
+        {"tag waiting for release", fitting().bytes(), 3, NOSOCK},
+        {"tag beyond the table", fitting().bytes(), 128, NOSOCK},
+        {"no broadcast", not_for_all.bytes(), 2, BROADCAST},
+    };
+    for (const auto &first : refused)
+        for (bool one_call : {true, false}) {
+            SCOPED_TRACE(testing::Message() << first.what << (one_call ? ", one call" : ", two calls"));
+            RigEndpoint rig;
+            ruk__channel *chan = rig.bind(0, HOST, 5000);
+            rig.bind(1, GROUP, 5000, PEER);
+            rig.bind(2, 0xffffffff, 5000);
+            rig.bind(3, HOST, 5000);
+            rig.entry(3).tage_nuv_tag = 0x8003;
+            rig.ring.put({{first.frame, first.tag}});
+            if (!one_call)
+                EXPECT_EQ(rig.recv().rc, EAGAIN);
+            rig.ring.put({{udp_frame("good"), 0}});
+            Received got = rig.recv();
+            EXPECT_EQ(got.rc, 0);
+            EXPECT_EQ(got.info.chan, chan);
+            EXPECT_EQ(got.info.msg_len, 4u);
+            EXPECT_EQ(head(got, 5), text("good") + Bytes{0xee});
+            EXPECT_EQ(counters(rig), only(first.counter));
+            EXPECT_EQ(rig.ep->rep_num_packets, 1u);
+            EXPECT_EQ(rig.ep->rep_inuse, 0u);
+            expect_drained(rig);
+        }
 }
 
 /* ------------------------------------------------------------------ broadcast */
@@ -843,6 +1055,49 @@ TEST(DatagramWrap, EveryPlaceAndManySizes_DeliveredIntact)
         }
     }
     EXPECT_EQ(counters(rig), (std::array<uint64_t, 12>{}));
+}
+
+TEST(DatagramWrap, EventEndsExactlyAtTheEnd_DeliveredAndTheNextOneFromTheBase)
+{
+    for (bool locks : {false, true})
+        for (size_t length = 128; length <= 512; length += 64)
+            for (bool fullest : {false, true}) {
+                SCOPED_TRACE(testing::Message() << length << (fullest ? " fullest" : "") << (locks ? " locks" : ""));
+                RigEndpoint::Options settings;
+                settings.ring = 1024;
+                settings.locks = locks;
+                RigEndpoint rig(settings);
+                ruk__channel *chan = rig.bind(0, HOST, 5000);
+                ASSERT_NO_FATAL_FAILURE(advance_from_base(rig, 1024 - length));
+                UdpFrame frame;
+                /* Header 32, slot 8 and 4, frame 42 and 4 bytes; the trailer ends 4 bytes before the ring, or early. */
+                frame.payload = pattern(fullest ? length - 90 : std::max(length, size_t{153}) - 153, 3);
+                rig.ring.put({{frame.bytes(), 0}});
+                ASSERT_EQ(rig.ring.last_length(), length);
+                ASSERT_EQ(rig.ring.position(), 0u);
+                rig.ring.put({{udp_frame("next"), 0}});
+                const Bytes before = whole_ring(rig);
+
+                Received got = rig.recv();
+                EXPECT_EQ(got.rc, 0);
+                EXPECT_EQ(got.info.chan, chan);
+                EXPECT_EQ(got.info.msg_len, frame.payload.size());
+                EXPECT_EQ(head(got, frame.payload.size() + 1), frame.payload + Bytes{0xee});
+                const Bytes after = with_free_slots(before, 1024 - length, length);
+                EXPECT_EQ(whole_ring(rig), after);
+                EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_offset, 0u);
+                EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_flow, 1024u);
+                EXPECT_EQ(rig.flow64(16), 0u);
+                EXPECT_EQ(rig.flow32(0), 2u) << "events";
+
+                EXPECT_EQ(head(rig.recv(), 5), text("next") + Bytes{0xee});
+                EXPECT_EQ(whole_ring(rig), with_free_slots(after, 0, 128));
+                EXPECT_EQ(rig.flow64(16), 128u);
+                EXPECT_EQ(rig.flow32(0), 3u);
+                EXPECT_EQ(counters(rig), (std::array<uint64_t, 12>{}));
+                EXPECT_EQ(rig.ep->rep_num_packets, 2u);
+                expect_drained(rig);
+            }
 }
 
 TEST(DatagramWrap, EachByteOfTheHeadersFirstPastTheEnd_Delivered)

@@ -181,6 +181,20 @@ TEST_P(ConsumeOrder, EventAcrossTheRingsEnd_TheSameOrderOnWrappedSlots)
     EXPECT_EQ(consumed(), expected);
 }
 
+TEST_P(ConsumeOrder, EventEndsWithTheRing_TheSameOrderAndOffsetZero_NextOneFromTheBase)
+{
+    put(2);
+    for (int i = 0; i < 16; i++)
+        put(63);
+    for (int i = 0; i < 17; i++)
+        ASSERT_EQ(receive(), 0);
+    put(14); /* 64640 bytes to 65536 */
+    put(3);
+    const Accesses last = consumed(), next = consumed();
+    EXPECT_EQ(last, freed_and_reported(64640, 896, 18, 65536)); /* 16 units: no doorbell */
+    EXPECT_EQ(next, freed_and_reported(65536, 192, 19, 65728));
+}
+
 INSTANTIATE_TEST_SUITE_P(Ways, ConsumeOrder, testing::ValuesIn(ways), [](const auto &way) {
     std::string name = way.param.name;
     std::replace(name.begin(), name.end(), ' ', '_');

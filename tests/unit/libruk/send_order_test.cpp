@@ -220,6 +220,51 @@ TEST_F(HandleOrderTest, DmaDatagram_TheSameIntoItsOwnRingAndSlot)
     EXPECT_EQ(all, expected(dev->rep_map.map_sendq, {0x44434241, 0x48474645, 0x48474a49}, 14, request));
 }
 
+/*
+ * The payload begins at its source's byte of a word, behind zeros. Behind its end stand those bytes of the word before.
+ */
+std::vector<uint32_t> ring_words(const Bytes &payload, size_t at)
+{
+    Bytes bytes(at, 0);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    while (bytes.size() % 4 != 0)
+        bytes.push_back(bytes[bytes.size() - 4]);
+    std::vector<uint32_t> words;
+    for (size_t i = 0; i < bytes.size(); i += 4)
+        words.push_back(static_cast<uint32_t>(bytes[i]) | static_cast<uint32_t>(bytes[i + 1]) << 8 |
+                        static_cast<uint32_t>(bytes[i + 2]) << 16 | static_cast<uint32_t>(bytes[i + 3]) << 24);
+    return words;
+}
+
+/* Where the payload begins on a word: a block of 64 bytes, one of 32, a word and three bytes, or less of them. */
+TEST_F(HandleOrderTest, LongPayloadFromEveryAlignment_WordsAscendingFenceRequestWordsFence)
+{
+    using recv_rig::be16, recv_rig::be32, recv_rig::operator+;
+    open_with(1400);
+    ruk_send_t to = handle();
+    const auto check = [](const Bytes &covered) { return be16(static_cast<uint16_t>(~internet_sum(covered))); };
+    const Bytes addresses = unhex("0a4d0001 0a4d0002");
+    uint32_t offset = 0;
+    for (unsigned length : {103u, 99u, 67u})
+        for (uint32_t at = 0; at < 4; at++) {
+            const uint8_t *const from = buffer + 64 * at + at;
+            const Bytes payload(from, from + length);
+            const std::vector<uint32_t> words = ring_words(payload, at);
+            const Accesses all = stores_and_fences(
+                of([&] { ASSERT_EQ(ruk_send(to, from, static_cast<int>(length), RUK_NONBLOCK), 0); }));
+            const Bytes ip = unhex("4500") + be16(28 + length) + unhex("0000 4000 4011");
+            const Bytes udp = unhex("1388 1389") + be16(8 + length);
+            const Bytes udp_check = check(addresses + unhex("0011") + be16(8 + length) + udp + payload);
+            ASSERT_NE(udp_check, be16(0)); /* which would be sent as ffff */
+            const Bytes request = be32(offset + at) + be16(length) + unhex(ETHERNET) + unhex("0800") + ip +
+                                  check(ip + addresses) + addresses + udp + udp_check +
+                                  unhex("0000000000000000000000000000 2a 0d");
+            ASSERT_EQ(request.size(), 64u);
+            EXPECT_EQ(all, expected(dev->rep_map.map_sram + offset, words, 13, request)) << length << " at " << at;
+            offset += 4 * static_cast<uint32_t>(words.size());
+        }
+}
+
 TEST_F(HandleOrderTest, EmptyDatagram_FenceRequestFence)
 {
     open_with(1400);
