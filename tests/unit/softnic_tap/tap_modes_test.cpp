@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstring>
 #include <deque>
@@ -304,6 +305,42 @@ TEST(TapFast, ThreadThatAskedForNoWatchpoint_Posts_NotCaughtUntilItNoLongerAsks)
     own.step();
     expect_popped(*tap, 2, 13);
     EXPECT_FALSE(tap->pop(&none));
+}
+
+// There is room for 64. A thread beyond that is watched like any other, and has its turn when they are gone.
+TEST(TapFast, MoreThreadsAskedForNoWatchpointThanThereIsRoomFor_NextOneCaughtUntilTheyAreGone)
+{
+    Window window;
+    auto all = std::make_unique<std::array<UnwatchedThread, 64>>();
+    SteppedThread own([&](const std::function<void()> &next) {
+        {
+            UnwatchedThread unwatched;
+            next();
+            post(window, 1, 13);
+            next();
+        }
+        UnwatchedThread unwatched;
+        next();
+        post(window, 2, 13);
+    });
+    own.step();
+    nuv_ureq_t none;
+    {
+        auto tap = window.tap(TapMode::fast);
+        EXPECT_EQ(tap->mode(), TapMode::fast);
+        own.step();
+        expect_popped(*tap, 1, 13);
+        EXPECT_FALSE(tap->pop(&none));
+    }
+    all.reset();
+    own.step();
+    auto tap = window.tap(TapMode::fast);
+    EXPECT_EQ(tap->mode(), TapMode::fast);
+    own.step();
+    EXPECT_FALSE(tap->pop(&none));
+    std::memset(window.alias, 0, Window::bytes);
+    post(window, 7, 13);
+    expect_popped(*tap, 7, 13);
 }
 
 // In the child of a fork a number that was such a thread's may be that of any other.
