@@ -42,20 +42,26 @@ struct Registry {
 };
 Registry *g_registry = nullptr;
 
-// Whether the calling thread and one that stays on `cpu` (-1: where this one may be) have one processor between them.
-bool share_one_cpu(int cpu)
+// The processors that the calling thread may use; empty when they cannot be told.
+std::vector<cpu_set_t> allowed_cpus()
 {
     // Larger until it holds all that the machine may have.
     std::vector<cpu_set_t> sets(1);
     while (::sched_getaffinity(0, sets.size() * sizeof(cpu_set_t), sets.data()) != 0) {
         if (errno != EINVAL || sets.size() == 1024)
-            return true;
+            return {};
         sets.resize(2 * sets.size());
     }
-    const size_t bytes = sets.size() * sizeof(cpu_set_t);
-    if (cpu >= 0)
-        CPU_SET_S(static_cast<size_t>(cpu), bytes, sets.data());
-    return CPU_COUNT_S(bytes, sets.data()) < 2;
+    return sets;
+}
+
+// Keeps the calling thread on one processor. False where that is not to be had.
+bool stay_on(int cpu)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<unsigned>(cpu), &set);
+    return ::pthread_setaffinity_np(::pthread_self(), sizeof(set), &set) == 0;
 }
 
 void cpu_relax() { __builtin_ia32_pause(); }
@@ -114,7 +120,10 @@ int Firmware::start()
     if (int rc = control_.create(true))
         return rc;
     control_.keep();
-    single_cpu_ = share_one_cpu(options_.cpu);
+    const std::vector<cpu_set_t> cpus = allowed_cpus();
+    const size_t bytes = cpus.size() * sizeof(cpu_set_t);
+    single_cpu_ = CPU_COUNT_S(bytes, cpus.data()) < 2;
+    cpu_is_the_programs_ = options_.cpu >= 0 && CPU_ISSET_S(static_cast<unsigned>(options_.cpu), bytes, cpus.data());
     (void)ledger_.create(card_, options_.board);
     if (g_registry == nullptr) // under the lock that boards are made under
         g_registry = new Registry;
@@ -147,6 +156,7 @@ void Firmware::stop()
         kick();
         ::pthread_join(thread_, nullptr);
         started_ = false;
+        running_.store(false);
         std::lock_guard guard(card_.lock());
         while (card_.service(0).progress) {
         }
@@ -174,12 +184,8 @@ void Firmware::loop()
     const UnwatchedThread unwatched;
     running_.store(true);
     running_.notify_all();
-    if (options_.cpu >= 0) {
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        CPU_SET(static_cast<unsigned>(options_.cpu), &set);
-        ::pthread_setaffinity_np(::pthread_self(), sizeof(set), &set);
-    }
+    if (options_.cpu >= 0 && stay_on(options_.cpu) && !cpu_is_the_programs_)
+        single_cpu_ = false;
     const uint64_t spin_ns = single_cpu_ ? std::min(options_.spin_ns, kSingleCpuSpinNs) : options_.spin_ns;
     uint64_t last_work = clock_ns(CLOCK_MONOTONIC), awake_until = 0;
     while (!stop_.load(std::memory_order_relaxed)) {

@@ -58,7 +58,8 @@ private:
     FirmwareOptions options_;
     pthread_t thread_{};
     bool started_ = false;
-    bool single_cpu_ = false;
+    bool single_cpu_ = false; // the program and its adapter have one between them
+    bool cpu_is_the_programs_ = false;
     std::atomic<bool> running_{false}; // the thread has begun
     std::atomic<bool> stop_{false};
     std::atomic<bool> asleep_{false};

@@ -45,10 +45,11 @@ private:
     std::vector<int> events_;
 };
 
-// While it lives, the thread that made it gets no watchpoint: for the adapter's own threads, which never store through
-// an application's mapping. At every change from or to a thread with a watchpoint the kernel writes the processor's
-// debug registers, which a hypervisor makes a matter of a microsecond. What was being watched before is not affected;
-// further threads than there is room for are watched like others.
+// While it lives, the thread that made it gets no watchpoint, unless it inherited one from a thread that had: for the
+// adapter's own threads, which never store through an application's mapping and start before there are any. At every
+// change from or to a thread with a watchpoint the kernel writes the processor's debug registers, which a hypervisor
+// makes a matter of a microsecond. What was being watched before is not affected; further threads than there is room
+// for are watched like others.
 class UnwatchedThread {
 public:
     UnwatchedThread();
