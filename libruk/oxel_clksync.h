@@ -29,13 +29,10 @@ template <typename Read> inline void oxel_clksync_read(const oxel_clksync_seq_t 
 template <typename T> inline T oxel_clksync_field(const void *field)
 {
     static_assert(sizeof(T) == 4 || sizeof(T) == 8);
-    if constexpr (sizeof(T) == 4) {
+    if constexpr (sizeof(T) == 4)
         return (T)tov_ld32((const uint32_t *)field);
-    } else {
-        const uint32_t *half = (const uint32_t *)field;
-        uint64_t low = tov_ld32(half);
-        return (T)(low | (uint64_t)tov_ld32(half + 1) << 32);
-    }
+    else
+        return (T)tov_ld64_packed(field);
 }
 
 extern "C" {
@@ -66,18 +63,28 @@ inline uint64_t __oxel_clksync_convert_nsecs(uint64_t ns, uint64_t nsecs_base, i
     return ns + (uint64_t)drift + (uint64_t)(product >> 30);
 }
 
-/* The same with the window's current drift. */
-inline uint64_t oxel_clksync_convert_nsecs(const kz_kernel_window_t *window, uint64_t ns)
+/* The window's current drift. */
+struct oxel_clksync_drift {
+    uint64_t base;
+    int64_t drift, multiplier;
+};
+inline struct oxel_clksync_drift oxel_clksync_read_drift(const kz_kernel_window_t *window)
 {
     const oxel_clksync_params_t *clkp = &window->clksync.clkp;
-    uint64_t base = 0;
-    int64_t drift = 0, multiplier = 0;
+    struct oxel_clksync_drift now = {};
     oxel_clksync_read(&window->clksync, [&] {
-        multiplier = oxel_clksync_field<int64_t>(&clkp->multiplier);
-        drift = oxel_clksync_field<int64_t>(&clkp->hostnic_drift_nsecs);
-        base = oxel_clksync_field<uint64_t>(&clkp->nsecs_base);
+        now.multiplier = oxel_clksync_field<int64_t>(&clkp->multiplier);
+        now.drift = oxel_clksync_field<int64_t>(&clkp->hostnic_drift_nsecs);
+        now.base = oxel_clksync_field<uint64_t>(&clkp->nsecs_base);
     });
-    return __oxel_clksync_convert_nsecs(ns, base, drift, multiplier);
+    return now;
+}
+
+/* The correction by it. */
+inline uint64_t oxel_clksync_convert_nsecs(const kz_kernel_window_t *window, uint64_t ns)
+{
+    const struct oxel_clksync_drift now = oxel_clksync_read_drift(window);
+    return __oxel_clksync_convert_nsecs(ns, now.base, now.drift, now.multiplier);
 }
 
 /* Ticks to nanoseconds through the window's current reference point: no mask, no drift correction. */

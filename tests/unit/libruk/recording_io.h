@@ -4,18 +4,20 @@
  */
 #pragma once
 
-#define tov_ld16_acq real_tov_ld16_acq
-#define tov_ld32     real_tov_ld32
-#define tov_ld32_acq real_tov_ld32_acq
-#define tov_st8      real_tov_st8
-#define tov_st32     real_tov_st32
-#define tov_st32_rel real_tov_st32_rel
-#define tov_st64     real_tov_st64
-#define tov_st64_rel real_tov_st64_rel
-#define tov_wmb      real_tov_wmb
-#define tov_mb       real_tov_mb
+#define tov_ld16_acq    real_tov_ld16_acq
+#define tov_ld64_packed real_tov_ld64_packed
+#define tov_ld32        real_tov_ld32
+#define tov_ld32_acq    real_tov_ld32_acq
+#define tov_st8         real_tov_st8
+#define tov_st32        real_tov_st32
+#define tov_st32_rel    real_tov_st32_rel
+#define tov_st64        real_tov_st64
+#define tov_st64_rel    real_tov_st64_rel
+#define tov_wmb         real_tov_wmb
+#define tov_mb          real_tov_mb
 #include "tov_io.h"
 #undef tov_ld16_acq
+#undef tov_ld64_packed
 #undef tov_ld32
 #undef tov_ld32_acq
 #undef tov_st8
@@ -33,7 +35,7 @@
 
 namespace recorded {
 
-enum class Kind { load16, load32, store8, store32, store64, fence, full_fence };
+enum class Kind { load16, load32, load64, store8, store32, store64, fence, full_fence };
 
 struct Access {
     Kind kind;
@@ -51,7 +53,8 @@ inline std::function<void()> before_ordered_load32;
 
 inline std::ostream &operator<<(std::ostream &os, const Access &a)
 {
-    static const char *const names[] = {"load16", "load32", "store8", "store32", "store64", "fence", "full fence"};
+    static const char *const names[] = {"load16",  "load32",  "load64", "store8",
+                                        "store32", "store64", "fence",  "full fence"};
     return os << names[static_cast<int>(a.kind)] << " " << std::hex << a.at << " " << a.value << std::dec;
 }
 
@@ -69,6 +72,13 @@ static inline uint16_t tov_ld16_acq(const volatile uint16_t *p)
         recorded::before_load16();
     uint16_t v = real_tov_ld16_acq(p);
     recorded::note(recorded::Kind::load16, p, v);
+    return v;
+}
+
+static inline uint64_t tov_ld64_packed(const void *p)
+{
+    uint64_t v = real_tov_ld64_packed(p);
+    recorded::note(recorded::Kind::load64, p, v);
     return v;
 }
 

@@ -258,8 +258,11 @@ protected:
         EXPECT_EQ(*at++, counter(before));
         EXPECT_EQ(*at++, Access{Kind::full_fence});
         std::set<size_t> fields;
-        for (; at != all->end() && at->kind == Kind::load32; ++at)
+        for (; at != all->end() && (at->kind == Kind::load32 || at->kind == Kind::load64); ++at) {
             fields.insert(at->at - window(0));
+            if (at->kind == Kind::load64)
+                fields.insert(at->at - window(0) + 4);
+        }
         EXPECT_TRUE(std::includes(fields.begin(), fields.end(), GetParam().fields.begin(), GetParam().fields.end()));
         EXPECT_EQ(fields.count(64), 0u) << "the counter";
         ASSERT_GE(all->end() - at, 2);
