@@ -87,8 +87,9 @@ static inline uint32_t copy32(volatile uint32_t *dst, const uint8_t *from, uint6
 }
 
 /*
- * Copies len bytes from an aligned source on, behind a word `last` that may have been stored already, and adds them to
- * `sum`. The whole of it reaches the adapter before whatever the caller writes next.
+ * Copies len bytes from an aligned source and adds them to `sum`. The whole of it reaches the adapter before whatever
+ * the caller writes next. Where the payload ends within a word, the rest of that is filled with what the word stored
+ * before it has there: `last` is that word when there is none in these len bytes.
  */
 [[gnu::always_inline]] static inline tov_wcsum tov_piocopy_csum_aligned(volatile uint32_t *dst, const uint8_t *from,
                                                                         uint32_t len, uint32_t last, tov_wcsum sum)

@@ -87,9 +87,10 @@ static inline uint16_t reaped(const struct ruk__ep *rep)
     return (uint16_t)tov_ld32(&rep->rep_pioreq.tx_flow->flow_desc);
 }
 
-/* Takes back the requests after the first `before` that make `done`; their number. */
-static inline int reap(struct ruk__ep *rep, uint16_t before, uint16_t done)
+/* Takes back the requests that make `done`; their number. */
+static inline int reap(struct ruk__ep *rep, uint16_t done)
 {
+    const uint16_t before = reaped(rep);
     if (done == before)
         return 0;
     for (uint16_t last = before; last != done; last++) {
@@ -103,7 +104,7 @@ static inline int reap(struct ruk__ep *rep, uint16_t before, uint16_t done)
     return (uint16_t)(done - before);
 }
 
-extern "C" int ruk__try_send_completion(struct ruk__ep *rep) { return reap(rep, reaped(rep), completed(rep)); }
+extern "C" int ruk__try_send_completion(struct ruk__ep *rep) { return reap(rep, completed(rep)); }
 
 /* ------------------------------------------------------------------ waiting for room */
 
@@ -190,7 +191,7 @@ static inline struct ruk__request *place(struct ruk__ep *rep, enum ruk_req_type 
     if (type == RUK_REQ_SEND_DMA)
         need = (need + NUV_DMA_PAGE - 1) & ~(NUV_DMA_PAGE - 1);
 
-    reap(rep, reaped(rep), completed(rep));
+    reap(rep, completed(rep));
     struct ruk__request *req = reserve(rep, type, need);
     return __builtin_expect(req != nullptr, 1) ? req : reserve_slowly(rep, type, need, flags, rc_o);
 }
@@ -300,19 +301,25 @@ static inline void post_untagged(nuv_ureq_t *slot, const struct ruk__hdrinfo *in
     tov_wmb();
 }
 
-/* Sends an untagged datagram; the same steps as ruk_raw_send(). */
+/* Sends an untagged datagram; the same steps as ruk_raw_send(), less the copy of the header. */
 static inline int send_untagged(struct ruk__ep *rep, const struct ruk__hdrinfo *info, const datagram_fields *fields,
                                 const uint8_t *buf, int paylen, int flags)
 {
     if (__builtin_expect(rep->rep_state == REP_STATE_ALLOC, 0))
         return EINVAL;
+
+    /* 1. Room. */
     int rc;
     const enum ruk_req_type type = type_of(rep, paylen);
     const struct ruk__request *req = place(rep, type, buf, paylen, flags, &rc);
     if (__builtin_expect(!req, 0))
         return rc;
+
+    /* 2. The payload, summed on the way; it is visible to the adapter before the request. */
     uint32_t misalign;
     const uint32_t sum = copy_payload(req, buf, (uint32_t)paylen, &misalign);
+
+    /* 3. The request, into the adapter. Nothing waits for it. */
     post_untagged(slot_of(rep, type), info, fields, udp_checksum(sum, fields->udp_partial), req->req_qoff + misalign,
                   (uint16_t)paylen, type);
     return 0;
