@@ -121,11 +121,13 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
     return (uintptr_t)__atomic_load_n(&evs->evs_uevt_cur, __ATOMIC_RELAXED);
 }
 
-/* Frees the slots from `event` to `next`, none of which lies behind the ring's end. */
+/* Frees the slots from `event` to `next`, of which there are some, none behind the ring's end. */
 [[gnu::always_inline]] inline void _eventq_clear_slots(uintptr_t event, uintptr_t next)
 {
-    for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)
+    uintptr_t slot = event;
+    do
         _eventq_clear((volatile uint8_t *)slot);
+    while ((slot += NUV_UEVT_SLOT) < next);
 }
 
 /* The event of len bytes before `current`, whose slots are free, is consumed. */
@@ -158,7 +160,7 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
 {
     const uintptr_t next = event + len;
     const bool wraps = next >= evq->evq_recvq_end;
-    if (__builtin_expect(!wraps, 1))
+    if (__builtin_expect(!wraps && len != 0, 1))
         _eventq_clear_slots(event, next);
     else
         for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)

@@ -7,6 +7,7 @@
 #include "ruk_core.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
@@ -18,24 +19,40 @@
 
 #define SMALL_COPY 256 /* bytes up to which a copy is done in line */
 
-/* Copies n bytes. Small ones go in blocks of 16, the last of which may overlap the ones before. */
-[[gnu::always_inline]] static inline void copy_out(uint8_t *to, const uint8_t *from, size_t n)
+/* Copies n bytes, `block` to twice that, by two blocks that may overlap in what they copy. */
+template <size_t block> [[gnu::always_inline]] static inline void copy_ends(uint8_t *to, const uint8_t *from, size_t n)
 {
-    if (n - 32 <= 32) {
-        memcpy(to, from, 32);
-        memcpy(to + n - 32, from + n - 32, 32);
-        return;
+    memcpy(to, from, block);
+    memcpy(to + n - block, from + n - block, block);
+}
+
+/* Copies n bytes in line, in blocks of 16 where there are some. */
+[[gnu::always_inline]] static inline void copy_small(uint8_t *to, const uint8_t *from, size_t n)
+{
+    if (__builtin_expect(n >= 32 && n <= 64, 1)) {
+        copy_ends<32>(to, from, n);
+    } else if (n >= 16) {
+        const uint8_t *const last = from + n - 16;
+        uint8_t *const end = to + n - 16;
+        for (; from < last; from += 16, to += 16)
+            memcpy(to, from, 16);
+        memcpy(end, last, 16);
+    } else if (n >= 8) {
+        copy_ends<8>(to, from, n);
+    } else if (n >= 4) {
+        copy_ends<4>(to, from, n);
+    } else {
+        for (size_t i = 0; i < n; i++)
+            to[i] = from[i];
     }
-    if (__builtin_expect(n < 16 || n > SMALL_COPY, 0)) {
-        if (n != 0)
-            memcpy(to, from, n);
-        return;
-    }
-    const uint8_t *const last_from = from + n - 16;
-    uint8_t *const last_to = to + n - 16;
-    for (; from < last_from; from += 16, to += 16)
-        memcpy(to, from, 16);
-    memcpy(last_to, last_from, 16);
+}
+
+static inline void copy_out(uint8_t *to, const uint8_t *from, size_t n)
+{
+    if (__builtin_expect(n > SMALL_COPY, 0))
+        memcpy(to, from, n);
+    else
+        copy_small(to, from, n);
 }
 
 /* Goes round the ring's end as often as it takes. */
@@ -91,11 +108,25 @@ extern "C" int arista_check_kf_pkt(const struct ruk__eventq *evq, const uint8_t 
     return 0;
 }
 
+/* Without a mask. */
+[[gnu::noinline]] static uint64_t whole_ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
+{
+    return oxel_timesync_ticks2nsecs(ep->rep_kwindow, ticks);
+}
+
+[[gnu::always_inline]] static inline uint64_t ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
+{
+    if (ep->rep_nticks.ticks_mask == 0)
+        return whole_ticks_to_timestamp(ep, ticks);
+    /* The window first: a fence waits for what was begun before it, and a division is long. */
+    const struct oxel_clksync_drift now = oxel_clksync_read_drift(ep->rep_kwindow);
+    const uint64_t ns = oxel_clksync_nticks_update(&ep->rep_nticks, ticks);
+    return __oxel_clksync_convert_nsecs(ns, now.base, now.drift, now.multiplier);
+}
+
 extern "C" uint64_t ruk__clk_ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
 {
-    if (ep->rep_nticks.ticks_mask != 0)
-        return oxel_clksync_convert_nsecs(ep->rep_kwindow, oxel_clksync_nticks_update(&ep->rep_nticks, ticks));
-    return oxel_timesync_ticks2nsecs(ep->rep_kwindow, ticks);
+    return ticks_to_timestamp(ep, ticks);
 }
 
 /* Dates the event's packets back from its own time, a nanosecond a byte; never below the last time given. */
@@ -115,12 +146,10 @@ extern "C" void ruk__clk_calc_pkt_timestamps(struct ruk__event_state *evs)
     evs->evs_timestamp_last = time;
 }
 
-/* The adapter's clock in an event, as host time. */
-static uint64_t event_time(struct ruk__ep *ep, const volatile nuv_uevt_ruk_t *uevt)
+/* The adapter's clock in an event, whose halves lie side by side, as host time. */
+[[gnu::always_inline]] static inline uint64_t event_time(struct ruk__ep *ep, const volatile nuv_uevt_ruk_t *uevt)
 {
-    uint64_t ticks = (uint64_t)tov_be32(tov_ld32(&uevt->timestamp_hi)) << 32;
-    ticks |= tov_be32(tov_ld32(&uevt->timestamp_lo));
-    return ruk__clk_ticks_to_timestamp(ep, ticks);
+    return ticks_to_timestamp(ep, tov_be64(tov_ld64((const volatile uint64_t *)&uevt->timestamp_hi)));
 }
 
 /*
@@ -145,18 +174,25 @@ struct packet {
     bool last; /* of its event */
 };
 
+/* Tag and length, as one number from the event's header; running position; no fragments. All stored at once. */
+[[gnu::always_inline]] static inline void set_packet_numbers(struct ruk__evpacket *evp, uint32_t numbers,
+                                                             uint32_t offset)
+{
+    constexpr size_t at = offsetof(ruk__evpacket, tag);
+    static_assert(offsetof(ruk__evpacket, length) == at + 2 && offsetof(ruk__evpacket, offset) == at + 4 &&
+                  offsetof(ruk__evpacket, nfrags) == at + 6);
+    const uint64_t fields = numbers | (uint64_t)(uint16_t)offset << 32;
+    memcpy((uint8_t *)evp + at, &fields, sizeof fields);
+}
+
 /* One packet of the event at the cursor, running position `offset`. Returns length << 16 | tag. */
 [[gnu::always_inline]] static inline uint32_t parse_packet(const volatile nuv_uevt_pkt_t *header, uintptr_t cursor,
                                                            uint32_t offset, struct ruk__evpacket *next,
                                                            struct ruk__evpacket *evp)
 {
-    /* Numbers of 16 bits, two made and stored as one. */
-    const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)header)), position = (uint16_t)offset;
+    const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)header));
     evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
-    evp->tag = (uint16_t)numbers;
-    evp->length = (uint16_t)(numbers >> 16);
-    evp->offset = (uint16_t)position;
-    evp->nfrags = (uint16_t)(position >> 16);
+    set_packet_numbers(evp, numbers, offset);
     evp->timestamp = 0;
     evp->evp_next = next;
     return numbers;
@@ -171,20 +207,23 @@ struct packet {
     evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
 }
 
-/* The packets after the first, whose slot and length are given. */
-[[gnu::noinline]] static void parse_further(struct ruk__event_state *evs, uint32_t pkt_cnt, uintptr_t cursor,
-                                            uint32_t length)
+/* The packets after the first, whose slot and length are given: four at most. */
+[[gnu::always_inline]] static inline void parse_further(struct ruk__event_state *evs, uint32_t pkt_cnt,
+                                                        uintptr_t cursor, uint32_t length)
 {
-    const volatile nuv_uevt_pkt_t *header = evs->evs_uevt_cur->pkts;
-    struct ruk__evpacket *evp = evs->evs_pkts, *const last = evp + pkt_cnt - 1;
+    const volatile nuv_uevt_pkt_t *headers = evs->evs_uevt_cur->pkts;
+    struct ruk__evpacket *evp = evs->evs_pkts;
     uint32_t length_pkts = length + 4;
-    do {
+    uint32_t i = 1;
+#pragma GCC unroll 4
+    for (; i < NUV_UEVT_MAX_PKTS; i++) {
         cursor += nuv_uevt_pkt_space(length);
-        evp++;
-        length = parse_packet(++header, cursor, length_pkts, evp + 1, evp) >> 16;
+        length = parse_packet(&headers[i], cursor, length_pkts, evp + i + 1, evp + i) >> 16;
         length_pkts += length + 4;
-    } while (evp != last);
-    last->evp_next = nullptr;
+        if (i + 1 == pkt_cnt || i + 1 == NUV_UEVT_MAX_PKTS)
+            break;
+    }
+    evp[i].evp_next = nullptr;
     evs->evs_length_pkts = (uint16_t)length_pkts;
 }
 
@@ -205,22 +244,26 @@ struct packet {
         ruk__clk_calc_pkt_timestamps(evs);
 }
 
-/* Parses the event of pkt_cnt packets at the current position into *p, its first one. */
-[[gnu::always_inline]] static inline void process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt,
-                                                       packet *p)
+/*
+ * Parses the event of pkt_cnt packets at the current position; its first one is the next to hand out. `plain`: no clock
+ * counts and there are no keyframes.
+ */
+[[gnu::always_inline]] static inline void parse_event(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt,
+                                                      bool plain)
 {
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
-    const uint32_t arista = ep->arista_control.arct_status;
+    const uint32_t arista = plain ? (uint32_t)ARISTA_STATUS_DISABLED : ep->arista_control.arct_status;
 
     /* 1. The header; it is read before the event is known to be complete. */
     const uint16_t length = _uevt_length(uevt);
-    evs->evs_pkt_cur = evs->evs_pkts;
+    struct ruk__evpacket *first = evs->evs_pkts;
+    evs->evs_pkt_cur = first;
     if (__builtin_expect(length <= FETCH_LINES * NUV_UEVT_SLOT, 1))
         fetch_ahead((uintptr_t)uevt);
 
     /* 2. The event's own time, where the adapter's clock counts. */
-    const bool dated = arista >= ARISTA_STATUS_ACTIVE || tov_ld32(&ep->rep_timestamping_enabled) != 0;
+    const bool dated = !plain && (arista >= ARISTA_STATUS_ACTIVE || tov_ld32(&ep->rep_timestamping_enabled) != 0);
     if (__builtin_expect(!dated, 1))
         evs->evs_timestamp = 0;
     else if (arista < ARISTA_STATUS_ACTIVE)
@@ -228,7 +271,6 @@ struct packet {
 
     /* 3. The packets. */
     const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
-    struct ruk__evpacket *first = evs->evs_pkts;
     const uint32_t numbers = parse_packet(&uevt->pkts[0], cursor, 0, pkt_cnt > 1 ? first + 1 : nullptr, first);
     set_event_numbers(evs, length, (numbers >> 16) + 4, pkt_cnt);
     if (pkt_cnt > 1)
@@ -239,19 +281,23 @@ struct packet {
     /* 4. Their times. */
     if (__builtin_expect(dated, 0))
         date_packets(ep, evs, arista);
-    *p = {(uintptr_t)uevt, length, first, first->pkt, first->tag, first->length, first->timestamp, pkt_cnt == 1};
 
     /* 5. Nothing is handed out before the firmware has written all of it. */
     _eventq_wait_completion((const volatile uint8_t *)_eventq_wrap(evq, (uintptr_t)uevt + length - 1));
 }
 
+/* An event of any kind. */
+[[gnu::noinline]] static void process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt)
+{
+    parse_event(ep, evq, pkt_cnt, false);
+}
+
 extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq)
 {
-    packet p;
     const uint32_t pkt_cnt = _eventq_present(evq);
     if (pkt_cnt == 0)
         return nullptr;
-    process_uevt(ep, evq, pkt_cnt, &p);
+    process_uevt(ep, evq, pkt_cnt);
     return evq->evq_recvq_state.evs_pkt_cur;
 }
 
@@ -259,15 +305,14 @@ extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, st
 [[gnu::always_inline]] static inline bool next_packet(struct ruk__ep *ep, struct ruk__eventq *evq, packet *p)
 {
     const struct ruk__event_state *evs = &evq->evq_recvq_state;
-    struct ruk__evpacket *evp = evs->evs_pkt_cur;
     const uint32_t pkt_cnt = _eventq_present(evq);
     if (__builtin_expect(pkt_cnt == 0, 0))
         return false;
-    if (__builtin_expect(!evp, 1))
-        process_uevt(ep, evq, pkt_cnt, p);
-    else
-        *p = {(uintptr_t)evs->evs_uevt_cur, evs->evs_length, evp, evp->pkt, evp->tag, evp->length, evp->timestamp,
-              evp->evp_next == nullptr};
+    if (!evs->evs_pkt_cur)
+        process_uevt(ep, evq, pkt_cnt);
+    struct ruk__evpacket *evp = evs->evs_pkt_cur;
+    *p = {(uintptr_t)evs->evs_uevt_cur, evs->evs_length, evp, evp->pkt, evp->tag, evp->length, evp->timestamp,
+          evp->evp_next == nullptr};
     return true;
 }
 
@@ -378,6 +423,9 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
     return mode == RUK_RECV_PEEK_MSG ? PACKET_PEEK : PACKET_DONE;
 }
 
+/* The length of the payload, by the UDP header. */
+static inline uint32_t payload_of(frame_view view) { return tov_be16(view.udp()->udp_len_be16) - 8u; }
+
 /* ALLMULTI and RAW filter modes: addresses from the headers, no channel. The offset of what is delivered. */
 [[gnu::noinline]] static uint32_t fill_unfiltered(uint32_t length, bool raw, frame_view view,
                                                   struct ruk_recv_info *info)
@@ -394,12 +442,12 @@ static inline struct ruk__channel *find_channel(struct ruk__ep *rep, uint16_t ta
         info->msg_len = length - RUK_VIEW_PAD;
         return RUK_VIEW_PAD;
     }
-    info->msg_len = tov_be16(view.udp()->udp_len_be16) - 8u;
+    info->msg_len = payload_of(view);
     return view.data;
 }
 
-/* Returns the length of the payload. */
-static inline uint32_t fill_from_channel(struct ruk__channel *chan, frame_view view, struct ruk_recv_info *info)
+static inline void fill_from_channel(struct ruk__channel *chan, frame_view view, uint32_t msg_len,
+                                     struct ruk_recv_info *info)
 {
     info->chan = chan;
     info->chan_context = chan->ch_ucontext;
@@ -409,7 +457,7 @@ static inline uint32_t fill_from_channel(struct ruk__channel *chan, frame_view v
     info->sin_to.sin_family = AF_INET;
     info->sin_to.sin_port = view.udp()->udp_dport_be16;
     info->sin_to.sin_addr.s_addr = view.ip()->ip_daddr_be32;
-    return info->msg_len = tov_be16(view.udp()->udp_len_be16) - 8u;
+    info->msg_len = msg_len;
 }
 
 /* One packet of the ring: checks it, finds its channel, delivers it. */
@@ -459,7 +507,7 @@ static inline uint32_t fill_from_channel(struct ruk__channel *chan, frame_view v
         struct ruk__channel *chan = find_channel(rep, p->tag, view);
         if (!chan)
             return PACKET_DROP;
-        fill_from_channel(chan, view, info);
+        fill_from_channel(chan, view, payload_of(view), info);
     } else {
         view.data = fill_unfiltered(p->length, raw, view, info);
     }
@@ -632,22 +680,35 @@ template <typename Handle>
 
 /*
  * Nearly every datagram is IPv4 with its headers in one piece, for a channel whose tag entry fits in every part, on an
- * endpoint without locks, in its normal filter mode. receive_single() and receive_one_of() receive it, by the same
- * steps as any other less those that can have no effect on it. What does not fit they leave to receive_datagram(),
- * with nothing of it counted or consumed.
+ * endpoint without locks, in its normal filter mode. Three functions receive by the same steps, each less those that
+ * can have no effect on what it takes; what does not fit goes to the next, with nothing of it counted or consumed:
+ *
+ *   receive_single()    alone in its event, which ends before the ring's end and holds headers and payload; no VLAN tag
+ *   receive_first_of(), then receive_one_of()
+ *                       one of several, or with a VLAN tag; headers and payload end before the ring's end
+ *   receive_datagram()  everything else: locks, other modes, peeking, keyframes, drops, waiting, the ring's end
  */
 
-/* Channel, information and payload of such a datagram; false where it is none. */
-template <uint32_t headers>
-[[gnu::always_inline]] static inline bool take_plain(struct ruk__ep *rep, uintptr_t start, uint32_t tag,
-                                                     uint32_t length, void *buf, size_t len, struct ruk_recv_info *info)
+/*
+ * Channel, information and payload of such a datagram, which with its headers is in one piece and has `room` bytes for
+ * the payload; false where it is none. A small one's payload is copied in line.
+ */
+template <uint32_t headers, bool small>
+[[gnu::always_inline]] static inline bool take_plain(struct ruk__ep *rep, uintptr_t start, uint32_t tag, uint32_t room,
+                                                     void *buf, size_t len, struct ruk_recv_info *info)
 {
     const frame_view view = {start, (const uint8_t *)start, headers};
-    struct ruk__channel *chan = __builtin_expect(length >= headers, 1) ? channel_that_fits(rep, tag, view) : nullptr;
-    if (__builtin_expect(!chan, 0))
+    struct ruk__channel *chan = channel_that_fits(rep, tag, view);
+    const uint32_t msg_len = payload_of(view);
+    if (__builtin_expect(!chan || msg_len > room, 0))
         return false;
-    const uint32_t msg_len = fill_from_channel(chan, view, info);
-    deliver(rep, RUK_RECV_DEFAULT, view, msg_len, buf, len);
+    const size_t count = msg_len < len ? msg_len : len;
+    tov_st64(&rep->rep_num_packets, rep->rep_num_packets + 1);
+    fill_from_channel(chan, view, msg_len, info);
+    if constexpr (small)
+        copy_small((uint8_t *)buf, (const uint8_t *)start + headers, count);
+    else
+        copy_out((uint8_t *)buf, (const uint8_t *)start + headers, count);
     return true;
 }
 
@@ -662,90 +723,138 @@ static inline bool is_plain(const struct ruk__ep *rep, enum ruk_recvmode mode)
            mode != RUK_RECV_PEEK_MSG;
 }
 
-/* A packet of an event with several or with times, or one with a VLAN tag. */
+/* Out of an endpoint without locks that is closing. */
+[[gnu::noinline, gnu::cold]] static int finish_closing(struct ruk__ep *rep)
+{
+    if (take_close(rep))
+        ruk_close(rep);
+    return 0;
+}
+
+/*
+ * The next packet of an event that is parsed: one of several, or with a VLAN tag. `entered`: this thread is counted as
+ * inside the endpoint already.
+ */
+template <uint32_t headers, bool small, bool entered>
 [[gnu::noinline]] static int receive_one_of(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
-                                            struct ruk_recv_info *info, uint32_t pkt_cnt)
+                                            struct ruk_recv_info *info)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
     struct ruk__event_state *evs = &evq->evq_recvq_state;
-    const uint32_t inuse = rep->rep_inuse;
-    tov_st32(&rep->rep_inuse, inuse + 1);
+    const uint32_t inuse = rep->rep_inuse - (entered ? 1 : 0);
 
-    /* 1. The packet. */
-    packet p;
+    /* 1. The packet. It lies before the ring's end, and has its headers. */
     const struct ruk__evpacket *evp = evs->evs_pkt_cur;
-    if (!evp) {
-        process_uevt(rep, evq, pkt_cnt, &p);
-        evp = evs->evs_pkts;
+    const uintptr_t start = (uintptr_t)evp->pkt - RUK_VIEW_PAD;
+    const uint32_t room = evp->length - headers;
+    if (small && __builtin_expect(room > SMALL_COPY, 0)) /* or below 0 */
+        return receive_one_of<headers, false, entered>(rep, mode, buf, len, info);
+    if (__builtin_expect((!small && evp->length < headers) || start + headers + room > evq->evq_recvq_end ||
+                             evp->timestamp == ARISTA_KEYFRAME_MARK,
+                         0)) {
+        tov_st32(&rep->rep_inuse, inuse);
+        return receive_datagram(rep, mode, buf, len, info);
     }
-    struct ruk__evpacket *const next = evp->evp_next;
-    const uint64_t timestamp = evp->timestamp;
+    if (headers == RUK_VIEW_HDRLEN && __builtin_expect(ethertype(start) == RUK_ETHERTYPE_VLAN, 0))
+        return receive_one_of<RUK_VIEW_VLAN_HDRLEN, small, entered>(rep, mode, buf, len, info);
+    if (!entered)
+        tov_st32(&rep->rep_inuse, inuse + 1);
 
     /* 2. The datagram. */
-    const uintptr_t start = (uintptr_t)evp->pkt - RUK_VIEW_PAD;
-    const bool in_one_piece = __builtin_expect(start + sizeof(ruk__eth_generic_hdr) <= evq->evq_recvq_end, 1);
-    const uint16_t proto = in_one_piece && timestamp != ARISTA_KEYFRAME_MARK ? ethertype(start) : 0;
-    const bool taken = __builtin_expect(proto == RUK_ETHERTYPE_IPV4, 1)
-                           ? take_plain<RUK_VIEW_HDRLEN>(rep, start, evp->tag, evp->length, buf, len, info)
-                       : proto == RUK_ETHERTYPE_VLAN
-                           ? take_plain<RUK_VIEW_VLAN_HDRLEN>(rep, start, evp->tag, evp->length, buf, len, info)
-                           : false;
-    if (__builtin_expect(!taken, 0)) {
+    if (__builtin_expect((headers == RUK_VIEW_HDRLEN && ethertype(start) != RUK_ETHERTYPE_IPV4) ||
+                             !take_plain<headers, small>(rep, start, evp->tag, room, buf, len, info),
+                         0)) {
         tov_st32(&rep->rep_inuse, inuse);
         return receive_datagram(rep, mode, buf, len, info);
     }
     if (ruk__api_version > 1)
-        info->timestamp = timestamp;
+        info->timestamp = evp->timestamp;
 
     /* 3. Consumed; with the last one the event is. */
-    evs->evs_pkt_cur = next;
-    if (!next)
+    evs->evs_pkt_cur = evp->evp_next;
+    if (!evp->evp_next)
         _eventq_release(evq, (uintptr_t)evs->evs_uevt_cur, evs->evs_length);
     tov_st32(&rep->rep_inuse, inuse);
-    return finish_left(rep, inuse, 0, false);
+    if (inuse == 0 && __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0))
+        return finish_closing(rep);
+    return 0;
 }
 
-/* The packet that is alone in the next event, which needs no time. */
+/* The first packet of an event of any kind, or of one without times and keyframes. */
+[[gnu::noinline]] static int receive_first_of_any(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                                                  struct ruk_recv_info *info, uint32_t pkt_cnt)
+{
+    tov_st32(&rep->rep_inuse, rep->rep_inuse + 1);
+    process_uevt(rep, &rep->rep_eventq, pkt_cnt);
+    return receive_one_of<RUK_VIEW_HDRLEN, true, true>(rep, mode, buf, len, info);
+}
+
+[[gnu::noinline]] static int receive_first_of(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                                              struct ruk_recv_info *info, uint32_t pkt_cnt)
+{
+    if (__builtin_expect(rep->arista_control.arct_status != ARISTA_STATUS_DISABLED ||
+                             tov_ld32(&rep->rep_timestamping_enabled) != 0,
+                         0))
+        return receive_first_of_any(rep, mode, buf, len, info, pkt_cnt);
+    tov_st32(&rep->rep_inuse, rep->rep_inuse + 1);
+    parse_event(rep, &rep->rep_eventq, pkt_cnt, true);
+    return receive_one_of<RUK_VIEW_HDRLEN, true, true>(rep, mode, buf, len, info);
+}
+
+/*
+ * The packet that is alone in the next event. Of what the event state holds for those that come back for further
+ * packets it gets what is told of a packet that was received: how many there were, and its tag and length.
+ */
+template <bool dated, bool small>
 [[gnu::noinline]] static int receive_single(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
                                             struct ruk_recv_info *info)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
+
+    /* 1. The event. It and the headers in it lie before the ring's end. */
+    const uint32_t length = _uevt_length(uevt);
+    const uintptr_t start = (uintptr_t)uevt + tov_ld8(&uevt->offset) + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
+    const uintptr_t next = (uintptr_t)uevt + length;
+    if (small && __builtin_expect(length > FETCH_LINES * NUV_UEVT_SLOT, 0))
+        return receive_single<dated, false>(rep, mode, buf, len, info);
+    if (__builtin_expect(next >= evq->evq_recvq_end || start + sizeof(ruk__eth_generic_hdr) > next, 0))
+        return receive_first_of(rep, mode, buf, len, info, 1);
+    if (small)
+        fetch_ahead((uintptr_t)uevt);
     const uint32_t inuse = rep->rep_inuse;
     tov_st32(&rep->rep_inuse, inuse + 1);
 
-    /* 1. The event, parsed and waited for. It and the headers in it lie before the ring's end. */
-    const uint32_t length = _uevt_length(uevt);
-    const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset), next = (uintptr_t)uevt + length;
-    const uintptr_t start = cursor + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
-    if (__builtin_expect(next >= evq->evq_recvq_end || start + sizeof(ruk__eth_generic_hdr) > next, 0)) {
-        tov_st32(&rep->rep_inuse, inuse);
-        return receive_one_of(rep, mode, buf, len, info, 1);
-    }
-    if (__builtin_expect(length <= FETCH_LINES * NUV_UEVT_SLOT, 1))
-        fetch_ahead((uintptr_t)uevt);
-    const uint32_t numbers = parse_packet(&uevt->pkts[0], cursor, 0, nullptr, &evs->evs_pkts[0]);
-    evs->evs_timestamp = 0;
-    set_event_numbers(evs, length, (numbers >> 16) + 4, 1);
+    /* 2. Its time, never below the last one given; then all of it is waited for. */
+    uint64_t time = dated ? event_time(rep, uevt) : 0;
+    if (dated && time != 0 && time < evs->evs_timestamp_last)
+        time = evs->evs_timestamp_last;
+    const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)&uevt->pkts[0])); /* length, tag */
+    set_packet_numbers(&evs->evs_pkts[0], numbers, 0);
+    evs->evs_pkt_cnt = 1;
     _eventq_wait_completion((const volatile uint8_t *)next - 1);
 
-    /* 2. The datagram. */
-    if (__builtin_expect(ethertype(start) != RUK_ETHERTYPE_IPV4 ||
-                             !take_plain<RUK_VIEW_HDRLEN>(rep, start, (uint16_t)numbers, numbers >> 16, buf, len, info),
+    /* 3. The datagram. */
+    const uint32_t room = (uint32_t)(next - start) - RUK_VIEW_HDRLEN;
+    if (__builtin_expect(ethertype(start) != RUK_ETHERTYPE_IPV4 || numbers >> 16 < RUK_VIEW_HDRLEN ||
+                             !take_plain<RUK_VIEW_HDRLEN, small>(rep, start, (uint16_t)numbers, room, buf, len, info),
                          0)) {
-        evs->evs_pkt_cur = evs->evs_pkts;
         tov_st32(&rep->rep_inuse, inuse);
-        return receive_one_of(rep, mode, buf, len, info, 1);
+        return receive_first_of(rep, mode, buf, len, info, 1);
     }
     if (ruk__api_version > 1)
-        info->timestamp = 0;
+        info->timestamp = time;
+    if (dated && time != 0)
+        evs->evs_timestamp_last = time;
 
-    /* 3. Consumed, and the event with it. */
+    /* 4. Consumed, and the event with it. */
     _eventq_clear_slots((uintptr_t)uevt, next);
     _eventq_report(evq, next, length);
     tov_st32(&rep->rep_inuse, inuse);
-    return finish_left(rep, inuse, 0, false);
+    if (inuse == 0 && __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0))
+        return finish_closing(rep);
+    return 0;
 }
 
 extern "C" int ruk__recvpacket(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
@@ -764,12 +873,15 @@ extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
     /* A few tests: what they lead to saves the registers that it needs, and no more. */
     const struct ruk__event_state *evs = &rep->rep_eventq.evq_recvq_state;
     const uint32_t pkt_cnt = is_plain(rep, recv_mode) ? _eventq_present(&rep->rep_eventq) : 0;
-    if (__builtin_expect(pkt_cnt == 1 && !evs->evs_pkt_cur && tov_ld32(&rep->rep_timestamping_enabled) == 0 &&
-                             rep->arista_control.arct_status == ARISTA_STATUS_DISABLED,
-                         1))
-        return receive_single(rep, recv_mode, buf, len, info);
+    if (pkt_cnt != 0 && evs->evs_pkt_cur)
+        return receive_one_of<RUK_VIEW_HDRLEN, true, false>(rep, recv_mode, buf, len, info);
+    if (__builtin_expect(pkt_cnt == 1 && rep->arista_control.arct_status == ARISTA_STATUS_DISABLED, 1)) {
+        if (__builtin_expect(tov_ld32(&rep->rep_timestamping_enabled) == 0, 1))
+            return receive_single<false, true>(rep, recv_mode, buf, len, info);
+        return receive_single<true, true>(rep, recv_mode, buf, len, info);
+    }
     if (pkt_cnt != 0)
-        return receive_one_of(rep, recv_mode, buf, len, info, pkt_cnt);
+        return receive_first_of(rep, recv_mode, buf, len, info, pkt_cnt);
     return receive_datagram(rep, recv_mode, buf, len, info);
 }
 
