@@ -4,8 +4,10 @@
 #ifndef CASES_H
 #define CASES_H
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,11 @@ namespace bench {
 
 /* One measurement: nanoseconds an operation. Throws std::runtime_error when the result is wrong. */
 using Measure = std::function<double()>;
+
+/* Thrown where the host does not allow a case; what() says why. */
+struct Unavailable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 enum class Compare {
     none,       /* no target */
@@ -59,10 +66,17 @@ Measure library_send(size_t payload, size_t datagrams);
 
 /* Nanoseconds that a call of `work` takes, divided among n operations. */
 double time_of(size_t n, const std::function<void()> &work);
-/* Nanoseconds of some clock that only goes forward. */
+/* Nanoseconds of some clock that only goes forward, and what of a span of them is the reading of the clock. */
 double now_ns();
+double reading_ns();
 
 [[noreturn]] void wrong(const char *what);
+
+/*
+ * Where all cases receive, and what they send: each at one place in its page, so that loads and stores meet no false
+ * conflicts by chance.
+ */
+extern uint8_t receive_buffer[2048], send_payload[2048];
 
 /* The first two processors that this program may use; fewer where there are no two. */
 std::vector<int> two_processors();

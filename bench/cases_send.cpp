@@ -10,13 +10,10 @@ namespace bench {
 
 namespace {
 
-/* Where in its page the payload lies is given, so that loads and stores meet no false conflicts by chance. */
-alignas(4096) uint8_t payload[2048];
-
 void fill_payload()
 {
-    for (size_t i = 0; i < sizeof payload; ++i)
-        payload[i] = uint8_t(i * 7 + 1);
+    for (size_t i = 0; i < sizeof send_payload; ++i)
+        send_payload[i] = uint8_t(i * 7 + 1);
 }
 
 constexpr uint32_t pio_always = 1472, dma_always = 0; /* thresholds */
@@ -50,7 +47,7 @@ Measure connected(size_t bytes, uint32_t threshold, size_t datagrams)
     auto count = std::make_shared<uint16_t>(uint16_t(0));
     return [=] {
         const double ns = send_all(datagrams, *endpoint, count.get(), [&, dhs = endpoint->connected()] {
-            return ruk_send(dhs, payload, int(bytes), RUK_NONBLOCK);
+            return ruk_send(dhs, send_payload, int(bytes), RUK_NONBLOCK);
         });
         check(*endpoint, bytes, threshold);
         return ns;
@@ -64,7 +61,7 @@ Measure addressed(size_t bytes, uint32_t threshold, size_t datagrams)
     return [=] {
         const sockaddr_in to = MemoryEndpoint::destination();
         const double ns = send_all(datagrams, *endpoint, count.get(), [&, ch = endpoint->channel()] {
-            return ruk_sendto(ch, &to, payload, int(bytes), RUK_NONBLOCK);
+            return ruk_sendto(ch, &to, send_payload, int(bytes), RUK_NONBLOCK);
         });
         check(*endpoint, bytes, threshold);
         return ns;
@@ -76,7 +73,7 @@ struct FloorWindow {
     {
         /* The header that the library makes, so that both send the same. */
         MemoryEndpoint endpoint(4096);
-        ruk_send(endpoint.connected(), payload, 0, RUK_NONBLOCK);
+        ruk_send(endpoint.connected(), send_payload, 0, RUK_NONBLOCK);
         uint8_t header[header_bytes];
         std::memcpy(header, endpoint.slot(NUV_UREQ_RUK_PIO)->ruk.ruk_header, sizeof header);
         for (size_t at : {16, 24, 38, 40}) /* lengths and checksums */
@@ -105,13 +102,15 @@ Measure floor(size_t bytes, bool dma, size_t datagrams)
         const double began = now_ns();
         for (size_t i = 0; i < datagrams; ++i) {
             tov_st16_rel(count, tov_be16(window->sender.posted));
-            result |= floor_send(&window->sender, payload, bytes);
+            result |= floor_send(&window->sender, send_payload, bytes);
         }
         const double ns = now_ns() - began;
-        ruk_send(endpoint->connected(), payload, int(bytes), RUK_NONBLOCK);
+        ruk_send(endpoint->connected(), send_payload, int(bytes), RUK_NONBLOCK);
         endpoint->complete(1);
         const nuv_ureq_t *want = endpoint->slot(dma ? NUV_UREQ_RUK_DMA : NUV_UREQ_RUK_PIO);
-        if (result != 0 || std::memcmp(window->sender.slot + 1, &want->words[1], 44) != 0)
+        const uint8_t *sent = window->payloads.get() + tov_be32(window->sender.slot[0]);
+        if (result != 0 || std::memcmp(window->sender.slot + 1, &want->words[1], 60) != 0 ||
+            std::memcmp(sent, send_payload, bytes) != 0)
             wrong("the floor of sending posted another request than the library");
         endpoint->complete(uint16_t(endpoint->device()->rep_sreq_inflight));
         return ns / double(datagrams);
@@ -135,7 +134,7 @@ Measure checksumming_copy(size_t bytes, size_t times)
     return repeated(times, [=](uint32_t *to) {
         uint32_t misalign;
         volatile uint32_t sum =
-            tov_piocopy_csum(reinterpret_cast<uintptr_t *>(to), payload, uint32_t(bytes), &misalign);
+            tov_piocopy_csum(reinterpret_cast<uintptr_t *>(to), send_payload, uint32_t(bytes), &misalign);
         (void)sum;
     });
 }
@@ -173,12 +172,12 @@ void add_send_cases(std::vector<Case> &cases, Effort effort)
     cases.push_back({"copy_sum_1400", "checksumming copy, 1400 B, against 32-bit stores without a sum", one_thread,
                      Compare::speed, 0.85, 0.92, 1400, "", 0, [=] {
                          return Measured{checksumming_copy(1400, many),
-                                         repeated(many, [](uint32_t *to) { floor_copy32(to, payload, 1400); })};
+                                         repeated(many, [](uint32_t *to) { floor_copy32(to, send_payload, 1400); })};
                      }});
     cases.push_back({"memcpy_1400", "memcpy, 1400 B", one_thread, Compare::none, 0, 0, 1400, "", 0, [=] {
                          return Measured{repeated(many,
                                                   [](uint32_t *to) {
-                                                      std::memcpy(to, payload, 1400);
+                                                      std::memcpy(to, send_payload, 1400);
                                                       __asm__ __volatile__("" ::"r"(to) : "memory");
                                                   }),
                                          {}};

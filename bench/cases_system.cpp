@@ -12,6 +12,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <stdexcept>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,7 +35,7 @@ public:
         if (receiver < 0 || sender < 0 || bind(receiver, reinterpret_cast<sockaddr *>(&sin), sizeof sin) != 0 ||
             getsockname(receiver, reinterpret_cast<sockaddr *>(&sin), &len) != 0 ||
             connect(sender, reinterpret_cast<sockaddr *>(&sin), sizeof sin) != 0)
-            throw std::runtime_error(std::string("no loopback sockets: ") + std::strerror(errno));
+            throw Unavailable(std::string("no loopback sockets: ") + std::strerror(errno));
     }
     ~Loopback()
     {
@@ -69,7 +70,7 @@ Measure kernel_sockets(size_t bytes, size_t batches, bool receiving)
             taking += now_ns() - t1;
             sending += t1 - t0;
             if (!good)
-                wrong("a datagram was lost on the loopback interface");
+                throw Unavailable("a datagram was lost on the loopback interface");
         }
         return (receiving ? taking : sending) / double(batches * batch);
     };
@@ -80,7 +81,8 @@ Measure kernel_sockets(size_t bytes, size_t batches, bool receiving)
  * comes; ruk-ping on the near one spins for its replies. The application has one processor, the far host another, and
  * the adapter's thread, which would be hardware, is on that as well; a second echo server is on the application's.
  * Lines on standard input say what to measure with: "libruk", "kernel", or "kernel_beside" its peer on one processor;
- * each is answered by ruk-ping's result in JSON on one line, "ready" coming first of all.
+ * each is answered by ruk-ping's result in JSON on one line, "ready" coming first of all, or "refused" with the reason
+ * where the host does not let them be set up. What ruk-ping warns of goes to standard error.
  *
  * All of it is one process group. It ends with the shell, and with this program however that ends: the descriptor it
  * is given then comes to its end, also while the shell itself waits for ruk-ping.
@@ -88,7 +90,7 @@ Measure kernel_sockets(size_t bytes, size_t batches, bool receiving)
 constexpr const char *veth_hosts = R"sh(
 set -e
 bin=$0 count=$1 alive=$2 near=$3 far=$4
-fail() { printf 'failed: %s\n' "$*"; exit 1; }
+answer() { printf '%s\n' "$*"; exit 1; }
 work=$(mktemp -d)
 end() { rm -rf "$work"; kill -KILL 0; }
 trap end EXIT
@@ -97,7 +99,7 @@ unshare --net sh -c 'echo there >"$0"; exec sleep 600' "$work/holder" & holder=$
 for ((i = 0; i < 100; i++)); do [[ -s $work/holder ]] && break; sleep 0.05; done
 { ip link set lo up &&
     ip link add oxel0 address 02:6f:78:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02 netns $holder &&
-    ip address add 10.77.0.1/24 brd + dev oxel0 && ip link set oxel0 up; } 2>"$work/err" || fail "$(head -1 "$work/err")"
+    ip address add 10.77.0.1/24 brd + dev oxel0 && ip link set oxel0 up; } 2>"$work/err" || answer "refused $(head -1 "$work/err")"
 peer() { nsenter --target $holder --net -- "$@"; }
 peer ip link set lo up
 peer ip address add 10.77.0.2/24 brd + dev peer0
@@ -105,7 +107,8 @@ peer ip link set peer0 up
 serve() {
     nsenter --target $holder --net -- "$bin/ruk-ping" server --kernel -i peer0 -p "$1" --cpu "$2" --wait block -t 500 \
         >"$work/echo$1" 2>&1 &
-    for ((i = 0; i < 100; i++)); do grep -qs answering "$work/echo$1" && break; sleep 0.05; done
+    for ((i = 0; i < 200; i++)); do grep -qs answering "$work/echo$1" && return; sleep 0.05; done
+    answer "no echo server: $(tail -1 "$work/echo$1")"
 }
 serve 7000 "$far"
 serve 7001 "$near"
@@ -117,7 +120,9 @@ while read -r with; do
     port=7000
     if [[ $with == libruk ]]; then run+=("$bin/rukrun" --soft=oxel0 --); else options+=(--kernel); fi
     if [[ $with == kernel_beside ]]; then port=7001; fi
-    "${run[@]}" "$bin/ruk-ping" client 10.77.0.2:$port "${options[@]}" >"$work/out" 2>"$work/err" || fail "$(tail -1 "$work/err")"
+    "${run[@]}" "$bin/ruk-ping" client 10.77.0.2:$port "${options[@]}" >"$work/out" 2>"$work/err" ||
+        answer "$(tail -1 "$work/err")"
+    grep -s warning "$work/err" >&2 || true
     tr -d '\n' <"$work/out"; echo
 done
 )sh";
@@ -136,7 +141,7 @@ public:
     {
         const std::vector<int> processors = two_processors();
         if (processors.size() < 2)
-            throw std::runtime_error("two hosts need two processors");
+            throw Unavailable("two hosts need two processors");
         const std::string near = std::to_string(processors[0]), far = std::to_string(processors[1]);
         int in[2], out[2], alive[2];
         if (pipe(in) != 0 || pipe(out) != 0 || pipe(alive) != 0)
@@ -164,8 +169,13 @@ public:
         ask_ = fdopen(in[1], "w");
         answers_ = fdopen(out[0], "r");
         const std::string first = line();
+        constexpr std::string_view refused = "refused ";
+        if (first.empty())
+            throw Unavailable("network namespaces cannot be had");
+        if (first.rfind(refused, 0) == 0)
+            throw Unavailable(first.substr(refused.size()));
         if (first != "ready")
-            throw std::runtime_error(first.empty() ? "network namespaces cannot be had" : first);
+            throw std::runtime_error(first);
     }
     ~VethHosts()
     {
@@ -233,16 +243,19 @@ void add_veth_cases(std::vector<Case> &cases, Effort effort)
     for (const char *program : {"/rukrun", "/ruk-ping"})
         if (access((directory_of_programs() + program).c_str(), X_OK) != 0)
             why_not = std::string(program + 1) + " is not beside this program";
-    cases.push_back({"veth_64",
-                     "half round trip, 64 B, software adapter on a veth pair, against a kernel socket that busy-polls",
-                     "the application spins on one processor, the peer, a kernel echo, sleeps on another; with libruk "
-                     "the adapter's thread spins beside the peer",
-                     Compare::ratio, 1.25, 1.0, 0, why_not, 5, against("kernel")});
-    cases.push_back(
-        {"veth_64_beside", "the same, against a kernel socket on one processor with its peer",
-         "as above, but for the kernel's peer: it sleeps on the processor that the application spins on, so "
-         "that no wake-up goes to another",
-         Compare::none, 0, 0, 0, why_not, 5, against("kernel_beside")});
+
+    const std::vector<int> processors = two_processors();
+    const std::string near = processors.size() < 2 ? "one processor" : "processor " + std::to_string(processors[0]);
+    const std::string far = processors.size() < 2 ? "another" : "processor " + std::to_string(processors[1]);
+    const std::string what = "half round trip, 64 B, software adapter on a veth pair, against a kernel socket that "
+                             "busy-polls";
+    const std::string libruk = "the application spins on " + near + ", the peer, a kernel echo, sleeps on " + far +
+                               ", where with libruk the adapter's thread spins";
+    cases.push_back({"veth_64", what + ", its peer on another processor as libruk's is", libruk, Compare::ratio, 1.25,
+                     1.0, 0, why_not, 5, against("kernel")});
+    cases.push_back({"veth_64_beside", what + ", its peer on the same processor",
+                     libruk + "; the kernel's peer sleeps on " + near + ", so that no wake-up goes to another",
+                     Compare::ratio, 1.25, 1.0, 0, why_not, 5, against("kernel_beside")});
 }
 
 } // namespace bench

@@ -37,9 +37,16 @@ inline void move16(uint8_t *to, const uint8_t *from)
     _mm_storeu_si128(reinterpret_cast<__m128i *>(to), _mm_loadu_si128(reinterpret_cast<const __m128i *>(from)));
 }
 
-/* Small datagrams without a call: four moves a line, the last ones overlapping. */
+/* Small datagrams without a call: moves of 16 bytes, the last ones overlapping. */
 inline void copy(uint8_t *to, const uint8_t *from, size_t n)
 {
+    if (n >= 32 && n <= 64) {
+        move16(to, from);
+        move16(to + 16, from + 16);
+        move16(to + n - 32, from + n - 32);
+        move16(to + n - 16, from + n - 16);
+        return;
+    }
     if (n < 16 || n > 256) {
         std::memcpy(to, from, n);
         return;
@@ -74,32 +81,44 @@ uint64_t date(const FloorReceiver *r, const uint8_t *event)
     }
 }
 
-template <bool dated, bool ahead> inline int receive(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info)
+/* One datagram. An event that reaches the ring's end is received by a function of its own, `round`. */
+template <bool dated, bool ahead, bool round>
+inline int receive(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info);
+
+template <bool dated, bool ahead>
+[[gnu::noinline, gnu::cold]] int receive_round(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info)
+{
+    return receive<dated, ahead, true>(r, buf, len, info);
+}
+
+template <bool dated, bool ahead, bool round>
+inline int receive(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info)
 {
     uint8_t *const event = r->cur;
     if (tov_ld8_acq(event + NUV_UEVT_PRESENT) == 0)
         return EAGAIN;
-    const size_t size = size_t(r->end - r->base);
-    auto wrapped = [r, size](uint8_t *p) { return __builtin_expect(p < r->end, 1) ? p : p - size; };
-
     const uint32_t bytes = tov_be16(load16(event + 28));
+    if (!round && __builtin_expect(event + bytes >= r->end, 0))
+        return receive_round<dated, ahead>(r, buf, len, info);
+    const size_t size = size_t(r->end - r->base);
+    auto wrapped = [r, size](uint8_t *p) { return !round || p < r->end ? p : p - size; };
+
     if constexpr (ahead)
         for (uint32_t k = 0; k < bytes; k += 64)
-            __builtin_prefetch(wrapped(event + 8 * bytes + k), 1);
+            __builtin_prefetch(event + 8 * bytes + k, 1);
     while (tov_ld8_acq(wrapped(event + bytes - 1)) != 0)
         ;
 
     /* Headers and payload; a copy of them where they straddle the ring's end. */
     uint8_t *frame = wrapped(event + sizeof(nuv_uevt_ruk_t) + NUV_UEVT_FRAME_OFFSET);
-    uint8_t whole[2048];
-    if (__builtin_expect(frame + bytes > r->end, 0)) {
+    uint8_t whole[round ? 2048 : 1];
+    if (round && frame + bytes > r->end) {
         const size_t first = size_t(r->end - frame);
         std::memcpy(whole, frame, first);
         std::memcpy(whole + first, r->base, bytes - first);
         frame = whole;
     }
-    ruk_channel_t channel = r->channels[tov_be16(load16(event + 10))];
-    info->chan = channel;
+    info->chan = r->channels[tov_be16(load16(event + 10))];
     info->chan_context = nullptr;
     info->sin_from.sin_family = AF_INET;
     info->sin_from.sin_port = load16(frame + 34);
@@ -143,15 +162,15 @@ template <bool dated, bool ahead> inline int receive(FloorReceiver *r, void *buf
 
 int floor_receive(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info)
 {
-    return receive<false, false>(r, buf, len, info);
+    return receive<false, false, false>(r, buf, len, info);
 }
 int floor_receive_ahead(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info)
 {
-    return receive<false, true>(r, buf, len, info);
+    return receive<false, true, false>(r, buf, len, info);
 }
 int floor_receive_dated(FloorReceiver *r, void *buf, size_t len, ruk_recv_info *info)
 {
-    return receive<true, false>(r, buf, len, info);
+    return receive<true, false, false>(r, buf, len, info);
 }
 
 namespace {
@@ -188,6 +207,7 @@ inline uint16_t fold(uint64_t sum)
 inline uint64_t copy32(uint32_t *to, const uint8_t *from, uint64_t sum)
 {
     const uint64_t a = load64(from), b = load64(from + 8), c = load64(from + 16), d = load64(from + 24);
+    sum = add4(sum, a, b, c, d); /* before the stores: their upper halves are then moved down in place */
     tov_st32(to, uint32_t(a));
     tov_st32(to + 1, uint32_t(a >> 32));
     tov_st32(to + 2, uint32_t(b));
@@ -196,7 +216,7 @@ inline uint64_t copy32(uint32_t *to, const uint8_t *from, uint64_t sum)
     tov_st32(to + 5, uint32_t(c >> 32));
     tov_st32(to + 6, uint32_t(d));
     tov_st32(to + 7, uint32_t(d >> 32));
-    return add4(sum, a, b, c, d);
+    return sum;
 }
 
 /* Payloads begin on a word, as the measured ones do. Two sums, so that neither waits for the other. */
@@ -262,7 +282,8 @@ int floor_send(FloorSender *s, const void *buf, size_t len)
     tov_wmb();
 
     const uint16_t ip_len = tov_be16(uint16_t(len + 28)), udp_len = tov_be16(uint16_t(len + 8));
-    const uint16_t ip_check = uint16_t(~fold(s->ip_sum + ip_len));
+    const uint32_t ip_sum = s->ip_sum + ip_len, ip_fold = (ip_sum & 0xFFFF) + (ip_sum >> 16); /* of 20 bits */
+    const uint16_t ip_check = uint16_t(~(ip_fold + (ip_fold >> 16)));
     uint16_t udp_check = uint16_t(~fold(add(sum, s->udp_sum + 2ull * udp_len)));
     if (udp_check == 0)
         udp_check = 0xFFFF;
