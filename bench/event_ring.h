@@ -88,7 +88,7 @@ public:
     {
         for (size_t line = 0; line < bytes_; line += 64)
             __builtin_ia32_clflush(memory_.get() + line);
-        tov_mb();
+        __builtin_ia32_mfence(); /* not every processor orders flushes by another */
     }
 
 private:

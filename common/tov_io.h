@@ -71,7 +71,7 @@ static inline void tov_wmb(void) { __asm__ __volatile__("sfence" ::: "memory"); 
 
 /*
  * In cached memory a locked access is as full a fence as mfence, for less than half of its time. It changes nothing,
- * and goes to a word of the stack that was not stored just before, for which it would have to wait.
+ * and goes to a word of the stack that is seldom stored just before, for which it would have to wait.
  */
 #if defined(__x86_64__)
 static inline void tov_mb(void) { __asm__ __volatile__("lock orl $0, -64(%%rsp)" ::: "memory", "cc"); }

@@ -272,7 +272,7 @@ struct packet {
     /* 3. The packets. */
     const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
     const uint32_t numbers = parse_packet(&uevt->pkts[0], cursor, 0, pkt_cnt > 1 ? first + 1 : nullptr, first);
-    set_event_numbers(evs, length, (numbers >> 16) + 4, pkt_cnt);
+    set_event_numbers(evs, length, (numbers >> 16) + 4, pkt_cnt < NUV_UEVT_MAX_PKTS ? pkt_cnt : NUV_UEVT_MAX_PKTS);
     if (pkt_cnt > 1)
         parse_further(evs, pkt_cnt, cursor, numbers >> 16);
     if (__builtin_expect(arista != ARISTA_STATUS_DISABLED, 0))
@@ -746,13 +746,15 @@ template <uint32_t headers, bool small, bool entered>
     /* 1. The packet. It lies before the ring's end, and has its headers. */
     const struct ruk__evpacket *evp = evs->evs_pkt_cur;
     const uintptr_t start = (uintptr_t)evp->pkt - RUK_VIEW_PAD;
-    const uint32_t room = evp->length - headers;
+    const uint32_t room = evp->length - headers;         /* and the view's pad, which is none of the frame */
     if (small && __builtin_expect(room > SMALL_COPY, 0)) /* or below 0 */
         return receive_one_of<headers, false, entered>(rep, mode, buf, len, info);
-    if (__builtin_expect((!small && evp->length < headers) || start + headers + room > evq->evq_recvq_end ||
+    if (__builtin_expect((!small && evp->length < headers) ||
+                             start + headers + room + RUK_VIEW_PAD > evq->evq_recvq_end ||
                              evp->timestamp == ARISTA_KEYFRAME_MARK,
                          0)) {
-        tov_st32(&rep->rep_inuse, inuse);
+        if (entered)
+            tov_st32(&rep->rep_inuse, inuse);
         return receive_datagram(rep, mode, buf, len, info);
     }
     if (headers == RUK_VIEW_HDRLEN && __builtin_expect(ethertype(start) == RUK_ETHERTYPE_VLAN, 0))
@@ -762,7 +764,7 @@ template <uint32_t headers, bool small, bool entered>
 
     /* 2. The datagram. */
     if (__builtin_expect((headers == RUK_VIEW_HDRLEN && ethertype(start) != RUK_ETHERTYPE_IPV4) ||
-                             !take_plain<headers, small>(rep, start, evp->tag, room, buf, len, info),
+                             !take_plain<headers, small>(rep, start, evp->tag, room + RUK_VIEW_PAD, buf, len, info),
                          0)) {
         tov_st32(&rep->rep_inuse, inuse);
         return receive_datagram(rep, mode, buf, len, info);
@@ -837,7 +839,8 @@ template <bool dated, bool small>
 
     /* 3. The datagram. */
     const uint32_t room = (uint32_t)(next - start) - RUK_VIEW_HDRLEN;
-    if (__builtin_expect(ethertype(start) != RUK_ETHERTYPE_IPV4 || numbers >> 16 < RUK_VIEW_HDRLEN ||
+    if (__builtin_expect((dated && time == ARISTA_KEYFRAME_MARK) || ethertype(start) != RUK_ETHERTYPE_IPV4 ||
+                             numbers >> 16 < RUK_VIEW_HDRLEN ||
                              !take_plain<RUK_VIEW_HDRLEN, small>(rep, start, (uint16_t)numbers, room, buf, len, info),
                          0)) {
         tov_st32(&rep->rep_inuse, inuse);

@@ -272,6 +272,52 @@ TEST(Datagram, DroppedFrame_ItsTimeStaysInTheInfo)
     }
 }
 
+TEST(Datagram, DatedBeforeTheLastOne_BearsTheLastTime)
+{
+    Scoped<uint32_t> api(ruk__api_version, 2);
+    for (bool masked : {false, true})
+        for (bool locks : {false, true}) {
+            RigEndpoint::Options settings;
+            settings.locks = locks;
+            RigEndpoint rig(settings);
+            rig.bind(0, HOST, 5000);
+            rig.ep->rep_timestamping_enabled = 1;
+            rig.clock_is_ticks();
+            if (masked)
+                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            for (auto [ticks, time] : {std::pair{1000u, 1000u}, {999u, 1000u}, {1001u, 1001u}, {0u, 0u}}) {
+                EventOptions options;
+                options.ticks = ticks;
+                rig.ring.put({{udp_frame("x"), 0}}, options);
+                Received got = rig.recv();
+                EXPECT_EQ(got.rc, 0);
+                EXPECT_EQ(got.info.timestamp, time) << masked << locks << ticks;
+            }
+            EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_state.evs_timestamp_last, 1001u);
+            expect_drained(rig);
+        }
+}
+
+/* All ones is what marks a keyframe: this one is none, and is counted as a bad one. */
+TEST(Datagram, TimeOfAllOnes_TakenForAKeyframe)
+{
+    for (bool locks : {false, true}) {
+        RigEndpoint::Options settings;
+        settings.locks = locks;
+        RigEndpoint rig(settings);
+        rig.bind(0, HOST, 5000);
+        rig.ep->rep_timestamping_enabled = 1;
+        rig.clock_is_ticks();
+        EventOptions options;
+        options.ticks = UINT64_MAX;
+        rig.ring.put({{udp_frame("x"), 0}}, options);
+        EXPECT_EQ(rig.recv().rc, EAGAIN) << locks;
+        EXPECT_EQ(rig.ep->arista_control.arct_stats.arst_kfmalformed, 1u) << locks;
+        EXPECT_EQ(rig.ep->rep_num_packets, 0u) << locks;
+        expect_drained(rig);
+    }
+}
+
 TEST(Datagram, VlanTag_HeadersFourBytesFurtherOnWhateverTheInnerType)
 {
     for (uint16_t inner : {uint16_t{0x0800}, uint16_t{0x0806}, uint16_t{0x86dd}, uint16_t{0}}) {
