@@ -717,11 +717,7 @@ static inline uint16_t ethertype(uintptr_t start)
     return tov_be16(((const ruk__eth_generic_hdr *)start)->eth.eth.eth_proto_be16);
 }
 
-static inline bool is_plain(const struct ruk__ep *rep, enum ruk_recvmode mode)
-{
-    return !rep->rep_rx_lockp && rep->rep_recvq_filter_mode == RUK_RECV_FILTER_NORMAL && mode != RUK_RECV_PEEK &&
-           mode != RUK_RECV_PEEK_MSG;
-}
+static inline bool peeks(enum ruk_recvmode mode) { return mode == RUK_RECV_PEEK || mode == RUK_RECV_PEEK_MSG; }
 
 /* Out of an endpoint without locks that is closing. */
 [[gnu::noinline, gnu::cold]] static int finish_closing(struct ruk__ep *rep)
@@ -873,18 +869,28 @@ extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
         return EINVAL;
     tov_st32(&rep->rep_shutdown, 0); /* a shutdown asked for earlier is forgotten */
 
-    /* A few tests: what they lead to saves the registers that it needs, and no more. */
+    /* A few tests: what they lead to saves the registers that it needs, and no more. Two of them are one. */
+    static_assert(offsetof(ruk__ep, rep_recvq_filter_mode) == offsetof(ruk__ep, rep_timestamping_enabled) + 4 &&
+                  RUK_RECV_FILTER_NORMAL == 0);
     const struct ruk__event_state *evs = &rep->rep_eventq.evq_recvq_state;
-    const uint32_t pkt_cnt = is_plain(rep, recv_mode) ? _eventq_present(&rep->rep_eventq) : 0;
-    if (pkt_cnt != 0 && evs->evs_pkt_cur)
-        return receive_one_of<RUK_VIEW_HDRLEN, true, false>(rep, recv_mode, buf, len, info);
-    if (__builtin_expect(pkt_cnt == 1 && rep->arista_control.arct_status == ARISTA_STATUS_DISABLED, 1)) {
-        if (__builtin_expect(tov_ld32(&rep->rep_timestamping_enabled) == 0, 1))
+    const bool plain = !rep->rep_rx_lockp && !peeks(recv_mode);
+    if (__builtin_expect(plain && tov_ld64_packed(&rep->rep_timestamping_enabled) == 0, 1)) {
+        const uint32_t pkt_cnt = _eventq_present(&rep->rep_eventq);
+        if (pkt_cnt != 0 && evs->evs_pkt_cur)
+            return receive_one_of<RUK_VIEW_HDRLEN, true, false>(rep, recv_mode, buf, len, info);
+        if (__builtin_expect(pkt_cnt == 1 && rep->arista_control.arct_status == ARISTA_STATUS_DISABLED, 1))
             return receive_single<false, true>(rep, recv_mode, buf, len, info);
-        return receive_single<true, true>(rep, recv_mode, buf, len, info);
+        if (pkt_cnt != 0)
+            return receive_first_of(rep, recv_mode, buf, len, info, pkt_cnt);
+    } else if (plain && rep->rep_recvq_filter_mode == RUK_RECV_FILTER_NORMAL) {
+        const uint32_t pkt_cnt = _eventq_present(&rep->rep_eventq);
+        if (pkt_cnt != 0 && evs->evs_pkt_cur)
+            return receive_one_of<RUK_VIEW_HDRLEN, true, false>(rep, recv_mode, buf, len, info);
+        if (pkt_cnt == 1 && rep->arista_control.arct_status == ARISTA_STATUS_DISABLED)
+            return receive_single<true, true>(rep, recv_mode, buf, len, info);
+        if (pkt_cnt != 0)
+            return receive_first_of_any(rep, recv_mode, buf, len, info, pkt_cnt);
     }
-    if (pkt_cnt != 0)
-        return receive_first_of(rep, recv_mode, buf, len, info, pkt_cnt);
     return receive_datagram(rep, recv_mode, buf, len, info);
 }
 

@@ -98,6 +98,8 @@ std::vector<Party> other_parties()
         bool kernel = false;
         std::string wait;
         std::vector<std::string> args = arguments(process);
+        if (args.empty())
+            continue; /* it has ended, and its parent has not looked yet */
         for (size_t i = 1; i < args.size(); i++) {
             server = server || args[i] == "server";
             kernel = kernel || args[i] == "--kernel";
