@@ -252,10 +252,10 @@ void add_veth_cases(std::vector<Case> &cases, Effort effort)
     const std::string libruk = "the application spins on " + near + ", the peer, a kernel echo, sleeps on " + far +
                                ", where with libruk the adapter's thread spins";
     cases.push_back({"veth_64", what + ", its peer on another processor as libruk's is", libruk, Compare::ratio, 1.25,
-                     1.0, 0, why_not, 5, against("kernel")});
+                     1.0, 0, why_not, 7, against("kernel")});
     cases.push_back({"veth_64_beside", what + ", its peer on the same processor",
                      libruk + "; the kernel's peer sleeps on " + near + ", so that no wake-up goes to another",
-                     Compare::ratio, 1.25, 1.0, 0, why_not, 5, against("kernel_beside")});
+                     Compare::ratio, 1.25, 1.0, 0, why_not, 7, against("kernel_beside")});
 }
 
 } // namespace bench

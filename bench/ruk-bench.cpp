@@ -94,7 +94,7 @@ Result measure(const Case &c, bool tiny)
     result.skipped = c.skipped;
     if (!c.skipped.empty())
         return result;
-    const unsigned n = tiny ? 1 : c.rounds != 0 ? c.rounds : 21;
+    const unsigned n = tiny ? 1 : c.rounds != 0 ? c.rounds : 63;
     try {
         const Measured measured = c.make();
         measured.subject(); /* caches, branches and pages */

@@ -811,13 +811,15 @@ template <bool dated, bool small>
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
 
-    /* 1. The event. It and the headers in it lie before the ring's end. */
+    /* 1. The event. It lies before the ring's end, and in it the headers, behind its own as firmware has them. */
+    constexpr uint32_t before = sizeof *uevt + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
+    constexpr uint32_t least = before + sizeof(ruk__eth_generic_hdr), most = FETCH_LINES * NUV_UEVT_SLOT;
     const uint32_t length = _uevt_length(uevt);
-    const uintptr_t start = (uintptr_t)uevt + tov_ld8(&uevt->offset) + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
-    const uintptr_t next = (uintptr_t)uevt + length;
-    if (small && __builtin_expect(length > FETCH_LINES * NUV_UEVT_SLOT, 0))
+    const uintptr_t start = (uintptr_t)uevt + before, next = (uintptr_t)uevt + length;
+    if (small && __builtin_expect(length - least > most - least, 0))
         return receive_single<dated, false>(rep, mode, buf, len, info);
-    if (__builtin_expect(next >= evq->evq_recvq_end || start + sizeof(ruk__eth_generic_hdr) > next, 0))
+    if (__builtin_expect(
+            tov_ld8(&uevt->offset) != sizeof *uevt || (!small && length < least) || next >= evq->evq_recvq_end, 0))
         return receive_first_of(rep, mode, buf, len, info, 1);
     if (small)
         fetch_ahead((uintptr_t)uevt);
@@ -830,7 +832,7 @@ template <bool dated, bool small>
         time = evs->evs_timestamp_last;
     const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)&uevt->pkts[0])); /* length, tag */
     set_packet_numbers(&evs->evs_pkts[0], numbers, 0);
-    evs->evs_pkt_cnt = 1;
+    evs->evs_pkt_cnt = 1, evs->pad0 = 0;
     _eventq_wait_completion((const volatile uint8_t *)next - 1);
 
     /* 3. The datagram. */
