@@ -769,8 +769,9 @@ template <uint32_t headers, bool small, bool entered>
         info->timestamp = evp->timestamp;
 
     /* 3. Consumed; with the last one the event is. */
-    evs->evs_pkt_cur = evp->evp_next;
-    if (!evp->evp_next)
+    struct ruk__evpacket *const next = evp->evp_next;
+    evs->evs_pkt_cur = next;
+    if (__builtin_expect(!next, 0))
         _eventq_release(evq, (uintptr_t)evs->evs_uevt_cur, evs->evs_length);
     tov_st32(&rep->rep_inuse, inuse);
     if (inuse == 0 && __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0))
