@@ -87,7 +87,7 @@ static inline uint16_t reaped(const struct ruk__ep *rep)
     return (uint16_t)tov_ld32(&rep->rep_pioreq.tx_flow->flow_desc);
 }
 
-/* Takes back the requests that make `done`; their number. */
+/* Takes back what is complete when the adapter's counter stands at `done`; the number of requests. */
 static inline int reap(struct ruk__ep *rep, uint16_t done)
 {
     const uint16_t before = reaped(rep);

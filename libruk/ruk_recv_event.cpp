@@ -216,7 +216,7 @@ struct packet {
     uint32_t length_pkts = length + 4;
     uint32_t i = 1;
 #pragma GCC unroll 4
-    for (; i < NUV_UEVT_MAX_PKTS; i++) {
+    for (; i < NUV_UEVT_MAX_PKTS; i++) { /* it is left within: unrolling wants a condition here */
         cursor += nuv_uevt_pkt_space(length);
         length = parse_packet(&headers[i], cursor, length_pkts, evp + i + 1, evp + i) >> 16;
         length_pkts += length + 4;
@@ -833,7 +833,7 @@ template <bool dated, bool small>
         time = evs->evs_timestamp_last;
     const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)&uevt->pkts[0])); /* length, tag */
     set_packet_numbers(&evs->evs_pkts[0], numbers, 0);
-    evs->evs_pkt_cnt = 1, evs->pad0 = 0;
+    evs->evs_pkt_cnt = 1, evs->pad0 = 0; /* one store of 32 bits */
     _eventq_wait_completion((const volatile uint8_t *)next - 1);
 
     /* 3. The datagram. */
