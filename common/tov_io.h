@@ -55,7 +55,7 @@ static inline void tov_st64_rel(volatile uint64_t *p, uint64_t v)
 }
 #endif
 
-/* A 64-bit word of a packed record, or two of 32 bits side by side: at a multiple of 4, in one load on 64 bit. */
+/* A 64-bit word of a packed record, at a multiple of 4, in one load on 64 bit. */
 static inline uint64_t tov_ld64_packed(const void *p)
 {
 #if defined(__x86_64__)

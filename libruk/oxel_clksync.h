@@ -7,22 +7,23 @@
 #include "nuv_types.h"
 #include "tov_io.h"
 
-/*
- * Reads fields of the window consistently: read() runs again until no rewrite overlapped it. Spins while the
- * driver is writing.
- */
+/* Reads fields of the window by read(); false, and perhaps nothing read, where the driver is or was rewriting them. */
+template <typename Read> inline bool oxel_clksync_try(const oxel_clksync_seq_t *seq, Read read)
+{
+    const uint32_t before = tov_ld32_acq(&seq->seqnum);
+    if (__builtin_expect(before & 1, 0))
+        return false;
+    tov_mb(); /* the fields are read after the counter ... */
+    read();
+    tov_mb(); /* ... and before it is read again */
+    return __builtin_expect(tov_ld32_acq(&seq->seqnum) == before, 1);
+}
+
+/* The same until no rewrite overlaps. Spins while the driver is writing. */
 template <typename Read> inline void oxel_clksync_read(const oxel_clksync_seq_t *seq, Read read)
 {
-    for (;;) {
-        uint32_t before = tov_ld32_acq(&seq->seqnum);
-        if (before & 1)
-            continue;
-        tov_mb(); /* the fields are read after the counter ... */
-        read();
-        tov_mb(); /* ... and before it is read again */
-        if (tov_ld32_acq(&seq->seqnum) == before)
-            return;
-    }
+    while (!oxel_clksync_try(seq, read))
+        ;
 }
 
 /* One field of a packed record that another party may be rewriting. */
@@ -68,22 +69,23 @@ struct oxel_clksync_drift {
     uint64_t base;
     int64_t drift, multiplier;
 };
-inline struct oxel_clksync_drift oxel_clksync_read_drift(const kz_kernel_window_t *window)
+/* Reads it; false as oxel_clksync_try(). */
+inline bool oxel_clksync_try_drift(const kz_kernel_window_t *window, struct oxel_clksync_drift *now)
 {
     const oxel_clksync_params_t *clkp = &window->clksync.clkp;
-    struct oxel_clksync_drift now = {};
-    oxel_clksync_read(&window->clksync, [&] {
-        now.multiplier = oxel_clksync_field<int64_t>(&clkp->multiplier);
-        now.drift = oxel_clksync_field<int64_t>(&clkp->hostnic_drift_nsecs);
-        now.base = oxel_clksync_field<uint64_t>(&clkp->nsecs_base);
+    return oxel_clksync_try(&window->clksync, [=] {
+        now->multiplier = oxel_clksync_field<int64_t>(&clkp->multiplier);
+        now->drift = oxel_clksync_field<int64_t>(&clkp->hostnic_drift_nsecs);
+        now->base = oxel_clksync_field<uint64_t>(&clkp->nsecs_base);
     });
-    return now;
 }
 
 /* The correction by it. */
 inline uint64_t oxel_clksync_convert_nsecs(const kz_kernel_window_t *window, uint64_t ns)
 {
-    const struct oxel_clksync_drift now = oxel_clksync_read_drift(window);
+    struct oxel_clksync_drift now = {};
+    while (!oxel_clksync_try_drift(window, &now))
+        ;
     return __oxel_clksync_convert_nsecs(ns, now.base, now.drift, now.multiplier);
 }
 

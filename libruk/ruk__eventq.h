@@ -121,13 +121,16 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
     return (uintptr_t)__atomic_load_n(&evs->evs_uevt_cur, __ATOMIC_RELAXED);
 }
 
-/* Frees the slots from `event` to `next`, of which there are some, none behind the ring's end. */
+/* Frees the slots from `event` to `next`, none of them behind the ring's end. */
 [[gnu::always_inline]] inline void _eventq_clear_slots(uintptr_t event, uintptr_t next)
 {
     uintptr_t slot = event;
-    do
+    for (const uintptr_t last = next - NUV_UEVT_SLOT; slot < last; slot += 2 * NUV_UEVT_SLOT) {
         _eventq_clear((volatile uint8_t *)slot);
-    while ((slot += NUV_UEVT_SLOT) < next);
+        _eventq_clear((volatile uint8_t *)slot + NUV_UEVT_SLOT);
+    }
+    if (__builtin_expect(slot < next, 1))
+        _eventq_clear((volatile uint8_t *)slot);
 }
 
 /* The event of len bytes before `current`, whose slots are free, is consumed. */
@@ -149,7 +152,7 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
     tov_st32_rel(&flow->flow_data, units);
 
     /* 3. Once in 64 KiB also ring the adapter. */
-    if ((units & 15) == 1) {
+    if (((units - 1) & 15) == 0) {
         tov_st64(evq->evq_flow_be64, tov_be64((uint64_t)desc << 32 | units));
         tov_wmb();
     }
@@ -160,7 +163,7 @@ RUK_EVENTQ_INLINE uintptr_t _eventq_current(const struct ruk__event_state *evs)
 {
     const uintptr_t next = event + len;
     const bool wraps = next >= evq->evq_recvq_end;
-    if (__builtin_expect(!wraps && len != 0, 1))
+    if (__builtin_expect(!wraps, 1))
         _eventq_clear_slots(event, next);
     else
         for (uintptr_t slot = event; slot < next; slot += NUV_UEVT_SLOT)

@@ -13,12 +13,14 @@
 extern "C" {
 
 /* Written at initialisation and first open, without a lock. */
-extern int __ruk_debug;           /* debug lines on */
-extern int __ruk_verbose;         /* progress lines on */
-extern uint32_t ruk__api_version; /* 0 = library not initialised */
-extern int ruk__init_ext;         /* initialised through ruk__init(): the banner may be printed */
-extern int banner;                /* banner allowed */
-extern int show_once;             /* banner not printed yet */
+extern int __ruk_debug;   /* debug lines on */
+extern int __ruk_verbose; /* progress lines on */
+extern int ruk__init_ext; /* initialised through ruk__init(): the banner may be printed */
+extern int banner;        /* banner allowed */
+extern int show_once;     /* banner not printed yet */
+
+/* 0 = library not initialised; written then. Hidden: receiving reads it without the global offset table. */
+extern uint32_t ruk__api_version __attribute__((visibility("hidden")));
 
 extern const char ruk__lib_version[]; /* "1.2.3" */
 extern const char ruk__lib_build[];   /* name, version, revision, date */

@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #define FETCH_AHEAD 1536 /* bytes from an event to the lines fetched with it */
 #define FETCH_LINES 3    /* as many as an event with one small datagram has */
@@ -108,25 +111,11 @@ extern "C" int arista_check_kf_pkt(const struct ruk__eventq *evq, const uint8_t 
     return 0;
 }
 
-/* Without a mask. */
-[[gnu::noinline]] static uint64_t whole_ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
-{
-    return oxel_timesync_ticks2nsecs(ep->rep_kwindow, ticks);
-}
-
-[[gnu::always_inline]] static inline uint64_t ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
-{
-    if (ep->rep_nticks.ticks_mask == 0)
-        return whole_ticks_to_timestamp(ep, ticks);
-    /* The window first: a fence waits for what was begun before it, and a division is long. */
-    const struct oxel_clksync_drift now = oxel_clksync_read_drift(ep->rep_kwindow);
-    const uint64_t ns = oxel_clksync_nticks_update(&ep->rep_nticks, ticks);
-    return __oxel_clksync_convert_nsecs(ns, now.base, now.drift, now.multiplier);
-}
-
 extern "C" uint64_t ruk__clk_ticks_to_timestamp(struct ruk__ep *ep, uint64_t ticks)
 {
-    return ticks_to_timestamp(ep, ticks);
+    if (ep->rep_nticks.ticks_mask == 0)
+        return oxel_timesync_ticks2nsecs(ep->rep_kwindow, ticks);
+    return oxel_clksync_convert_nsecs(ep->rep_kwindow, oxel_clksync_nticks_update(&ep->rep_nticks, ticks));
 }
 
 /* Dates the event's packets back from its own time, a nanosecond a byte; never below the last time given. */
@@ -146,10 +135,10 @@ extern "C" void ruk__clk_calc_pkt_timestamps(struct ruk__event_state *evs)
     evs->evs_timestamp_last = time;
 }
 
-/* The adapter's clock in an event, whose halves lie side by side, as host time. */
-[[gnu::always_inline]] static inline uint64_t event_time(struct ruk__ep *ep, const volatile nuv_uevt_ruk_t *uevt)
+/* The adapter's clock in an event, ticks; its halves lie side by side. */
+[[gnu::always_inline]] static inline uint64_t event_ticks(const volatile nuv_uevt_ruk_t *uevt)
 {
-    return ticks_to_timestamp(ep, tov_be64(tov_ld64((const volatile uint64_t *)&uevt->timestamp_hi)));
+    return tov_be64(tov_ld64((const volatile uint64_t *)&uevt->timestamp_hi));
 }
 
 /*
@@ -174,57 +163,63 @@ struct packet {
     bool last; /* of its event */
 };
 
-/* Tag and length, as one number from the event's header; running position; no fragments. All stored at once. */
-[[gnu::always_inline]] static inline void set_packet_numbers(struct ruk__evpacket *evp, uint32_t numbers,
-                                                             uint32_t offset)
-{
-    constexpr size_t at = offsetof(ruk__evpacket, tag);
-    static_assert(offsetof(ruk__evpacket, length) == at + 2 && offsetof(ruk__evpacket, offset) == at + 4 &&
-                  offsetof(ruk__evpacket, nfrags) == at + 6);
-    const uint64_t fields = numbers | (uint64_t)(uint16_t)offset << 32;
-    memcpy((uint8_t *)evp + at, &fields, sizeof fields);
-}
+/* Two neighbouring fields of 16 bits, the first in the lower half, in one store. */
+static inline void store_two(uint16_t *first, uint32_t both) { memcpy(first, &both, sizeof both); }
+static_assert(offsetof(ruk__evpacket, length) == offsetof(ruk__evpacket, tag) + 2);
+static_assert(offsetof(ruk__evpacket, nfrags) == offsetof(ruk__evpacket, offset) + 2);
+static_assert(offsetof(ruk__event_state, evs_length_pkts) == offsetof(ruk__event_state, evs_length) + 2);
+static_assert(offsetof(ruk__event_state, pad0) == offsetof(ruk__event_state, evs_pkt_cnt) + 2);
 
-/* One packet of the event at the cursor, running position `offset`. Returns length << 16 | tag. */
-[[gnu::always_inline]] static inline uint32_t parse_packet(const volatile nuv_uevt_pkt_t *header, uintptr_t cursor,
-                                                           uint32_t offset, struct ruk__evpacket *next,
-                                                           struct ruk__evpacket *evp)
+/* Tag and length of a packet, from its part of the event's header. Returns length << 16 | tag. */
+[[gnu::always_inline]] static inline uint32_t parse_numbers(const volatile nuv_uevt_pkt_t *header,
+                                                            struct ruk__evpacket *evp)
 {
     const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)header));
-    evp->pkt = (uint8_t *)(cursor + NUV_UEVT_FRAME_OFFSET);
-    set_packet_numbers(evp, numbers, offset);
-    evp->timestamp = 0;
-    evp->evp_next = next;
+    store_two(&evp->tag, numbers);
     return numbers;
 }
 
-/* What the event state holds of an event and of its packets' lengths. */
-[[gnu::always_inline]] static inline void set_event_numbers(struct ruk__event_state *evs, uint32_t length,
-                                                            uint32_t length_pkts, uint32_t pkt_cnt)
+/*
+ * The packets of an event, 1 to NUV_UEVT_MAX_PKTS: where each is, tag, length, and its running position in the event;
+ * without times.
+ */
+[[gnu::always_inline]] static inline void parse_packets(struct ruk__event_state *evs,
+                                                        const volatile nuv_uevt_ruk_t *uevt, uint32_t pkt_cnt)
 {
-    evs->evs_length = (uint16_t)length;
-    evs->evs_length_pkts = (uint16_t)length_pkts;
-    evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
-}
-
-/* The packets after the first, whose slot and length are given: four at most. */
-[[gnu::always_inline]] static inline void parse_further(struct ruk__event_state *evs, uint32_t pkt_cnt,
-                                                        uintptr_t cursor, uint32_t length)
-{
-    const volatile nuv_uevt_pkt_t *headers = evs->evs_uevt_cur->pkts;
+    uintptr_t frame = (uintptr_t)uevt + tov_ld8(&uevt->offset) + NUV_UEVT_FRAME_OFFSET;
     struct ruk__evpacket *evp = evs->evs_pkts;
-    uint32_t length_pkts = length + 4;
-    uint32_t i = 1;
-#pragma GCC unroll 4
+    uint32_t length_pkts = 0, i = 0;
+    evs->evs_pkt_cur = evp;
+    evs->evs_pkt_cnt = (uint16_t)pkt_cnt;
+#pragma GCC unroll 5
     for (; i < NUV_UEVT_MAX_PKTS; i++) { /* it is left within: unrolling wants a condition here */
-        cursor += nuv_uevt_pkt_space(length);
-        length = parse_packet(&headers[i], cursor, length_pkts, evp + i + 1, evp + i) >> 16;
+        evp[i].pkt = (uint8_t *)frame;
+        store_two(&evp[i].offset, (uint16_t)length_pkts); /* and nfrags */
+        evp[i].timestamp = 0;
+        evp[i].evp_next = evp + i + 1;
+        const uint32_t length = parse_numbers(&uevt->pkts[i], evp + i) >> 16;
         length_pkts += length + 4;
-        if (i + 1 == pkt_cnt || i + 1 == NUV_UEVT_MAX_PKTS)
+        frame += nuv_uevt_pkt_space(length);
+        if (i + 1 == pkt_cnt)
             break;
     }
-    evp[i].evp_next = nullptr;
+    evp[pkt_cnt - 1].evp_next = nullptr;
     evs->evs_length_pkts = (uint16_t)length_pkts;
+}
+
+/* The same for an event of one packet right behind its header, and what is held of the event itself. Its numbers. */
+[[gnu::always_inline]] static inline uint32_t
+parse_single(struct ruk__event_state *evs, const volatile nuv_uevt_ruk_t *uevt, uint32_t length, uint64_t time)
+{
+    struct ruk__evpacket *evp = evs->evs_pkts;
+    const uint32_t numbers = parse_numbers(&uevt->pkts[0], evp);
+    store_two(&evs->evs_length, length + (numbers & 0xFFFF0000) + (4 << 16)); /* evs_length_pkts: its length + 4 */
+    store_two(&evs->evs_pkt_cnt, 1);                                          /* and the pad */
+    evp->pkt = (uint8_t *)uevt + sizeof *uevt + NUV_UEVT_FRAME_OFFSET;
+    store_two(&evp->offset, 0); /* and nfrags */
+    evp->timestamp = time;
+    evp->evp_next = nullptr;
+    return numbers;
 }
 
 /* The keyframe candidates among them. */
@@ -244,52 +239,43 @@ struct packet {
         ruk__clk_calc_pkt_timestamps(evs);
 }
 
-/*
- * Parses the event of pkt_cnt packets at the current position; its first one is the next to hand out. `plain`: no clock
- * counts and there are no keyframes.
- */
-[[gnu::always_inline]] static inline void parse_event(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt,
-                                                      bool plain)
+/* Nothing of an event is handed out before the firmware has written all of it. */
+[[gnu::always_inline]] static inline void wait_for_all(const struct ruk__eventq *evq, uintptr_t uevt, uint32_t length)
+{
+    _eventq_wait_completion((const volatile uint8_t *)_eventq_wrap(evq, uevt + length - 1));
+}
+
+/* Parses the event at the current position, of pkt_cnt packets; its first one is the next to hand out. */
+[[gnu::noinline]] static void process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt)
 {
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
-    const uint32_t arista = plain ? (uint32_t)ARISTA_STATUS_DISABLED : ep->arista_control.arct_status;
+    const uint32_t arista = ep->arista_control.arct_status;
 
     /* 1. The header; it is read before the event is known to be complete. */
     const uint16_t length = _uevt_length(uevt);
-    struct ruk__evpacket *first = evs->evs_pkts;
-    evs->evs_pkt_cur = first;
+    evs->evs_length = length;
     if (__builtin_expect(length <= FETCH_LINES * NUV_UEVT_SLOT, 1))
         fetch_ahead((uintptr_t)uevt);
 
     /* 2. The event's own time, where the adapter's clock counts. */
-    const bool dated = !plain && (arista >= ARISTA_STATUS_ACTIVE || tov_ld32(&ep->rep_timestamping_enabled) != 0);
-    if (__builtin_expect(!dated, 1))
+    const bool dated = arista >= ARISTA_STATUS_ACTIVE || tov_ld32(&ep->rep_timestamping_enabled) != 0;
+    if (!dated)
         evs->evs_timestamp = 0;
     else if (arista < ARISTA_STATUS_ACTIVE)
-        evs->evs_timestamp = event_time(ep, uevt);
+        evs->evs_timestamp = ruk__clk_ticks_to_timestamp(ep, event_ticks(uevt));
 
-    /* 3. The packets. */
-    const uintptr_t cursor = (uintptr_t)uevt + tov_ld8(&uevt->offset);
-    const uint32_t numbers = parse_packet(&uevt->pkts[0], cursor, 0, pkt_cnt > 1 ? first + 1 : nullptr, first);
-    set_event_numbers(evs, length, (numbers >> 16) + 4, pkt_cnt < NUV_UEVT_MAX_PKTS ? pkt_cnt : NUV_UEVT_MAX_PKTS);
-    if (pkt_cnt > 1)
-        parse_further(evs, pkt_cnt, cursor, numbers >> 16);
-    if (__builtin_expect(arista != ARISTA_STATUS_DISABLED, 0))
+    /* 3. The packets, and the keyframe candidates among them. */
+    parse_packets(evs, uevt, pkt_cnt < NUV_UEVT_MAX_PKTS ? pkt_cnt : NUV_UEVT_MAX_PKTS);
+    if (arista != ARISTA_STATUS_DISABLED)
         mark_keyframes(evq);
 
     /* 4. Their times. */
-    if (__builtin_expect(dated, 0))
+    if (dated)
         date_packets(ep, evs, arista);
 
-    /* 5. Nothing is handed out before the firmware has written all of it. */
-    _eventq_wait_completion((const volatile uint8_t *)_eventq_wrap(evq, (uintptr_t)uevt + length - 1));
-}
-
-/* An event of any kind. */
-[[gnu::noinline]] static void process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq, uint32_t pkt_cnt)
-{
-    parse_event(ep, evq, pkt_cnt, false);
+    /* 5. The rest of it. */
+    wait_for_all(evq, (uintptr_t)uevt, length);
 }
 
 extern "C" struct ruk__evpacket *ruk__eventq_process_uevt(struct ruk__ep *ep, struct ruk__eventq *evq)
@@ -388,8 +374,7 @@ struct frame_view {
 }
 
 /* Where a unicast or group entry without a source fits in every part, its channel; else null, with nothing counted. */
-[[gnu::always_inline]] static inline struct ruk__channel *channel_that_fits(struct ruk__ep *rep, uint32_t tag,
-                                                                            frame_view view)
+static inline struct ruk__channel *channel_that_fits(const struct ruk__ep *rep, uint32_t tag, frame_view view)
 {
     const uint32_t index = tag >> RUK_TAG_BLOCK_SHIFT;
     if (__builtin_expect(index < (uint32_t)__atomic_load_n(&rep->rep_tag_cnt, __ATOMIC_ACQUIRE), 1)) {
@@ -446,17 +431,35 @@ static inline uint32_t payload_of(frame_view view) { return tov_be16(view.udp()-
     return view.data;
 }
 
-static inline void fill_from_channel(struct ruk__channel *chan, frame_view view, uint32_t msg_len,
-                                     struct ruk_recv_info *info)
+/* Families, ports and addresses of a datagram for a channel. */
+[[gnu::always_inline]] static inline void fill_addresses(frame_view view, struct ruk_recv_info *info)
 {
-    info->chan = chan;
-    info->chan_context = chan->ch_ucontext;
+#if defined(__SSE2__) /* as one vector, of which each socket address takes a half */
+    static_assert(offsetof(sockaddr_in, sin_port) == 2 && offsetof(sockaddr_in, sin_addr) == 4);
+    static_assert(offsetof(u_ipv4_hdr, ip_daddr_be32) == offsetof(u_ipv4_hdr, ip_saddr_be32) + 4);
+    static_assert(offsetof(u_udp_hdr, udp_dport_be16) == 2);
+    const __m128i addresses = _mm_loadl_epi64((const __m128i *)(view.hdr + view.data - sizeof(u_udp_hdr) - 8));
+    const __m128i ports = _mm_loadl_epi64((const __m128i *)view.udp());
+    const __m128i both = _mm_unpacklo_epi32(_mm_unpacklo_epi16(_mm_set1_epi16(AF_INET), ports), addresses);
+    const long long upper = both[1];
+    _mm_storel_epi64((__m128i *)&info->sin_from, both);
+    memcpy(&info->sin_to, &upper, sizeof upper);
+#else
     info->sin_from.sin_family = AF_INET;
     info->sin_from.sin_port = view.udp()->udp_sport_be16;
     info->sin_from.sin_addr.s_addr = view.ip()->ip_saddr_be32;
     info->sin_to.sin_family = AF_INET;
     info->sin_to.sin_port = view.udp()->udp_dport_be16;
     info->sin_to.sin_addr.s_addr = view.ip()->ip_daddr_be32;
+#endif
+}
+
+static inline void fill_from_channel(struct ruk__channel *chan, frame_view view, uint32_t msg_len,
+                                     struct ruk_recv_info *info)
+{
+    info->chan = chan;
+    info->chan_context = chan->ch_ucontext;
+    fill_addresses(view, info);
     info->msg_len = msg_len;
 }
 
@@ -637,12 +640,14 @@ static inline int finish(struct ruk__ep *rep, int rc) { return finish_left(rep, 
     return true;
 }
 
-/* The receive loop: packets go through handle() until one is delivered or the wait ends. */
+/* The receive loop: packets go through handle() until one is delivered or the wait ends. `inside`: entered already. */
 template <typename Handle>
-[[gnu::always_inline]] static inline int receive(struct ruk__ep *rep, enum ruk_recvmode mode, Handle handle)
+[[gnu::always_inline]] static inline int receive(struct ruk__ep *rep, enum ruk_recvmode mode, bool inside,
+                                                 Handle handle)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
-    enter(rep);
+    if (!inside)
+        enter(rep);
     for (;;) {
         packet p;
         if (__builtin_expect(!next_packet(rep, evq, &p), 0)) {
@@ -667,10 +672,10 @@ template <typename Handle>
 /* ------------------------------------------------------------------ public calls */
 
 [[gnu::noinline]] static int receive_datagram(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
-                                              struct ruk_recv_info *info)
+                                              struct ruk_recv_info *info, bool inside)
 {
     return receive(
-        rep, mode, [=](const packet *p) __attribute__((always_inline)) {
+        rep, mode, inside, [=](const packet *p) __attribute__((always_inline)) {
             const packet_fate fate = handle_packet(rep, p, mode, buf, len, info);
             if (fate != PACKET_PEEK && ruk__api_version > 1)
                 info->timestamp = p->timestamp;
@@ -680,44 +685,69 @@ template <typename Handle>
 
 /*
  * Nearly every datagram is IPv4 with its headers in one piece, for a channel whose tag entry fits in every part, on an
- * endpoint without locks, in its normal filter mode. Three functions receive by the same steps, each less those that
- * can have no effect on what it takes; what does not fit goes to the next, with nothing of it counted or consumed:
+ * open endpoint without locks that nobody else is in, in its normal filter mode, received without peeking. The quick
+ * ways receive it by the general one's steps, less those that can have no effect on it:
  *
- *   receive_single()    alone in its event, which ends before the ring's end and holds headers and payload; no VLAN tag
- *   receive_first_of(), then receive_one_of()
- *                       one of several, or with a VLAN tag; headers and payload end before the ring's end
- *   receive_datagram()  everything else: locks, other modes, peeking, keyframes, drops, waiting, the ring's end
+ *   receive_single()         alone in its event, which has the common shape and ends before the ring's end
+ *   receive_first_untimed()  parses an event of several packets where neither a clock nor keyframes count
+ *   receive_first()          parses any other event
+ *   receive_one_of()         a packet of a parsed event, which does not run past the ring's end
+ *   receive_timed()          chooses among these where a clock or keyframes count; ruk_recvfrom() does elsewhere
+ *
+ * What turns out not to fit is left to a more general one, with nothing of it counted or consumed, in the end to
+ * receive_datagram(): drops, keyframes, waiting, the ring's end, and all that ruk_recvfrom() sends there at once.
  */
 
-/*
- * Channel, information and payload of such a datagram, which with its headers is in one piece and has `room` bytes for
- * the payload; false where it is none. A small one's payload is copied in line.
- */
-template <uint32_t headers, bool small>
-[[gnu::always_inline]] static inline bool take_plain(struct ruk__ep *rep, uintptr_t start, uint32_t tag, uint32_t room,
-                                                     void *buf, size_t len, struct ruk_recv_info *info)
+/* A value of which the compiler knows nothing: else it keeps live, in a saved register, what it can compute again. */
+template <typename T> [[gnu::always_inline]] static inline T found_again(T value)
 {
-    const frame_view view = {start, (const uint8_t *)start, headers};
-    struct ruk__channel *chan = channel_that_fits(rep, tag, view);
-    const uint32_t msg_len = payload_of(view);
-    if (__builtin_expect(!chan || msg_len > room, 0))
+    __asm__("" : "+r"(value));
+    return value;
+}
+
+/* A datagram that is received so. */
+struct plain_datagram {
+    frame_view view;
+    struct ruk__channel *chan;
+    size_t msg_len;
+};
+
+/*
+ * Finds its channel; false where its tag entry does not fit. As channel_that_fits(), but by plain accesses, since
+ * without locks nobody binds meanwhile, and the channel is loaded after the comparisons: it need not be held in them.
+ */
+[[gnu::always_inline]] static inline bool find_plain(struct ruk__ep *rep, frame_view view, uint32_t tag,
+                                                     plain_datagram *d)
+{
+    const uint32_t index = tag >> RUK_TAG_BLOCK_SHIFT;
+    if (__builtin_expect(index >= (uint32_t)rep->rep_tag_cnt, 0))
         return false;
-    const size_t count = msg_len < len ? msg_len : len;
-    tov_st64(&rep->rep_num_packets, rep->rep_num_packets + 1);
-    fill_from_channel(chan, view, msg_len, info);
-    if constexpr (small)
-        copy_small((uint8_t *)buf, (const uint8_t *)start + headers, count);
-    else
-        copy_out((uint8_t *)buf, (const uint8_t *)start + headers, count);
+    const struct ruk__tag_entry *entry = &rep->rep_tag_table[index][tag & (RUK_TAG_BLOCK - 1)];
+    if (__builtin_expect(entry->tage_nuv_tag != tag, 0) ||
+        __builtin_expect(entry->tage_udp_port != tov_be16(view.udp()->udp_dport_be16), 0) ||
+        __builtin_expect(entry->tage_ip_addr != tov_be32(view.ip()->ip_daddr_be32), 0) ||
+        __builtin_expect(entry->tage_src_ip_addr != 0, 0) || __builtin_expect(!entry->tage_channel, 0))
+        return false;
+    d->view = view;
+    d->chan = entry->tage_channel;
+    d->msg_len = found_again((size_t)payload_of(view));
     return true;
 }
 
-static inline uint16_t ethertype(uintptr_t start)
+/* Counts it and tells about it. */
+[[gnu::always_inline]] static inline void tell_plain(struct ruk__ep *rep, const plain_datagram *d, uint64_t timestamp,
+                                                     struct ruk_recv_info *info)
 {
-    return tov_be16(((const ruk__eth_generic_hdr *)start)->eth.eth.eth_proto_be16);
+    tov_st64(&rep->rep_num_packets, rep->rep_num_packets + 1);
+    fill_from_channel(d->chan, d->view, (uint32_t)d->msg_len, info);
+    if (ruk__api_version > 1)
+        info->timestamp = timestamp;
 }
 
-static inline bool peeks(enum ruk_recvmode mode) { return mode == RUK_RECV_PEEK || mode == RUK_RECV_PEEK_MSG; }
+static inline uint16_t ethertype(const uint8_t *view)
+{
+    return tov_be16(((const ruk__eth_generic_hdr *)view)->eth.eth.eth_proto_be16);
+}
 
 /* Out of an endpoint without locks that is closing. */
 [[gnu::noinline, gnu::cold]] static int finish_closing(struct ruk__ep *rep)
@@ -727,174 +757,272 @@ static inline bool peeks(enum ruk_recvmode mode) { return mode == RUK_RECV_PEEK 
     return 0;
 }
 
+/* Leaves an endpoint that nobody else is in. */
+[[gnu::always_inline]] static inline int finish_alone(struct ruk__ep *rep)
+{
+    tov_st32(&rep->rep_inuse, 0);
+    return __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0) ? finish_closing(rep) : 0;
+}
+
+/* Whether copy_ends() copies all of a payload into len bytes. */
+[[gnu::always_inline]] static inline bool is_small(size_t msg_len, size_t len)
+{
+    return __builtin_expect(msg_len - 32 <= 32, 1) && __builtin_expect(msg_len <= len, 1);
+}
+
+/* The event whose last packet was handed out is consumed. */
+[[gnu::noinline]] static int finish_event(struct ruk__ep *rep)
+{
+    const struct ruk__event_state *evs = &rep->rep_eventq.evq_recvq_state;
+    _eventq_release(&rep->rep_eventq, (uintptr_t)evs->evs_uevt_cur, evs->evs_length);
+    return finish_alone(rep);
+}
+
+/* The packet handed out last is consumed; `next` follows it in its event. */
+[[gnu::always_inline]] static inline int finish_one_of(struct ruk__ep *rep, struct ruk__evpacket *next)
+{
+    rep->rep_eventq.evq_recvq_state.evs_pkt_cur = next;
+    return __builtin_expect(next != nullptr, 1) ? finish_alone(rep) : finish_event(rep);
+}
+
+/* The same after its payload, of which `count` bytes are wanted, of any number. */
+[[gnu::noinline]] static int copy_and_finish_one_of(struct ruk__ep *rep, const uint8_t *payload, void *buf,
+                                                    size_t count)
+{
+    copy_out((uint8_t *)buf, payload, count);
+    return finish_one_of(rep, rep->rep_eventq.evq_recvq_state.evs_pkt_cur->evp_next);
+}
+
 /*
- * The next packet of an event that is parsed: one of several, or with a VLAN tag. `entered`: this thread is counted as
- * inside the endpoint already.
+ * The next packet of a parsed event. `plain`: one that has a time is left to the general way. This thread may be
+ * counted as inside already.
  */
-template <uint32_t headers, bool small, bool entered>
+template <uint32_t headers, bool plain>
 [[gnu::noinline]] static int receive_one_of(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
                                             struct ruk_recv_info *info)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
     struct ruk__event_state *evs = &evq->evq_recvq_state;
-    const uint32_t inuse = rep->rep_inuse - (entered ? 1 : 0);
+    tov_st32(&rep->rep_inuse, 1);
 
     /* 1. The packet. It lies before the ring's end, and has its headers. */
     const struct ruk__evpacket *evp = evs->evs_pkt_cur;
-    const uintptr_t start = (uintptr_t)evp->pkt - RUK_VIEW_PAD;
-    const uint32_t room = evp->length - headers;         /* and the view's pad, which is none of the frame */
-    if (small && __builtin_expect(room > SMALL_COPY, 0)) /* or below 0 */
-        return receive_one_of<headers, false, entered>(rep, mode, buf, len, info);
-    if (__builtin_expect((!small && evp->length < headers) ||
-                             start + headers + room + RUK_VIEW_PAD > evq->evq_recvq_end ||
-                             evp->timestamp == ARISTA_KEYFRAME_MARK,
-                         0)) {
-        if (entered)
-            tov_st32(&rep->rep_inuse, inuse);
-        return receive_datagram(rep, mode, buf, len, info);
+    const uint8_t *const start = evp->pkt - RUK_VIEW_PAD, *const payload = start + headers;
+    const size_t length = evp->length, room = length - (headers - RUK_VIEW_PAD);
+    if (__builtin_expect(length < headers, 0) ||
+        __builtin_expect((uint64_t)(uintptr_t)evp->pkt + length > evq->evq_recvq_end, 0) ||
+        __builtin_expect(plain ? evp->timestamp != 0 : evp->timestamp == ARISTA_KEYFRAME_MARK, 0)) {
+        return receive_datagram(rep, mode, buf, len, info, true);
     }
-    if (headers == RUK_VIEW_HDRLEN && __builtin_expect(ethertype(start) == RUK_ETHERTYPE_VLAN, 0))
-        return receive_one_of<RUK_VIEW_VLAN_HDRLEN, small, entered>(rep, mode, buf, len, info);
-    if (!entered)
-        tov_st32(&rep->rep_inuse, inuse + 1);
 
     /* 2. The datagram. */
+    plain_datagram d;
     if (__builtin_expect((headers == RUK_VIEW_HDRLEN && ethertype(start) != RUK_ETHERTYPE_IPV4) ||
-                             !take_plain<headers, small>(rep, start, evp->tag, room + RUK_VIEW_PAD, buf, len, info),
+                             !find_plain(rep, {(uintptr_t)start, start, headers}, evp->tag, &d) || d.msg_len > room,
                          0)) {
-        tov_st32(&rep->rep_inuse, inuse);
-        return receive_datagram(rep, mode, buf, len, info);
+        if (headers == RUK_VIEW_HDRLEN && ethertype(start) == RUK_ETHERTYPE_VLAN)
+            return receive_one_of<RUK_VIEW_VLAN_HDRLEN, false>(rep, mode, buf, len, info);
+        return receive_datagram(rep, mode, buf, len, info, true);
     }
-    if (ruk__api_version > 1)
-        info->timestamp = evp->timestamp;
+    tell_plain(rep, &d, plain ? 0 : evs->evs_pkt_cur->timestamp, info);
 
-    /* 3. Consumed; with the last one the event is. */
-    struct ruk__evpacket *const next = evp->evp_next;
-    evs->evs_pkt_cur = next;
-    if (__builtin_expect(!next, 0))
-        _eventq_release(evq, (uintptr_t)evs->evs_uevt_cur, evs->evs_length);
-    tov_st32(&rep->rep_inuse, inuse);
-    if (inuse == 0 && __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0))
-        return finish_closing(rep);
-    return 0;
+    /* 3. Its payload; it is consumed, and with the last one the event is. */
+    if (!is_small(d.msg_len, len))
+        return copy_and_finish_one_of(rep, payload, buf, d.msg_len < len ? d.msg_len : len);
+    copy_ends<32>((uint8_t *)buf, payload, d.msg_len);
+    return finish_one_of(rep, evs->evs_pkt_cur->evp_next);
 }
 
-/* The first packet of an event of any kind, or of one without times and keyframes. */
-[[gnu::noinline]] static int receive_first_of_any(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
-                                                  struct ruk_recv_info *info, uint32_t pkt_cnt)
-{
-    tov_st32(&rep->rep_inuse, rep->rep_inuse + 1);
-    process_uevt(rep, &rep->rep_eventq, pkt_cnt);
-    return receive_one_of<RUK_VIEW_HDRLEN, true, true>(rep, mode, buf, len, info);
-}
-
+/* The first packet of the next event, of any kind, which has pkt_cnt. This thread may be counted as inside already. */
 [[gnu::noinline]] static int receive_first_of(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
                                               struct ruk_recv_info *info, uint32_t pkt_cnt)
 {
-    if (__builtin_expect(rep->arista_control.arct_status != ARISTA_STATUS_DISABLED ||
-                             tov_ld32(&rep->rep_timestamping_enabled) != 0,
-                         0))
-        return receive_first_of_any(rep, mode, buf, len, info, pkt_cnt);
-    tov_st32(&rep->rep_inuse, rep->rep_inuse + 1);
-    parse_event(rep, &rep->rep_eventq, pkt_cnt, true);
-    return receive_one_of<RUK_VIEW_HDRLEN, true, true>(rep, mode, buf, len, info);
+    tov_st32(&rep->rep_inuse, 1);
+    process_uevt(rep, &rep->rep_eventq, pkt_cnt);
+    return receive_one_of<RUK_VIEW_HDRLEN, false>(rep, mode, buf, len, info);
+}
+
+/* The same, where there is an event. */
+[[gnu::noinline]] static int receive_first(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                                           struct ruk_recv_info *info)
+{
+    const uint32_t pkt_cnt = _eventq_present(&rep->rep_eventq);
+    if (pkt_cnt == 0)
+        return receive_datagram(rep, mode, buf, len, info, false);
+    return receive_first_of(rep, mode, buf, len, info, pkt_cnt);
 }
 
 /*
- * The packet that is alone in the next event. Of what the event state holds for those that come back for further
- * packets it gets what is told of a packet that was received: how many there were, and its tag and length.
+ * The same where neither a clock nor keyframes count. An empty queue needs no more than telling so where nobody waits:
+ * a close that comes meanwhile finds nobody inside.
  */
-template <bool dated, bool small>
-[[gnu::noinline]] static int receive_single(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
-                                            struct ruk_recv_info *info)
+[[gnu::noinline]] static int receive_first_untimed(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                                                   struct ruk_recv_info *info)
+{
+    struct ruk__event_state *evs = &rep->rep_eventq.evq_recvq_state;
+    const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
+    const uint32_t pkt_cnt = tov_ld8_acq(&uevt->pkt_cnt);
+    if (pkt_cnt == 0 && mode == RUK_RECV_NONBLOCK)
+        return EAGAIN;
+    if (__builtin_expect(pkt_cnt - 2 > NUV_UEVT_MAX_PKTS - 2, 0))
+        return receive_first(rep, mode, buf, len, info);
+    tov_st32(&rep->rep_inuse, 1);
+    const uint16_t length = _uevt_length(uevt);
+    if (length <= FETCH_LINES * NUV_UEVT_SLOT)
+        fetch_ahead((uintptr_t)uevt);
+    evs->evs_length = length;
+    evs->evs_timestamp = 0;
+    parse_packets(evs, uevt, pkt_cnt);
+    wait_for_all(&rep->rep_eventq, (uintptr_t)uevt, length);
+    return receive_one_of<RUK_VIEW_HDRLEN, true>(rep, mode, buf, len, info);
+}
+
+/* A packet that was alone in its event is consumed, and with it the event, `length` bytes up to `next`, slots free. */
+[[gnu::always_inline]] static inline int finish_single(struct ruk__ep *rep, uintptr_t next, uint32_t length)
+{
+    _eventq_report(&rep->rep_eventq, next, length);
+    return finish_alone(rep);
+}
+
+/* The same after its payload, of which `count` bytes are wanted, of any number, in an event of any length. */
+[[gnu::noinline]] static int copy_and_finish_single(struct ruk__ep *rep, const uint8_t *payload, void *buf,
+                                                    size_t count, uintptr_t next, uint32_t length)
+{
+    if (length <= FETCH_LINES * NUV_UEVT_SLOT)
+        fetch_ahead(next - length);
+    copy_out((uint8_t *)buf, payload, count);
+    _eventq_clear_slots(next - length, next);
+    return finish_single(rep, next, length);
+}
+
+/*
+ * The time of an event by the adapter's clock; false where there is no mask, or the driver is rewriting the clock. The
+ * division comes first: it ends while the first fence waits for the stores of the datagram before.
+ */
+[[gnu::always_inline]] static inline bool single_time(struct ruk__ep *rep, const volatile nuv_uevt_ruk_t *uevt,
+                                                      uint64_t *time)
+{
+    if (__builtin_expect(rep->rep_nticks.ticks_mask == 0, 0))
+        return false;
+    struct oxel_clksync_drift now = {};
+    const uint64_t ns = found_again(oxel_clksync_nticks_update(&rep->rep_nticks, event_ticks(uevt)));
+    if (!oxel_clksync_try_drift(rep->rep_kwindow, &now))
+        return false;
+    *time = __oxel_clksync_convert_nsecs(ns, now.base, now.drift, now.multiplier);
+    return true;
+}
+
+/* The packet that is alone in the next event; `dated` by the adapter's clock or not at all. */
+template <bool dated>
+[[gnu::always_inline]] static inline int receive_single(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf,
+                                                        size_t len, struct ruk_recv_info *info)
 {
     struct ruk__eventq *evq = &rep->rep_eventq;
     struct ruk__event_state *evs = &evq->evq_recvq_state;
     const volatile nuv_uevt_ruk_t *uevt = evs->evs_uevt_cur;
-
-    /* 1. The event. It lies before the ring's end, and in it the headers, behind its own as firmware has them. */
     constexpr uint32_t before = sizeof *uevt + NUV_UEVT_FRAME_OFFSET - RUK_VIEW_PAD;
-    constexpr uint32_t least = before + sizeof(ruk__eth_generic_hdr), most = FETCH_LINES * NUV_UEVT_SLOT;
-    const uint32_t length = _uevt_length(uevt);
-    const uintptr_t start = (uintptr_t)uevt + before, next = (uintptr_t)uevt + length;
-    if (small && __builtin_expect(length - least > most - least, 0))
-        return receive_single<dated, false>(rep, mode, buf, len, info);
-    if (__builtin_expect(
-            tov_ld8(&uevt->offset) != sizeof *uevt || (!small && length < least) || next >= evq->evq_recvq_end, 0))
-        return receive_first_of(rep, mode, buf, len, info, 1);
-    if (small)
-        fetch_ahead((uintptr_t)uevt);
-    const uint32_t inuse = rep->rep_inuse;
-    tov_st32(&rep->rep_inuse, inuse + 1);
+    constexpr uint32_t least = before + sizeof(ruk__eth_generic_hdr), small = FETCH_LINES * NUV_UEVT_SLOT;
 
-    /* 2. Its time, never below the last one given; then all of it is waited for. */
-    uint64_t time = dated ? event_time(rep, uevt) : 0;
-    if (dated && time != 0 && time < evs->evs_timestamp_last)
-        time = evs->evs_timestamp_last;
-    const uint32_t numbers = tov_be32(tov_ld32((const volatile uint32_t *)&uevt->pkts[0])); /* length, tag */
-    set_packet_numbers(&evs->evs_pkts[0], numbers, 0);
-    evs->evs_pkt_cnt = 1, evs->pad0 = 0; /* one store of 32 bits */
-    _eventq_wait_completion((const volatile uint8_t *)next - 1);
+    /* 1. The event: one packet, right behind the event's header, with its headers; all before the ring's end. */
+    if (__builtin_expect(tov_ld8_acq(&uevt->pkt_cnt) != 1, 0))
+        return dated ? receive_first(rep, mode, buf, len, info) : receive_first_untimed(rep, mode, buf, len, info);
+    constexpr uint32_t single = (1 << 8 | sizeof *uevt) << 16; /* pkt_cnt and offset, above batch_len */
+    const uint32_t swapped = tov_be32(tov_ld32((const volatile uint32_t *)&uevt->batch_len));
+    const uint32_t told = swapped << 16 | swapped >> 16;
+    const uint8_t *const start = (const uint8_t *)uevt + before;
+    const uintptr_t next = (uintptr_t)uevt + (uint16_t)told;
+    if (__builtin_expect(told - (single | least) > UINT16_MAX - least ||
+                             (uint64_t)(uintptr_t)uevt + (uint16_t)told >= evq->evq_recvq_end,
+                         0))
+        return receive_first(rep, mode, buf, len, info);
+    tov_st32(&rep->rep_inuse, 1);
+
+    /* 2. Its time, never below the last one given; its packet; then all of it is waited for. */
+    uint64_t time = 0;
+    if (dated && !single_time(rep, uevt, &time))
+        return receive_first_of(rep, mode, buf, len, info, 1);
+    evs->evs_timestamp = time;
+    if (time != 0) {
+        if (time < evs->evs_timestamp_last)
+            time = evs->evs_timestamp_last;
+        evs->evs_timestamp_last = time;
+    }
+    const uint32_t numbers = parse_single(evs, uevt, (uint16_t)told, time);
+    if (__builtin_expect(tov_ld8_acq((const volatile uint8_t *)next - 1) != 0, 0))
+        _eventq_wait_completion((const volatile uint8_t *)found_again(next) - 1);
 
     /* 3. The datagram. */
-    const uint32_t room = (uint32_t)(next - start) - RUK_VIEW_HDRLEN;
+    plain_datagram d;
     if (__builtin_expect((dated && time == ARISTA_KEYFRAME_MARK) || ethertype(start) != RUK_ETHERTYPE_IPV4 ||
                              numbers >> 16 < RUK_VIEW_HDRLEN ||
-                             !take_plain<RUK_VIEW_HDRLEN, small>(rep, start, (uint16_t)numbers, room, buf, len, info),
+                             !find_plain(rep, {(uintptr_t)start, start, RUK_VIEW_HDRLEN}, (uint16_t)numbers, &d) ||
+                             (uint64_t)(uintptr_t)uevt + d.msg_len + before + RUK_VIEW_HDRLEN > next,
                          0)) {
-        tov_st32(&rep->rep_inuse, inuse);
-        return receive_first_of(rep, mode, buf, len, info, 1);
+        evs->evs_pkt_cur = evs->evs_pkts;
+        return receive_one_of<RUK_VIEW_HDRLEN, false>(rep, mode, buf, len, info);
     }
-    if (ruk__api_version > 1)
-        info->timestamp = time;
-    if (dated && time != 0)
-        evs->evs_timestamp_last = time;
+    tell_plain(rep, &d, time, info);
 
-    /* 4. Consumed, and the event with it. */
-    _eventq_clear_slots((uintptr_t)uevt, next);
-    _eventq_report(evq, next, length);
-    tov_st32(&rep->rep_inuse, inuse);
-    if (inuse == 0 && __builtin_expect(state_of(rep) == REP_STATE_CLOSING, 0))
-        return finish_closing(rep);
-    return 0;
+    /* 4. Its payload; it is consumed, and the event with it. */
+    const uint8_t *const payload = start + RUK_VIEW_HDRLEN;
+    const uint32_t length = (uint32_t)(found_again(next) - (uintptr_t)uevt);
+    if (!is_small(d.msg_len, len) || __builtin_expect(length > small, 0))
+        return copy_and_finish_single(rep, payload, buf, d.msg_len < len ? d.msg_len : len, next, length);
+    copy_ends<32>((uint8_t *)buf, payload, d.msg_len);
+    fetch_ahead((uintptr_t)uevt);
+    static_assert(least > NUV_UEVT_SLOT && small == 3 * NUV_UEVT_SLOT);
+    _eventq_clear((volatile uint8_t *)uevt);
+    _eventq_clear((volatile uint8_t *)uevt + NUV_UEVT_SLOT);
+    if (__builtin_expect(length > 2 * NUV_UEVT_SLOT, 1))
+        _eventq_clear((volatile uint8_t *)uevt + 2 * NUV_UEVT_SLOT);
+    return finish_single(rep, next, length);
+}
+
+/* The next packet where a clock or keyframes count. */
+[[gnu::noinline]] static int receive_timed(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                                           struct ruk_recv_info *info)
+{
+    if (rep->rep_eventq.evq_recvq_state.evs_pkt_cur)
+        return receive_one_of<RUK_VIEW_HDRLEN, false>(rep, mode, buf, len, info);
+    if (__builtin_expect(rep->arista_control.arct_status != ARISTA_STATUS_DISABLED, 0))
+        return receive_first(rep, mode, buf, len, info);
+    return receive_single<true>(rep, mode, buf, len, info);
+}
+
+/* The general way: locks, others inside, an endpoint that is not open, a mode that peeks, another filter mode. */
+[[gnu::noinline]] static int receive_generally(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
+                                               struct ruk_recv_info *info)
+{
+    if (state_of(rep) == REP_STATE_ALLOC)
+        return EINVAL;
+    tov_st32(&rep->rep_shutdown, 0);
+    return receive_datagram(rep, mode, buf, len, info, false);
 }
 
 extern "C" int ruk__recvpacket(struct ruk__ep *rep, enum ruk_recvmode mode, void *buf, size_t len,
                                struct ruk_recv_info *info)
 {
-    return receive_datagram(rep, mode, buf, len, info);
+    return receive_datagram(rep, mode, buf, len, info, false);
 }
 
 extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void *buf, size_t len,
                             struct ruk_recv_info *info)
 {
-    if (!rep || !info || state_of(rep) == REP_STATE_ALLOC)
+    if (!rep || !info)
         return EINVAL;
-    tov_st32(&rep->rep_shutdown, 0); /* a shutdown asked for earlier is forgotten */
 
-    /* A few tests: what they lead to saves the registers that it needs, and no more. Two of them are one. */
-    static_assert(offsetof(ruk__ep, rep_recvq_filter_mode) == offsetof(ruk__ep, rep_timestamping_enabled) + 4 &&
-                  RUK_RECV_FILTER_NORMAL == 0);
-    const struct ruk__event_state *evs = &rep->rep_eventq.evq_recvq_state;
-    const bool plain = !rep->rep_rx_lockp && !peeks(recv_mode);
-    if (__builtin_expect(plain && tov_ld64_packed(&rep->rep_timestamping_enabled) == 0, 1)) {
-        const uint32_t pkt_cnt = _eventq_present(&rep->rep_eventq);
-        if (pkt_cnt != 0 && evs->evs_pkt_cur)
-            return receive_one_of<RUK_VIEW_HDRLEN, true, false>(rep, recv_mode, buf, len, info);
-        if (__builtin_expect(pkt_cnt == 1 && rep->arista_control.arct_status == ARISTA_STATUS_DISABLED, 1))
-            return receive_single<false, true>(rep, recv_mode, buf, len, info);
-        if (pkt_cnt != 0)
-            return receive_first_of(rep, recv_mode, buf, len, info, pkt_cnt);
-    } else if (plain && rep->rep_recvq_filter_mode == RUK_RECV_FILTER_NORMAL) {
-        const uint32_t pkt_cnt = _eventq_present(&rep->rep_eventq);
-        if (pkt_cnt != 0 && evs->evs_pkt_cur)
-            return receive_one_of<RUK_VIEW_HDRLEN, true, false>(rep, recv_mode, buf, len, info);
-        if (pkt_cnt == 1 && rep->arista_control.arct_status == ARISTA_STATUS_DISABLED)
-            return receive_single<true, true>(rep, recv_mode, buf, len, info);
-        if (pkt_cnt != 0)
-            return receive_first_of_any(rep, recv_mode, buf, len, info, pkt_cnt);
-    }
-    return receive_datagram(rep, recv_mode, buf, len, info);
+    /* What asks for the general way. */
+    static_assert(RUK_RECV_FILTER_NORMAL == 0 && ARISTA_STATUS_DISABLED == 0);
+    const uint32_t filter_mode = tov_ld32((const uint32_t *)&rep->rep_recvq_filter_mode);
+    if (__builtin_expect(((uintptr_t)rep->rep_rx_lockp | tov_ld32(&rep->rep_inuse) | filter_mode) != 0, 0) ||
+        __builtin_expect(recv_mode >= RUK_RECV_PEEK, 0) || __builtin_expect(state_of(rep) != REP_STATE_OPEN, 0))
+        return receive_generally(rep, recv_mode, buf, len, info);
+    tov_st32(&rep->rep_shutdown, 0); /* a shutdown asked for earlier is forgotten */
+    if (__builtin_expect((tov_ld32(&rep->rep_timestamping_enabled) | rep->arista_control.arct_status) != 0, 0))
+        return receive_timed(rep, recv_mode, buf, len, info);
+    if (rep->rep_eventq.evq_recvq_state.evs_pkt_cur)
+        return receive_one_of<RUK_VIEW_HDRLEN, true>(rep, recv_mode, buf, len, info);
+    return receive_single<false>(rep, recv_mode, buf, len, info);
 }
 
 static inline void copy_frame(const struct ruk__eventq *evq, const struct ruk__evpacket *evp, void *buf)
@@ -906,7 +1034,7 @@ extern "C" int ruk_raw_recv(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
 {
     if (state_of(rep) == REP_STATE_ALLOC)
         return EINVAL;
-    return receive(rep, recv_mode, [=](const packet *p) {
+    return receive(rep, recv_mode, false, [=](const packet *p) {
         *len = p->length;
         if (recv_mode == RUK_RECV_PEEK)
             return PACKET_PEEK;

@@ -49,7 +49,7 @@ inline bool recording = false;
 /* Called before each 16-bit load: the adapter's chance to advance its counter. */
 inline std::function<void()> before_load16;
 /* Called before each 32-bit load that orders what follows: the driver's chance to rewrite its record. */
-inline std::function<void()> before_ordered_load32;
+inline std::function<void(const volatile uint32_t *)> before_ordered_load32;
 
 inline std::ostream &operator<<(std::ostream &os, const Access &a)
 {
@@ -92,7 +92,7 @@ static inline uint32_t tov_ld32(const volatile uint32_t *p)
 static inline uint32_t tov_ld32_acq(const volatile uint32_t *p)
 {
     if (recorded::recording && recorded::before_ordered_load32)
-        recorded::before_ordered_load32();
+        recorded::before_ordered_load32(p);
     uint32_t v = real_tov_ld32_acq(p);
     recorded::note(recorded::Kind::load32, p, v);
     return v;

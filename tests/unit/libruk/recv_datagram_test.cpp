@@ -298,24 +298,67 @@ TEST(Datagram, DatedBeforeTheLastOne_BearsTheLastTime)
         }
 }
 
+/* A packet that was received still stands in the event state, as every part of its event does. */
+TEST(Datagram, AloneInItsEvent_EventStateTellsAllOfIt)
+{
+    Scoped<uint32_t> api(ruk__api_version, 2);
+    for (bool dated : {false, true})
+        for (bool locks : {false, true}) {
+            RigEndpoint::Options settings;
+            settings.locks = locks;
+            RigEndpoint rig(settings);
+            rig.bind(0, HOST, 5000);
+            rig.ep->rep_timestamping_enabled = dated;
+            rig.clock_is_ticks();
+            rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            ruk__event_state &evs = rig.ep->rep_eventq.evq_recvq_state;
+            memset(evs.evs_pkts, 0x77, sizeof evs.evs_pkts);
+            evs.evs_timestamp = 99;
+            evs.evs_timestamp_last = 4000;
+            EventOptions options;
+            options.ticks = 3000;
+            rig.ring.put({{udp_frame(std::string(64, 'x')), 0}}, options);
+
+            EXPECT_EQ(rig.recv().rc, 0);
+            EXPECT_EQ(evs.evs_timestamp, dated ? 3000u : 0u);
+            EXPECT_EQ(evs.evs_timestamp_last, 4000u);
+            EXPECT_EQ(evs.evs_length, 192);
+            EXPECT_EQ(evs.evs_length_pkts, 114);
+            EXPECT_EQ(evs.evs_pkt_cnt, 1);
+            EXPECT_EQ(evs.evs_pkt_cur, nullptr);
+            const ruk__evpacket &packet = evs.evs_pkts[0];
+            EXPECT_EQ(packet.pkt, rig.ring.base() + 40);
+            EXPECT_EQ(packet.tag, 0);
+            EXPECT_EQ(packet.length, 110);
+            EXPECT_EQ(packet.offset, 0);
+            EXPECT_EQ(packet.nfrags, 0);
+            EXPECT_EQ(packet.timestamp, dated ? 4000u : 0u);
+            EXPECT_EQ(packet.evp_next, nullptr);
+            expect_drained(rig);
+        }
+}
+
 /* All ones is what marks a keyframe: this one is none, and is counted as a bad one. */
 TEST(Datagram, TimeOfAllOnes_TakenForAKeyframe)
 {
-    for (bool locks : {false, true}) {
-        RigEndpoint::Options settings;
-        settings.locks = locks;
-        RigEndpoint rig(settings);
-        rig.bind(0, HOST, 5000);
-        rig.ep->rep_timestamping_enabled = 1;
-        rig.clock_is_ticks();
-        EventOptions options;
-        options.ticks = UINT64_MAX;
-        rig.ring.put({{udp_frame("x"), 0}}, options);
-        EXPECT_EQ(rig.recv().rc, EAGAIN) << locks;
-        EXPECT_EQ(rig.ep->arista_control.arct_stats.arst_kfmalformed, 1u) << locks;
-        EXPECT_EQ(rig.ep->rep_num_packets, 0u) << locks;
-        expect_drained(rig);
-    }
+    for (bool masked : {false, true})
+        for (bool locks : {false, true}) {
+            RigEndpoint::Options settings;
+            settings.locks = locks;
+            RigEndpoint rig(settings);
+            rig.bind(0, HOST, 5000);
+            rig.ep->rep_timestamping_enabled = 1;
+            rig.clock_is_ticks();
+            if (masked)
+                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            EventOptions options;
+            options.ticks = UINT64_MAX;
+            rig.ring.put({{udp_frame("x"), 0}}, options);
+            EXPECT_EQ(rig.recv().rc, EAGAIN) << masked << locks;
+            EXPECT_EQ(rig.ep->arista_control.arct_stats.arst_kfmalformed, 1u) << masked << locks;
+            EXPECT_EQ(rig.ep->rep_num_packets, 0u) << masked << locks;
+            expect_drained(rig);
+        }
 }
 
 TEST(Datagram, VlanTag_HeadersFourBytesFurtherOnWhateverTheInnerType)
@@ -705,18 +748,27 @@ TEST(DatagramDrop, AloneInItsEvent_CountedOnceAndTheNextOneDelivered)
         {"no broadcast", not_for_all.bytes(), 2, BROADCAST},
     };
     for (const auto &first : refused)
-        for (bool one_call : {true, false}) {
-            SCOPED_TRACE(testing::Message() << first.what << (one_call ? ", one call" : ", two calls"));
+        for (unsigned way = 0; way < 4; way++) {
+            const bool one_call = way % 2 == 0, dated = way >= 2;
+            SCOPED_TRACE(testing::Message() << first.what << (one_call ? ", one call" : ", two calls") << dated);
             RigEndpoint rig;
+            rig.clock_is_ticks();
+            if (dated) {
+                rig.ep->rep_timestamping_enabled = 1;
+                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            }
+            EventOptions early, late;
+            early.ticks = 1000;
+            late.ticks = 999;
             ruk__channel *chan = rig.bind(0, HOST, 5000);
             rig.bind(1, GROUP, 5000, PEER);
             rig.bind(2, 0xffffffff, 5000);
             rig.bind(3, HOST, 5000);
             rig.entry(3).tage_nuv_tag = 0x8003;
-            rig.ring.put({{first.frame, first.tag}});
+            rig.ring.put({{first.frame, first.tag}}, early);
             if (!one_call)
                 EXPECT_EQ(rig.recv().rc, EAGAIN);
-            rig.ring.put({{udp_frame("good"), 0}});
+            rig.ring.put({{udp_frame("good"), 0}}, late);
             Received got = rig.recv();
             EXPECT_EQ(got.rc, 0);
             EXPECT_EQ(got.info.chan, chan);
@@ -725,7 +777,64 @@ TEST(DatagramDrop, AloneInItsEvent_CountedOnceAndTheNextOneDelivered)
             EXPECT_EQ(counters(rig), only(first.counter));
             EXPECT_EQ(rig.ep->rep_num_packets, 1u);
             EXPECT_EQ(rig.ep->rep_inuse, 0u);
+            EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_state.evs_timestamp_last, dated ? 1000u : 0u);
             expect_drained(rig);
+        }
+}
+
+/* ------------------------------------------------------------------ what is freed */
+
+/* An event frees its own slots: two, three, more than its payload needs. */
+TEST(Datagram, SmallAloneInItsEvent_FreesItsSlotsAndNoOther)
+{
+    for (bool dated : {false, true})
+        for (unsigned payload : {32u, 33u, 50u, 64u})
+            for (unsigned extra : {0u, 1u, 5u}) {
+                RigEndpoint rig;
+                rig.bind(0, HOST, 5000);
+                rig.clock_is_ticks();
+                rig.ep->rep_timestamping_enabled = dated;
+                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+                EventOptions options;
+                options.extra_slots = extra;
+                const auto frame = udp_frame(std::string(payload, 'p'));
+                rig.ring.put({{frame, 0}}, options);
+                const size_t length = rig.ring.last_length();
+                rig.ring.put({{frame, 0}}, options);
+                const Bytes before = whole_ring(rig);
+                EXPECT_EQ(rig.recv().rc, 0);
+                EXPECT_EQ(whole_ring(rig), with_free_slots(before, 0, length)) << payload << ' ' << extra;
+                EXPECT_EQ(rig.recv().rc, 0);
+                expect_drained(rig);
+            }
+}
+
+/* The last packet before the ring's end: nothing behind it is touched, however much its UDP header promises. */
+TEST(Datagram, EndsWithTheRing_UdpLengthAFewBytesMore_TheReadStaysInTheRing)
+{
+    for (bool tagged : {false, true})
+        for (unsigned more : {0u, 1u, 2u, 3u, 4u, 5u, 8u}) {
+            RigEndpoint rig;
+            ruk__channel *chan = rig.bind(0, HOST, 5000);
+            UdpFrame frame;
+            if (tagged)
+                frame.vlan = 5;
+            frame.payload = pattern(tagged ? 54 : 58);
+            Bytes bytes = frame.bytes();
+            ASSERT_EQ(bytes.size(), 104u);
+            bytes.resize(bytes.size() - 4); /* no room for the trailer: the packet ends with its payload */
+            bytes[tagged ? 43 : 39] = static_cast<uint8_t>(bytes[tagged ? 43 : 39] + more);
+            /* 32 for the header and twice 8 + 100 + 4: the second packet ends 4 bytes before the ring does. */
+            advance_from_base(rig, 8192 - 256);
+            rig.ring.put({{bytes, 0}, {bytes, 0}});
+            ASSERT_EQ(rig.ring.last_length(), 256u);
+            EXPECT_EQ(rig.recv().rc, 0);
+            Received got = rig.recv();
+            ASSERT_EQ(got.rc, 0) << tagged << more;
+            EXPECT_EQ(got.info.chan, chan);
+            EXPECT_EQ(got.info.msg_len, frame.payload.size() + more);
+            EXPECT_EQ(head(got, frame.payload.size()), frame.payload);
+            EXPECT_EQ(rig.ep->rep_inuse, 0u);
         }
 }
 

@@ -366,21 +366,42 @@ void put_across_pages(RigEndpoint &rig, unsigned howmany, const EventOptions &ti
     ASSERT_GT(rig.ring.last_length(), 192u);
 }
 
+/* No adapter timestamps, those by the window alone, or by the endpoint's own parameters. */
+enum class Dating { off, whole, masked };
+
+void set_clock(RigEndpoint &rig, Dating clock)
+{
+    rig.ep->rep_timestamping_enabled = clock != Dating::off;
+    rig.clock_is_ticks();
+    if (clock == Dating::masked)
+        rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+}
+
+/* With locks it is another thread that has to wait; here the state is as it leaves it. */
+void close_in_trap()
+{
+    if (trap_rig->ep->rep_rx_lockp)
+        trap_rig->ep->rep_state = REP_STATE_CLOSING;
+    else
+        trap_seen[0] = static_cast<uint8_t>(trap_rig->close());
+    trap_seen[1] = trap_rig->closed();
+    trap_seen[2] = static_cast<uint8_t>(trap_rig->ep->rep_state);
+}
+
 } // namespace
 
 /* The receive call's own quick ways keep that order, too. */
 TEST(EventCompletion, HeaderChangedBeforeTheLastByte_ReceivedByTheOldHeader)
 {
     for (unsigned packets : {1u, 2u})
-        for (bool timestamping : {false, true})
+        for (Dating timestamping : {Dating::off, Dating::whole, Dating::masked})
             for (bool locks : {false, true}) {
                 Scoped<uint32_t> api(ruk__api_version, 2);
                 RigEndpoint::Options settings;
                 settings.locks = locks;
                 RigEndpoint rig(settings);
                 ruk__channel *chan = rig.bind(9, 0x0a4d0001, 5000);
-                rig.ep->rep_timestamping_enabled = timestamping;
-                rig.clock_is_ticks();
+                set_clock(rig, timestamping);
                 EventOptions ticks;
                 ticks.ticks = 0x01020304;
                 put_across_pages(rig, packets, ticks);
@@ -388,42 +409,39 @@ TEST(EventCompletion, HeaderChangedBeforeTheLastByte_ReceivedByTheOldHeader)
                 trap_rig = &rig;
                 PageTrap trap(rig.ring.base() + 4096, [] {
                     for (size_t at : {4u, 5u, 6u, 7u, 8u, 9u, 11u, 12u, 13u, 15u, 28u, 29u, 30u, 31u})
-                        trap_rig->ring.at(3904 + at) = 1; /* time, lengths, tags, event's length, packets */
+                        trap_rig->ring.at(3904 + at) = 1;         /* time, lengths, tags, event's length, packets */
+                    trap_rig->ring.at(3904 + 32 + 8 + 42) = 0x5a; /* the first payload, which comes late */
                     trap_rig->ring.complete();
                 });
                 for (unsigned n = 0; n < packets; n++) {
                     Received got = rig.recv();
                     EXPECT_EQ(got.rc, 0);
                     EXPECT_EQ(got.info.chan, chan);
+                    if (n == 0)
+                        EXPECT_EQ(got.data.at(0), 0x5a);
                     if (packets == 1)
-                        EXPECT_EQ(got.info.timestamp, timestamping ? 0x01020304u : 0u);
+                        EXPECT_EQ(got.info.timestamp, timestamping != Dating::off ? 0x01020304u : 0u);
                 }
                 EXPECT_TRUE(trap.sprung());
-                EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_offset, (3904 + length) % 8192) << packets << timestamping;
+                EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_offset, (3904 + length) % 8192)
+                    << packets << static_cast<int>(timestamping);
             }
 }
 
 TEST(EventCompletion, ClosedWhileTheReceiverWaitsForTheLastByte_DeliveredThenClosed)
 {
     for (unsigned packets : {1u, 2u})
-        for (bool timestamping : {false, true})
+        for (Dating timestamping : {Dating::off, Dating::whole, Dating::masked})
             for (bool locks : {false, true}) {
                 RigEndpoint::Options settings;
                 settings.locks = locks;
                 RigEndpoint rig(settings);
                 rig.bind(9, 0x0a4d0001, 5000);
-                rig.ep->rep_timestamping_enabled = timestamping;
-                rig.clock_is_ticks();
+                set_clock(rig, timestamping);
                 put_across_pages(rig, packets);
                 trap_rig = &rig;
                 PageTrap trap(rig.ring.base() + 4096, [] {
-                    /* With locks it is another thread that has to wait; here the state is as it leaves it. */
-                    if (trap_rig->ep->rep_rx_lockp)
-                        trap_rig->ep->rep_state = REP_STATE_CLOSING;
-                    else
-                        trap_seen[0] = static_cast<uint8_t>(trap_rig->close());
-                    trap_seen[1] = trap_rig->closed();
-                    trap_seen[2] = static_cast<uint8_t>(trap_rig->ep->rep_state);
+                    close_in_trap();
                     trap_rig->ring.complete();
                 });
                 Received got = rig.recv();
@@ -433,8 +451,57 @@ TEST(EventCompletion, ClosedWhileTheReceiverWaitsForTheLastByte_DeliveredThenClo
                 EXPECT_EQ(trap_seen[2], REP_STATE_CLOSING);
                 EXPECT_EQ(got.rc, 0);
                 EXPECT_EQ(Bytes(got.data.begin(), got.data.begin() + 5), pattern(5));
-                EXPECT_TRUE(rig.closed()) << packets << timestamping << locks;
+                EXPECT_TRUE(rig.closed()) << packets << static_cast<int>(timestamping) << locks;
             }
+}
+
+/* A receiver is inside from before it looks at the clock, and with each packet of an event anew. */
+TEST(EventCompletion, ClosedWhileTheClockIsRead_DeliveredThenClosed)
+{
+    for (bool locks : {false, true}) {
+        RigEndpoint::Options settings;
+        settings.locks = locks;
+        RigEndpoint rig(settings);
+        rig.bind(9, 0x0a4d0001, 5000);
+        set_clock(rig, Dating::masked);
+        UdpFrame frame;
+        frame.payload = pattern(5);
+        rig.ring.put({{frame.bytes(), 9}});
+        trap_rig = &rig;
+        const auto window = reinterpret_cast<uintptr_t>(rig.window_memory.data());
+        PageTrap trap(reinterpret_cast<void *>(window & ~uintptr_t{4095}), close_in_trap);
+        Received got = rig.recv();
+        ASSERT_TRUE(trap.sprung());
+        EXPECT_EQ(trap_seen[1], 0) << "closed under the receiver";
+        EXPECT_EQ(trap_seen[2], REP_STATE_CLOSING);
+        EXPECT_EQ(got.rc, 0);
+        EXPECT_TRUE(rig.closed()) << locks;
+    }
+}
+
+TEST(EventCompletion, ClosedWhileTheSecondPacketIsRead_DeliveredThenClosed)
+{
+    for (bool locks : {false, true}) {
+        RigEndpoint::Options settings;
+        settings.locks = locks;
+        RigEndpoint rig(settings);
+        rig.bind(9, 0x0a4d0001, 5000);
+        rig.ring.put({{Bytes(3732, 1), 0}});
+        consume_event(rig);
+        UdpFrame frame;
+        frame.payload = pattern(300);
+        rig.ring.put({{frame.bytes(), 9}, {frame.bytes(), 9}}); /* the second one in the next page */
+        EXPECT_EQ(rig.recv().rc, 0);
+        trap_rig = &rig;
+        PageTrap trap(rig.ring.base() + 4096, close_in_trap);
+        Received got = rig.recv();
+        ASSERT_TRUE(trap.sprung());
+        EXPECT_EQ(trap_seen[1], 0) << "closed under the receiver";
+        EXPECT_EQ(trap_seen[2], REP_STATE_CLOSING);
+        EXPECT_EQ(got.rc, 0);
+        EXPECT_EQ(Bytes(got.data.begin(), got.data.begin() + 300), pattern(300));
+        EXPECT_TRUE(rig.closed()) << locks;
+    }
 }
 
 TEST(EventCompletion, LastByteNotZero_ReceiverThreadWaitsUntilItIs)

@@ -37,6 +37,7 @@ struct Way {
     const char *name;
     bool locks;
     int (*receive)(ruk_device_t);
+    size_t payload = 1; /* bytes */
 };
 
 int as_datagram(ruk_device_t dev)
@@ -59,6 +60,7 @@ int as_frame_at_once(ruk_device_t dev)
 }
 
 const Way ways[] = {{"datagram", false, as_datagram},
+                    {"datagram of 33 bytes", false, as_datagram, 33},
                     {"datagram with locks", true, as_datagram},
                     {"frame", false, as_frame},
                     {"frame at once", false, as_frame_at_once}};
@@ -76,7 +78,7 @@ protected:
         UdpFrame frame;
         frame.dst = ADDRESS;
         frame.dport = PORT;
-        frame.payload = {'x'};
+        frame.payload = Bytes(GetParam().payload, 'x');
         const std::vector<Packet> all(packets, {frame.bytes(), 0});
         const size_t at = rig.ring.position();
         rig.ring.put(all); /* for its length alone */
@@ -223,6 +225,24 @@ const Reader readers[] = {
          EXPECT_EQ(ruk__clk_ticks_to_timestamp(rig.ep, 1000), 1000u);
      },
      {68, 72, 76, 80, 84, 88}},
+    {"datagram_alone_in_its_event",
+     [](RigEndpoint &rig) {
+         rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+         rig.ep->rep_timestamping_enabled = 1;
+         rig.bind(0, ADDRESS, PORT);
+         EventOptions options;
+         options.ticks = 1000;
+         UdpFrame frame;
+         frame.dst = ADDRESS;
+         frame.dport = PORT;
+         frame.payload = Bytes(33, 'x');
+         rig.ring.put({{frame.bytes(), 0}}, options);
+         uint8_t buf[64];
+         struct ruk_recv_info info;
+         ASSERT_EQ(ruk_recvfrom(rig.ep, RUK_RECV_NONBLOCK, buf, sizeof buf, &info), 0);
+         EXPECT_EQ(info.msg_len, 33u);
+     },
+     {68, 72, 76, 80, 84, 88}},
     {"copy_for_the_endpoint",
      [](RigEndpoint &rig) {
          oxel_clksync_nticks_t copy;
@@ -241,10 +261,16 @@ protected:
     }
     ~ClockOrder() override { recorded::before_ordered_load32 = nullptr; }
 
+    /* The loads of the record, and full fences. */
     Accesses read()
     {
-        return of([this] { GetParam().read(rig); });
+        Accesses all = of([this] { GetParam().read(rig); });
+        std::erase_if(all, [this](const Access &a) {
+            return a.kind != Kind::full_fence && (a.at < window(0) || a.at >= window(192));
+        });
+        return all;
     }
+    bool is_counter(const volatile uint32_t *at) const { return reinterpret_cast<uintptr_t>(at) == window(64); }
     Access counter(uint32_t value) const { return {Kind::load32, window(64), value}; }
     uintptr_t window(size_t offset) const { return reinterpret_cast<uintptr_t>(rig.window_memory.data()) + offset; }
     /*
@@ -285,8 +311,8 @@ TEST_P(ClockOrder, CounterOdd_NoFieldIsReadBeforeItIsEven)
 {
     rig.window32(64, 41);
     int looks = 0;
-    recorded::before_ordered_load32 = [&] {
-        if (++looks == 3)
+    recorded::before_ordered_load32 = [&](const volatile uint32_t *at) {
+        if (is_counter(at) && ++looks == 3)
             rig.window32(64, 42);
     };
     Accesses all = read();
@@ -301,14 +327,52 @@ TEST_P(ClockOrder, CounterOdd_NoFieldIsReadBeforeItIsEven)
 TEST_P(ClockOrder, RewrittenMeanwhile_WholePassAgainWithItsFences)
 {
     int looks = 0;
-    recorded::before_ordered_load32 = [&] {
-        if (++looks == 2)
+    recorded::before_ordered_load32 = [&](const volatile uint32_t *at) {
+        if (is_counter(at) && ++looks == 2)
             rig.window32(64, 42);
     };
     Accesses all = read();
     take_pass(&all, 40, 42);
     take_pass(&all, 42, 42);
     EXPECT_EQ(all, Accesses{});
+}
+
+/* Neither what stood in the record while it was written nor what stood there before is a datagram's time. */
+TEST(ClockRewrite, DatagramAloneInItsEvent_DatedByTheNewDrift)
+{
+    Scoped<uint32_t> api(ruk__api_version, 2);
+    for (bool odd : {false, true}) { /* found so, twice, or changed between the two looks of a pass */
+        RigEndpoint rig;
+        rig.clock_is_ticks();
+        rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+        rig.ep->rep_timestamping_enabled = 1;
+        rig.bind(0, ADDRESS, PORT);
+        EventOptions options;
+        options.ticks = 1000;
+        UdpFrame frame;
+        frame.dst = ADDRESS;
+        frame.dport = PORT;
+        frame.payload = Bytes(33, 'x');
+        rig.ring.put({{frame.bytes(), 0}}, options);
+        rig.window32(64, odd ? 41 : 40);
+        int looks = 0;
+        recorded::before_ordered_load32 = [&](const volatile uint32_t *at) {
+            const auto *counter = reinterpret_cast<const volatile uint32_t *>(rig.window_memory.data() + 64);
+            if (at == counter && ++looks == (odd ? 3 : 2)) {
+                rig.window64(76, 500);
+                rig.window32(64, 42);
+            }
+        };
+        uint8_t buf[64];
+        struct ruk_recv_info info;
+        int rc = -1;
+        of([&] { rc = ruk_recvfrom(rig.ep, RUK_RECV_NONBLOCK, buf, sizeof buf, &info); });
+        recorded::before_ordered_load32 = nullptr;
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(info.timestamp, 1500u) << odd;
+        EXPECT_EQ(rig.ep->rep_eventq.evq_recvq_state.evs_timestamp_last, 1500u);
+        EXPECT_EQ(rig.ep->rep_inuse, 0u);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Readers, ClockOrder, testing::ValuesIn(readers),

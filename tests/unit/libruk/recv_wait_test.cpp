@@ -228,15 +228,23 @@ TEST(SpinningReceiverThread, Shutdown_Eintr)
 
 TEST(SpinningReceiverThread, ShutdownBeforeTheCall_Forgotten)
 {
-    RigEndpoint rig;
-    rig.bind(0, OWN_ADDRESS, 5000);
-    ruk_shutdown(rig.ep, 0);
-    EXPECT_EQ(rig.recv().rc, EAGAIN);
-    EXPECT_EQ(rig.ep->rep_shutdown, 0u);
-    ruk_shutdown(rig.ep, 2);
-    EXPECT_EQ(rig.ep->rep_shutdown, 1u);
-    rig.ring.put({{udp_frame("x"), 0}});
-    EXPECT_EQ(rig.recv(RUK_RECV_DEFAULT).rc, 0);
+    for (bool locks : {false, true}) {
+        RigEndpoint::Options settings;
+        settings.locks = locks;
+        RigEndpoint rig(settings);
+        rig.bind(0, OWN_ADDRESS, 5000);
+        ruk_shutdown(rig.ep, 0);
+        EXPECT_EQ(rig.recv().rc, EAGAIN);
+        EXPECT_EQ(rig.ep->rep_shutdown, 0u);
+        ruk_shutdown(rig.ep, 2);
+        EXPECT_EQ(rig.ep->rep_shutdown, 1u);
+        rig.ring.put({{udp_frame("x"), 0}, {udp_frame("y"), 0}});
+        EXPECT_EQ(rig.recv(RUK_RECV_DEFAULT).rc, 0);
+        EXPECT_EQ(rig.ep->rep_shutdown, 0u);
+        ruk_shutdown(rig.ep, 2);
+        EXPECT_EQ(rig.recv(RUK_RECV_DEFAULT).rc, 0);
+        EXPECT_EQ(rig.ep->rep_shutdown, 0u);
+    }
 }
 
 TEST(Shutdown, NullEndpoint_Einval) { EXPECT_EQ(ruk_shutdown(nullptr, 0), EINVAL); }
