@@ -12,8 +12,9 @@ ruk_receive_test(libruk_recv_tests
     recv_datagram_test.cpp
     recv_raw_test.cpp
     recv_wait_test.cpp
+    recv_ways_test.cpp
     stats_report_test.cpp)
-ruk_compile_together(libruk_recv_tests 6)
+ruk_compile_together(libruk_recv_tests 7)
 
 # Receiving and the clock are built into this one over a vocabulary that writes down each access; the archive's are not
 # linked.
