@@ -19,7 +19,7 @@ extern int ruk__init_ext; /* initialised through ruk__init(): the banner may be 
 extern int banner;        /* banner allowed */
 extern int show_once;     /* banner not printed yet */
 
-/* 0 = library not initialised; written then. Hidden: receiving reads it without the global offset table. */
+/* 0 until the library is initialised. Hidden: receiving reads it without the global offset table. */
 extern uint32_t ruk__api_version __attribute__((visibility("hidden")));
 
 extern const char ruk__lib_version[]; /* "1.2.3" */

@@ -811,9 +811,8 @@ template <uint32_t headers, bool plain>
     const size_t length = evp->length, room = length - (headers - RUK_VIEW_PAD);
     if (__builtin_expect(length < headers, 0) ||
         __builtin_expect((uint64_t)(uintptr_t)evp->pkt + length > evq->evq_recvq_end, 0) ||
-        __builtin_expect(plain ? evp->timestamp != 0 : evp->timestamp == ARISTA_KEYFRAME_MARK, 0)) {
+        __builtin_expect(plain ? evp->timestamp != 0 : evp->timestamp == ARISTA_KEYFRAME_MARK, 0))
         return receive_datagram(rep, mode, buf, len, info, true);
-    }
 
     /* 2. The datagram. */
     plain_datagram d;
@@ -1011,7 +1010,7 @@ extern "C" int ruk_recvfrom(ruk_device_t rep, enum ruk_recvmode recv_mode, void 
     if (!rep || !info)
         return EINVAL;
 
-    /* What asks for the general way. */
+    /* What asks for the general way; all but mode and state is zero elsewhere. */
     static_assert(RUK_RECV_FILTER_NORMAL == 0 && ARISTA_STATUS_DISABLED == 0);
     const uint32_t filter_mode = tov_ld32((const uint32_t *)&rep->rep_recvq_filter_mode);
     if (__builtin_expect(((uintptr_t)rep->rep_rx_lockp | tov_ld32(&rep->rep_inuse) | filter_mode) != 0, 0) ||
