@@ -281,10 +281,7 @@ TEST(Datagram, DatedBeforeTheLastOne_BearsTheLastTime)
             settings.locks = locks;
             RigEndpoint rig(settings);
             rig.bind(0, HOST, 5000);
-            rig.ep->rep_timestamping_enabled = 1;
-            rig.clock_is_ticks();
-            if (masked)
-                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            rig.date_by(masked ? Dating::own_parameters : Dating::window);
             for (auto [ticks, time] : {std::pair{1000u, 1000u}, {999u, 1000u}, {1001u, 1001u}, {0u, 0u}}) {
                 EventOptions options;
                 options.ticks = ticks;
@@ -308,9 +305,7 @@ TEST(Datagram, AloneInItsEvent_EventStateTellsAllOfIt)
             settings.locks = locks;
             RigEndpoint rig(settings);
             rig.bind(0, HOST, 5000);
-            rig.ep->rep_timestamping_enabled = dated;
-            rig.clock_is_ticks();
-            rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            rig.date_by(dated ? Dating::own_parameters : Dating::off);
             ruk__event_state &evs = rig.ep->rep_eventq.evq_recvq_state;
             memset(evs.evs_pkts, 0x77, sizeof evs.evs_pkts);
             evs.evs_timestamp = 99;
@@ -347,10 +342,7 @@ TEST(Datagram, TimeOfAllOnes_TakenForAKeyframe)
             settings.locks = locks;
             RigEndpoint rig(settings);
             rig.bind(0, HOST, 5000);
-            rig.ep->rep_timestamping_enabled = 1;
-            rig.clock_is_ticks();
-            if (masked)
-                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+            rig.date_by(masked ? Dating::own_parameters : Dating::window);
             EventOptions options;
             options.ticks = UINT64_MAX;
             rig.ring.put({{udp_frame("x"), 0}}, options);
@@ -752,11 +744,7 @@ TEST(DatagramDrop, AloneInItsEvent_CountedOnceAndTheNextOneDelivered)
             const bool one_call = way % 2 == 0, dated = way >= 2;
             SCOPED_TRACE(testing::Message() << first.what << (one_call ? ", one call" : ", two calls") << dated);
             RigEndpoint rig;
-            rig.clock_is_ticks();
-            if (dated) {
-                rig.ep->rep_timestamping_enabled = 1;
-                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
-            }
+            rig.date_by(dated ? Dating::own_parameters : Dating::off);
             EventOptions early, late;
             early.ticks = 1000;
             late.ticks = 999;
@@ -792,9 +780,7 @@ TEST(Datagram, SmallAloneInItsEvent_FreesItsSlotsAndNoOther)
             for (unsigned extra : {0u, 1u, 5u}) {
                 RigEndpoint rig;
                 rig.bind(0, HOST, 5000);
-                rig.clock_is_ticks();
-                rig.ep->rep_timestamping_enabled = dated;
-                rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+                rig.date_by(dated ? Dating::own_parameters : Dating::off);
                 EventOptions options;
                 options.extra_slots = extra;
                 const auto frame = udp_frame(std::string(payload, 'p'));

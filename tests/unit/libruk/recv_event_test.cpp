@@ -366,17 +366,6 @@ void put_across_pages(RigEndpoint &rig, unsigned howmany, const EventOptions &ti
     ASSERT_GT(rig.ring.last_length(), 192u);
 }
 
-/* No adapter timestamps, those by the window alone, or by the endpoint's own parameters. */
-enum class Dating { off, whole, masked };
-
-void set_clock(RigEndpoint &rig, Dating clock)
-{
-    rig.ep->rep_timestamping_enabled = clock != Dating::off;
-    rig.clock_is_ticks();
-    if (clock == Dating::masked)
-        rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
-}
-
 /* With locks it is another thread that has to wait; here the state is as it leaves it. */
 void close_in_trap()
 {
@@ -394,14 +383,14 @@ void close_in_trap()
 TEST(EventCompletion, HeaderChangedBeforeTheLastByte_ReceivedByTheOldHeader)
 {
     for (unsigned packets : {1u, 2u})
-        for (Dating timestamping : {Dating::off, Dating::whole, Dating::masked})
+        for (Dating timestamping : {Dating::off, Dating::window, Dating::own_parameters})
             for (bool locks : {false, true}) {
                 Scoped<uint32_t> api(ruk__api_version, 2);
                 RigEndpoint::Options settings;
                 settings.locks = locks;
                 RigEndpoint rig(settings);
                 ruk__channel *chan = rig.bind(9, 0x0a4d0001, 5000);
-                set_clock(rig, timestamping);
+                rig.date_by(timestamping);
                 EventOptions ticks;
                 ticks.ticks = 0x01020304;
                 put_across_pages(rig, packets, ticks);
@@ -431,13 +420,13 @@ TEST(EventCompletion, HeaderChangedBeforeTheLastByte_ReceivedByTheOldHeader)
 TEST(EventCompletion, ClosedWhileTheReceiverWaitsForTheLastByte_DeliveredThenClosed)
 {
     for (unsigned packets : {1u, 2u})
-        for (Dating timestamping : {Dating::off, Dating::whole, Dating::masked})
+        for (Dating timestamping : {Dating::off, Dating::window, Dating::own_parameters})
             for (bool locks : {false, true}) {
                 RigEndpoint::Options settings;
                 settings.locks = locks;
                 RigEndpoint rig(settings);
                 rig.bind(9, 0x0a4d0001, 5000);
-                set_clock(rig, timestamping);
+                rig.date_by(timestamping);
                 put_across_pages(rig, packets);
                 trap_rig = &rig;
                 PageTrap trap(rig.ring.base() + 4096, [] {
@@ -463,7 +452,7 @@ TEST(EventCompletion, ClosedWhileTheClockIsRead_DeliveredThenClosed)
         settings.locks = locks;
         RigEndpoint rig(settings);
         rig.bind(9, 0x0a4d0001, 5000);
-        set_clock(rig, Dating::masked);
+        rig.date_by(Dating::own_parameters);
         UdpFrame frame;
         frame.payload = pattern(5);
         rig.ring.put({{frame.bytes(), 9}});

@@ -205,6 +205,20 @@ INSTANTIATE_TEST_SUITE_P(Ways, ConsumeOrder, testing::ValuesIn(ways), [](const a
 
 /* ------------------------------------------------------------------ the clock record */
 
+/* Puts a datagram of 33 bytes, alone in its event, at 1000 ticks, for an endpoint that dates by its own parameters. */
+void put_dated(RigEndpoint &rig)
+{
+    rig.date_by(Dating::own_parameters);
+    rig.bind(0, ADDRESS, PORT);
+    EventOptions options;
+    options.ticks = 1000;
+    UdpFrame frame;
+    frame.dst = ADDRESS;
+    frame.dport = PORT;
+    frame.payload = Bytes(33, 'x');
+    rig.ring.put({{frame.bytes(), 0}}, options);
+}
+
 /* A reader of the driver's record and the fields it needs, by their offsets in the window. */
 struct Reader {
     const char *name;
@@ -227,16 +241,7 @@ const Reader readers[] = {
      {68, 72, 76, 80, 84, 88}},
     {"datagram_alone_in_its_event",
      [](RigEndpoint &rig) {
-         rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
-         rig.ep->rep_timestamping_enabled = 1;
-         rig.bind(0, ADDRESS, PORT);
-         EventOptions options;
-         options.ticks = 1000;
-         UdpFrame frame;
-         frame.dst = ADDRESS;
-         frame.dport = PORT;
-         frame.payload = Bytes(33, 'x');
-         rig.ring.put({{frame.bytes(), 0}}, options);
+         put_dated(rig);
          uint8_t buf[64];
          struct ruk_recv_info info;
          ASSERT_EQ(ruk_recvfrom(rig.ep, RUK_RECV_NONBLOCK, buf, sizeof buf, &info), 0);
@@ -343,17 +348,7 @@ TEST(ClockRewrite, DatagramAloneInItsEvent_DatedByTheNewDrift)
     Scoped<uint32_t> api(ruk__api_version, 2);
     for (bool odd : {false, true}) { /* found so, twice, or changed between the two looks of a pass */
         RigEndpoint rig;
-        rig.clock_is_ticks();
-        rig.ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
-        rig.ep->rep_timestamping_enabled = 1;
-        rig.bind(0, ADDRESS, PORT);
-        EventOptions options;
-        options.ticks = 1000;
-        UdpFrame frame;
-        frame.dst = ADDRESS;
-        frame.dport = PORT;
-        frame.payload = Bytes(33, 'x');
-        rig.ring.put({{frame.bytes(), 0}}, options);
+        put_dated(rig);
         rig.window32(64, odd ? 41 : 40);
         int looks = 0;
         recorded::before_ordered_load32 = [&](const volatile uint32_t *at) {

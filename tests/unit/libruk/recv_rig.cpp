@@ -241,6 +241,14 @@ void RigEndpoint::clock_is_ticks()
     ep->rep_nticks = {};
 }
 
+void RigEndpoint::date_by(Dating dating)
+{
+    clock_is_ticks();
+    ep->rep_timestamping_enabled = dating != Dating::off;
+    if (dating == Dating::own_parameters)
+        ep->rep_nticks = {0, UINT64_MAX, 0, 1, 1};
+}
+
 uint32_t RigEndpoint::flow32(size_t offset) const
 {
     uint32_t v;

@@ -100,6 +100,8 @@ public:
 
 /* ------------------------------------------------------------------ the endpoint */
 
+enum class Dating { off, window, own_parameters };
+
 struct Received {
     int rc = -1;
     ruk_recv_info info = {};
@@ -135,6 +137,8 @@ public:
     void window64(size_t offset, uint64_t v);
     /* Identity clock: host time = ticks, through the window (no mask). */
     void clock_is_ticks();
+    /* That clock, through the window or the endpoint's own parameters, or no adapter timestamps. */
+    void date_by(Dating dating);
 
     uint32_t flow32(size_t offset) const; /* flow window, host order */
     uint64_t flow64(size_t offset) const;
